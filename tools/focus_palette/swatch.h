@@ -1,0 +1,14 @@
+// A picture of a colour table.
+#pragma once
+
+#include "palette.h"
+
+namespace palette
+{
+
+constexpr int SWATCH_CELL = 40; // pixels, both ways; 16 cells a line
+
+// PNG, 640 x 640: one cell an entry with its index, over a chequered ground that shows its opacity.
+std::vector<uint8_t> swatch_png(const Table &table);
+
+} // namespace palette
