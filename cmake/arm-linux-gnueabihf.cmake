@@ -1,0 +1,30 @@
+# The camera's architecture with the distribution's compiler: 32-bit ARM, hard float, glibc.
+#
+# What is linked against is unpacked into build/sysroot-armhf by scripts/sysroot when it is wanted
+# first. Programs run here under qemu-arm.
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi") # remarks on how GCC 6 passed arguments
+
+
+cmake_path(SET CMAKE_SYSROOT NORMALIZE "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf")
+get_property(is_probe GLOBAL PROPERTY IN_TRY_COMPILE)
+if(NOT is_probe)
+    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/sysroot" "${CMAKE_SYSROOT}"
+        COMMAND_ERROR_IS_FATAL ANY)
+endif()
+
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${CMAKE_SYSROOT}")
+if(FOCUS_SANITIZE MATCHES "address")
+    # The leak checker stops the program's threads with ptrace, which the emulator does not have.
+    # Given by env: the sanitizer reads the environment of the emulator itself, not the -E options.
+    list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR env ASAN_OPTIONS=detect_leaks=0)
+endif()

@@ -1,0 +1,34 @@
+# A camera maker's compiler and libraries, soft-float and hard-float alike.
+#
+#   cmake -S . -B build/camera --toolchain cmake/maker.cmake
+#       -D FOCUS_CROSS_PREFIX=/opt/maker/bin/arm-maker-linux-gnueabi-
+#       -D FOCUS_SYSROOT=/opt/maker/sysroot
+#       -D FOCUS_CODEC_LIBRARY=/opt/maker/sysroot/usr/lib/libqm7codec.so.2.0
+#       -D FOCUS_CGI_LIBRARY=/opt/maker/sysroot/usr/lib/libcgi.so
+#
+# docs/target.md says more.
+
+set(FOCUS_CROSS_PREFIX "" CACHE STRING "What stands before g++ in the compiler's name, with its path")
+set(FOCUS_SYSROOT "" CACHE PATH "Folder with the camera's headers and libraries; empty: the compiler's")
+set(FOCUS_TARGET_FLAGS "" CACHE STRING "Options for the camera's processor, as -mfloat-abi=softfp")
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES FOCUS_CROSS_PREFIX FOCUS_SYSROOT FOCUS_TARGET_FLAGS)
+if(NOT FOCUS_CROSS_PREFIX)
+    message(FATAL_ERROR "FOCUS_CROSS_PREFIX is not set: what stands before g++ in the compiler's name")
+endif()
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_CXX_COMPILER "${FOCUS_CROSS_PREFIX}g++")
+set(CMAKE_CXX_FLAGS_INIT "${FOCUS_TARGET_FLAGS}")
+if(FOCUS_SYSROOT)
+    set(CMAKE_SYSROOT "${FOCUS_SYSROOT}")
+endif()
+
+# The simulated camera is a program of a desktop machine; the tests want GoogleTest in the sysroot.
+set(FOCUS_BUILD_SIMCAM OFF CACHE BOOL "Build the simulated camera")
+set(FOCUS_BUILD_TESTS OFF CACHE BOOL "Build the tests")
+
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
