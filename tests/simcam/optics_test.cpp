@@ -1,0 +1,620 @@
+// Scenes, lens, sensor, measurement and compositor against literal references.
+#include "optics.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+#if SIMCAM_VIDEO
+#include <opencv2/videoio.hpp>
+#endif
+
+#include "osd_color.h"
+
+using namespace simcam;
+
+namespace
+{
+
+cv::Mat random_picture(int width, int height, uint64_t seed)
+{
+    cv::Mat picture(height, width, CV_8UC3);
+    cv::RNG random(seed);
+    random.fill(picture, cv::RNG::UNIFORM, 0, 256);
+    return picture;
+}
+
+double largest_difference(const cv::Mat &one, const cv::Mat &two)
+{
+    return cv::norm(one, two, cv::NORM_INF);
+}
+
+// A folder of its own for the files of one test.
+struct TestFolder {
+    std::filesystem::path path;
+
+    TestFolder()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "optics-test-XXXXXX").string();
+        path = mkdtemp(name.data());
+    }
+    ~TestFolder()
+    {
+        std::filesystem::remove_all(path);
+    }
+    std::string file(const std::string &name) const
+    {
+        return (path / name).string();
+    }
+};
+
+// ---- Lens -------------------------------------------------------------------------------------
+
+TEST(Lens, BestFocusLeavesTheFixedBlurOnly)
+{
+    EXPECT_NEAR(lens_blur_px(lens_best_ring()), 1.6, 1e-9);
+}
+
+TEST(Lens, StopsBlurByTheCircleOfConfusionOfAThinLens)
+{
+    // f = 25 mm at F1.8, subject at 2.2 m: its image lies 25.287356 mm behind the lens.
+    // Far stop: 13.888889 * 0.287356 / 25.287356 = 0.157829 mm, of 0.0056 mm pixels.
+    EXPECT_NEAR(lens_blur_px(1), std::hypot(28.1838, 1.6), 0.001);
+    // Near stop, 1 m: 25.641026 mm; 13.888889 * 0.353670 / 25.287356 = 0.194251 mm.
+    EXPECT_NEAR(lens_blur_px(0), std::hypot(34.6876, 1.6), 0.001);
+}
+
+TEST(Lens, RingBeyondItsStopsStaysAtThem)
+{
+    EXPECT_EQ(lens_blur_px(-1), lens_blur_px(0));
+    EXPECT_EQ(lens_blur_px(2), lens_blur_px(1));
+}
+
+// Share of each pixel inside the disc, by counting points on a fine grid.
+cv::Mat disc_by_counting(double diameter)
+{
+    const int reach = static_cast<int>(std::ceil(diameter / 2 + 0.5));
+    constexpr int GRID = 40;
+    cv::Mat disc = cv::Mat::zeros(2 * reach + 1, 2 * reach + 1, CV_64F);
+    for (int row = -reach; row <= reach; row++)
+        for (int column = -reach; column <= reach; column++)
+            for (int i = 0; i < GRID * GRID; i++) {
+                const double x = column - 0.5 + (i % GRID + 0.5) / GRID;
+                const double y = row - 0.5 + (i / GRID + 0.5) / GRID;
+                if (std::hypot(x, y) <= diameter / 2)
+                    disc.at<double>(row + reach, column + reach) += 1;
+            }
+    return disc / cv::sum(disc)[0];
+}
+
+cv::Mat blur_pixel_by_pixel(const cv::Mat &sharp, double diameter)
+{
+    const cv::Mat disc = disc_by_counting(diameter);
+    const int reach = disc.rows / 2;
+    cv::Mat blurred(sharp.size(), CV_8UC3);
+    for (int y = 0; y < sharp.rows; y++)
+        for (int x = 0; x < sharp.cols; x++) {
+            cv::Vec3d sum(0, 0, 0);
+            for (int dy = -reach; dy <= reach; dy++)
+                for (int dx = -reach; dx <= reach; dx++) {
+                    const int from_x = std::clamp(x + dx, 0, sharp.cols - 1);
+                    const int from_y = std::clamp(y + dy, 0, sharp.rows - 1);
+                    const double weight = disc.at<double>(dy + reach, dx + reach);
+                    sum += weight * cv::Vec3d(sharp.at<cv::Vec3b>(from_y, from_x));
+                }
+            blurred.at<cv::Vec3b>(y, x) = sum;
+        }
+    return blurred;
+}
+
+class DiscBlur : public testing::TestWithParam<double>
+{
+};
+
+TEST_P(DiscBlur, IsTheMeanUnderTheDiscAtEveryPixel)
+{
+    const cv::Mat sharp = random_picture(48, 40, 7);
+
+    cv::Mat blurred;
+    lens_blur(sharp, GetParam(), &blurred);
+
+    EXPECT_LE(largest_difference(blurred, blur_pixel_by_pixel(sharp, GetParam())), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Diameters, DiscBlur,
+                         testing::Values(1.0, 1.6, 2.0, 3.3, 5.0, 8.4, 12.0, 16.0));
+
+class LargeDiscBlur : public testing::TestWithParam<double>
+{
+};
+
+TEST_P(LargeDiscBlur, ComesCloseToTheMeanUnderTheDisc)
+{
+    cv::Mat sharp(96, 128, CV_8UC3, cv::Scalar(20, 40, 60));
+    sharp(cv::Rect(40, 30, 30, 22)).setTo(cv::Scalar(240, 220, 200));
+    sharp(cv::Rect(90, 60, 3, 30)).setTo(cv::Scalar(0, 255, 0));
+
+    cv::Mat blurred;
+    lens_blur(sharp, GetParam(), &blurred);
+
+    const cv::Mat expected = blur_pixel_by_pixel(sharp, GetParam());
+    EXPECT_LE(largest_difference(blurred, expected), 8);
+    EXPECT_LE(cv::norm(blurred, expected, cv::NORM_L1) / (128 * 96 * 3), 0.6);
+}
+
+INSTANTIATE_TEST_SUITE_P(Diameters, LargeDiscBlur, testing::Values(16.1, 24.0, 34.7, 40.0));
+
+TEST(DiscBlur, LeavesAnEvenPictureAsItIs)
+{
+    const cv::Mat even(64, 64, CV_8UC3, cv::Scalar(255, 128, 1));
+    for (double diameter = 0; diameter <= 40; diameter += 0.7) {
+        cv::Mat blurred;
+        lens_blur(even, diameter, &blurred);
+        EXPECT_EQ(largest_difference(blurred, even), 0) << diameter;
+    }
+}
+
+// ---- Sensor -----------------------------------------------------------------------------------
+
+TEST(Sensor, SameSeedAndNumberMakeTheSamePicture)
+{
+    const cv::Mat blurred = random_picture(SENSOR_WIDTH, SENSOR_HEIGHT, 1);
+    cv::Mat one, again, other_number, other_seed;
+    sensor_expose(blurred, 1.0, 5, 77, &one);
+    sensor_expose(blurred, 1.0, 5, 77, &again);
+    sensor_expose(blurred, 1.0, 5, 78, &other_number);
+    sensor_expose(blurred, 1.0, 6, 77, &other_seed);
+
+    EXPECT_EQ(largest_difference(one, again), 0);
+    EXPECT_GT(largest_difference(one, other_number), 0);
+    EXPECT_GT(largest_difference(one, other_seed), 0);
+}
+
+TEST(Sensor, NoiseHasNoMeanAndADeviationOfTwoLevels)
+{
+    const cv::Mat grey(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
+    cv::Mat picture;
+    sensor_expose(grey, 1.0, 1, 1, &picture);
+
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(picture, mean, deviation);
+    for (int channel = 0; channel < 3; channel++) {
+        EXPECT_NEAR(mean[channel], 128, 0.05);
+        EXPECT_NEAR(deviation[channel], 2.0, 0.1);
+    }
+}
+
+TEST(Sensor, NoiseOfTwoPicturesIsUnrelated)
+{
+    const cv::Mat grey(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
+    cv::Mat one, two, difference;
+    sensor_expose(grey, 1.0, 1, 1, &one);
+    sensor_expose(grey, 1.0, 1, 2, &two);
+
+    cv::subtract(one, two, difference, cv::noArray(), CV_16S);
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(difference, mean, deviation);
+    EXPECT_NEAR(deviation[0], 2.0 * std::sqrt(2.0), 0.15); // variances add up
+}
+
+TEST(Sensor, GainMultipliesAndBothEndsSaturate)
+{
+    cv::Mat halves(32, 64, CV_8UC3, cv::Scalar(0, 0, 0));
+    halves(cv::Rect(32, 0, 32, 32)).setTo(cv::Scalar(200, 200, 200));
+    cv::Mat picture;
+
+    sensor_expose(halves, 2.0, 1, 1, &picture);
+    EXPECT_LT(cv::mean(picture(cv::Rect(0, 0, 32, 32)))[0], 3);
+    EXPECT_GT(cv::mean(picture(cv::Rect(32, 0, 32, 32)))[0], 252);
+
+    sensor_expose(halves, 0.5, 1, 1, &picture);
+    EXPECT_NEAR(cv::mean(picture(cv::Rect(32, 0, 32, 32)))[0], 100, 0.3);
+}
+
+// ---- Measurement ------------------------------------------------------------------------------
+
+TEST(Sharpness, OfAStepEdgeIsItsSquaredGradient)
+{
+    cv::Mat edge(8, 8, CV_8UC3, cv::Scalar(0, 0, 0));
+    edge(cv::Rect(4, 0, 4, 8)).setTo(cv::Scalar(100, 100, 100));
+
+    // The gradient is (1 + 2 + 1) * 100 in the two columns at the edge, of six: 160000 * 2 / 6
+    // * 16.
+    EXPECT_EQ(sharpness_measure(edge, {0, 0, 8, 8}), 853333U);
+}
+
+TEST(Sharpness, IsTheMeanSquaredGradientOverTheWindow)
+{
+    const cv::Mat colour = random_picture(40, 30, 3);
+    cv::Mat grey(colour.size(), CV_8UC3);
+    for (int y = 0; y < grey.rows; y++)
+        for (int x = 0; x < grey.cols; x++)
+            grey.at<cv::Vec3b>(y, x) = cv::Vec3b::all(colour.at<cv::Vec3b>(y, x)[0]);
+    const cv::Rect window(5, 4, 20, 17);
+
+    double sum = 0;
+    for (int y = window.y + 1; y < window.y + window.height - 1; y++)
+        for (int x = window.x + 1; x < window.x + window.width - 1; x++) {
+            const auto level = [&](int dx, int dy) {
+                return static_cast<double>(grey.at<cv::Vec3b>(y + dy, x + dx)[0]);
+            };
+            const double across = level(1, -1) + 2 * level(1, 0) + level(1, 1) - level(-1, -1) -
+                                  2 * level(-1, 0) - level(-1, 1);
+            const double down = level(-1, 1) + 2 * level(0, 1) + level(1, 1) - level(-1, -1) -
+                                2 * level(0, -1) - level(1, -1);
+            sum += across * across + down * down;
+        }
+    EXPECT_EQ(sharpness_measure(grey, window), std::lround(sum / (18 * 15) * 16));
+}
+
+TEST(Sharpness, WeighsColoursAsLuma)
+{
+    const cv::Scalar colours[3] = {{200, 0, 0}, {0, 200, 0}, {0, 0, 200}};
+    const int luma[3] = {23, 117, 60}; // 0.114, 0.587, 0.299 of 200, rounded
+    for (int i = 0; i < 3; i++) {
+        cv::Mat edge(8, 8, CV_8UC3, cv::Scalar(0, 0, 0));
+        edge(cv::Rect(4, 0, 4, 8)).setTo(colours[i]);
+        const double gradient = 4.0 * luma[i];
+        EXPECT_EQ(sharpness_measure(edge, {0, 0, 8, 8}),
+                  std::lround(gradient * gradient * 2 / 6 * 16));
+    }
+}
+
+TEST(Sharpness, OfNextToNothingIsZero)
+{
+    const cv::Mat picture = random_picture(16, 16, 1);
+    EXPECT_EQ(sharpness_measure(picture, {0, 0, 2, 16}), 0U);
+    EXPECT_EQ(sharpness_measure(picture, {20, 20, 8, 8}), 0U);
+}
+
+TEST(SharpnessWindow, LiesInTheMiddleOfTheConfiguredFrame)
+{
+    EXPECT_EQ(sharpness_window(0x028004FF, 0x016802CF), cv::Rect(320, 180, 640, 360));
+}
+
+TEST(SharpnessWindow, IsTheWholePictureWhereTheConfigurationMakesNoSense)
+{
+    const cv::Rect whole(0, 0, SENSOR_WIDTH, SENSOR_HEIGHT);
+    EXPECT_EQ(sharpness_window(0, 0), whole);
+    EXPECT_EQ(sharpness_window(0xFFFFFFFF, 0xFFFFFFFF), whole);
+    EXPECT_EQ(sharpness_window(0x050104FF, 0x016802CF), whole); // 1281 wide
+    EXPECT_EQ(sharpness_window(0x028013FF, 0x016802CF), whole); // the middle of 5120 columns
+}
+
+class BuiltInScene : public testing::TestWithParam<const char *>
+{
+  protected:
+    std::shared_ptr<Scene> scene;
+    std::string error;
+
+    void SetUp() override
+    {
+        scene = scene_open(GetParam(), &error);
+        ASSERT_TRUE(scene) << error;
+    }
+
+    uint32_t measure(double ring, uint64_t number)
+    {
+        cv::Mat picture;
+        sensor_expose(scene_through_lens(*scene, 0, lens_blur_px(ring)), 1.0, 1, number, &picture);
+        return sharpness_measure(picture, sharpness_window(0x028004FF, 0x016802CF));
+    }
+};
+
+TEST_P(BuiltInScene, GrowsSharperTowardsBestFocusFromBothSides)
+{
+    constexpr int STEPS = 50;
+    const double best = lens_best_ring();
+    uint32_t from_near = 0;
+    uint32_t from_far = 0;
+    for (int i = 0; i <= STEPS; i++) {
+        const double share = static_cast<double>(i) / STEPS;
+        const uint32_t near_side = measure(share * best, static_cast<uint64_t>(i));
+        const uint32_t far_side = measure(1 - share * (1 - best), static_cast<uint64_t>(i) + 100);
+        EXPECT_GT(near_side, from_near) << "ring " << share * best;
+        EXPECT_GT(far_side, from_far) << "ring " << 1 - share * (1 - best);
+        from_near = near_side;
+        from_far = far_side;
+    }
+}
+
+TEST_P(BuiltInScene, ShowsThreeDigitsAtThePeakAndNeverNothing)
+{
+    const uint32_t peak = measure(lens_best_ring(), 1) / 100;
+    EXPECT_GE(peak, 200U);
+    EXPECT_LE(peak, 980U);
+    EXPECT_GE(measure(0, 2) / 100, 10U);
+    EXPECT_LE(measure(0, 2) / 100, peak / 8);
+}
+
+TEST_P(BuiltInScene, HasTheSensorsSizeAndStandsStill)
+{
+    bool changed = false;
+    EXPECT_EQ(scene_picture(*scene, 0, &changed).size(), cv::Size(SENSOR_WIDTH, SENSOR_HEIGHT));
+    EXPECT_TRUE(changed);
+    EXPECT_EQ(scene_picture(*scene, 1, &changed).type(), CV_8UC3);
+    EXPECT_FALSE(changed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenes, BuiltInScene, testing::Values("photo", "chart"),
+                         [](const auto &scene) { return std::string(scene.param); });
+
+TEST(ThroughLens, IsMadeAgainWhenTheBlurChanges)
+{
+    std::string error;
+    const std::shared_ptr<Scene> scene = scene_open("chart", &error);
+    ASSERT_TRUE(scene);
+    bool changed = false;
+    const cv::Mat sharp = scene_picture(*scene, 0, &changed).clone();
+    for (const double blur : {3.0, 9.0, 3.0}) {
+        cv::Mat expected;
+        lens_blur(sharp, blur, &expected);
+        EXPECT_EQ(largest_difference(scene_through_lens(*scene, 0, blur), expected), 0);
+        EXPECT_EQ(largest_difference(scene_through_lens(*scene, 0, blur), expected), 0);
+    }
+}
+
+// ---- Files as scenes --------------------------------------------------------------------------
+
+std::string error_of(const std::string &name)
+{
+    std::string error;
+    EXPECT_FALSE(scene_open(name, &error));
+    return error;
+}
+
+TEST(SceneFile, ThatIsMissingIsRefusedByName)
+{
+    EXPECT_EQ(error_of("/no/such/file.jpg"),
+              "scene /no/such/file.jpg: no such file; built in are photo and chart");
+    EXPECT_NE(error_of(""), "");
+}
+
+TEST(SceneFile, ThatIsADirectoryIsRefused)
+{
+    const TestFolder folder;
+    EXPECT_EQ(error_of(folder.path.string()),
+              "scene " + folder.path.string() + ": a directory, not a picture or a video");
+}
+
+TEST(SceneFile, ThatIsNoPictureIsRefused)
+{
+    const TestFolder folder;
+    const std::string text = folder.file("text.jpg");
+    std::ofstream(text) << "not a picture\n";
+    EXPECT_NE(error_of(text).find("text.jpg"), std::string::npos);
+    const std::string empty = folder.file("empty.png");
+    std::ofstream{empty};
+    EXPECT_NE(error_of(empty).find("empty.png"), std::string::npos);
+}
+
+TEST(SceneFile, ThatBreaksOffInItsHeaderIsRefused)
+{
+    const TestFolder folder;
+    const std::string broken = folder.file("broken.png");
+    std::ofstream(broken, std::ios::binary) << std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+    EXPECT_EQ(error_of(broken), "scene " + broken + ": the picture cannot be decoded");
+}
+
+TEST(SceneFile, ThatIsTallerThanTheSensorLosesItsTopAndBottomEvenly)
+{
+    const TestFolder folder;
+    cv::Mat tall(2160, SENSOR_WIDTH, CV_8UC3, cv::Scalar(0, 0, 255));
+    tall(cv::Rect(0, 720, SENSOR_WIDTH, 720)).setTo(cv::Scalar(10, 200, 30));
+    cv::imwrite(folder.file("tall.png"), tall);
+
+    std::string error;
+    const std::shared_ptr<Scene> scene = scene_open(folder.file("tall.png"), &error);
+    ASSERT_TRUE(scene) << error;
+    bool changed = false;
+    EXPECT_EQ(largest_difference(scene_picture(*scene, 0, &changed),
+                                 tall(cv::Rect(0, 720, SENSOR_WIDTH, 720))),
+              0);
+}
+
+TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
+{
+    const TestFolder folder;
+    const std::string grey = folder.file("grey.png");
+    cv::imwrite(grey, cv::Mat(9, 5, CV_8UC1, cv::Scalar(90)));
+    const std::string deep = folder.file("deep.png");
+    cv::imwrite(deep, cv::Mat(3, 4000, CV_16UC4, cv::Scalar(1000, 2000, 3000, 4000)));
+    for (const std::string &path : {grey, deep}) {
+        std::string error;
+        const std::shared_ptr<Scene> scene = scene_open(path, &error);
+        ASSERT_TRUE(scene) << error;
+        bool changed = false;
+        const cv::Mat &picture = scene_picture(*scene, 0, &changed);
+        EXPECT_EQ(picture.size(), cv::Size(SENSOR_WIDTH, SENSOR_HEIGHT));
+        EXPECT_EQ(picture.type(), CV_8UC3);
+    }
+}
+
+#if SIMCAM_VIDEO
+TEST(SceneVideo, PlaysAtItsOwnRateAndStartsAgainAtItsEnd)
+{
+    // Five frames of growing brightness, ten a second.
+    const TestFolder folder;
+    const std::string path = folder.file("steps.avi");
+    cv::VideoWriter writer(path, cv::CAP_OPENCV_MJPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
+                           10, {320, 180});
+    ASSERT_TRUE(writer.isOpened());
+    for (int i = 0; i < 5; i++)
+        writer.write(cv::Mat(180, 320, CV_8UC3, cv::Scalar::all(40.0 + 40 * i)));
+    writer.release();
+
+    std::string error;
+    const std::shared_ptr<Scene> scene = scene_open(path, &error);
+    ASSERT_TRUE(scene) << error;
+    const auto brightness = [&](double time_s, bool *changed) {
+        return cv::mean(scene_picture(*scene, time_s, changed))[0];
+    };
+    bool changed = false;
+    EXPECT_NEAR(brightness(10.0, &changed), 40, 3);
+    EXPECT_TRUE(changed);
+    EXPECT_NEAR(brightness(10.05, &changed), 40, 3);
+    EXPECT_FALSE(changed);
+    EXPECT_NEAR(brightness(10.15, &changed), 80, 3);
+    EXPECT_TRUE(changed);
+    EXPECT_NEAR(brightness(10.45, &changed), 200, 3); // two frames left out
+    EXPECT_NEAR(brightness(10.55, &changed), 40, 3);
+    EXPECT_TRUE(changed);
+    EXPECT_NEAR(brightness(10.70, &changed), 80, 3);
+}
+#endif
+
+// ---- Compositor -------------------------------------------------------------------------------
+
+std::vector<uint8_t> palette_of(std::initializer_list<OsdColor> entries)
+{
+    std::vector<uint8_t> palette;
+    for (const OsdColor &entry : entries)
+        palette.insert(palette.end(), {entry.y, entry.cb, entry.cr, entry.opacity});
+    palette.resize(1024);
+    return palette;
+}
+
+const cv::Vec3b BLACK(0, 0, 0);
+const cv::Vec3b WHITE(255, 255, 255);
+const cv::Vec3b GREY(100, 100, 100);
+// 0 invisible, 1 black, 2 white, 3 grey, all without colour.
+const std::vector<uint8_t> GREYS =
+    palette_of({{50, 9, 9, 0}, {0, 128, 128, 8}, {255, 128, 128, 8}, {100, 128, 128, 8}});
+const cv::Scalar BEHIND(7, 8, 9);
+
+cv::Mat picture_behind(int width, int height)
+{
+    return {height, width, CV_8UC3, BEHIND};
+}
+
+TEST(Compose, ColoursAreFullRangeYCbCr)
+{
+    const std::vector<uint8_t> palette = palette_of(
+        {{0xEF, 0x28, 0x6D, 8}, {0x4C, 0x54, 0xFF, 8}, {0xB2, 0xAA, 0x00, 8}, {16, 128, 128, 8}});
+    const uint8_t bytes[4] = {0, 1, 2, 3};
+    cv::Mat picture = picture_behind(4, 1);
+
+    compose_plane({bytes, 4, 4, 1, 4, 2, 0, 0}, palette, &picture);
+
+    // 239 + 1.772 * -88; 239 + 0.344136 * 88 + 0.714136 * 19, above 255; 239 + 1.402 * -19
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 0), cv::Vec3b(83, 255, 212));
+    // below 0; 76 + 15.14 - 90.70; 76 + 178.05
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 1), cv::Vec3b(0, 0, 254));
+    // 178 + 74.42; 178 - 14.45 + 91.41; below 0
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 2), cv::Vec3b(252, 255, 0));
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 3), cv::Vec3b(16, 16, 16));
+}
+
+TEST(Compose, OpacityCountsInEighthsUpToEight)
+{
+    for (int opacity = 0; opacity <= 12; opacity++) {
+        const auto eighths = static_cast<uint8_t>(opacity);
+        const std::vector<uint8_t> palette = palette_of({{200, 128, 128, eighths}});
+        const uint8_t bytes[1] = {0};
+        cv::Mat picture(1, 1, CV_8UC3, cv::Scalar(40, 80, 200));
+
+        compose_plane({bytes, 1, 1, 1, 1, 2, 0, 0}, palette, &picture);
+
+        const double share = std::min(opacity, 8) / 8.0;
+        const cv::Vec3b shown = picture.at<cv::Vec3b>(0, 0);
+        EXPECT_EQ(shown[0], std::floor(40 + 160 * share + 0.5)) << opacity;
+        EXPECT_EQ(shown[1], std::floor(80 + 120 * share + 0.5)) << opacity;
+        EXPECT_EQ(shown[2], 200) << opacity;
+    }
+}
+
+TEST(Compose, FirstPixelOfAByteLiesInItsLowestBits)
+{
+    cv::Mat two_bits = picture_behind(5, 1);
+    const uint8_t quarters[2] = {0b00111001, 0b11111110}; // 1, 2, 3, 0 and then 2
+    compose_plane({quarters, 2, 5, 1, 2, 0, 0, 0}, GREYS, &two_bits);
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 0), BLACK);
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 1), WHITE);
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 2), GREY);
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 3), cv::Vec3b(7, 8, 9));
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 4), WHITE);
+
+    cv::Mat four_bits = picture_behind(3, 1);
+    const uint8_t halves[2] = {0x21, 0x43};
+    compose_plane({halves, 2, 3, 1, 2, 1, 0, 0}, GREYS, &four_bits);
+    EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 0), BLACK);
+    EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 1), WHITE);
+    EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 2), GREY);
+}
+
+// The same by its plain description, for planes of one byte a pixel.
+cv::Mat compose_pixel_by_pixel(const cv::Mat &behind, const ShownPlane &plane)
+{
+    const cv::Vec3b colours[4] = {{0, 0, 0}, BLACK, WHITE, GREY};
+    cv::Mat picture = behind.clone();
+    for (uint32_t y = 0; y < plane.height; y++)
+        for (uint32_t x = 0; x < plane.width && x < plane.pitch; x++) {
+            const bool inside = plane.x + x < static_cast<uint32_t>(behind.cols) &&
+                                plane.y + y < static_cast<uint32_t>(behind.rows);
+            const uint32_t at = y * plane.pitch + x;
+            if (inside && at < plane.size && plane.bytes[at] != 0)
+                picture.at<cv::Vec3b>(static_cast<int>(plane.y + y),
+                                      static_cast<int>(plane.x + x)) = colours[plane.bytes[at]];
+        }
+    return picture;
+}
+
+TEST(Compose, ShowsWidthPixelsOfEachLineClippedAtPictureAndMemory)
+{
+    cv::RNG random(11);
+    for (int round = 0; round < 300; round++) {
+        // Memory sized to the byte, so that a sanitizer sees a read beyond it.
+        std::vector<uint8_t> bytes(static_cast<size_t>(random.uniform(0, 200)));
+        for (uint8_t &byte : bytes)
+            byte = static_cast<uint8_t>(random.uniform(0, 4));
+        ShownPlane plane;
+        plane.bytes = bytes.data();
+        plane.size = bytes.size();
+        plane.width = static_cast<uint32_t>(random.uniform(0, 20));
+        plane.height = static_cast<uint32_t>(random.uniform(0, 20));
+        plane.pitch = static_cast<uint32_t>(random.uniform(0, 24));
+        plane.x = static_cast<uint32_t>(random.uniform(0, 40));
+        plane.y = static_cast<uint32_t>(random.uniform(0, 30));
+        cv::Mat picture = picture_behind(32, 24);
+        const cv::Mat expected = compose_pixel_by_pixel(picture, plane);
+
+        compose_plane(plane, GREYS, &picture);
+
+        ASSERT_EQ(largest_difference(picture, expected), 0) << "round " << round;
+    }
+}
+
+TEST(Compose, PlacesAndSizesBeyondAllBoundsShowNothing)
+{
+    const std::vector<uint8_t> bytes(16, 2);
+    constexpr uint32_t HUGE_NUMBER = 0xFFFFFFFF;
+    for (const ShownPlane &plane :
+         {ShownPlane{bytes.data(), 16, 4, 4, 4, 2, 8, 0},
+          ShownPlane{bytes.data(), 16, 4, 4, 4, 2, 0, 6},
+          ShownPlane{bytes.data(), 16, 4, 4, 4, 2, HUGE_NUMBER, HUGE_NUMBER},
+          ShownPlane{bytes.data(), 16, 4, 4, 4, 3, 0, 0}, ShownPlane{nullptr, 0, 4, 4, 4, 2, 0, 0},
+          ShownPlane{bytes.data(), 0, 4, 4, 4, 2, 0, 0}}) {
+        cv::Mat picture = picture_behind(8, 6);
+        compose_plane(plane, GREYS, &picture);
+        EXPECT_EQ(largest_difference(picture, picture_behind(8, 6)), 0);
+    }
+    cv::Mat picture = picture_behind(8, 6);
+    compose_plane({bytes.data(), 16, HUGE_NUMBER, HUGE_NUMBER, 8, 2, 0, 0}, GREYS, &picture);
+    EXPECT_EQ(picture.at<cv::Vec3b>(1, 7), WHITE);
+    EXPECT_EQ(picture.at<cv::Vec3b>(2, 0), cv::Vec3b(7, 8, 9)); // the memory ends after two lines
+}
+
+TEST(Compose, EntriesThatTheTableLacksAreInvisible)
+{
+    const uint8_t bytes[2] = {0, 1};
+    const std::vector<uint8_t> one_entry_and_a_bit = {255, 128, 128, 8, 255, 128, 128};
+    cv::Mat picture = picture_behind(2, 1);
+    compose_plane({bytes, 2, 2, 1, 2, 2, 0, 0}, one_entry_and_a_bit, &picture);
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 0), WHITE);
+    EXPECT_EQ(picture.at<cv::Vec3b>(0, 1), cv::Vec3b(7, 8, 9));
+}
+
+} // namespace
