@@ -1,0 +1,55 @@
+// The process: starts the display thread and becomes the measurement loop.
+//
+// State: focus_state, shared by both threads; main clears it before the second exists.
+
+#include <pthread.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "app/display_loop.h"
+#include "app/focus_measure.h"
+#include "app/focus_state.h"
+
+#define PID_FILE_PATH "/var/run/focus_assist.pid"
+
+// The camera's CGI support library: records the process id under path.
+extern "C" int32_t cgi_set_pid(const char *path);
+
+static FocusState focus_state;
+
+static void init_focus_state(FocusState *state, int argc, char **argv)
+{
+    (void)argc; // the program takes no options
+    (void)argv;
+    memset((void *)state, 0, sizeof *state);
+    state->current.store(0, std::memory_order_relaxed);
+    state->peak.store(0, std::memory_order_relaxed);
+}
+
+static void *display_thread_entry(void *argument)
+{
+    osd_Focus_Assist_run((const FocusState *)argument);
+    return nullptr;
+}
+
+int main(int argc, char **argv)
+{
+    // FreeType would take settings from it that change the shapes of glyphs.
+    (void)unsetenv("FREETYPE_PROPERTIES");
+
+    init_focus_state(&focus_state, argc, argv);
+
+    (void)cgi_set_pid(PID_FILE_PATH); // without a pid file the readout still works
+
+    const int error =
+        pthread_create(&focus_state.display_thread, nullptr, display_thread_entry, &focus_state);
+    if (error == 0) {
+        focus_measure_run(&focus_state);
+        return 0;
+    }
+
+    fprintf(stderr, "OSD Process Thread returns: %d\n", error);
+    return -1;
+}

@@ -1,0 +1,54 @@
+// Drawing parameters of a post, computed once from the size of its output and used on every redraw.
+// Display thread only.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "font/font_engine.h"
+#include "osd/osd_session.h"
+#include "osd/qm7_codec.h"
+#include "resolution.h"
+
+// Drawing parameters of one post. All zero: not computed yet.
+struct DrawParams {
+    uint32_t initialised; // 0 or 1; nothing clears it when the post stops
+    uint32_t font_size;   // height of the text box, lines
+    int32_t cell_width;   // pixels
+    FontEngine engine;    // a copy: shares its handles with font_engines and owns none of them
+};
+static_assert(sizeof(void *) != 4 || sizeof(DrawParams) == 28, "seven words");
+static_assert(offsetof(DrawParams, font_size) == 4, "seven words");
+static_assert(offsetof(DrawParams, cell_width) == 8, "seven words");
+static_assert(sizeof(void *) != 4 || offsetof(DrawParams, engine) == 12, "seven words");
+
+// The place of an OSD plane on the output of its post.
+struct OsdRegion {
+    uint16_t width;      // pixels
+    uint16_t height;     // lines
+    uint32_t depth_code; // bits per pixel = 2 << depth_code
+    uint32_t x;          // left edge, pixels
+    uint32_t y;          // top edge, lines
+    uint32_t colour;     // palette index of the background
+    uint32_t resolution; // resolution index
+};
+static_assert(sizeof(OsdRegion) == 24, "six words");
+static_assert(offsetof(OsdRegion, depth_code) == 4, "six words");
+static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
+
+// Fills params and the post's four regions from geometry; does nothing where params is initialised
+// already, whatever geometry says now. font_path and spare are ignored.
+//
+// A width of no resolution index is logged, leaves width and height of the regions as they were and
+// params without an engine; the text then fails by itself.
+//
+// Returns 0, always.
+int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
+                        uint32_t spare, OsdRegion regions[OSD_PLANE_COUNT]);
+
+// Sets size, depth code and colour of region; an index of no resolution leaves the size as it was.
+void init_osd_region(OsdRegion *region, uint32_t resolution);
+
+// Fills the one request record of the process from region and returns it: to be handed on before
+// the next call.
+const OsdOpenParam *make_osd_open_param(uint32_t osd_number, const OsdRegion *region);

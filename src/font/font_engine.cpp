@@ -1,0 +1,205 @@
+// Font engines and their glyph caches.
+//
+// State: font_engines, the four engines; display thread only.
+
+#include "font/font_engine.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "draw/draw_param.h"
+#include "error_log.h"
+#include "status.h"
+
+static const char CACHED_CHARACTERS[] =
+    "1234567890: -abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+constexpr uint32_t LINES_PER_PIXEL = 17;
+constexpr uint32_t PIXEL_SIZE_MIN = 8;
+
+FontEngine font_engines[FONT_ENGINE_COUNT];
+
+// ---- cache -------------------------------------------------------------------------------------
+
+int32_t font_get_glyph(FT_Face face, uint32_t char_code, FT_Glyph *glyph_out)
+{
+    const FT_UInt index = FT_Get_Char_Index(face, char_code); // 0: the box for missing glyphs
+
+    if (FT_Load_Glyph(face, index, FT_LOAD_DEFAULT) != 0) {
+        log_error(__func__, "load glyph failed");
+        return STATUS_FAULT;
+    }
+    if (FT_Get_Glyph(face->glyph, glyph_out) != 0) {
+        log_error(__func__, "get glyph failed");
+        return STATUS_FAULT;
+    }
+    // 1: the outline is released once the bitmap has taken its place.
+    if (FT_Glyph_To_Bitmap(glyph_out, FT_RENDER_MODE_MONO, nullptr, 1) != 0) {
+        log_error(__func__, "glyph to bitmap failed");
+        return STATUS_FAULT;
+    }
+    return STATUS_OK;
+}
+
+void font_free_cache(GlyphCache *cache)
+{
+    if (cache->entries) {
+        for (uint32_t i = 0; i < cache->count; i++)
+            FT_Done_Glyph(cache->entries[i].glyph); // null where none was made
+        free(cache->entries);
+        cache->entries = nullptr;
+    }
+    cache->count = 0;
+}
+
+int32_t font_create_cache(FT_Face face, GlyphCache *cache, const char *charset)
+{
+    cache->count = (uint32_t)strlen(charset);
+    cache->entries = (GlyphCacheEntry *)calloc(cache->count, sizeof(GlyphCacheEntry));
+    if (!cache->entries) {
+        log_error(__func__, "calloc failed");
+        return STATUS_NOMEM; // the count stays: without an array it counts for nothing
+    }
+
+    for (uint32_t i = 0; i < cache->count; i++) {
+        const uint32_t char_code = (unsigned char)charset[i];
+        if (font_get_glyph(face, char_code, &cache->entries[i].glyph) != STATUS_OK) {
+            log_error(__func__, "set glyph failed");
+            font_free_cache(cache);
+            return STATUS_FAULT;
+        }
+        cache->entries[i].char_code = char_code;
+    }
+    return STATUS_OK;
+}
+
+FT_Glyph font_find_glyph(const GlyphCache *cache, uint32_t char_code)
+{
+    if (!cache->entries)
+        return nullptr;
+    for (uint32_t i = 0; i < cache->count; i++) {
+        if (cache->entries[i].char_code == char_code)
+            return cache->entries[i].glyph;
+    }
+    return nullptr;
+}
+
+// ---- engine ------------------------------------------------------------------------------------
+
+int32_t font_clear_engine(FontEngine *engine)
+{
+    if (!engine || !engine->library) {
+        log_error(__func__, "invalid param");
+        return STATUS_OK; // tearing down twice is harmless
+    }
+
+    font_free_cache(&engine->cache);
+    FT_Done_Face(engine->face);
+    const int32_t result = FT_Done_FreeType(engine->library);
+    engine->library = nullptr;
+    return result;
+}
+
+void font_release_slot(DrawParams *slot)
+{
+    if (slot->initialised == 0)
+        return;
+    (void)font_clear_engine(&slot->engine); // there is no status to hand on
+    slot->initialised = 0;
+}
+
+int32_t font_init_engine(FontEngine *engine, const char *font_path, uint32_t pixel_size)
+{
+    if (!engine || !font_path) {
+        log_error(__func__, "invalid parameter");
+        return STATUS_INVALID;
+    }
+    memset(engine, 0, sizeof *engine);
+
+    if (FT_Init_FreeType(&engine->library) != 0) {
+        log_error(__func__, "Init_FreeType error");
+        engine->library = nullptr; // dead, whatever the failing call left there
+        return STATUS_FAULT;
+    }
+
+    if (FT_New_Face(engine->library, font_path, 0, &engine->face) != 0) {
+        log_error(__func__, "New_Face error. font file: %s", font_path);
+        FT_Done_FreeType(engine->library);
+        engine->library = nullptr;
+        return STATUS_FAULT;
+    }
+
+    FT_Size_RequestRec request = {};
+    request.type = FT_SIZE_REQUEST_TYPE_REAL_DIM;
+    request.height = (FT_Long)pixel_size * 64; // 26.6 fixed point
+    if (FT_Request_Size(engine->face, &request) != 0) {
+        log_error(__func__, "request size error");
+        (void)font_clear_engine(engine); // the failure is reported already
+        return STATUS_FAULT;
+    }
+
+    if (font_create_cache(engine->face, &engine->cache, CACHED_CHARACTERS) != STATUS_OK) {
+        log_error(__func__, "create buffer error");
+        (void)font_clear_engine(engine); // the failure is reported already
+        return STATUS_FAULT;
+    }
+    return STATUS_OK;
+}
+
+uint32_t font_pixel_size(uint32_t line_count)
+{
+    const uint32_t pixels = line_count / LINES_PER_PIXEL;
+    return pixels < PIXEL_SIZE_MIN ? PIXEL_SIZE_MIN : pixels;
+}
+
+void font_nominal_size(uint32_t osd_number, uint32_t *width, uint32_t *line_count)
+{
+    static const uint32_t SIZES[FONT_ENGINE_COUNT][2] = {
+        {1920, 1080}, {1280, 720}, {720, 480}, {352, 240}};
+
+    if (osd_number >= FONT_ENGINE_COUNT) {
+        log_error("osd_init_font", "invalid osd number");
+        return;
+    }
+    *width = SIZES[osd_number][0];
+    *line_count = SIZES[osd_number][1];
+}
+
+int32_t osd_init_font(const char *font_path, FontEngine engines[FONT_ENGINE_COUNT])
+{
+    uint32_t width = 0; // plays no part in the pixel size
+    uint32_t line_count = 0;
+
+    for (uint32_t osd_number = 0; osd_number < FONT_ENGINE_COUNT; osd_number++) {
+        font_nominal_size(osd_number, &width, &line_count);
+        if (font_init_engine(&engines[osd_number], font_path, font_pixel_size(line_count)) !=
+            STATUS_OK) {
+            log_error(__func__, "font_init_engine() failed");
+            return STATUS_FAULT;
+        }
+    }
+    return STATUS_OK;
+}
+
+// ---- metrics -----------------------------------------------------------------------------------
+
+// A 26.6 value in pixels: positive ones rounded up, of negative ones the truncated quotient of one
+// unit less, plus 1.
+static int32_t pixels_of(FT_Pos value)
+{
+    return (int32_t)((value - 1) / 64 + 1);
+}
+
+int32_t font_cell_width(const FontEngine *engine)
+{
+    if (!engine->library)
+        return 0;
+    return pixels_of(engine->face->size->metrics.max_advance);
+}
+
+int32_t font_baseline_offset(const FontEngine *engine)
+{
+    if (!engine->library)
+        return 0;
+    return pixels_of(engine->face->size->metrics.descender);
+}

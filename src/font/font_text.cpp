@@ -1,0 +1,236 @@
+// Drawing a string. No state but the engine's cache, which is the caller's.
+
+#include "font/font_text.h"
+
+#include <stddef.h>
+#include <string.h>
+
+#include "error_log.h"
+#include "palette_index.h"
+#include "status.h"
+
+// A glyph's bits and their place in the target. Pixels of the target are numbered through from its
+// first line on, so a run past the end of a line goes on in the next.
+struct GlyphPlace {
+    const uint8_t *bits; // rows of pitch bytes, most significant bit first
+    int32_t pitch;       // bytes
+    int32_t rows;
+    int32_t cols;
+    int64_t first;       // pixel number of the first bit; may lie outside the target
+    int64_t line_pixels; // from one row to the next
+};
+
+static int64_t line_pixels_of(const DrawRect *target)
+{
+    return (int64_t)target->pitch * (8 / (int32_t)target->depth);
+}
+
+// ---- glyph -------------------------------------------------------------------------------------
+
+// Four bits of a glyph as four bytes, each all ones where the bit is set.
+static const uint8_t NIBBLE_MASKS[16][4] = {
+    {0x00, 0x00, 0x00, 0x00}, {0x00, 0x00, 0x00, 0xFF}, {0x00, 0x00, 0xFF, 0x00},
+    {0x00, 0x00, 0xFF, 0xFF}, {0x00, 0xFF, 0x00, 0x00}, {0x00, 0xFF, 0x00, 0xFF},
+    {0x00, 0xFF, 0xFF, 0x00}, {0x00, 0xFF, 0xFF, 0xFF}, {0xFF, 0x00, 0x00, 0x00},
+    {0xFF, 0x00, 0x00, 0xFF}, {0xFF, 0x00, 0xFF, 0x00}, {0xFF, 0x00, 0xFF, 0xFF},
+    {0xFF, 0xFF, 0x00, 0x00}, {0xFF, 0xFF, 0x00, 0xFF}, {0xFF, 0xFF, 0xFF, 0x00},
+    {0xFF, 0xFF, 0xFF, 0xFF}};
+
+// Gives the pixels at dest that the nibble's bits select the colour of colors, which holds it four
+// times.
+static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
+{
+    uint32_t mask;
+    uint32_t pixels;
+    memcpy(&mask, NIBBLE_MASKS[nibble], sizeof mask);
+    memcpy(&pixels, dest, sizeof pixels);
+    pixels = (pixels & ~mask) | (colors & mask);
+    memcpy(dest, &pixels, sizeof pixels);
+}
+
+// Paints the set ones of 8 bits at pixel p and behind, as far as they lie within the buffer.
+static void paint_bits_at_edge(uint8_t *buffer, int64_t pixels, int64_t p, uint32_t bits,
+                               uint8_t color)
+{
+    for (int32_t bit = 0; bit < 8; bit++) {
+        if ((bits & (0x80u >> bit)) != 0 && p + bit >= 0 && p + bit < pixels)
+            buffer[p + bit] = color;
+    }
+}
+
+// Draws at 8 bits per pixel, eight pixels at a time.
+static void draw_glyph_8(uint8_t *buffer, int64_t pixels, const GlyphPlace *place, uint8_t color)
+{
+    const uint32_t colors = color * 0x01010101u;
+
+    for (int32_t row = 0; row < place->rows; row++) {
+        const uint8_t *row_bits = place->bits + (ptrdiff_t)row * place->pitch;
+        const int64_t row_first = place->first + row * place->line_pixels;
+        for (int32_t col = 0; col < place->cols; col += 8) {
+            uint32_t bits = row_bits[col / 8];
+            if (place->cols - col < 8)
+                bits &= 0xFF00u >> (place->cols - col); // bits behind the last column
+            if (bits == 0)
+                continue;
+            const int64_t p = row_first + col;
+            if (p < 0 || p + 8 > pixels) {
+                paint_bits_at_edge(buffer, pixels, p, bits, color);
+                continue;
+            }
+            if (bits >> 4 != 0)
+                paint_nibble(buffer + p, bits >> 4, colors);
+            if ((bits & 0x0F) != 0)
+                paint_nibble(buffer + p + 4, bits & 0x0F, colors);
+        }
+    }
+}
+
+// Draws at any depth, pixel by pixel.
+static void draw_glyph_packed(uint8_t *buffer, int64_t pixels, const GlyphPlace *place,
+                              uint32_t depth, uint32_t value)
+{
+    const uint32_t mask = (1u << depth) - 1;
+
+    for (int32_t row = 0; row < place->rows; row++) {
+        const uint8_t *row_bits = place->bits + (ptrdiff_t)row * place->pitch;
+        const int64_t row_first = place->first + row * place->line_pixels;
+        for (int32_t col = 0; col < place->cols; col++) {
+            const int64_t p = row_first + col;
+            if ((row_bits[col / 8] & (0x80u >> (col % 8))) == 0 || p < 0 || p >= pixels)
+                continue;
+            uint8_t *byte = &buffer[p * depth / 8];
+            const uint32_t shift = (uint32_t)(p * depth % 8);
+            *byte = (uint8_t)((*byte & ~(mask << shift)) | (value << shift));
+        }
+    }
+}
+
+int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph,
+                         int32_t baseline_offset, int32_t x_origin, uint8_t highlight,
+                         uint32_t buffer_size)
+{
+    const FT_BitmapGlyph source = (FT_BitmapGlyph)glyph;
+    const FT_Bitmap *bitmap = &source->bitmap;
+
+    if (bitmap->pixel_mode != FT_PIXEL_MODE_MONO) {
+        log_error(__func__, "invalid pixel_mode");
+        return STATUS_INVALID;
+    }
+    if (!draw_depth_is_valid(target->depth)) {
+        log_error(__func__, "invalid mask");
+        return STATUS_INVALID;
+    }
+
+    const int64_t line_pixels = line_pixels_of(target);
+    const int64_t x0 = (int64_t)source->left + x_origin;
+    const int64_t y0 = (int64_t)target->height - source->top + baseline_offset;
+
+    // Deliberately coarse: only a glyph larger than the whole target is clipped ...
+    int64_t rows = bitmap->rows;
+    int64_t cols = bitmap->width;
+    if (target->height < rows)
+        rows = target->height - y0;
+    if (cols > line_pixels)
+        cols = line_pixels - x0;
+    // ... which can ask for more than the glyph has.
+    if (rows > (int64_t)bitmap->rows)
+        rows = bitmap->rows;
+    if (cols > (int64_t)bitmap->width)
+        cols = bitmap->width;
+
+    const uint32_t mask = (1u << target->depth) - 1;
+    const uint32_t value = (highlight != 0 ? PALETTE_HIGHLIGHT : target->fg_color) & mask;
+
+    const GlyphPlace place = {.bits = bitmap->buffer,
+                              .pitch = bitmap->pitch,
+                              .rows = (int32_t)rows,
+                              .cols = (int32_t)cols,
+                              .first = y0 * line_pixels + x0,
+                              .line_pixels = line_pixels};
+    const int64_t pixels = (int64_t)buffer_size * 8 / target->depth;
+    if (target->depth == 8)
+        draw_glyph_8(buffer, pixels, &place, (uint8_t)value);
+    else
+        draw_glyph_packed(buffer, pixels, &place, target->depth, value);
+    return STATUS_OK;
+}
+
+// ---- string ------------------------------------------------------------------------------------
+
+static const char BITMAP_NAME[] = "font_get_target_bitmap"; // its steps report under its name
+
+// Draws a glyph of the cache. One that cannot be drawn is released, and its entry emptied so that
+// nothing uses it again.
+static int32_t draw_cached(FontEngine *engine, FT_Glyph glyph, const DrawRect *target,
+                           uint8_t *buffer, int32_t x_origin, uint8_t highlight,
+                           uint32_t buffer_size)
+{
+    if (font_draw_target(buffer, target, glyph, font_baseline_offset(engine), x_origin, highlight,
+                         buffer_size) == STATUS_OK)
+        return STATUS_OK;
+
+    log_error(BITMAP_NAME, "draw target failed");
+    for (uint32_t i = 0; i < engine->cache.count; i++) {
+        if (engine->cache.entries[i].glyph == glyph)
+            engine->cache.entries[i].glyph = nullptr;
+    }
+    FT_Done_Glyph(glyph);
+    return STATUS_FAULT;
+}
+
+// Renders a character that the cache lacks, draws it and releases it.
+static int32_t draw_uncached(const FontEngine *engine, uint32_t char_code, const DrawRect *target,
+                             uint8_t *buffer, int32_t x_origin, uint8_t highlight,
+                             uint32_t buffer_size)
+{
+    FT_Glyph glyph = nullptr;
+    const FT_Face face = engine->library ? engine->face : nullptr; // a dead engine's is stale
+    if (font_get_glyph(face, char_code, &glyph) != STATUS_OK) {
+        log_error(BITMAP_NAME, "set glyph failed");
+        FT_Done_Glyph(glyph);
+        return STATUS_FAULT;
+    }
+
+    int32_t status = STATUS_OK;
+    if (font_draw_target(buffer, target, glyph, font_baseline_offset(engine), x_origin, highlight,
+                         buffer_size) != STATUS_OK) {
+        log_error(BITMAP_NAME, "draw target failed");
+        status = STATUS_FAULT;
+    }
+    FT_Done_Glyph(glyph);
+    return status;
+}
+
+int32_t font_get_target_bitmap(FontEngine *engine, const char *text, const DrawRect *target,
+                               uint8_t *buffer, uint8_t highlight, uint32_t buffer_size)
+{
+    if (!engine || !text || !buffer) {
+        log_error(__func__, "invalid parameter");
+        return STATUS_INVALID;
+    }
+    if (!draw_depth_is_valid(target->depth)) {
+        log_error(__func__, "invalid mask");
+        return STATUS_INVALID;
+    }
+
+    const size_t length = strlen(text);
+    if ((int64_t)target->cell_width * (int64_t)length > line_pixels_of(target)) {
+        log_error(__func__, "target width is too small");
+        return STATUS_FAULT;
+    }
+
+    draw_rectangle(buffer, target, buffer_size);
+
+    for (size_t i = 0; i < length; i++) {
+        const uint32_t char_code = (unsigned char)text[i];
+        const int32_t x_origin = (int32_t)i * target->cell_width;
+        const FT_Glyph glyph = font_find_glyph(&engine->cache, char_code);
+        const int32_t status =
+            glyph ? draw_cached(engine, glyph, target, buffer, x_origin, highlight, buffer_size)
+                  : draw_uncached(engine, char_code, target, buffer, x_origin, highlight,
+                                  buffer_size);
+        if (status != STATUS_OK)
+            return STATUS_FAULT;
+    }
+    return STATUS_OK;
+}
