@@ -23,8 +23,7 @@ endif()
 add_library(focus_product INTERFACE)
 target_link_libraries(focus_product INTERFACE focus_options)
 target_compile_options(focus_product INTERFACE
-    -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics
-    -ffunction-sections -fdata-sections)
+    -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics)
 if(FOCUS_COVERAGE)
     target_compile_options(focus_product INTERFACE --coverage)
     target_link_options(focus_product INTERFACE --coverage)
