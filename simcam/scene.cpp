@@ -36,19 +36,17 @@ struct Scene {
     double blurred_px = -1;
 };
 
-// Fills the sensor: scaled to cover it, what is left over is cut off evenly on both sides.
+// Fills the sensor: what its shape leaves over is cut off evenly on both sides, the rest is scaled.
 static cv::Mat cover_sensor(const cv::Mat &picture)
 {
-    const double scale = std::max(static_cast<double>(SENSOR_WIDTH) / picture.cols,
-                                  static_cast<double>(SENSOR_HEIGHT) / picture.rows);
-    const int width = std::max(SENSOR_WIDTH, cvRound(picture.cols * scale));
-    const int height = std::max(SENSOR_HEIGHT, cvRound(picture.rows * scale));
-    cv::Mat scaled;
-    cv::resize(picture, scaled, {width, height}, 0, 0,
-               scale < 1 ? cv::INTER_AREA : cv::INTER_CUBIC);
-    const cv::Rect middle((width - SENSOR_WIDTH) / 2, (height - SENSOR_HEIGHT) / 2, SENSOR_WIDTH,
-                          SENSOR_HEIGHT);
-    return scaled(middle).clone();
+    const int width = cvRound(static_cast<double>(picture.rows) * SENSOR_WIDTH / SENSOR_HEIGHT);
+    const int height = cvRound(static_cast<double>(picture.cols) * SENSOR_HEIGHT / SENSOR_WIDTH);
+    const cv::Size kept(std::clamp(width, 1, picture.cols), std::clamp(height, 1, picture.rows));
+    const cv::Point start((picture.cols - kept.width) / 2, (picture.rows - kept.height) / 2);
+    const int method = kept.width > SENSOR_WIDTH ? cv::INTER_AREA : cv::INTER_CUBIC;
+    cv::Mat filled;
+    cv::resize(picture(cv::Rect(start, kept)), filled, {SENSOR_WIDTH, SENSOR_HEIGHT}, 0, 0, method);
+    return filled;
 }
 
 // The photograph's path, or empty: it lies where the system keeps data that programs share.
