@@ -147,6 +147,26 @@ TEST_P(LargeDiscBlur, ComesCloseToTheMeanUnderTheDisc)
 
 INSTANTIATE_TEST_SUITE_P(Diameters, LargeDiscBlur, testing::Values(16.1, 24.0, 34.7, 40.0));
 
+TEST(LargeDiscBlur, SpreadsAStripeByTheDiscsVariance)
+{
+    cv::Mat stripe(64, 128, CV_8UC3, cv::Scalar(0, 0, 0));
+    stripe(cv::Rect(60, 0, 8, 64)).setTo(cv::Scalar(240, 240, 240));
+    for (const double diameter : {16.5, 18.0, 20.0}) {
+        cv::Mat blurred;
+        lens_blur(stripe, diameter, &blurred);
+
+        double weight = 0;
+        double moment = 0;
+        for (int x = 0; x < stripe.cols; x++) {
+            const double level = blurred.at<cv::Vec3b>(32, x)[0];
+            weight += level;
+            moment += level * (x - 63.5) * (x - 63.5);
+        }
+        // Eight columns of a stripe have (64 - 1) / 12, a disc has its diameter squared / 16.
+        EXPECT_NEAR(moment / weight, 5.25 + diameter * diameter / 16, 0.4) << diameter;
+    }
+}
+
 TEST(DiscBlur, LeavesAnEvenPictureAsItIs)
 {
     const cv::Mat even(64, 64, CV_8UC3, cv::Scalar(255, 128, 1));
@@ -514,15 +534,15 @@ TEST(Compose, OpacityCountsInEighthsUpToEight)
         const auto eighths = static_cast<uint8_t>(opacity);
         const std::vector<uint8_t> palette = palette_of({{200, 128, 128, eighths}});
         const uint8_t bytes[1] = {0};
-        cv::Mat picture(1, 1, CV_8UC3, cv::Scalar(40, 80, 200));
+        cv::Mat picture(1, 1, CV_8UC3, cv::Scalar(41, 87, 199));
 
         compose_plane({bytes, 1, 1, 1, 1, 2, 0, 0}, palette, &picture);
 
         const double share = std::min(opacity, 8) / 8.0;
         const cv::Vec3b shown = picture.at<cv::Vec3b>(0, 0);
-        EXPECT_EQ(shown[0], std::floor(40 + 160 * share + 0.5)) << opacity;
-        EXPECT_EQ(shown[1], std::floor(80 + 120 * share + 0.5)) << opacity;
-        EXPECT_EQ(shown[2], 200) << opacity;
+        EXPECT_EQ(shown[0], std::floor(41 + 159 * share + 0.5)) << opacity;
+        EXPECT_EQ(shown[1], std::floor(87 + 113 * share + 0.5)) << opacity;
+        EXPECT_EQ(shown[2], std::floor(199 + share + 0.5)) << opacity;
     }
 }
 
