@@ -52,7 +52,7 @@ double lens_best_ring()
 // ---- Disc -------------------------------------------------------------------------------------
 
 // Discs above this diameter are made at half the size.
-static constexpr double HALF_SIZE_FROM_PX = 16.0;
+static constexpr double HALF_SIZE_FROM_PX = 10.0;
 static constexpr int CHANNELS = 3;
 static constexpr int RADIUS_MAX = 10; // whole pixels beside the middle one
 static constexpr int WEIGHT_ONE = 1024;

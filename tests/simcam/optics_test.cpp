@@ -125,7 +125,7 @@ TEST_P(DiscBlur, IsTheMeanUnderTheDiscAtEveryPixel)
 }
 
 INSTANTIATE_TEST_SUITE_P(Diameters, DiscBlur,
-                         testing::Values(1.0, 1.6, 2.0, 3.3, 5.0, 8.4, 12.0, 16.0));
+                         testing::Values(1.0, 1.6, 2.0, 3.3, 5.0, 7.2, 8.4, 10.0));
 
 class LargeDiscBlur : public testing::TestWithParam<double>
 {
@@ -141,17 +141,17 @@ TEST_P(LargeDiscBlur, ComesCloseToTheMeanUnderTheDisc)
     lens_blur(sharp, GetParam(), &blurred);
 
     const cv::Mat expected = blur_pixel_by_pixel(sharp, GetParam());
-    EXPECT_LE(largest_difference(blurred, expected), 8);
+    EXPECT_LE(largest_difference(blurred, expected), 10);
     EXPECT_LE(cv::norm(blurred, expected, cv::NORM_L1) / (128 * 96 * 3), 0.6);
 }
 
-INSTANTIATE_TEST_SUITE_P(Diameters, LargeDiscBlur, testing::Values(16.1, 24.0, 34.7, 40.0));
+INSTANTIATE_TEST_SUITE_P(Diameters, LargeDiscBlur, testing::Values(10.1, 13.0, 24.0, 34.7, 40.0));
 
 TEST(LargeDiscBlur, SpreadsAStripeByTheDiscsVariance)
 {
     cv::Mat stripe(64, 128, CV_8UC3, cv::Scalar(0, 0, 0));
     stripe(cv::Rect(60, 0, 8, 64)).setTo(cv::Scalar(240, 240, 240));
-    for (const double diameter : {16.5, 18.0, 20.0}) {
+    for (const double diameter : {10.5, 14.0, 20.0}) {
         cv::Mat blurred;
         lens_blur(stripe, diameter, &blurred);
 
