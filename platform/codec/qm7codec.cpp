@@ -1,22 +1,367 @@
-// Stands in for the camera codec library. Every call fails until there is a camera behind it.
+// Stands in for the camera codec library: a client of the simulated camera.
+//
+// The camera checks every call and keeps all state that outlives a process; here are the
+// connection, the mappings of the memory it lends, and the thread that runs the notify callback.
+// One lock guards all of it; it is held during a call, so calls of several threads go one after
+// another. The notify thread takes it only to read the callback, never while the callback runs.
+
+#include "qm7codec.h"
 
 #include <errno.h>
-#include <stdint.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-extern "C" {
-#define REFUSE(name) int32_t name(void); int32_t name(void) { errno = (int)0x81E00001u; return -1; }
-REFUSE(qm7_cl_library_init)
-REFUSE(qm7_cl_library_exit)
-REFUSE(qm7_cl_sys_open_device)
-REFUSE(qm7_cl_sys_close_device)
-REFUSE(qm7_cl_post_notify_callback)
-REFUSE(qm7_cl_post_set_notify)
-REFUSE(qm7_cl_post_get_osd_color_mem)
-REFUSE(qm7_cl_post_set_osd_color)
-REFUSE(qm7_cl_post_thread_get_status)
-REFUSE(qm7_cl_post_open_osd)
-REFUSE(qm7_cl_post_clear_osd)
-REFUSE(qm7_cl_post_close_osd)
-REFUSE(qm7_cl_post_get_osd_mem)
-REFUSE(qm7_cl_post_set_osd)
+#include "client/client.h"
+
+// ---- state
+
+struct Mapping {
+    uint8_t *base;
+    size_t reserved; // bytes, with the unmapped page behind
+    WireMemory memory;
+};
+
+struct PlaneMappings {
+    uint32_t epoch;
+    Mapping buffer[WIRE_BUFFERS];
+};
+
+struct Library {
+    bool initialised;
+    bool dead;      // the camera went away; only library_exit succeeds
+    int connection; // valid while initialised
+    int events;     // what WireNotify records arrive on; valid while initialised
+    bool thread_runs;
+    pthread_t thread;
+    PostNotifyCallback callback;
+    Mapping colour;
+    PlaneMappings plane[WIRE_POSTS][WIRE_PLANES];
+};
+
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+static Library library; // guarded by lock
+
+static int32_t fail(uint32_t code)
+{
+    errno = (int)code;
+    return -1;
+}
+
+// Makes the call and turns its outcome into a library result. The lock is held.
+static int32_t call_camera(uint32_t call, const void *request, void *reply, int *fd)
+{
+    if (!library.initialised)
+        return fail(CODEC_NOT_INITIALISED);
+    if (library.dead)
+        return fail(CODEC_NO_CAMERA);
+    uint32_t error = 0;
+    if (client_call(library.connection, call, request, reply, fd, &error) != 0) {
+        library.dead = true;
+        return fail(CODEC_NO_CAMERA);
+    }
+    return error ? fail(error) : 0;
+}
+
+static int32_t call_locked(uint32_t call, const void *request, void *reply)
+{
+    pthread_mutex_lock(&lock);
+    const int32_t result = call_camera(call, request, reply, nullptr);
+    const int code = errno;
+    pthread_mutex_unlock(&lock);
+    if (result != 0)
+        errno = code;
+    return result;
+}
+
+// ---- lent memory
+
+static void unmap(Mapping *mapping)
+{
+    if (mapping->base)
+        munmap(mapping->base, mapping->reserved);
+    *mapping = {};
+}
+
+// Maps the memory behind fd so that its last byte is the last of a page and the page behind faults.
+static bool map(Mapping *mapping, const WireMemory *memory, int fd)
+{
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    if (memory->map_size == 0 || memory->map_size % page != 0 || memory->size > memory->map_size ||
+        memory->offset != memory->map_size - memory->size)
+        return false;
+    const size_t reserved = memory->map_size + page;
+    void *space = mmap(nullptr, reserved, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (space == MAP_FAILED)
+        return false;
+    void *base =
+        mmap(space, memory->map_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
+    if (base == MAP_FAILED) {
+        munmap(space, reserved);
+        return false;
+    }
+    *mapping = {(uint8_t *)base, reserved, *memory};
+    return true;
+}
+
+static OsdMem lent(const Mapping *mapping)
+{
+    return {mapping->base + mapping->memory.offset, mapping->memory.size};
+}
+
+static void unmap_all()
+{
+    unmap(&library.colour);
+    for (uint32_t post = 0; post < WIRE_POSTS; post++)
+        for (uint32_t number = 0; number < WIRE_PLANES; number++)
+            for (uint32_t i = 0; i < WIRE_BUFFERS; i++)
+                unmap(&library.plane[post][number].buffer[i]);
+}
+
+// ---- notification
+
+// Runs the callback for every report until the camera closes its end. events is this thread's own.
+static void *notify_run(void *argument)
+{
+    const int events = (int)(intptr_t)argument;
+    for (;;) {
+        WireNotify record;
+        const ssize_t length = recv(events, &record, sizeof record, 0);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length != (ssize_t)sizeof record)
+            break;
+        pthread_mutex_lock(&lock);
+        const PostNotifyCallback callback = library.callback;
+        pthread_mutex_unlock(&lock);
+        if (callback)
+            callback({record.mask_bit, record.post_res_id, record.post, record.running});
+    }
+    close(events);
+    return nullptr;
+}
+
+// Starts the thread with every signal blocked: signals are the program's business.
+static int32_t notify_start()
+{
+    if (library.thread_runs)
+        return 0;
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    void *events = (void *)(intptr_t)library.events;
+    const int error = pthread_create(&library.thread, nullptr, notify_run, events);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0)
+        return fail(CODEC_NO_MEMORY);
+    library.thread_runs = true;
+    return 0;
+}
+
+// ---- the library's functions
+
+int32_t qm7_cl_library_init()
+{
+    pthread_mutex_lock(&lock);
+    int32_t result = 0;
+    uint32_t error = 0;
+    int connection = -1;
+    int events = -1;
+    if (library.initialised)
+        error = CODEC_INITIALISED;
+    else if ((connection = client_connect()) < 0 ||
+             client_call(connection, WIRE_LIBRARY_INIT, nullptr, nullptr, &events, &error) != 0)
+        error = CODEC_NO_CAMERA;
+    else if (error == 0 && events < 0)
+        error = CODEC_NO_CAMERA;
+
+    if (error == 0) {
+        library.initialised = true;
+        library.connection = connection;
+        library.events = events;
+    } else {
+        if (events >= 0)
+            close(events);
+        if (connection >= 0)
+            close(connection);
+        result = fail(error);
+    }
+    pthread_mutex_unlock(&lock);
+    return result;
+}
+
+int32_t qm7_cl_library_exit()
+{
+    pthread_mutex_lock(&lock);
+    int32_t result = 0;
+    if (!library.initialised)
+        result = fail(CODEC_NOT_INITIALISED);
+    else if (!library.dead)
+        result = call_camera(WIRE_LIBRARY_EXIT, nullptr, nullptr, nullptr);
+    if (result != 0 && !library.dead) {
+        pthread_mutex_unlock(&lock);
+        return result;
+    }
+
+    const bool thread_runs = library.thread_runs;
+    const pthread_t thread = library.thread;
+    shutdown(library.events, SHUT_RDWR); // wakes the notify thread, which then closes it
+    if (!thread_runs)
+        close(library.events);
+    close(library.connection);
+    unmap_all();
+    library = {};
+    pthread_mutex_unlock(&lock);
+
+    if (thread_runs && pthread_equal(thread, pthread_self()))
+        pthread_detach(thread); // called by the callback
+    else if (thread_runs)
+        pthread_join(thread, nullptr);
+    return 0;
+}
+
+int32_t qm7_cl_sys_open_device()
+{
+    return call_locked(WIRE_SYS_OPEN_DEVICE, nullptr, nullptr);
+}
+
+int32_t qm7_cl_sys_close_device()
+{
+    return call_locked(WIRE_SYS_CLOSE_DEVICE, nullptr, nullptr);
+}
+
+int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback)
+{
+    const WireWord request = {callback ? 1u : 0u};
+    pthread_mutex_lock(&lock);
+    int32_t result = call_camera(WIRE_POST_NOTIFY_CALLBACK, &request, nullptr, nullptr);
+    if (result == 0)
+        result = notify_start();
+    if (result == 0)
+        library.callback = callback;
+    pthread_mutex_unlock(&lock);
+    return result;
+}
+
+int32_t qm7_cl_post_set_notify(uint32_t mask)
+{
+    const WireWord request = {mask};
+    return call_locked(WIRE_POST_SET_NOTIFY, &request, nullptr);
+}
+
+int32_t qm7_cl_post_get_osd_color_mem(OsdMem *mem)
+{
+    if (!mem)
+        return fail(CODEC_BAD_ARGUMENT);
+    pthread_mutex_lock(&lock);
+    WireMemory memory = {};
+    int fd = -1;
+    int32_t result = call_camera(WIRE_POST_GET_OSD_COLOR_MEM, nullptr, &memory, &fd);
+    if (result == 0 && !library.colour.base && !map(&library.colour, &memory, fd))
+        result = fail(CODEC_NO_MEMORY);
+    if (result == 0)
+        *mem = lent(&library.colour);
+    if (fd >= 0)
+        close(fd);
+    pthread_mutex_unlock(&lock);
+    return result;
+}
+
+int32_t qm7_cl_post_set_osd_color()
+{
+    return call_locked(WIRE_POST_SET_OSD_COLOR, nullptr, nullptr);
+}
+
+int32_t qm7_cl_post_thread_get_status(uint32_t post_res_id, PostStatus *status)
+{
+    if (!status)
+        return fail(CODEC_BAD_ARGUMENT);
+    const WireWord request = {post_res_id};
+    WirePostStatus reply;
+    const int32_t result = call_locked(WIRE_POST_THREAD_GET_STATUS, &request, &reply);
+    if (result == 0)
+        memcpy(status, &reply, sizeof *status);
+    return result;
+}
+
+int32_t qm7_cl_post_open_osd(uint32_t post_res_id, const OsdOpenParam *param, uint32_t *buffer_size,
+                             uint32_t *pitch)
+{
+    if (!param || !buffer_size || !pitch)
+        return fail(CODEC_BAD_ARGUMENT);
+    const WireOpenOsd request = {post_res_id, param->number, param->width, param->height,
+                                 param->depth_code};
+    WireOpenedOsd reply = {};
+    const int32_t result = call_locked(WIRE_POST_OPEN_OSD, &request, &reply);
+    if (result == 0) {
+        *buffer_size = reply.extra;
+        *pitch = reply.pitch;
+    }
+    return result;
+}
+
+int32_t qm7_cl_post_clear_osd(uint32_t post_res_id, uint32_t number)
+{
+    const WirePlane request = {post_res_id, number};
+    return call_locked(WIRE_POST_CLEAR_OSD, &request, nullptr);
+}
+
+int32_t qm7_cl_post_close_osd(uint32_t post_res_id, uint32_t number)
+{
+    const WirePlane request = {post_res_id, number};
+    return call_locked(WIRE_POST_CLOSE_OSD, &request, nullptr);
+}
+
+// Finds or makes the mapping of the buffer that reply describes. Memory of an earlier opening of
+// the plane is unmapped: who still draws into it does so after the end of its post.
+static Mapping *plane_mapping(const WireOsdMem *reply, int fd)
+{
+    if (reply->post >= WIRE_POSTS || reply->number >= WIRE_PLANES || reply->buffer >= WIRE_BUFFERS)
+        return nullptr;
+    PlaneMappings *plane = &library.plane[reply->post][reply->number];
+    if (plane->epoch != reply->epoch) {
+        for (uint32_t i = 0; i < WIRE_BUFFERS; i++)
+            unmap(&plane->buffer[i]);
+        plane->epoch = reply->epoch;
+    }
+    Mapping *mapping = &plane->buffer[reply->buffer];
+    if (!mapping->base && !map(mapping, &reply->memory, fd))
+        return nullptr;
+    return mapping;
+}
+
+int32_t qm7_cl_post_get_osd_mem(uint32_t post_res_id, int32_t number, uint32_t *osd_id, OsdMem *mem)
+{
+    if (!osd_id || !mem)
+        return fail(CODEC_BAD_ARGUMENT);
+    const WirePlane request = {post_res_id, (uint32_t)number};
+    pthread_mutex_lock(&lock);
+    WireOsdMem reply = {};
+    int fd = -1;
+    int32_t result = call_camera(WIRE_POST_GET_OSD_MEM, &request, &reply, &fd);
+    if (result == 0) {
+        const Mapping *mapping = plane_mapping(&reply, fd);
+        if (mapping) {
+            *osd_id = reply.osd_id;
+            *mem = lent(mapping);
+        } else {
+            result = fail(CODEC_NO_MEMORY);
+        }
+    }
+    if (fd >= 0) {
+        const int code = errno;
+        close(fd);
+        errno = code;
+    }
+    pthread_mutex_unlock(&lock);
+    return result;
+}
+
+int32_t qm7_cl_post_set_osd(uint32_t post_res_id, uint32_t osd_id, OsdPosition position)
+{
+    const WireSetOsd request = {post_res_id, osd_id, position.x, position.y};
+    return call_locked(WIRE_POST_SET_OSD, &request, nullptr);
 }

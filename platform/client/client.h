@@ -1,0 +1,27 @@
+// A client's end of the connection to simcam: connecting, and one request and its answer.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "wire.h"
+
+// An answer that takes longer means that the camera hangs.
+constexpr int CLIENT_TIMEOUT_MS = 20000;
+
+// Fills path with the run directory's name and then the given one. False where the environment
+// names no run directory or the result does not fit.
+bool client_path(char *path, size_t size, const char *name);
+
+// Returns a connected socket, or -1. The first failure of the process is explained on standard
+// error.
+int client_connect();
+
+// Sends the request of a call and waits for its answer. request holds wire_request_size(call)
+// bytes, reply takes wire_reply_size(call) and is filled on success only; fd (may be null) takes
+// the descriptor that came with the answer, or -1.
+//
+// Returns 0 with *error holding the camera's code, 0 for success; or -1 where the camera is gone or
+// talks nonsense: the connection is of no use then.
+int client_call(int connection, uint32_t call, const void *request, void *reply, int *fd,
+                uint32_t *error);

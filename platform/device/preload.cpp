@@ -1,0 +1,353 @@
+// Loaded into an overlay process in front of the C library: serves the camera device /dev/cam and
+// keeps the fixed paths of a camera inside the run directory of the simulated one.
+//
+// An open device is a connection to simcam. Everything that is not the camera's goes to the C
+// library untouched. Needs the C library only, so that it can be loaded into any program, of either
+// word size.
+
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE
+#endif
+// The plain names are defined here side by side with their 64-bit variants.
+#undef _FILE_OFFSET_BITS
+#undef _TIME_BITS
+#undef _FORTIFY_SOURCE
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include "client/client.h"
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+static const char DEVICE_PATH[] = "/dev/cam";
+static const char *const FIXED_PATHS[] = {"/usr/local/morvel/", "/var/run/"};
+
+constexpr uint32_t CAM_FOCUS_CONFIG = 0x405C7000;
+constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;
+
+// How long a read takes that the camera does not answer any more: programs read in a loop that only
+// the device paces.
+constexpr useconds_t LOST_CAMERA_PAUSE_US = 33333;
+
+// ---- open devices
+
+constexpr int DEVICE_COUNT = 16;
+
+struct Device {
+    int fd; // the connection, as the program sees it; 0 while unused
+    bool dead;
+    pthread_mutex_t lock; // held during a request
+};
+
+static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER; // guards fd and dead of all devices
+static Device devices[DEVICE_COUNT];
+static bool table_used; // false spares processes without a device the lock
+
+static Device *device_find_locked(int fd)
+{
+    for (Device &device : devices)
+        if (device.fd == fd)
+            return &device;
+    return nullptr;
+}
+
+static Device *device_find(int fd)
+{
+    if (fd <= 0 || !__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
+        return nullptr;
+    pthread_mutex_lock(&table_lock);
+    Device *device = device_find_locked(fd);
+    pthread_mutex_unlock(&table_lock);
+    return device;
+}
+
+static int device_open()
+{
+    const int fd = client_connect();
+    if (fd < 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    uint32_t error = 0;
+    if (client_call(fd, WIRE_DEVICE_OPEN, nullptr, nullptr, nullptr, &error) != 0)
+        error = EIO;
+
+    Device *device = nullptr;
+    if (error == 0) {
+        pthread_mutex_lock(&table_lock);
+        device = device_find_locked(0);
+        if (device) {
+            device->fd = fd;
+            device->dead = false;
+            __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
+        } else {
+            error = EMFILE;
+        }
+        pthread_mutex_unlock(&table_lock);
+    }
+    if (!device) {
+        close(fd);
+        errno = (int)error;
+        return -1;
+    }
+    return fd;
+}
+
+static int device_ioctl(Device *device, uint32_t request, void *argument)
+{
+    const bool read = request == CAM_FOCUS_READ;
+    if (!read && request != CAM_FOCUS_CONFIG) {
+        errno = ENOTTY;
+        return -1;
+    }
+    if (!argument) {
+        errno = EFAULT;
+        return -1;
+    }
+
+    pthread_mutex_lock(&device->lock);
+    uint32_t error = 0;
+    if (device->dead || client_call(device->fd, read ? WIRE_FOCUS_READ : WIRE_FOCUS_CONFIG,
+                                    argument, argument, nullptr, &error) != 0) {
+        device->dead = true;
+        error = EIO;
+        if (read)
+            usleep(LOST_CAMERA_PAUSE_US);
+    }
+    pthread_mutex_unlock(&device->lock);
+    if (error == 0)
+        return 0;
+    errno = (int)error;
+    return -1;
+}
+
+// ---- the C library's own functions, looked up when first used
+
+template <typename Function> static Function *next(Function **slot, const char *name)
+{
+    Function *function = __atomic_load_n(slot, __ATOMIC_RELAXED);
+    if (!function) {
+        function = (Function *)dlsym(RTLD_NEXT, name);
+        __atomic_store_n(slot, function, __ATOMIC_RELAXED);
+    }
+    return function;
+}
+
+// Gives the path to use in place of path: itself, or buffer with the path inside the run directory.
+// Null with errno ENOENT where there is no run directory: the machine's own files stay out of it.
+static const char *mapped(const char *path, char *buffer, size_t size)
+{
+    if (!path) {
+        errno = EFAULT;
+        return nullptr;
+    }
+    for (const char *prefix : FIXED_PATHS) {
+        if (strncmp(path, prefix, strlen(prefix)) != 0)
+            continue;
+        if (client_path(buffer, size, path + 1))
+            return buffer;
+        errno = ENOENT;
+        return nullptr;
+    }
+    return path;
+}
+
+static bool is_device(const char *path)
+{
+    return path && strcmp(path, DEVICE_PATH) == 0;
+}
+
+static bool takes_mode(int flags)
+{
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+// Reads the mode that follows the flags where there is one.
+#define READ_MODE(flags, mode)                                                                     \
+    mode_t mode = 0;                                                                               \
+    if (takes_mode(flags)) {                                                                       \
+        va_list arguments;                                                                         \
+        va_start(arguments, flags);                                                                \
+        mode = (mode_t)va_arg(arguments, unsigned int);                                            \
+        va_end(arguments);                                                                         \
+    }
+
+using OpenFunction = int(const char *, int, ...);
+using OpenAtFunction = int(int, const char *, int, ...);
+
+static int open_path(OpenFunction **slot, const char *name, const char *path, int flags,
+                     mode_t mode)
+{
+    if (is_device(path))
+        return device_open();
+    char buffer[PATH_MAX];
+    const char *place = mapped(path, buffer, sizeof buffer);
+    return place ? next(slot, name)(place, flags, mode) : -1;
+}
+
+static int open_path_at(OpenAtFunction **slot, const char *name, int directory, const char *path,
+                        int flags, mode_t mode)
+{
+    if (is_device(path))
+        return device_open();
+    char buffer[PATH_MAX];
+    const char *place = mapped(path, buffer, sizeof buffer);
+    return place ? next(slot, name)(directory, place, flags, mode) : -1;
+}
+
+EXPORT int open(const char *path, int flags, ...)
+{
+    static OpenFunction *slot;
+    READ_MODE(flags, mode)
+    return open_path(&slot, "open", path, flags, mode);
+}
+
+EXPORT int open64(const char *path, int flags, ...)
+{
+    static OpenFunction *slot;
+    READ_MODE(flags, mode)
+    return open_path(&slot, "open64", path, flags, mode);
+}
+
+EXPORT int openat(int directory, const char *path, int flags, ...)
+{
+    static OpenAtFunction *slot;
+    READ_MODE(flags, mode)
+    return open_path_at(&slot, "openat", directory, path, flags, mode);
+}
+
+EXPORT int openat64(int directory, const char *path, int flags, ...)
+{
+    static OpenAtFunction *slot;
+    READ_MODE(flags, mode)
+    return open_path_at(&slot, "openat64", directory, path, flags, mode);
+}
+
+// What open becomes in programs built with fortified headers.
+EXPORT int __open_2(const char *path, int flags)
+{
+    static OpenFunction *slot;
+    return open_path(&slot, "open", path, flags, 0);
+}
+
+EXPORT int __open64_2(const char *path, int flags)
+{
+    static OpenFunction *slot;
+    return open_path(&slot, "open64", path, flags, 0);
+}
+
+EXPORT FILE *fopen(const char *path, const char *mode)
+{
+    static FILE *(*slot)(const char *, const char *);
+    char buffer[PATH_MAX];
+    const char *place = mapped(path, buffer, sizeof buffer);
+    return place ? next(&slot, "fopen")(place, mode) : nullptr;
+}
+
+EXPORT FILE *fopen64(const char *path, const char *mode)
+{
+    static FILE *(*slot)(const char *, const char *);
+    char buffer[PATH_MAX];
+    const char *place = mapped(path, buffer, sizeof buffer);
+    return place ? next(&slot, "fopen64")(place, mode) : nullptr;
+}
+
+using IoctlFunction = int(int, unsigned long, ...);
+
+static int ioctl_any(IoctlFunction **slot, const char *name, int fd, unsigned long request,
+                     void *argument)
+{
+    Device *device = device_find(fd);
+    if (device) // a request given as a negative int arrives sign-extended
+        return device_ioctl(device, (uint32_t)request, argument);
+    return next(slot, name)(fd, request, argument);
+}
+
+#define READ_ARGUMENT(request, argument)                                                           \
+    va_list arguments;                                                                             \
+    va_start(arguments, request);                                                                  \
+    void *argument = va_arg(arguments, void *);                                                    \
+    va_end(arguments);
+
+EXPORT int ioctl(int fd, unsigned long request, ...)
+{
+    static IoctlFunction *slot;
+    READ_ARGUMENT(request, argument)
+    return ioctl_any(&slot, "ioctl", fd, request, argument);
+}
+
+#if __SIZEOF_LONG__ == 4
+// What ioctl is for programs with 64-bit time on 32-bit machines.
+EXPORT int __ioctl_time64(int fd, unsigned long request, ...)
+{
+    static IoctlFunction *slot;
+    READ_ARGUMENT(request, argument)
+    return ioctl_any(&slot, "__ioctl_time64", fd, request, argument);
+}
+#endif
+
+EXPORT ssize_t read(int fd, void *buffer, size_t size)
+{
+    static ssize_t (*slot)(int, void *, size_t);
+    if (device_find(fd)) {
+        errno = EINVAL; // measurements are had by request only
+        return -1;
+    }
+    return next(&slot, "read")(fd, buffer, size);
+}
+
+EXPORT int close(int fd)
+{
+    static int (*slot)(int);
+    Device *device = device_find(fd);
+    if (device) {
+        pthread_mutex_lock(&table_lock);
+        device->fd = 0;
+        pthread_mutex_unlock(&table_lock);
+    }
+    return next(&slot, "close")(fd);
+}
+
+static void show_as_device(int fd, int result, mode_t *mode, dev_t *kind)
+{
+    if (result == 0 && device_find(fd)) {
+        *mode = S_IFCHR | 0600;
+        *kind = makedev(240, 0);
+    }
+}
+
+EXPORT int fstat(int fd, struct stat *status)
+{
+    static int (*slot)(int, struct stat *);
+    const int result = next(&slot, "fstat")(fd, status);
+    show_as_device(fd, result, &status->st_mode, &status->st_rdev);
+    return result;
+}
+
+EXPORT int fstat64(int fd, struct stat64 *status)
+{
+    static int (*slot)(int, struct stat64 *);
+    const int result = next(&slot, "fstat64")(fd, status);
+    show_as_device(fd, result, &status->st_mode, &status->st_rdev);
+    return result;
+}
+
+// ---- output
+
+// Lets what the program prints be seen as it is printed, where simcam collects it from a pipe.
+__attribute__((constructor)) static void unbuffer()
+{
+    if (getenv("SIMCAM_UNBUFFERED"))
+        setvbuf(stdout, nullptr, _IONBF, 0);
+}
