@@ -1,0 +1,171 @@
+// The simulated camera's command line.
+
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "camera.h"
+#include "snapshot.h"
+#if SIMCAM_HTTP
+#include "http.h"
+#endif
+
+using namespace simcam;
+
+static const char DESCRIPTION[] =
+    "A simulated camera for focus_assist.\n"
+    "It shows a picture through a lens that you turn in a browser, measures how sharp it is, and "
+    "lays\n"
+    "what the overlay process draws over the live picture.\n"
+    "  simcam -- build/host/focus_assist                   four outputs, address printed\n"
+    "  simcam --post 0=1280x720 --sweep -- PROGRAM         one output, the lens moves by itself\n"
+    "  simcam --snapshot pictures -- PROGRAM               a few PNGs, no browser";
+
+struct HelpFormatter : CLI::Formatter {
+    std::string make_usage(const CLI::App *, std::string) const override
+    {
+        return "Usage: simcam [options] [-- PROGRAM ARGS...]\n\n";
+    }
+};
+
+struct Options {
+    CameraOptions camera;
+    std::vector<std::string> posts;
+    std::string listen = "127.0.0.1:8080";
+    std::string snapshot;
+};
+
+// Ends with the message and the exit status of wrong use.
+[[noreturn]] static void refuse(const std::string &message)
+{
+    std::fprintf(stderr, "simcam: %s\n", message.c_str());
+    std::exit(2);
+}
+
+static void parse_posts(Options *options)
+{
+    auto &sizes = options->camera.post_size;
+    if (options->posts.empty()) {
+        sizes = {"1280x720", "1920x1080", "720x480", "352x240"};
+        return;
+    }
+    for (const std::string &post : options->posts) {
+        if (post.size() < 3 || post[0] < '0' || post[0] > '3' || post[1] != '=')
+            refuse("--post " + post + ": give a post 0 to 3 and its size, such as 0=1280x720");
+        sizes[static_cast<size_t>(post[0] - '0')] = post.substr(2) == "off" ? "" : post.substr(2);
+    }
+}
+
+static void parse(int argc, char **argv, Options *options)
+{
+    // What follows "--" is the program's, options included.
+    int own = argc;
+    for (int i = 1; i < argc && own == argc; i++)
+        if (std::string(argv[i]) == "--")
+            own = i;
+    for (int i = own + 1; i < argc; i++)
+        options->camera.program.push_back(argv[i]);
+
+    CLI::App app(DESCRIPTION, "simcam");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.get_formatter()->column_width(34);
+    CameraOptions &camera = options->camera;
+    app.add_option("--scene", camera.scene,
+                   "photo, chart, or the path of a picture, a video or a /dev/video*")
+        ->capture_default_str();
+    app.add_option("--post", options->posts,
+                   "N=WIDTHxHEIGHT: output N (0 to 3) runs at that size; may be repeated. Without "
+                   "it all four run: 0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
+        ->allow_extra_args(false);
+    app.add_option("--ring", camera.ring, "the lens's focus ring, 0 (near) to 1 (far)")
+        ->capture_default_str();
+    app.add_flag("--sweep", camera.sweep, "the ring turns by itself, to and fro");
+    app.add_option("--sweep-period", camera.sweep_period_s, "seconds to and fro")
+        ->capture_default_str();
+    app.add_option("--seed", camera.seed, "of the noise: same seed, same numbers")
+        ->capture_default_str();
+    app.add_option("--pitch-align", camera.pitch_align,
+                   "bytes that a plane's line is rounded up to: 1, 8, 16, 32 or 64")
+        ->capture_default_str();
+    app.add_option("--rate", camera.rate_hz, "measurements a second")->capture_default_str();
+    app.add_option("--listen", options->listen, "ADDRESS:PORT of the page; port 0 takes a free one")
+        ->capture_default_str();
+    app.add_option("--snapshot", options->snapshot,
+                   "DIRECTORY: write pictures at a few ring positions there, and end");
+    app.add_option("--run-dir", camera.run_directory,
+                   "DIRECTORY: what stands behind the camera's fixed paths (default: a fresh one)");
+    app.add_option("--platform", camera.platform_directory,
+                   "DIRECTORY of libqm7codec.so.2.0 and libsimcam_preload.so for the program "
+                   "(default: those built with simcam)");
+
+    try {
+        app.parse(own, argv);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0) { // --help
+            std::exit(app.exit(error));
+        }
+        refuse(std::string(error.what()) + "\nRun with --help for more information.");
+    }
+    parse_posts(options);
+}
+
+// The signals that end simcam are blocked before any thread starts, and waited for here.
+static sigset_t block_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return signals;
+}
+
+static int run(const std::shared_ptr<Camera> &camera, const Options &options,
+               const sigset_t &signals)
+{
+    if (!options.snapshot.empty()) {
+        const std::string problem = snapshot_write(*camera, options.snapshot);
+        if (!problem.empty())
+            std::fprintf(stderr, "simcam: %s\n", problem.c_str());
+        return problem.empty() ? 0 : 1;
+    }
+
+#if SIMCAM_HTTP
+    std::string error;
+    const std::unique_ptr<HttpServer> http = http_start(camera, options.listen, &error);
+    if (!http) {
+        std::fprintf(stderr, "simcam: %s\n", error.c_str());
+        return 2;
+    }
+    std::printf("simcam: %s\n", http_address(*http).c_str());
+#else
+    std::printf("simcam: %s\n", camera_state(*camera).run_directory.c_str());
+#endif
+    std::fflush(stdout);
+    int signal_number = 0;
+    sigwait(&signals, &signal_number);
+#if SIMCAM_HTTP
+    http_stop(*http);
+#endif
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    Options options;
+    parse(argc, argv, &options);
+    const sigset_t signals = block_signals();
+
+    std::string error;
+    const std::shared_ptr<Camera> camera = camera_start(options.camera, &error);
+    if (!camera)
+        refuse(error);
+    const int status = run(camera, options, signals);
+    camera_stop(*camera);
+    return status;
+}

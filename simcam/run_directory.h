@@ -1,0 +1,24 @@
+// The directory that stands behind the fixed paths of a camera while a simulated one runs.
+#pragma once
+
+#include <string>
+
+namespace simcam
+{
+
+struct RunDirectory {
+    std::string path;
+    bool made = false; // for this run: removed after it
+};
+
+// Makes the directory (a fresh one where path is empty) and in it the folders, the font and the
+// colour table that a camera has. Files that are there already are kept. False with *error on
+// failure.
+bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error);
+void run_directory_remove(const RunDirectory &directory);
+
+// Where the codec library and the preload object are: directory if not empty, else beside this
+// program, else where they were built.
+std::string platform_directory_find(const std::string &directory);
+
+} // namespace simcam
