@@ -1,0 +1,65 @@
+#include "guarded_memory.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static constexpr uint8_t SURROUNDINGS = 0xC3;
+
+static size_t page_size()
+{
+    return (size_t)sysconf(_SC_PAGESIZE);
+}
+
+GuardedMemory::GuardedMemory(size_t size, Guard guard) : memory_size(size)
+{
+    const size_t page = page_size();
+    const size_t inner = (size + page - 1) / page * page;
+    page_bytes = inner + 2 * page;
+
+    void *mapping = mmap(nullptr, page_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED)
+        throw std::runtime_error("mmap");
+    pages = (uint8_t *)mapping;
+    if (inner > 0 && mprotect(pages + page, inner, PROT_READ | PROT_WRITE) != 0)
+        throw std::runtime_error("mprotect");
+
+    std::fill_n(pages + page, inner, SURROUNDINGS);
+    memory = pages + page + (guard == Guard::BEHIND ? inner - size : 0);
+    fill_with_junk();
+}
+
+GuardedMemory::~GuardedMemory()
+{
+    munmap(pages, page_bytes);
+}
+
+uint8_t *GuardedMemory::data() const
+{
+    return memory;
+}
+
+size_t GuardedMemory::size() const
+{
+    return memory_size;
+}
+
+std::vector<uint8_t> GuardedMemory::bytes() const
+{
+    return {memory, memory + memory_size};
+}
+
+void GuardedMemory::fill_with_junk()
+{
+    std::fill_n(memory, memory_size, JUNK);
+}
+
+bool GuardedMemory::surroundings_are_whole() const
+{
+    const uint8_t *begin = pages + page_size();
+    const uint8_t *end = pages + page_bytes - page_size();
+    const auto whole = [](uint8_t byte) { return byte == SURROUNDINGS; };
+    return std::all_of(begin, (const uint8_t *)memory, whole) &&
+           std::all_of((const uint8_t *)memory + memory_size, end, whole);
+}

@@ -1,0 +1,95 @@
+// The tests' own tools: what they promise, so that a test that passes means something.
+
+#include <cerrno>
+#include <cstdio>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "capture.h"
+#include "fake_codec.h"
+#include "guarded_memory.h"
+
+TEST(Capture, TakesBothStreamsToTheByteAndGivesThemBack)
+{
+    const Captured captured = capture([] {
+        printf("no line end");
+        fputs("E1\n", stderr);
+        EXPECT_EQ(write(STDOUT_FILENO, "first", 5), 5); // printf's text is still in the buffer
+    });
+
+    EXPECT_EQ(captured.out, "firstno line end");
+    EXPECT_EQ(captured.err, "E1\n");
+    EXPECT_EQ(capture([] {}).out, "");
+}
+
+TEST(GuardedMemory, IsFullOfJunkAndNoticesAByteBesideIt)
+{
+    GuardedMemory memory(100);
+    EXPECT_EQ(memory.bytes(), std::vector<uint8_t>(100, 0xA5));
+    EXPECT_TRUE(memory.surroundings_are_whole());
+
+    memory.data()[-1] = 0;
+
+    EXPECT_FALSE(memory.surroundings_are_whole());
+}
+
+TEST(GuardedMemoryDeathTest, EndsTheProgramAtThePageBesideIt)
+{
+    const GuardedMemory memory(100);
+    EXPECT_DEATH(memory.data()[100] = 0, "");
+    const GuardedMemory front(100, Guard::BEFORE);
+    EXPECT_DEATH(front.data()[-1] = 0, "");
+}
+
+TEST(FakeCodec, FailsTheCallsItWasToldTo)
+{
+    FakeCodec codec;
+    codec.fail_nth("qm7_cl_library_init", 2, 0x81000001);
+    codec.fail_nth_call(4, 0x81000002);
+
+    EXPECT_EQ(qm7_cl_library_init(), 0);
+    EXPECT_NE(qm7_cl_library_init(), 0);
+    EXPECT_EQ((uint32_t)errno, 0x81000001u);
+    EXPECT_EQ(qm7_cl_library_init(), 0);
+    EXPECT_NE(qm7_cl_sys_open_device(), 0);
+    EXPECT_EQ((uint32_t)errno, 0x81000002u);
+    EXPECT_EQ(codec.calls, Calls({"qm7_cl_library_init()", "qm7_cl_library_init()",
+                                  "qm7_cl_library_init()", "qm7_cl_sys_open_device()"}));
+
+    codec.fail_always("qm7_cl_library_exit", 7);
+    EXPECT_NE(qm7_cl_library_exit(), 0);
+    EXPECT_NE(qm7_cl_library_exit(), 0);
+    codec.heal();
+    EXPECT_EQ(qm7_cl_library_exit(), 0);
+}
+
+TEST(FakeCodec, NotesARecordThatWasNotZeroed)
+{
+    FakeCodec codec;
+    OsdMem mem = {nullptr, 1};
+    uint32_t osdId = 0;
+
+    EXPECT_EQ(qm7_cl_post_get_osd_mem(7, 1, &osdId, &mem), 0);
+
+    EXPECT_EQ(codec.calls, Calls({"qm7_cl_post_get_osd_mem(7, 1, not zeroed)"}));
+}
+
+TEST(FakeCodec, KeepsWhatWasShownWithItsPlace)
+{
+    FakeCodec codec;
+    codec.plane(7, 1).size = 3;
+    OsdMem mem = {};
+    uint32_t osdId = 0;
+    ASSERT_EQ(qm7_cl_post_get_osd_mem(7, 1, &osdId, &mem), 0);
+    ((uint8_t *)mem.addr)[1] = 0x11;
+
+    EXPECT_EQ(qm7_cl_post_set_osd(7, osdId, {5, 6}), 0);
+
+    ASSERT_EQ(codec.shown.size(), 1u);
+    EXPECT_EQ(codec.shown[0].number, 1);
+    EXPECT_EQ(codec.shown[0].x, 5u);
+    EXPECT_EQ(codec.shown[0].y, 6u);
+    EXPECT_EQ(codec.shown[0].bytes, (std::vector<uint8_t>{0xA5, 0x11, 0xA5}));
+    EXPECT_EQ(codec.calls[1], "qm7_cl_post_set_osd(7, 1001, {5, 6})");
+}
