@@ -30,6 +30,22 @@ static size_t bytes_within(int64_t offset, int64_t count, uint32_t size)
     return (size_t)(count < room ? count : room);
 }
 
+// Repeats the first line_bytes of lines until bytes are filled. What has been copied serves as the
+// source of the next copy up to a size that stays in the nearest cache.
+static void repeat_line(uint8_t *lines, size_t line_bytes, size_t bytes)
+{
+    constexpr size_t SOURCE_BYTES = 4096;
+
+    size_t source = line_bytes;
+    for (size_t done = line_bytes; done < bytes;) {
+        const size_t part = source < bytes - done ? source : bytes - done;
+        memcpy(lines + done, lines, part);
+        done += part;
+        if (source < SOURCE_BYTES)
+            source = done;
+    }
+}
+
 // ---- rectangle ---------------------------------------------------------------------------------
 
 void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
@@ -54,16 +70,30 @@ void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
     for (size_t byte = line; byte < filled; byte++)
         target[byte] = (uint8_t)(target[byte] | fill); // beyond the pitch nothing was cleared
 
-    for (int32_t i = 1; i < rect->height; i++) {
-        const int64_t offset = (int64_t)i * rect->pitch;
-        const size_t bytes = bytes_within(offset, rect->pitch, target_size);
-        if (bytes == 0)
-            return; // and so it is for all further lines
-        memcpy(target + offset, target, bytes);
-    }
+    const int64_t lines = (int64_t)rect->height * rect->pitch;
+    if (line > 0)
+        repeat_line(target, line, bytes_within(0, lines, target_size));
 }
 
 // ---- bar ---------------------------------------------------------------------------------------
+
+// The first whole column at or behind a place.
+static int64_t column_from(double place)
+{
+    const int64_t column = (int64_t)place; // towards 0
+    return (double)column < place ? column + 1 : column;
+}
+
+// Sets the columns begin .. end - 1 that line has.
+static void paint_columns(uint8_t *line, size_t columns, int64_t begin, int64_t end, uint8_t color)
+{
+    if (begin < 0)
+        begin = 0;
+    if (end > (int64_t)columns)
+        end = (int64_t)columns;
+    if (begin < end)
+        memset(line + begin, color, (size_t)(end - begin));
+}
 
 // Paints the first columns bytes of an interior line of a bar that is pitch columns wide.
 static void paint_interior_line(uint8_t *line, size_t columns, int32_t pitch, int32_t frame,
@@ -72,19 +102,17 @@ static void paint_interior_line(uint8_t *line, size_t columns, int32_t pitch, in
     // The order of these operations, in double precision, decides on which column a bound falls.
     const int32_t width = pitch - 2 * frame;
     const double marker = frame + width * 0.01 * 85.0;
-    const double marker_begin = marker - frame;
+    const double marker_begin = marker - frame; // the marker lies strictly between
     const double marker_end = marker + frame;
-    const double filled_end = frame + percent * (width * 0.01);
+    const double filled_end = frame + percent * (width * 0.01); // the first column not filled
 
-    for (size_t column = 0; column < columns; column++) {
-        const int32_t j = (int32_t)column;
-        if (j < frame || j > pitch - frame - 1)
-            line[column] = PALETTE_FRAME;
-        else if (j > marker_begin && j < marker_end)
-            line[column] = PALETTE_MARKER;
-        else
-            line[column] = filled_end <= j ? fill : PALETTE_FILL;
-    }
+    const int64_t right = (int64_t)pitch - frame;
+    const int64_t marker_first = -column_from(-marker_begin) + 1;
+    paint_columns(line, columns, 0, right, PALETTE_FILL);
+    paint_columns(line, columns, column_from(filled_end), right, fill);
+    paint_columns(line, columns, marker_first, column_from(marker_end), PALETTE_MARKER);
+    paint_columns(line, columns, 0, frame, PALETTE_FRAME);
+    paint_columns(line, columns, right, pitch, PALETTE_FRAME);
 }
 
 void draw_rectangle_bitmap(uint8_t *target, const DrawRect *rect, int32_t percent,
@@ -96,28 +124,28 @@ void draw_rectangle_bitmap(uint8_t *target, const DrawRect *rect, int32_t percen
     }
 
     const int32_t pitch = rect->pitch;
-    const int32_t height = rect->height;
     const int32_t frame = rect->resolution < RESOLUTION_COUNT ? FRAME_PIXELS[rect->resolution] : 0;
 
-    const size_t first = bytes_within(0, pitch, target_size);
-    if (first > 0)
-        memset(target, PALETTE_CLEAR, first);
+    const size_t line = bytes_within(0, pitch, target_size);
+    if (line == 0)
+        return;
+    memset(target, PALETTE_CLEAR, line); // all there is to see of a bar without height
 
-    // All interior lines are equal: the first is painted, the others are copies of it.
-    const uint8_t *interior = nullptr;
-    for (int32_t i = 0; i < height; i++) {
-        const int64_t offset = (int64_t)i * pitch;
-        const size_t bytes = bytes_within(offset, pitch, target_size);
-        if (bytes == 0)
-            return; // and so it is for all further lines
-        uint8_t *line = target + offset;
-        if (i < frame || i > height - frame - 1) {
-            memset(line, PALETTE_FRAME, bytes);
-        } else if (interior) {
-            memcpy(line, interior, bytes);
-        } else {
-            paint_interior_line(line, bytes, pitch, frame, percent, (uint8_t)background_of(rect));
-            interior = line;
-        }
+    // Lines 0 .. top - 1 are frame, top .. bottom - 1 interior, bottom .. height - 1 frame.
+    const int64_t height = rect->height > 0 ? rect->height : 0;
+    const int64_t top = frame < height ? frame : height;
+    const int64_t bottom = height - frame > top ? height - frame : top;
+
+    const size_t bytes = bytes_within(0, height * pitch, target_size);
+    const size_t interior = bytes_within(0, top * pitch, target_size);
+    const size_t interior_end = bytes_within(0, bottom * pitch, target_size);
+    memset(target, PALETTE_FRAME, interior);
+    if (interior < interior_end) {
+        uint8_t *lines = target + interior;
+        const size_t room = interior_end - interior;
+        const size_t first = line < room ? line : room;
+        paint_interior_line(lines, first, pitch, frame, percent, (uint8_t)background_of(rect));
+        repeat_line(lines, first, room);
     }
+    memset(target + interior_end, PALETTE_FRAME, bytes - interior_end);
 }

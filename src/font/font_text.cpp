@@ -48,55 +48,39 @@ static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
     memcpy(dest, &pixels, sizeof pixels);
 }
 
-// Paints the set ones of 8 bits at pixel p and behind, as far as they lie within the buffer.
-static void paint_bits_at_edge(uint8_t *buffer, int64_t pixels, int64_t p, uint32_t bits,
-                               uint8_t color)
-{
-    for (int32_t bit = 0; bit < 8; bit++) {
-        if ((bits & (0x80u >> bit)) != 0 && p + bit >= 0 && p + bit < pixels)
-            buffer[p + bit] = color;
-    }
-}
-
-// Draws at 8 bits per pixel, eight pixels at a time.
-static void draw_glyph_8(uint8_t *buffer, int64_t pixels, const GlyphPlace *place, uint8_t color)
+// Draws at 8 bits per pixel, eight pixels at a time: all of them must lie within the buffer, the
+// last ones of a row up to 7 columns behind the glyph too.
+static void draw_glyph_bytes(uint8_t *buffer, const GlyphPlace *place, uint8_t color)
 {
     const uint32_t colors = color * 0x01010101u;
+    const int32_t last = (place->cols - 1) / 8;
+    const uint32_t last_bits = 0xFF00u >> (place->cols - 8 * last); // the rest is behind the glyph
 
     for (int32_t row = 0; row < place->rows; row++) {
-        const uint8_t *row_bits = place->bits + (ptrdiff_t)row * place->pitch;
-        const int64_t row_first = place->first + row * place->line_pixels;
-        for (int32_t col = 0; col < place->cols; col += 8) {
-            uint32_t bits = row_bits[col / 8];
-            if (place->cols - col < 8)
-                bits &= 0xFF00u >> (place->cols - col); // bits behind the last column
-            if (bits == 0)
+        const uint8_t *bits = place->bits + (ptrdiff_t)row * place->pitch;
+        uint8_t *dest = buffer + place->first + row * place->line_pixels;
+        for (int32_t i = 0; i <= last; i++, dest += 8) {
+            const uint32_t byte = i < last ? bits[i] : bits[i] & last_bits;
+            if (byte == 0)
                 continue;
-            const int64_t p = row_first + col;
-            if (p < 0 || p + 8 > pixels) {
-                paint_bits_at_edge(buffer, pixels, p, bits, color);
-                continue;
-            }
-            if (bits >> 4 != 0)
-                paint_nibble(buffer + p, bits >> 4, colors);
-            if ((bits & 0x0F) != 0)
-                paint_nibble(buffer + p + 4, bits & 0x0F, colors);
+            paint_nibble(dest, byte >> 4 & 0x0F, colors);
+            paint_nibble(dest + 4, byte & 0x0F, colors);
         }
     }
 }
 
-// Draws at any depth, pixel by pixel.
-static void draw_glyph_packed(uint8_t *buffer, int64_t pixels, const GlyphPlace *place,
+// Draws at any depth and at any place, pixel by pixel.
+static void draw_glyph_pixels(uint8_t *buffer, int64_t pixels, const GlyphPlace *place,
                               uint32_t depth, uint32_t value)
 {
     const uint32_t mask = (1u << depth) - 1;
 
     for (int32_t row = 0; row < place->rows; row++) {
-        const uint8_t *row_bits = place->bits + (ptrdiff_t)row * place->pitch;
+        const uint8_t *bits = place->bits + (ptrdiff_t)row * place->pitch;
         const int64_t row_first = place->first + row * place->line_pixels;
         for (int32_t col = 0; col < place->cols; col++) {
             const int64_t p = row_first + col;
-            if ((row_bits[col / 8] & (0x80u >> (col % 8))) == 0 || p < 0 || p >= pixels)
+            if ((bits[col / 8] & (0x80u >> (col % 8))) == 0 || p < 0 || p >= pixels)
                 continue;
             uint8_t *byte = &buffer[p * depth / 8];
             const uint32_t shift = (uint32_t)(p * depth % 8);
@@ -138,6 +122,9 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
     if (cols > (int64_t)bitmap->width)
         cols = bitmap->width;
 
+    if (rows <= 0 || cols <= 0)
+        return STATUS_OK;
+
     const uint32_t mask = (1u << target->depth) - 1;
     const uint32_t value = (highlight != 0 ? PALETTE_HIGHLIGHT : target->fg_color) & mask;
 
@@ -148,10 +135,11 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
                               .first = y0 * line_pixels + x0,
                               .line_pixels = line_pixels};
     const int64_t pixels = (int64_t)buffer_size * 8 / target->depth;
-    if (target->depth == 8)
-        draw_glyph_8(buffer, pixels, &place, (uint8_t)value);
+    const int64_t end = place.first + (rows - 1) * line_pixels + (cols + 7) / 8 * 8;
+    if (target->depth == 8 && line_pixels >= 0 && place.first >= 0 && end <= pixels)
+        draw_glyph_bytes(buffer, &place, (uint8_t)value);
     else
-        draw_glyph_packed(buffer, pixels, &place, target->depth, value);
+        draw_glyph_pixels(buffer, pixels, &place, target->depth, value);
     return STATUS_OK;
 }
 
