@@ -1,0 +1,384 @@
+// The camera as a whole: sensor, posts, the overlay process, the run directory.
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "camera.h"
+#include "optics.h"
+
+using namespace simcam;
+
+namespace
+{
+
+constexpr double PATIENCE_S = 60; // a machine under load; nothing here waits so long otherwise
+
+// A camera that is stopped at the end of its test.
+struct TestCamera {
+    std::string error;
+    std::shared_ptr<Camera> camera; // behind the message that its start fills
+
+    explicit TestCamera(const CameraOptions &options) : camera(camera_start(options, &error))
+    {
+    }
+    ~TestCamera()
+    {
+        if (camera)
+            camera_stop(*camera);
+    }
+    Camera &operator*() const
+    {
+        return *camera;
+    }
+    std::vector<Measurement> measure(size_t count) const
+    {
+        EXPECT_TRUE(camera_wait(*camera, count - 1, PATIENCE_S));
+        return camera_measurements(*camera, 0, count);
+    }
+    // The first measurement that knows of everything set before this call.
+    Measurement next() const
+    {
+        const uint64_t number = camera_state(*camera).latest.number + 1; // may be under way
+        EXPECT_TRUE(camera_wait(*camera, number, PATIENCE_S));
+        return camera_measurements(*camera, number, 1).at(0);
+    }
+};
+
+CameraOptions chart()
+{
+    CameraOptions options;
+    options.scene = "chart";
+    return options;
+}
+
+CameraOptions shell(const std::string &script)
+{
+    CameraOptions options = chart();
+    options.program = {"/bin/sh", "-c", script};
+    return options;
+}
+
+bool wait_until(const std::function<bool()> &condition)
+{
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(PATIENCE_S);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool wait_for_end(Camera &camera)
+{
+    return wait_until([&] {
+        const ProcessState state = camera_state(camera).process;
+        return state.starts > 0 && !state.running;
+    });
+}
+
+std::string output(Camera &camera, int stream)
+{
+    std::string text;
+    for (const OutputChunk &chunk : camera_output(camera, 0, 100000))
+        if (chunk.stream == stream)
+            text += chunk.bytes;
+    return text;
+}
+
+std::vector<uint32_t> raws(const std::vector<Measurement> &measurements)
+{
+    std::vector<uint32_t> values;
+    for (const Measurement &measurement : measurements)
+        values.push_back(measurement.raw);
+    return values;
+}
+
+struct TestDirectory {
+    std::filesystem::path path;
+    TestDirectory()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "camera-XXXXXX").string();
+        path = mkdtemp(name.data());
+    }
+    ~TestDirectory()
+    {
+        std::filesystem::remove_all(path);
+    }
+};
+
+} // namespace
+
+// ---- sensor
+
+TEST(Camera, SameSeedGivesTheSameNumbers)
+{
+    CameraOptions options = chart();
+    options.sweep = true;
+    options.sweep_period_s = 2;
+    options.seed = 7;
+    const auto first = raws(TestCamera(options).measure(12));
+    const auto second = raws(TestCamera(options).measure(12));
+    options.seed = 8;
+    const auto other = raws(TestCamera(options).measure(12));
+
+    EXPECT_EQ(first, second);
+    EXPECT_NE(first, other);
+}
+
+TEST(Camera, SharpnessIsHighestWhereTheLensIsInFocus)
+{
+    const TestCamera camera(chart());
+    EXPECT_EQ(camera_set_ring(*camera, lens_best_ring()), "");
+    const Measurement best = camera.next();
+    EXPECT_DOUBLE_EQ(best.ring, lens_best_ring());
+    EXPECT_EQ(best.value, best.raw / 100);
+
+    for (const double away : {-0.3, -0.15, 0.15, 0.3}) {
+        EXPECT_EQ(camera_set_ring(*camera, lens_best_ring() + away), "");
+        EXPECT_LT(camera.next().raw, best.raw) << away;
+    }
+}
+
+TEST(Camera, SweepRacksFromWhereTheRingIsUpAndBack)
+{
+    CameraOptions options = chart();
+    options.ring = 0.5;
+    options.sweep = true;
+    options.sweep_period_s = 2; // 60 measurements: 30 up, 30 down
+    const auto seen = TestCamera(options).measure(60);
+
+    for (size_t i = 0; i < seen.size(); i++) {
+        const double phase = 0.25 + static_cast<double>(i + 1) / 60.0; // upwards at 0.5 first
+        const double part = phase - std::floor(phase);
+        EXPECT_NEAR(seen[i].ring, part < 0.5 ? 2 * part : 2 - 2 * part, 1e-9) << i;
+    }
+}
+
+TEST(Camera, TurningTheRingEndsASweep)
+{
+    CameraOptions options = chart();
+    options.sweep = true;
+    const TestCamera camera(options);
+    EXPECT_TRUE(camera_state(*camera).sweep);
+    EXPECT_EQ(camera_set_ring(*camera, 0.25), "");
+    EXPECT_FALSE(camera_state(*camera).sweep);
+    EXPECT_DOUBLE_EQ(camera.next().ring, 0.25);
+}
+
+TEST(Camera, AFlashMovesOneMeasurementOnly)
+{
+    CameraOptions options = chart();
+    options.ring = lens_best_ring();
+    const TestCamera camera(options);
+    const uint64_t before = camera.next().number;
+    camera_flash(*camera);
+    EXPECT_TRUE(camera_wait(*camera, before + 5, PATIENCE_S));
+
+    const auto seen = camera_measurements(*camera, before - 1, 7);
+    size_t moved = 0;
+    for (const Measurement &measurement : seen)
+        moved += std::abs(double{1} * measurement.raw - seen[0].raw) > 0.1 * seen[0].raw ? 1u : 0u;
+    EXPECT_EQ(moved, 1u);
+}
+
+TEST(Camera, AGainStepMovesSharpnessUntilItIsTakenBack)
+{
+    CameraOptions options = chart();
+    options.ring = lens_best_ring();
+    const TestCamera camera(options);
+    const double before = camera.next().raw;
+    EXPECT_EQ(camera_set_gain(*camera, 0.5), "");
+    EXPECT_LT(camera.next().raw, 0.5 * before);
+    EXPECT_LT(camera.next().raw, 0.5 * before);
+    EXPECT_EQ(camera_set_gain(*camera, 1.0), "");
+    EXPECT_NEAR(camera.next().raw, before, 0.05 * before);
+}
+
+TEST(Camera, WhatCannotBeHadIsRefusedWithASentence)
+{
+    const TestCamera camera(chart());
+    EXPECT_NE(camera_set_ring(*camera, 1.01), "");
+    EXPECT_NE(camera_set_ring(*camera, NAN), "");
+    EXPECT_NE(camera_set_gain(*camera, 0), "");
+    EXPECT_NE(camera_set_scene(*camera, "/nowhere/picture.png"), "");
+    EXPECT_EQ(camera_state(*camera).scene, "chart");
+    EXPECT_EQ(camera_set_scene(*camera, "photo"), "");
+    EXPECT_EQ(camera_state(*camera).scene, "photo");
+}
+
+TEST(Camera, OptionsThatAreNotToBeHadStopTheStart)
+{
+    const auto refusal = [](const std::function<void(CameraOptions &)> &change) {
+        CameraOptions options = chart();
+        change(options);
+        const TestCamera camera(options);
+        EXPECT_EQ(camera.camera, nullptr);
+        return camera.error;
+    };
+    EXPECT_NE(refusal([](auto &o) { o.pitch_align = 3; }), "");
+    EXPECT_NE(refusal([](auto &o) { o.rate_hz = 0; }), "");
+    EXPECT_NE(refusal([](auto &o) { o.ring = -1; }), "");
+    EXPECT_NE(refusal([](auto &o) { o.scene = "no such file"; }), "");
+    EXPECT_NE(refusal([](auto &o) { o.program = {"/no/such/program"}; }), "");
+    EXPECT_NE(refusal([](auto &o) { o.run_directory = "/proc/nothing"; }), "");
+    for (const char *size : {"x", "1280", "1280x", "1280x720p", "-1280x720", "0x0", "9999x9999",
+                             "99999999999x1", " 1280x720"})
+        EXPECT_NE(refusal([&](auto &o) { o.post_size[1] = size; }), "") << size;
+}
+
+// ---- pictures
+
+TEST(Camera, PostsShowTheirPictureAtTheirSizeAndNothingWhileOff)
+{
+    CameraOptions options = chart();
+    options.post_size = {"1280x720", "", "352x240", "1920x1080"};
+    const TestCamera camera(options);
+    camera.measure(1);
+
+    EXPECT_EQ(camera_picture(*camera, 0, true).size(), cv::Size(1280, 720));
+    EXPECT_TRUE(camera_picture(*camera, 1, true).empty());
+    EXPECT_EQ(camera_picture(*camera, 2, false).size(), cv::Size(352, 240));
+    EXPECT_EQ(camera_picture(*camera, 3, true).size(), cv::Size(1920, 1080));
+    EXPECT_TRUE(camera_picture(*camera, 4, true).empty());
+    EXPECT_EQ(camera_start_post(*camera, 1, 720, 480), "");
+    EXPECT_EQ(camera_picture(*camera, 1, true).size(), cv::Size(720, 480));
+    EXPECT_EQ(camera_stop_post(*camera, 1), "");
+    EXPECT_TRUE(camera_picture(*camera, 1, true).empty());
+    EXPECT_EQ(camera_state(*camera).post[1].width, 720u); // kept for its next start
+}
+
+// ---- process
+
+TEST(Camera, TheProgramsOutputAndEndAreKept)
+{
+    const TestCamera camera(shell("printf 'no line end'; echo trouble >&2; exit 3"));
+    ASSERT_TRUE(wait_for_end(*camera));
+
+    EXPECT_EQ(output(*camera, 1), "no line end");
+    EXPECT_EQ(output(*camera, 2), "trouble\n");
+    const ProcessState state = camera_state(*camera).process;
+    EXPECT_EQ(state.last_end, "exit status 3");
+    EXPECT_EQ(state.pid, 0);
+    EXPECT_TRUE(state.configured);
+    EXPECT_FALSE(state.attached);
+}
+
+TEST(Camera, TheProgramIsToldItsCamera)
+{
+    const TestCamera camera(shell("echo $SIMCAM_RUN_DIR; echo $LD_PRELOAD; echo $LD_LIBRARY_PATH"));
+    ASSERT_TRUE(wait_for_end(*camera));
+
+    const std::string text = output(*camera, 1);
+    EXPECT_EQ(text.find(camera_state(*camera).run_directory + "\n"), 0u);
+    EXPECT_NE(text.find("/libsimcam_preload.so\n"), std::string::npos);
+    EXPECT_EQ(output(*camera, 2), ""); // the loader found everything
+}
+
+TEST(Camera, TheProgramCanBeStoppedKilledAndStartedAgain)
+{
+    const TestCamera camera(shell("exec sleep 1000"));
+    EXPECT_EQ(camera_process_start(*camera), "the program runs already");
+
+    EXPECT_EQ(camera_process_stop(*camera), "");
+    ASSERT_TRUE(wait_for_end(*camera));
+    EXPECT_EQ(camera_state(*camera).process.last_end, "signal 15 (Terminated)");
+    EXPECT_EQ(camera_process_stop(*camera), "the program does not run");
+
+    EXPECT_EQ(camera_process_start(*camera), "");
+    EXPECT_EQ(camera_state(*camera).process.last_end, "");
+    EXPECT_EQ(camera_state(*camera).process.starts, 2u);
+    EXPECT_EQ(camera_process_kill(*camera), "");
+    ASSERT_TRUE(wait_for_end(*camera));
+    EXPECT_EQ(camera_state(*camera).process.last_end, "signal 9 (Killed)");
+}
+
+TEST(Camera, WithoutAProgramThereIsNothingToStart)
+{
+    const TestCamera camera(chart());
+    EXPECT_NE(camera_process_start(*camera), "");
+    EXPECT_NE(camera_process_kill(*camera), "");
+    EXPECT_FALSE(camera_state(*camera).process.configured);
+}
+
+TEST(Camera, StoppingTheCameraEndsAndReapsTheProgram)
+{
+    int kind = 0, deaf = 0;
+    {
+        const TestCamera camera(shell("exec sleep 1000"));
+        kind = camera_state(*camera).process.pid;
+    }
+    {
+        const TestCamera camera(shell("trap '' TERM; echo ready; while :; do sleep 1; done"));
+        deaf = camera_state(*camera).process.pid;
+        ASSERT_TRUE(wait_until([&] { return output(*camera, 1) == "ready\n"; }));
+    }
+    EXPECT_NE(kill(kind, 0), 0); // a zombie would still take a signal
+    EXPECT_NE(kill(deaf, 0), 0);
+}
+
+TEST(Camera, EndlessOutputIsBounded)
+{
+    const TestCamera camera(shell("head -c 40000000 /dev/zero; echo; echo end"));
+    ASSERT_TRUE(wait_for_end(*camera));
+
+    const auto chunks = camera_output(*camera, 0, 1000000);
+    EXPECT_LE(chunks.size(), 4096u);
+    const std::string &last = chunks.back().bytes;
+    EXPECT_EQ(last.substr(last.size() - 5), "\nend\n");
+}
+
+// ---- run directory
+
+TEST(Camera, AFreshRunDirectoryIsRemoved)
+{
+    std::string path;
+    {
+        const TestCamera camera(chart());
+        path = camera_state(*camera).run_directory;
+        EXPECT_TRUE(std::filesystem::exists(
+            path + "/usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf"));
+        const std::string palette = path + "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
+        EXPECT_GE(std::filesystem::file_size(palette), 84u); // entries 0 to 20
+        EXPECT_TRUE(std::filesystem::is_directory(path + "/var/run"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(Camera, ANamedRunDirectoryStaysWithTheFilesThatWereInIt)
+{
+    const TestDirectory directory;
+    const auto palette = directory.path / "usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
+    std::filesystem::create_directories(palette.parent_path());
+    std::ofstream(palette) << "mine";
+
+    CameraOptions options = chart();
+    options.run_directory = directory.path;
+    {
+        const TestCamera camera(options);
+        ASSERT_TRUE(camera.camera) << camera.error;
+        const TestCamera second(options);
+        EXPECT_FALSE(second.camera);
+        EXPECT_NE(second.error.find("another simcam"), std::string::npos);
+        EXPECT_TRUE(std::filesystem::exists(directory.path / "socket")); // still the first one's
+    }
+    EXPECT_EQ(std::filesystem::file_size(palette), 4u);
+    EXPECT_FALSE(std::filesystem::exists(directory.path / "socket"));
+    EXPECT_TRUE(TestCamera(options).camera);
+}
+
+TEST(Camera, SeveralRunSideBySide)
+{
+    const TestCamera first(chart()), second(chart());
+    ASSERT_TRUE(first.camera && second.camera);
+    EXPECT_NE(camera_state(*first).run_directory, camera_state(*second).run_directory);
+    EXPECT_EQ(camera_start_post(*first, 0, 1280, 720), "");
+    EXPECT_FALSE(camera_state(*second).post[0].running);
+}

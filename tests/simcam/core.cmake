@@ -1,0 +1,17 @@
+# The camera behind the pictures: requests, board, socket server, processes.
+add_executable(simcam_core_test
+    ${CMAKE_CURRENT_LIST_DIR}/request_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
+target_link_libraries(simcam_core_test PRIVATE focus_options simcam_core GTest::gtest_main)
+gtest_discover_tests(simcam_core_test PROPERTIES TIMEOUT 120)
+
+add_executable(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
+target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest::gtest_main)
+gtest_discover_tests(simcam_camera_test PROPERTIES TIMEOUT 120)
+
+add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
+target_link_libraries(simcam_main_test PRIVATE focus_options GTest::gtest_main)
+target_compile_definitions(simcam_main_test PRIVATE SIMCAM="$<TARGET_FILE:simcam>")
+add_dependencies(simcam_main_test simcam)
+gtest_discover_tests(simcam_main_test PROPERTIES TIMEOUT 120)
