@@ -1,0 +1,353 @@
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "capture.h"
+#include "fake_codec.h"
+#include "fake_files.h"
+#include "osd/osd_palette.h"
+
+using Bytes = std::vector<uint8_t>;
+using FileCalls = std::vector<std::string>;
+
+static const char PATH[] = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
+static const std::string OPEN = std::string("open(") + PATH + ", 0)"; // read-only, nothing else
+
+// Bytes 1, 2, 3 ... that are never 0xA5.
+static Bytes numbered(size_t count)
+{
+    Bytes bytes(count);
+    for (size_t i = 0; i < count; i++)
+        bytes[i] = (uint8_t)(i % 150 + 1);
+    return bytes;
+}
+
+// ---- osd_open_file -----------------------------------------------------------------------------
+
+TEST(OsdOpenFile, GivesAReadableDescriptorAndTheSize)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    uint32_t size = 0xDEAD;
+
+    const int32_t descriptor = osd_open_file(PATH, &size);
+
+    ASSERT_GE(descriptor, 0);
+    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat"}));
+    uint8_t bytes[4];
+    EXPECT_EQ(read(descriptor, bytes, 4), 3);
+    close(descriptor);
+}
+
+TEST(OsdOpenFile, SizeNeedsNoPlace)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+
+    const int32_t descriptor = osd_open_file(PATH, nullptr);
+
+    EXPECT_GE(descriptor, 0);
+    close(descriptor);
+}
+
+TEST(OsdOpenFile, MissingFileIsReportedUnderItsPath)
+{
+    FakeFiles files;
+    files.fail_open(PATH, ENOENT);
+    int32_t result = 0;
+
+    const Captured captured = capture([&] { result = osd_open_file(PATH, nullptr); });
+
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(files.calls, FileCalls({OPEN}));
+}
+
+TEST(OsdOpenFile, UnreadableFileIsReportedUnderItsPath)
+{
+    FakeFiles files;
+    files.fail_open(PATH, EACCES);
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, nullptr), -1); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": Permission denied\n");
+}
+
+TEST(OsdOpenFile, FileThatCannotBeMeasuredIsReportedAndClosed)
+{
+    FakeFiles files;
+    files.put(PATH, {7});
+    files.fstat_error = EIO;
+    uint32_t size = 0;
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, &size), -1); });
+
+    EXPECT_EQ(captured.err, "fstat: Input/output error\n");
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "close"}));
+}
+
+// ---- osd_load_file -----------------------------------------------------------------------------
+
+TEST(OsdLoadFile, ReadsTheWholeFileAtOnceAndClosesIt)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    Bytes buffer(5, 0xA5);
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 5), 0); });
+
+    EXPECT_EQ(buffer, Bytes({7, 8, 9, 0xA5, 0xA5}));
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(3)", "close"}));
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST(OsdLoadFile, EmptyFileLoads)
+{
+    FakeFiles files;
+    files.put(PATH, {});
+    uint8_t byte = 0xA5;
+
+    EXPECT_EQ(osd_load_file(PATH, &byte, 0), 0);
+    EXPECT_EQ(osd_load_file(PATH, &byte, 1), 0);
+
+    EXPECT_EQ(byte, 0xA5);
+}
+
+TEST(OsdLoadFile, FileAsLongAsTheBufferLoads)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(80));
+    Bytes buffer(80, 0xA5);
+
+    EXPECT_EQ(osd_load_file(PATH, buffer.data(), 80), 0);
+
+    EXPECT_EQ(buffer, numbered(80));
+}
+
+TEST(OsdLoadFile, FileOneByteLongerIsRejectedUnread)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(81));
+    Bytes buffer(80, 0xA5);
+
+    const Captured captured =
+        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 80), -1); });
+
+    EXPECT_EQ(captured.out, "size=81\nbuffer_len=80\nfile too large\n");
+    EXPECT_EQ(captured.err, "");
+    EXPECT_EQ(buffer, Bytes(80, 0xA5));
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "close"}));
+}
+
+TEST(OsdLoadFile, SizesAreComparedUnsignedAndPrintedSigned)
+{
+    FakeFiles files;
+    files.put(PATH, {7});
+    files.fstat_size = INT32_MIN; // 0x80000000 in 32 bits
+    uint8_t byte = 0xA5;
+
+    const Captured captured =
+        capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 0x7FFFFFFF), -1); });
+    EXPECT_EQ(captured.out, "size=-2147483648\nbuffer_len=2147483647\nfile too large\n");
+
+    files.fstat_size = 1;
+    EXPECT_EQ(osd_load_file(PATH, &byte, 0xFFFFFFFF), 0);
+    EXPECT_EQ(byte, 7);
+}
+
+TEST(OsdLoadFile, LargeBufferLengthIsPrintedSigned)
+{
+    FakeFiles files;
+    files.put(PATH, {7});
+    files.fstat_size = -1; // 0xFFFFFFFF in 32 bits
+    uint8_t byte = 0xA5;
+
+    const Captured captured =
+        capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 0xFFFFFFFE), -1); });
+
+    EXPECT_EQ(captured.out, "size=-1\nbuffer_len=-2\nfile too large\n");
+}
+
+TEST(OsdLoadFile, ShortReadIsReportedNotRepeatedAndLeavesWhatCame)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    files.read_at_most = 2;
+    Bytes buffer(4, 0xA5);
+
+    const Captured captured =
+        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 4), -1); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": Success\n");
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(buffer, Bytes({7, 8, 0xA5, 0xA5}));
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(3)", "close"}));
+}
+
+TEST(OsdLoadFile, FailedReadIsReportedAndTheFileClosed)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    files.read_error = EISDIR;
+    Bytes buffer(4, 0xA5);
+
+    const Captured captured =
+        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 4), -1); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": Is a directory\n");
+    EXPECT_EQ(buffer, Bytes(4, 0xA5));
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(3)", "close"}));
+}
+
+TEST(OsdLoadFile, FileThatCannotBeOpenedIsReportedOnce)
+{
+    FakeFiles files;
+    files.fail_open(PATH, ENOENT);
+    uint8_t byte = 0xA5;
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 1), -1); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
+    EXPECT_EQ(captured.out, "");
+}
+
+// ---- osd_fill_color_mem ------------------------------------------------------------------------
+
+// The forced bytes over bytes, as far as they lie within it. Worked out by hand: entry 16 begins at
+// byte 64, entry 17 at 68, entry 18 at 72, entry 19 at 76.
+static Bytes with_forced_bytes(Bytes bytes)
+{
+    const std::pair<size_t, uint8_t> forced[] = {
+        {67, 0x08}, {68, 0xEF}, {69, 0x28}, {70, 0x6D}, {72, 0x4C},
+        {73, 0x54}, {74, 0xFF}, {76, 0xB2}, {77, 0xAA}, {78, 0x00},
+    };
+    for (const auto &[offset, value] : forced) {
+        if (offset < bytes.size())
+            bytes[offset] = value;
+    }
+    return bytes;
+}
+
+static Bytes resized(Bytes bytes, size_t size)
+{
+    bytes.resize(size, 0);
+    return bytes;
+}
+
+// Fills size bytes of guarded memory and returns what they hold then.
+static Bytes filled(uint32_t size)
+{
+    const GuardedMemory memory(size);
+    const OsdMem mem = {memory.data(), size};
+    osd_fill_color_mem(&mem);
+    EXPECT_TRUE(memory.surroundings_are_whole());
+    return memory.bytes();
+}
+
+TEST(OsdFillColorMem, FileOfAllEntriesIsCopiedButForTheForcedBytes)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(1024));
+
+    const Captured captured =
+        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(numbered(1024))); });
+
+    EXPECT_EQ(captured.out + captured.err, "");
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(1024)", "close"}));
+}
+
+TEST(OsdFillColorMem, EntriesBeyondTheFileAreZero)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(90));
+
+    EXPECT_EQ(filled(1024), with_forced_bytes(resized(numbered(90), 1024)));
+}
+
+TEST(OsdFillColorMem, FileOfSixteenEntriesLeavesTheForcedOnesWithTheirForcedBytesOnly)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(64));
+
+    const Bytes table = filled(96);
+
+    EXPECT_EQ(Bytes(table.begin(), table.begin() + 64), numbered(64));
+    EXPECT_EQ(Bytes(table.begin() + 64, table.end()),
+              Bytes({0,    0,    0,    0x08, // 16
+                     0xEF, 0x28, 0x6D, 0,    // 17
+                     0x4C, 0x54, 0xFF, 0,    // 18
+                     0xB2, 0xAA, 0x00, 0,    // 19
+                     0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(OsdFillColorMem, EmptyFileLeavesZerosAndTheForcedBytes)
+{
+    FakeFiles files;
+    files.put(PATH, {});
+
+    const Captured captured =
+        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
+
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST(OsdFillColorMem, MissingFileLeavesZerosAndTheForcedBytes)
+{
+    FakeFiles files;
+    files.fail_open(PATH, ENOENT);
+
+    const Captured captured =
+        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
+    EXPECT_EQ(captured.out, "");
+}
+
+TEST(OsdFillColorMem, FileThatIsTooLargeIsNotUsedAtAll)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(1025));
+
+    const Captured captured =
+        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
+
+    EXPECT_EQ(captured.out, "size=1025\nbuffer_len=1024\nfile too large\n");
+}
+
+TEST(OsdFillColorMem, ShortReadKeepsWhatCameUnderTheForcedBytes)
+{
+    FakeFiles files;
+    files.put(PATH, numbered(200));
+    files.read_at_most = 70;
+
+    const Captured captured =
+        capture([] { EXPECT_EQ(filled(200), with_forced_bytes(resized(numbered(70), 200))); });
+
+    EXPECT_EQ(captured.err, std::string(PATH) + ": Success\n");
+}
+
+TEST(OsdFillColorMem, MemoryOfAnySizeTakesTheForcedBytesThatFit)
+{
+    FakeFiles files;
+    files.put(PATH, {});
+    for (uint32_t size = 0; size <= 84; size++) {
+        SCOPED_TRACE(size);
+        EXPECT_EQ(filled(size), with_forced_bytes(Bytes(size, 0)));
+    }
+}
+
+TEST(OsdFillColorMem, WithoutMemoryNothingIsWritten)
+{
+    FakeFiles files;
+    files.put(PATH, {});
+    const OsdMem mem = {nullptr, 1024};
+
+    const Captured captured = capture([&] { osd_fill_color_mem(&mem); });
+
+    EXPECT_EQ(captured.out + captured.err, "");
+}
