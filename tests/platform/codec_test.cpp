@@ -1,0 +1,390 @@
+// The stand-in for the codec library, as a program sees it, on a board in the same process.
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+#include "codec/qm7codec.h"
+#include "server.h"
+
+using namespace simcam;
+
+namespace
+{
+
+// ---- what the notify callback was told
+
+std::mutex told_lock;
+std::condition_variable told_more;
+std::vector<PostNotifyInfo> told;
+std::thread::id told_by;
+
+void remember(PostNotifyInfo info)
+{
+    const std::lock_guard guard(told_lock);
+    told.push_back(info);
+    told_by = std::this_thread::get_id();
+    told_more.notify_all();
+}
+
+// Waits for report number index (0 is the first).
+PostNotifyInfo told_at(size_t index)
+{
+    std::unique_lock guard(told_lock);
+    if (!told_more.wait_for(guard, std::chrono::seconds(60), [&] { return told.size() > index; })) {
+        ADD_FAILURE() << "report " << index << " never came";
+        return {};
+    }
+    return told[index];
+}
+
+size_t lines_with(const char *path, const char *words)
+{
+    std::ifstream file(path);
+    size_t count = 0;
+    for (std::string line; std::getline(file, line);)
+        count += line.find(words) != std::string::npos ? 1u : 0u;
+    return count;
+}
+
+size_t threads()
+{
+    size_t count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/task"))
+        count += entry.path().empty() ? 0u : 1u;
+    return count;
+}
+
+// The code that a call fails with; 0 where it succeeds.
+template <typename Result> uint32_t code_of(Result result)
+{
+    return result == 0 ? 0 : static_cast<uint32_t>(errno);
+}
+
+#define EXPECT_FAILS(call, code) EXPECT_EQ(code_of(call), code)
+
+struct CodecTest : testing::Test {
+    std::string directory;
+    Board board;
+    std::shared_ptr<Server> server;
+
+    CodecTest()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "codec-XXXXXX").string();
+        directory = mkdtemp(name.data());
+        setenv("SIMCAM_RUN_DIR", directory.c_str(), 1);
+        EXPECT_TRUE(board_init(board, 1, 16));
+        start_server();
+        told.clear();
+    }
+    ~CodecTest() override
+    {
+        (void)qm7_cl_library_exit(); // fails where the test has done it already
+        server_stop(*server);
+        std::filesystem::remove_all(directory);
+    }
+    void start_server()
+    {
+        std::string error;
+        server = server_start(board, directory + "/socket", &error);
+        ASSERT_TRUE(server) << error;
+    }
+    uint32_t start_post(int post, uint32_t width = 1280, uint32_t height = 720)
+    {
+        EXPECT_EQ(board_start_post(board, post, width, height), "");
+        return board.post[static_cast<size_t>(post)].state.res_id;
+    }
+    static void open_session()
+    {
+        ASSERT_EQ(qm7_cl_library_init(), 0);
+        ASSERT_EQ(qm7_cl_sys_open_device(), 0);
+    }
+    // Opens plane 1 of the post, 132 x 24, and gives its memory.
+    static OsdMem plane_memory(uint32_t res_id, uint32_t *osd_id)
+    {
+        const OsdOpenParam param = {1, 132, 24, 2};
+        uint32_t size = 0, pitch = 0;
+        EXPECT_EQ(qm7_cl_post_open_osd(res_id, &param, &size, &pitch), 0);
+        EXPECT_EQ(pitch, 144u);
+        EXPECT_EQ(size, 144u * 24);
+        OsdMem mem = {};
+        EXPECT_EQ(qm7_cl_post_get_osd_mem(res_id, 1, osd_id, &mem), 0);
+        return mem;
+    }
+};
+
+struct CodecDeathTest : CodecTest {
+    CodecDeathTest()
+    {
+        GTEST_FLAG_SET(death_test_style, "threadsafe"); // the server's thread runs
+    }
+};
+
+} // namespace
+
+TEST_F(CodecTest, CallsBeforeInitialisationFail)
+{
+    OsdMem mem = {};
+    PostStatus status;
+    uint32_t word = 0;
+    const OsdOpenParam param = {0, 132, 24, 2};
+    EXPECT_FAILS(qm7_cl_library_exit(), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_sys_open_device(), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_notify_callback(remember), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_set_notify(15), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_get_osd_color_mem(&mem), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_set_osd_color(), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_thread_get_status(1, &status), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_open_osd(1, &param, &word, &word), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_clear_osd(1, 0), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_close_osd(1, 0), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_get_osd_mem(1, 0, &word, &mem), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_post_set_osd(1, 0, {0, 0}), CODEC_NOT_INITIALISED);
+}
+
+TEST_F(CodecTest, NullPointersAreRefused)
+{
+    open_session();
+    const uint32_t res_id = start_post(0);
+    OsdMem mem = {};
+    uint32_t word = 0;
+    EXPECT_FAILS(qm7_cl_post_notify_callback(nullptr), CODEC_BAD_ARGUMENT);
+    EXPECT_FAILS(qm7_cl_post_get_osd_color_mem(nullptr), CODEC_BAD_ARGUMENT);
+    EXPECT_FAILS(qm7_cl_post_thread_get_status(res_id, nullptr), CODEC_BAD_ARGUMENT);
+    EXPECT_FAILS(qm7_cl_post_open_osd(res_id, nullptr, &word, &word), CODEC_BAD_ARGUMENT);
+    EXPECT_FAILS(qm7_cl_post_get_osd_mem(res_id, 0, nullptr, &mem), CODEC_BAD_ARGUMENT);
+    EXPECT_FAILS(qm7_cl_post_get_osd_mem(res_id, 0, &word, nullptr), CODEC_BAD_ARGUMENT);
+}
+
+TEST_F(CodecTest, TheCallbackRunsOnAThreadOfTheLibrary)
+{
+    const uint32_t res_id = start_post(2);
+    open_session();
+    ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
+    ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
+
+    const PostNotifyInfo running = told_at(0);
+    EXPECT_EQ(running.post, 2u);
+    EXPECT_EQ(running.post_res_id, res_id);
+    EXPECT_EQ(running.running, 1u);
+    EXPECT_NE(told_by, std::this_thread::get_id());
+
+    EXPECT_EQ(board_stop_post(board, 2), "");
+    EXPECT_EQ(told_at(1).running, 0u);
+    const uint32_t again = start_post(2, 720, 480);
+    EXPECT_EQ(told_at(2).post_res_id, again);
+    PostStatus status = {};
+    ASSERT_EQ(qm7_cl_post_thread_get_status(again, &status), 0);
+    EXPECT_EQ(status.width, 720);
+    EXPECT_EQ(status.height, 480);
+    EXPECT_FAILS(qm7_cl_post_thread_get_status(res_id, &status), CODEC_POST_NOT_RUNNING);
+}
+
+static std::atomic<int32_t> called_back_result = 1;
+
+TEST_F(CodecTest, TheCallbackMayCallTheLibrary)
+{
+    start_post(0);
+    open_session();
+    called_back_result = 1;
+    const auto ask = [](PostNotifyInfo info) {
+        PostStatus status;
+        called_back_result = qm7_cl_post_thread_get_status(info.post_res_id, &status);
+        remember(info);
+    };
+    ASSERT_EQ(qm7_cl_post_notify_callback(ask), 0);
+    ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
+
+    told_at(0);
+    EXPECT_EQ(called_back_result, 0);
+}
+
+TEST_F(CodecTest, ExitEndsTheThreadAndGivesTheMemoryBack)
+{
+    const size_t threads_before = threads();
+    for (int i = 0; i < 20; i++) {
+        const uint32_t res_id = start_post(0);
+        open_session();
+        ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
+        ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
+        OsdMem colours = {};
+        uint32_t osd_id = 0;
+        ASSERT_EQ(qm7_cl_post_get_osd_color_mem(&colours), 0);
+        EXPECT_EQ(colours.size, 1024u);
+        plane_memory(res_id, &osd_id);
+        ASSERT_EQ(qm7_cl_library_exit(), 0);
+    }
+    EXPECT_EQ(threads(), threads_before);
+    // What is mapped now is the board's: its colours and the last plane's one buffer.
+    EXPECT_EQ(lines_with("/proc/self/maps", "memfd:simcam"), 2u);
+}
+
+TEST_F(CodecTest, ReopenedPlanesDoNotPileUpMappings)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    for (int i = 0; i < 50; i++) {
+        uint32_t osd_id = 0;
+        const OsdMem mem = plane_memory(res_id, &osd_id);
+        std::memset(mem.addr, 1, mem.size);
+        EXPECT_EQ(qm7_cl_post_clear_osd(res_id, 1), 0);
+        EXPECT_EQ(qm7_cl_post_close_osd(res_id, 1), 0);
+    }
+    EXPECT_LE(lines_with("/proc/self/maps", "memfd:simcam"), 3u); // colours, the last buffer twice
+}
+
+TEST_F(CodecTest, DrawnMemoryIsSeenWhenItIsShownAndNotBefore)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    uint32_t osd_id = 0;
+    const OsdMem mem = plane_memory(res_id, &osd_id);
+    EXPECT_EQ(mem.size, 144u * 24);
+    std::memset(mem.addr, 17, mem.size);
+    EXPECT_TRUE(board_plane_image(board, 0, 1).bytes.empty());
+
+    ASSERT_EQ(qm7_cl_post_set_osd(res_id, osd_id, {30, 40}), 0);
+    const PlaneImage image = board_plane_image(board, 0, 1);
+    EXPECT_EQ(image.bytes, std::vector<uint8_t>(144 * 24, 17));
+    EXPECT_EQ(image.state.x, 30u);
+    EXPECT_EQ(image.state.y, 40u);
+
+    OsdMem next = {};
+    uint32_t next_id = 0;
+    ASSERT_EQ(qm7_cl_post_get_osd_mem(res_id, 1, &next_id, &next), 0);
+    EXPECT_NE(next.addr, mem.addr);
+    EXPECT_NE(next_id, osd_id);
+    std::memset(next.addr, 0, next.size);
+    EXPECT_EQ(board_plane_image(board, 0, 1).bytes, std::vector<uint8_t>(144 * 24, 17));
+}
+
+TEST_F(CodecDeathTest, TheByteBehindPlaneMemoryFaults)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    uint32_t osd_id = 0;
+    const OsdMem mem = plane_memory(res_id, &osd_id);
+    auto *bytes = static_cast<volatile uint8_t *>(mem.addr);
+    bytes[mem.size - 1] = 1;
+
+    EXPECT_DEATH(bytes[mem.size] = 1, "");
+}
+
+TEST_F(CodecDeathTest, TheByteBehindTheColoursFaults)
+{
+    open_session();
+    OsdMem mem = {};
+    ASSERT_EQ(qm7_cl_post_get_osd_color_mem(&mem), 0);
+    auto *bytes = static_cast<volatile uint8_t *>(mem.addr);
+    bytes[mem.size - 1] = 1;
+
+    EXPECT_DEATH(bytes[mem.size] = 1, "");
+}
+
+TEST_F(CodecTest, EveryCallCanFailWithTheCodeOfAFaultAndSucceedAgain)
+{
+    OsdMem mem = {};
+    uint32_t osd_id = 0, word = 0;
+    PostStatus status;
+    const uint32_t res_id = start_post(0);
+    const OsdOpenParam param = {1, 132, 24, 2};
+    const struct {
+        const char *name;
+        std::function<int32_t()> call;
+    } steps[] = {
+        {"qm7_cl_library_init", [&] { return qm7_cl_library_init(); }},
+        {"qm7_cl_sys_open_device", [&] { return qm7_cl_sys_open_device(); }},
+        {"qm7_cl_post_notify_callback", [&] { return qm7_cl_post_notify_callback(remember); }},
+        {"qm7_cl_post_set_notify", [&] { return qm7_cl_post_set_notify(15); }},
+        {"qm7_cl_post_get_osd_color_mem", [&] { return qm7_cl_post_get_osd_color_mem(&mem); }},
+        {"qm7_cl_post_set_osd_color", [&] { return qm7_cl_post_set_osd_color(); }},
+        {"qm7_cl_post_thread_get_status",
+         [&] { return qm7_cl_post_thread_get_status(res_id, &status); }},
+        {"qm7_cl_post_open_osd",
+         [&] { return qm7_cl_post_open_osd(res_id, &param, &word, &word); }},
+        {"qm7_cl_post_get_osd_mem",
+         [&] { return qm7_cl_post_get_osd_mem(res_id, 1, &osd_id, &mem); }},
+        {"qm7_cl_post_set_osd",
+         [&] {
+             return qm7_cl_post_set_osd(res_id, osd_id, {1, 1});
+         }},
+        {"qm7_cl_post_clear_osd", [&] { return qm7_cl_post_clear_osd(res_id, 1); }},
+        {"qm7_cl_post_close_osd", [&] { return qm7_cl_post_close_osd(res_id, 1); }},
+        {"qm7_cl_sys_close_device", [&] { return qm7_cl_sys_close_device(); }},
+        {"qm7_cl_library_exit", [&] { return qm7_cl_library_exit(); }},
+    };
+    for (const auto &step : steps) {
+        ASSERT_EQ(board_set_fault(board, {step.name, 0x81AB0001, 2, 0, 0}), "");
+        EXPECT_FAILS(step.call(), 0x81AB0001u) << step.name;
+        EXPECT_FAILS(step.call(), 0x81AB0001u) << step.name;
+        EXPECT_EQ(step.call(), 0) << step.name;
+    }
+}
+
+TEST_F(CodecTest, AFailedOpenLeavesThePitchAlone)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    const OsdOpenParam param = {1, 132, 24, 2};
+    uint32_t size = 5, pitch = 6;
+    board_set_fault(board, {"qm7_cl_post_open_osd", 0x81E03246, 1, 0, 0});
+    EXPECT_FAILS(qm7_cl_post_open_osd(res_id, &param, &size, &pitch), 0x81E03246u);
+    EXPECT_EQ(size, 5u);
+    EXPECT_EQ(pitch, 6u);
+}
+
+TEST_F(CodecTest, WhenTheCameraGoesCallsFailAtOnceAndTheNextSessionWorks)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    uint32_t osd_id = 0;
+    const OsdMem mem = plane_memory(res_id, &osd_id);
+
+    server_stop(*server);
+
+    EXPECT_FAILS(qm7_cl_post_set_osd(res_id, osd_id, {0, 0}), CODEC_NO_CAMERA);
+    EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NO_CAMERA);
+    std::memset(mem.addr, 1, mem.size); // still there to be drawn into
+    EXPECT_EQ(qm7_cl_library_exit(), 0);
+    EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
+    start_server();
+    open_session();
+}
+
+TEST_F(CodecTest, WithoutARunDirectoryInitialisationFails)
+{
+    unsetenv("SIMCAM_RUN_DIR");
+    EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
+    setenv("SIMCAM_RUN_DIR", std::string(200, 'x').c_str(), 1);
+    EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
+    setenv("SIMCAM_RUN_DIR", directory.c_str(), 1);
+    EXPECT_EQ(qm7_cl_library_init(), 0);
+    EXPECT_FAILS(qm7_cl_library_init(), CODEC_INITIALISED);
+}
+
+TEST_F(CodecTest, SeveralThreadsMayCallAtTheSameTime)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    std::atomic<int> failures = 0;
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; i++) {
+        callers.emplace_back([&] {
+            for (int n = 0; n < 200; n++) {
+                PostStatus status = {};
+                if (qm7_cl_post_thread_get_status(res_id, &status) != 0 || status.width != 1280)
+                    failures++;
+            }
+        });
+    }
+    for (std::thread &caller : callers)
+        caller.join();
+    EXPECT_EQ(failures, 0);
+}

@@ -1,0 +1,128 @@
+// Does to the camera device and the fixed paths what its arguments say, one after another, and
+// prints "ACTION RESULT ERRNO" for each; errno is 0 after success.
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "codec/qm7codec.h"
+
+static int camera = -1;
+
+static uint32_t word_at(const uint8_t *bytes)
+{
+    uint32_t word;
+    memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+static int read_measurement(unsigned long request, uint32_t *raw)
+{
+    uint8_t stats[244] = {};
+    const int result = ioctl(camera, request, stats);
+    *raw = word_at(stats + 64);
+    return result;
+}
+
+// Reads the first byte of a file by open; -1 where it cannot be opened.
+static int first_byte(const char *path)
+{
+    const int file = open(path, O_RDONLY);
+    uint8_t byte = 0;
+    if (file < 0 || read(file, &byte, 1) != 1)
+        return -1;
+    close(file);
+    return byte;
+}
+
+static int first_byte_of_stream(const char *path)
+{
+    FILE *file = fopen(path, "rb");
+    if (!file)
+        return -1;
+    const int byte = fgetc(file);
+    fclose(file);
+    return byte;
+}
+
+static int write_file(const char *path)
+{
+    const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0640);
+    const int result = file < 0 || write(file, "written", 7) != 7 ? -1 : 0;
+    if (file >= 0)
+        close(file);
+    return result;
+}
+
+// Returns the result; *extra is printed behind it where it is not negative.
+static int act(const std::string &action, const char *argument, long *extra)
+{
+    uint32_t config[23] = {0x028004FF, 0x016802CF};
+    uint32_t raw = 0;
+    struct stat status = {};
+    if (action == "open")
+        return (camera = open("/dev/cam", O_RDWR)) < 0 ? -1 : 0;
+    if (action == "open64")
+        return (camera = open64("/dev/cam", O_RDWR)) < 0 ? -1 : 0;
+    if (action == "openat")
+        return (camera = openat(AT_FDCWD, "/dev/cam", O_RDWR)) < 0 ? -1 : 0;
+    if (action == "config")
+        return ioctl(camera, 0x405C7000ul, config);
+    if (action == "read" || action == "read-negative") {
+        // A request kept in an int arrives sign-extended on 64-bit machines.
+        const int negative = static_cast<int>(0x80F47001u);
+        const int result = read_measurement(
+            action == "read" ? 0x80F47001ul : static_cast<unsigned long>(negative), &raw);
+        *extra = raw;
+        return result;
+    }
+    if (action == "ioctl-other")
+        return ioctl(camera, 0x80047002ul, config);
+    if (action == "ioctl-null")
+        return ioctl(camera, 0x80F47001ul, nullptr);
+    if (action == "plain-read")
+        return static_cast<int>(read(camera, config, sizeof config));
+    if (action == "is-device")
+        return fstat(camera, &status) == 0 && S_ISCHR(status.st_mode) ? 0 : -1;
+    if (action == "close")
+        return close(camera);
+    if (action == "byte")
+        return first_byte(argument);
+    if (action == "stream-byte")
+        return first_byte_of_stream(argument);
+    if (action == "write")
+        return write_file(argument);
+    if (action == "init")
+        return qm7_cl_library_init();
+    if (action == "wait-for")
+        while (access(argument, F_OK) != 0)
+            usleep(10000);
+    return 0;
+}
+
+int main(int count, char **arguments)
+{
+    for (int i = 1; i < count; i++) {
+        const std::string action = arguments[i];
+        const bool takes_path = action == "byte" || action == "stream-byte" || action == "write" ||
+                                action == "wait-for";
+        long extra = -1;
+        errno = 0;
+        const int result = act(action, takes_path ? arguments[++i] : nullptr, &extra);
+        printf("%s %d %d", action.c_str(), result, result < 0 ? errno : 0);
+        if (extra >= 0)
+            printf(" %ld", extra);
+        printf("\n");
+        fflush(stdout);
+    }
+    return 0;
+}
