@@ -1,0 +1,411 @@
+#include <cerrno>
+#include <csetjmp>
+#include <cstdarg>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/focus_measure.h"
+#include "capture.h"
+#include "fake_files.h"
+#include "product_state.h"
+
+static_assert(std::is_same_v<decltype(FocusState::current), std::atomic<uint32_t>>);
+static_assert(std::is_same_v<decltype(FocusState::peak), std::atomic<uint32_t>>);
+
+using Bytes = std::vector<uint8_t>;
+
+static constexpr unsigned long CONFIG = 0x405C7000;
+static constexpr unsigned long READ = 0x80F47001;
+
+// ---- the camera device -------------------------------------------------------------------------
+
+// One answer to a read request: a raw value, or a failure that leaves the record as it is.
+struct Reading {
+    uint32_t raw;
+    bool failed;
+};
+
+struct Request {
+    unsigned long number;
+    void *record;
+    Bytes bytes; // of the record, as it was when the request was made
+};
+
+struct FakeCamera {
+    std::deque<Reading> readings;
+    std::vector<Request> requests;
+    bool config_fails = false;
+    jmp_buf leave; // taken when the readings are at an end
+    bool can_leave = false;
+    int exit_status = -1;
+};
+
+static FakeCamera *camera;
+static constexpr int DEVICE = 77; // of tests that open none
+
+static constexpr int AT_AN_END = 1;
+static constexpr int EXITED = 2;
+
+extern "C" {
+
+int __wrap_ioctl(int device, unsigned long number, ...);
+void __wrap__exit(int status);
+
+int __wrap_ioctl(int, unsigned long number, ...)
+{
+    va_list arguments;
+    va_start(arguments, number);
+    uint8_t *record = va_arg(arguments, uint8_t *);
+    va_end(arguments);
+
+    const size_t size = (number >> 16) & 0x3FFF;
+    camera->requests.push_back({number, record, Bytes(record, record + size)});
+    if (number != READ)
+        return camera->config_fails ? -1 : 0;
+
+    if (camera->readings.empty()) {
+        camera->requests.pop_back();
+        if (camera->can_leave)
+            longjmp(camera->leave, AT_AN_END);
+        ADD_FAILURE() << "a read request too many";
+        return -1;
+    }
+    const Reading reading = camera->readings.front();
+    camera->readings.pop_front();
+    if (reading.failed) {
+        errno = EIO;
+        return -1;
+    }
+    memset(record, 0xEE, size); // byte 240 as well
+    memcpy(record + 64, &reading.raw, sizeof reading.raw);
+    return 0;
+}
+
+void __wrap__exit(int status)
+{
+    camera->exit_status = status;
+    longjmp(camera->leave, EXITED);
+}
+
+} // extern "C"
+
+class FocusMeasure : public testing::Test
+{
+  protected:
+    FocusMeasure()
+    {
+        reset_product_state();
+        camera = &fake;
+    }
+
+    ~FocusMeasure() override
+    {
+        camera = nullptr;
+        reset_product_state();
+    }
+
+    // One cycle with this raw value.
+    void read(uint32_t raw)
+    {
+        fake.readings.push_back({raw, false});
+        focus_measure_step(&state, DEVICE, &stats);
+    }
+
+    void fail_to_read()
+    {
+        fake.readings.push_back({0, true});
+        focus_measure_step(&state, DEVICE, &stats);
+    }
+
+    void expect(uint32_t current, uint32_t peak) const
+    {
+        EXPECT_EQ(state.current.load(), current);
+        EXPECT_EQ(state.peak.load(), peak);
+    }
+
+    FakeCamera fake;
+    FocusState state = {};
+    CamFocusStats stats = {};
+};
+
+// ---- configuration -----------------------------------------------------------------------------
+
+TEST_F(FocusMeasure, ConfigurationIsTheseWords)
+{
+    focus_measure_configure(DEVICE);
+
+    ASSERT_EQ(fake.requests.size(), 1u);
+    EXPECT_EQ(fake.requests[0].number, CONFIG);
+    Bytes expected(92, 0);
+    const Bytes head = {0xFF, 0x04, 0x80, 0x02, 0xCF, 0x02, 0x68, 0x01};
+    const Bytes limits = {0xFF, 0xFF, 0x3F, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0x3F,
+                          0xFF, 0x3F, 0xFF, 0x3F, 0xFF, 0x3F, 0xFF, 0x3F, 0x00, 0x00};
+    std::copy(head.begin(), head.end(), expected.begin());
+    std::copy(limits.begin(), limits.end(), expected.begin() + 56);
+    EXPECT_EQ(fake.requests[0].bytes, expected);
+}
+
+TEST_F(FocusMeasure, RefusedConfigurationGoesUnnoticed)
+{
+    fake.config_fails = true;
+
+    const Captured captured = capture([] { focus_measure_configure(DEVICE); });
+
+    EXPECT_EQ(captured.out + captured.err, "");
+    EXPECT_EQ(fake.requests.size(), 1u);
+}
+
+// ---- one cycle ---------------------------------------------------------------------------------
+
+TEST_F(FocusMeasure, CycleIsOneReadRequestOfTheGivenRecord)
+{
+    read(5000);
+
+    ASSERT_EQ(fake.requests.size(), 1u);
+    EXPECT_EQ(fake.requests[0].number, READ);
+    EXPECT_EQ(fake.requests[0].record, &stats);
+}
+
+TEST_F(FocusMeasure, Byte240IsZeroAtEachRequestAndTheOtherBytesStay)
+{
+    memset((void *)&stats, 0x33, sizeof stats);
+    read(5000); // fills the record with 0xEE
+    read(5000);
+
+    Bytes first(244, 0x33);
+    first[240] = 0;
+    EXPECT_EQ(fake.requests[0].bytes, first);
+    Bytes second(244, 0xEE);
+    second[64] = 5000 & 0xFF;
+    second[65] = 5000 >> 8;
+    second[66] = second[67] = 0;
+    second[240] = 0;
+    EXPECT_EQ(fake.requests[1].bytes, second);
+}
+
+TEST_F(FocusMeasure, ValueIsAHundredthOfTheRawOneCutOff)
+{
+    const std::pair<uint32_t, uint32_t> values[] = {{0, 0},
+                                                    {99, 0},
+                                                    {100, 1},
+                                                    {199, 1},
+                                                    {5099, 50},
+                                                    {0x80000000, 21474836},
+                                                    {0xFFFFFFFF, 42949672}};
+    for (const auto &[raw, value] : values) {
+        read(raw);
+        EXPECT_EQ(state.current.load(), value) << raw;
+    }
+}
+
+TEST_F(FocusMeasure, SmallChangesHoldThePeakAtZero)
+{
+    read(5000);
+    expect(50, 0);
+    read(5300);
+    expect(53, 0);
+    read(5600);
+    expect(56, 0);
+    EXPECT_EQ(peak_hold, 1);
+}
+
+TEST_F(FocusMeasure, JumpSetsThePeakInTheSameCycle)
+{
+    read(5000);
+    read(5300);
+    read(5600);
+    read(6200);
+    expect(62, 62);
+    EXPECT_EQ(peak_hold, 0);
+}
+
+TEST_F(FocusMeasure, PeakOnlyRises)
+{
+    read(5600);
+    read(6200);
+    read(4000);
+    expect(40, 62);
+    read(6200);
+    expect(62, 62);
+    read(6300);
+    expect(63, 63);
+    read(6299);
+    expect(62, 63);
+}
+
+TEST_F(FocusMeasure, ChangeOfFourHoldsUpwardsAndDownwards)
+{
+    read(5000);
+    read(5400);
+    read(5000);
+    read(4600);
+    read(5000);
+    expect(50, 0);
+    EXPECT_EQ(peak_hold, 1);
+}
+
+TEST_F(FocusMeasure, ChangeOfFiveEndsTheHoldUpwards)
+{
+    read(5000);
+    read(5500);
+    expect(55, 55);
+}
+
+TEST_F(FocusMeasure, ChangeOfFiveEndsTheHoldDownwardsInTheSameCycle)
+{
+    read(5000);
+    read(4500);
+    expect(45, 45);
+}
+
+TEST_F(FocusMeasure, DropToZeroEndsTheHold)
+{
+    read(500);
+    read(0);
+    expect(0, 0);
+    EXPECT_EQ(peak_hold, 0);
+    read(100);
+    expect(1, 1);
+}
+
+TEST_F(FocusMeasure, DropOfFourToZeroHolds)
+{
+    read(400);
+    read(0);
+    EXPECT_EQ(peak_hold, 1);
+}
+
+TEST_F(FocusMeasure, FirstReadingNeverEndsTheHold)
+{
+    read(90000);
+    expect(900, 0);
+    EXPECT_EQ(peak_hold, 1);
+}
+
+TEST_F(FocusMeasure, ReadingAfterAZeroNeverEndsTheHold)
+{
+    read(400);
+    read(99); // value 0
+    read(90000);
+    expect(900, 0);
+    EXPECT_EQ(peak_hold, 1);
+    read(90500);
+    expect(905, 905);
+}
+
+TEST_F(FocusMeasure, ChangeIsMeasuredFromTheReadingBefore)
+{
+    for (uint32_t raw = 1000; raw <= 20000; raw += 400)
+        read(raw); // 190 in all, never more than 4 at once
+    expect(198, 0);
+}
+
+TEST_F(FocusMeasure, HoldNeverComesBack)
+{
+    read(5000);
+    read(6000);
+    for (int i = 0; i < 100; i++)
+        read(6000);
+    read(0);
+    read(0);
+    EXPECT_EQ(peak_hold, 0);
+    read(6001);
+    expect(60, 60);
+    read(6100);
+    expect(61, 61);
+}
+
+TEST_F(FocusMeasure, LargestJumpsCountBothWays)
+{
+    read(0xFFFFFFFF);
+    read(100);
+    expect(1, 1);
+    read(0xFFFFFFFF);
+    expect(42949672, 42949672);
+}
+
+TEST_F(FocusMeasure, FailedRequestRepeatsTheValueWithoutAMessage)
+{
+    read(5000);
+    const Captured captured = capture([&] {
+        fail_to_read();
+        fail_to_read();
+    });
+
+    expect(50, 0);
+    EXPECT_EQ(fake.requests.size(), 3u);
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST_F(FocusMeasure, FailedRequestBeforeAnyReadingTakesTheRecordAsItIs)
+{
+    fail_to_read();
+
+    expect(0, 0);
+}
+
+// ---- the loop ----------------------------------------------------------------------------------
+
+// Runs the loop until the readings are at an end, or the process is.
+static int run(FakeCamera *fake, FocusState *state)
+{
+    fake->can_leave = true;
+    const int how = setjmp(fake->leave);
+    if (how == 0)
+        focus_measure_run(state);
+    return how;
+}
+
+TEST_F(FocusMeasure, LoopOpensConfiguresOnceAndReadsForEver)
+{
+    FakeFiles files;
+    files.put("/dev/cam", {});
+    fake.config_fails = true;
+    fake.readings = {{5000, false}, {0, true}, {6000, false}, {5900, false}};
+    int how = 0;
+
+    const Captured captured = capture([&] { how = run(&fake, &state); });
+
+    EXPECT_EQ(how, AT_AN_END);
+    EXPECT_EQ(files.calls, std::vector<std::string>({"open(/dev/cam, 2)"})); // O_RDWR, not closed
+    ASSERT_EQ(fake.requests.size(), 5u);
+    EXPECT_EQ(fake.requests[0].number, CONFIG);
+    for (size_t i = 1; i < 5; i++) {
+        EXPECT_EQ(fake.requests[i].number, READ);
+        EXPECT_EQ(fake.requests[i].record, fake.requests[1].record);
+        EXPECT_EQ(fake.requests[i].bytes[240], 0);
+    }
+    expect(59, 60);
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST_F(FocusMeasure, RecordBeginsAsZeros)
+{
+    FakeFiles files;
+    files.put("/dev/cam", {});
+    fake.readings = {{0, true}};
+
+    EXPECT_EQ(run(&fake, &state), AT_AN_END);
+
+    EXPECT_EQ(fake.requests[1].bytes, Bytes(244, 0));
+    expect(0, 0);
+}
+
+TEST_F(FocusMeasure, DeviceThatCannotBeOpenedEndsTheProcessSilently)
+{
+    FakeFiles files;
+    files.fail_open("/dev/cam", ENODEV);
+    int how = 0;
+
+    const Captured captured = capture([&] { how = run(&fake, &state); });
+
+    EXPECT_EQ(how, EXITED);
+    EXPECT_EQ(fake.exit_status, 1);
+    EXPECT_EQ(fake.requests.size(), 0u);
+    EXPECT_EQ(captured.out + captured.err, "");
+}
