@@ -11,6 +11,9 @@ target_compile_options(focus_options INTERFACE
     -Wcast-align -Wcast-qual -Wnull-dereference -Wdouble-promotion
     # A fused multiply-add rounds once instead of twice and moves columns of the bar.
     -ffp-contract=off)
+# The same sources give the same bytes in every folder.
+target_compile_options(focus_options INTERFACE
+    -ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
 if(FOCUS_WERROR)
     target_compile_options(focus_options INTERFACE -Werror)
 endif()
