@@ -1,0 +1,117 @@
+#!/bin/sh
+# What is installed and packaged: files_test.sh CLAIM SOURCE BUILD VERSION ARCHITECTURE.
+# Exit status 77: skipped.
+set -eu
+claim=$1 source=$2 build=$3 version=$4 architecture=$5
+
+box=$(mktemp -d)
+trap 'rm -rf "$box"' EXIT
+fail() { echo "$claim: $*" >&2; exit 1; }
+need() { command -v "$1" >/dev/null || { echo "skipped: $1 is not installed"; exit 77; }; }
+same() { [ "$1" = "$2" ] || fail "there is:
+$1
+wanted:
+$2"; }
+files() { (cd "$1" && find . ! -type d | sort); }
+
+# The paths that the program has built in, and the executable.
+camera_files="./usr/local/bin/focus_assist
+./usr/local/morvel/app/conf/data/osd/osd_def_color.plt
+./usr/local/morvel/import/font/dejavu/LICENSE
+./usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf"
+
+case $claim in
+    layout)
+        DESTDIR=$box/stage cmake --install "$build" >"$box/log"
+        same "$(files "$box/stage")" "$camera_files"
+        cmp "$box/stage/usr/local/morvel/app/conf/data/osd/osd_def_color.plt" \
+            "$build/data/osd_def_color.plt"
+        font=$box/stage/usr/local/morvel/import/font/dejavu
+        [ "$(od -A n -t x1 -N 4 "$font/font/DejaVuSansMono.ttf" | tr -d ' ')" = 00010000 ] ||
+            fail "the font is not a TrueType file"
+        grep -q "Bitstream Vera" "$font/LICENSE" || fail "the licence is not that of the font"
+        ! LC_ALL=C grep -q "$build" "$box/stage/usr/local/bin/focus_assist" ||
+            fail "the executable names the build folder"
+        DESTDIR=$box/busybox cmake --install "$build" --component busybox >"$box/log"
+        same "$(files "$box/busybox")" ./etc/init.d/S80focus_assist
+        [ -x "$box/busybox/etc/init.d/S80focus_assist" ] || fail "the init script cannot be run"
+        DESTDIR=$box/systemd cmake --install "$build" --component systemd >"$box/log"
+        same "$(files "$box/systemd")" ./usr/lib/systemd/system/focus-assist.service
+        ;;
+    prefix)
+        cmake --install "$build" --prefix "$box/elsewhere" >"$box/log"
+        same "$(files "$box/elsewhere" | sed 's,^\./,./usr/local/,')" "$camera_files"
+        ;;
+    packages)
+        need dpkg-deb
+        (cd "$build" && cpack -B "$box/packages") >"$box/log" || fail "$(cat "$box/log")"
+        deb=$(echo "$box"/packages/focus-assist-"$version"-*.deb)
+        archive=$(echo "$box"/packages/focus-assist-"$version"-*.tar.gz)
+        [ "$architecture" != native ] || architecture=$(dpkg --print-architecture)
+        same "$(dpkg-deb -f "$deb" Package Version Architecture)" "Package: focus-assist
+Version: $version
+Architecture: $architecture"
+        dpkg-deb -x "$deb" "$box/deb"
+        same "$(files "$box/deb")" "./usr/lib/systemd/system/focus-assist.service
+$camera_files"
+        mkdir "$box/archive"
+        tar xzf "$archive" -C "$box/archive"
+        same "$(files "$box/archive")" "./etc/init.d/S80focus_assist
+$camera_files"
+        ;;
+    version)
+        need strings
+        heading=$(sed -n '/^## [0-9]/{s/^## \([0-9.]*\).*/\1/p;q}' "$source/CHANGELOG.md")
+        same "$heading" "$version"
+        DESTDIR=$box/stage cmake --install "$build" --strip >"$box/log"
+        strings "$box/stage/usr/local/bin/focus_assist" | grep -qx "focus_assist $version" ||
+            fail "the stripped executable does not tell its version"
+        ;;
+    buildroot)
+        need make
+        # What Buildroot gives to a package file, as far as this one uses it.
+        cat >"$box/Makefile" <<'END'
+qstrip = $(strip $(subst ",,$(1)))
+HOSTCXX = host-c++
+BR2_PACKAGE_FOCUS_ASSIST_CODEC_LIBRARY = "/stage/libqm7codec.so.2.0"
+BR2_PACKAGE_FOCUS_ASSIST_FONT = "/fonts/DejaVuSansMono.ttf"
+cmake-package = $(info is a cmake-package)
+include $(BR2_EXTERNAL_FOCUS_ASSIST_PATH)/external.mk
+all:
+	@echo "$(FOCUS_ASSIST_VERSION)"
+	@echo "$(FOCUS_ASSIST_SITE)"
+	@echo "$(FOCUS_ASSIST_CONF_OPTS)"
+END
+        make -s -f "$box/Makefile" BR2_EXTERNAL_FOCUS_ASSIST_PATH="$source/packaging/buildroot" \
+            >"$box/said" 2>&1 || fail "$(cat "$box/said")"
+        grep -qx "is a cmake-package" "$box/said" || fail "not evaluated: $(cat "$box/said")"
+        grep -qx "$version" "$box/said" || fail "version: $(cat "$box/said")"
+        grep -qx "$(realpath "$source")" "$box/said" || fail "site: $(cat "$box/said")"
+        grep -q -- "-DFOCUS_CODEC_LIBRARY=/stage/libqm7codec.so.2.0 " "$box/said" ||
+            fail "options: $(cat "$box/said")"
+        ;;
+    openembedded)
+        layer=$source/packaging/openembedded
+        recipe=$layer/recipes-multimedia/focus-assist/focus-assist.bb
+        # Every option that a recipe passes exists, and every file of the layout is packaged.
+        # shellcheck disable=SC2013 # no option holds a blank
+        for option in $(cat "$recipe" "$source"/packaging/buildroot/package/*/*.mk |
+            grep -o 'DFOCUS_[A-Z_]*' | sed 's/^D//' | sort -u); do
+            grep -rqw "$option" "$source/CMakeLists.txt" "$source/packaging/CMakeLists.txt" \
+                "$source/tools/focus_palette/CMakeLists.txt" || fail "no option $option"
+        done
+        for folder in /usr/local/bin /usr/local/morvel /usr/lib/systemd/system; do
+            grep -q "^FILES:.*$folder" "$recipe" || fail "$folder is in no package"
+        done
+        sed -n '/^def focus_assist_version/,/^$/p' "$recipe" >"$box/version.py"
+        cat >>"$box/version.py" <<'END'
+import sys
+class Data:
+    def getVar(self, name):
+        return {'FOCUS_ASSIST_LAYER': sys.argv[1]}[name]
+print(focus_assist_version(Data()))
+END
+        same "$(python3 "$box/version.py" "$layer")" "$version"
+        ;;
+    *) fail "no such claim" ;;
+esac
