@@ -37,6 +37,7 @@ static void fill(const Sheet &sheet, const std::vector<cv::Point2d> &corners,
                  const cv::Scalar &color)
 {
     std::vector<cv::Point> points;
+    points.reserve(corners.size());
     for (const cv::Point2d &corner : corners)
         points.push_back(at(sheet, corner.x, corner.y));
     cv::fillConvexPoly(sheet.picture, points, color, cv::LINE_AA, SUB);

@@ -134,13 +134,13 @@ static void disc_first_line(const cv::Mat &padded, const Disc &disc, int margin,
 {
     std::fill(sums->begin(), sums->end(), 0);
     for (int dy = -disc.radius; dy <= disc.radius; dy++) {
-        const auto *line = padded.ptr<int16_t>(margin + dy) + margin * CHANNELS;
+        const auto *line = padded.ptr<int16_t>(margin + dy) + ptrdiff_t{margin} * CHANNELS;
         for (int dx = -disc.radius; dx <= disc.radius; dx++) {
             const int weight =
                 disc.weight[static_cast<size_t>(std::abs(dy))][static_cast<size_t>(std::abs(dx))];
             if (weight == 0)
                 continue;
-            const int16_t *from = line + dx * CHANNELS;
+            const int16_t *from = line + ptrdiff_t{dx} * CHANNELS;
             for (size_t i = 0; i < sums->size(); i++)
                 (*sums)[i] += weight * from[i];
         }
@@ -184,14 +184,14 @@ static void disc_next_line(const std::vector<RimReads> &reads,
 static void disc_rim_reads(const cv::Mat &padded, const std::vector<RimPair> &rim, int margin,
                            int line, std::vector<RimReads> *reads)
 {
+    const ptrdiff_t left = ptrdiff_t{margin} * CHANNELS;
     for (size_t pair = 0; pair < rim.size(); pair++) {
-        for (int k = 0; k < 2; k++) {
-            const int dx = rim[pair].dx[k] * CHANNELS;
+        for (size_t k = 0; k < 2; k++) {
+            const ptrdiff_t dx = ptrdiff_t{rim[pair].dx[k]} * CHANNELS;
             const int dy = rim[pair].dy[k];
-            const int16_t *low = padded.ptr<int16_t>(margin + line + dy) + margin * CHANNELS;
-            const int16_t *high = padded.ptr<int16_t>(margin + line - 1 - dy) + margin * CHANNELS;
-            (*reads)[2 * pair + static_cast<size_t>(k)] = {low + dx, low - dx, high + dx,
-                                                           high - dx};
+            const int16_t *low = padded.ptr<int16_t>(margin + line + dy) + left;
+            const int16_t *high = padded.ptr<int16_t>(margin + line - 1 - dy) + left;
+            (*reads)[2 * pair + k] = {low + dx, low - dx, high + dx, high - dx};
         }
     }
 }

@@ -112,7 +112,7 @@ static void print_output(Camera &camera, const std::string &title)
     for (const OutputChunk &chunk : camera_output(camera, 0, 4096))
         text += chunk.bytes;
     if (text.size() > 1200)
-        text = text.substr(0, 800) + "\n[...]\n" + text.substr(text.size() - 400);
+        text.replace(800, text.size() - 1200, "\n[...]\n");
     std::printf("---- %s\n%s\n", title.c_str(), text.c_str());
 }
 
@@ -120,7 +120,7 @@ static void print_output(Camera &camera, const std::string &title)
 
 static cv::Mat output_picture(Camera &camera)
 {
-    const cv::Mat picture = camera_picture(camera, 0, true);
+    cv::Mat picture = camera_picture(camera, 0, true);
     if (picture.empty())
         fail("the output is off");
     return picture;
