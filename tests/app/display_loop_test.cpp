@@ -1,0 +1,953 @@
+// Passes of the display thread on a scripted codec library, with the real font. The drawing calls
+// are noted on their way; one step that never fails by itself can be told to.
+
+#include "app/display_loop.h"
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "app/focus_measure.h"
+#include "capture.h"
+#include "draw/painter.h"
+#include "fake_codec.h"
+#include "fake_files.h"
+#include "font/font_engine.h"
+#include "osd/osd_session.h"
+
+using Bytes = std::vector<uint8_t>;
+using Strings = std::vector<std::string>;
+
+static const char PALETTE[] = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
+static const char FONT[] = "/usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf";
+
+static constexpr uint32_t REFUSED = 0x81E03246;
+static constexpr uint32_t OTHER = 0x81E0ABCD;
+
+// ---- calls on their way ------------------------------------------------------------------------
+
+struct BarCall {
+    uint32_t postResId;
+    int32_t number;
+    DrawRect rect;
+    int32_t percent;
+};
+
+struct StringCall {
+    uint32_t postResId;
+    uint32_t number;
+    FontEngine *engine;
+    DrawRect target;
+    int32_t current;
+    int32_t peak;
+    int32_t percent;
+};
+
+struct ParamCall {
+    const DrawParams *params;
+    const PostGeometry *geometry;
+    std::string font_path;
+    uint32_t spare;
+    const OsdRegion *regions;
+};
+
+struct Script {
+    Strings font_calls; // beside the number of library calls made before
+    FT_Error font_error = 0;
+    int failing_engine = -1; // whose face cannot be had
+
+    std::vector<BarCall> bars;
+    std::vector<StringCall> strings;
+    std::vector<ParamCall> params;
+    const DrawParams *failing_params = nullptr;
+    std::function<void()> after_bar; // between the two drawing calls
+
+    std::vector<useconds_t> sleeps;
+    std::vector<size_t> library_calls_at_sleep;
+    size_t sleeps_allowed = 0;
+    jmp_buf leave;
+
+    FakeCodec *codec = nullptr;
+};
+
+static Script *script;
+
+extern "C" {
+
+FT_Error __real_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
+FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
+int __wrap_usleep(useconds_t microseconds);
+int __wrap_ioctl(int device, unsigned long number, uint32_t *record);
+
+// The C++ functions by the names that the linker knows them by.
+#define INIT_DRAW_PARAM _Z15init_draw_paramP10DrawParamsPK12PostGeometryPKcjP9OsdRegion
+#define SHOW_BAR _Z8show_barjiPK8DrawRecti
+#define SHOW_STRING _Z11show_stringjjP10FontEnginePK8DrawRectiii
+#define REAL(name) REAL_2(name)
+#define REAL_2(name) __real_##name
+#define WRAP(name) WRAP_2(name)
+#define WRAP_2(name) __wrap_##name
+
+int32_t REAL(INIT_DRAW_PARAM)(DrawParams *, const PostGeometry *, const char *, uint32_t,
+                              OsdRegion *);
+int32_t WRAP(INIT_DRAW_PARAM)(DrawParams *, const PostGeometry *, const char *, uint32_t,
+                              OsdRegion *);
+int32_t REAL(SHOW_BAR)(uint32_t, int32_t, const DrawRect *, int32_t);
+int32_t WRAP(SHOW_BAR)(uint32_t, int32_t, const DrawRect *, int32_t);
+int32_t REAL(SHOW_STRING)(uint32_t, uint32_t, FontEngine *, const DrawRect *, int32_t, int32_t,
+                          int32_t);
+int32_t WRAP(SHOW_STRING)(uint32_t, uint32_t, FontEngine *, const DrawRect *, int32_t, int32_t,
+                          int32_t);
+
+FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face)
+{
+    script->font_calls.push_back(std::string(path) + ", " + std::to_string(index) + ", after " +
+                                 std::to_string(script->codec->calls.size()));
+    if ((int)script->font_calls.size() == script->failing_engine + 1)
+        return FT_Err_Cannot_Open_Resource;
+    return __real_FT_New_Face(library, TEST_FONT_PATH, index, face);
+}
+
+int __wrap_usleep(useconds_t microseconds)
+{
+    script->sleeps.push_back(microseconds);
+    script->library_calls_at_sleep.push_back(script->codec->calls.size());
+    if (script->sleeps.size() > script->sleeps_allowed)
+        longjmp(script->leave, 1);
+    return 0;
+}
+
+// The camera device of the test with threads: ever new values, always above the hold.
+int __wrap_ioctl(int, unsigned long number, uint32_t *record)
+{
+    static uint32_t readings;
+    if (number == 0x80F47001)
+        record[16] = 10000 + readings++ % 100 * 500; // 100 to 595
+    return 0;
+}
+
+int32_t WRAP(INIT_DRAW_PARAM)(DrawParams *params, const PostGeometry *geometry,
+                              const char *font_path, uint32_t spare, OsdRegion *regions)
+{
+    script->params.push_back({params, geometry, font_path, spare, regions});
+    if (params == script->failing_params)
+        return -14;
+    return REAL(INIT_DRAW_PARAM)(params, geometry, font_path, spare, regions);
+}
+
+int32_t WRAP(SHOW_BAR)(uint32_t postResId, int32_t number, const DrawRect *rect, int32_t percent)
+{
+    script->bars.push_back({postResId, number, *rect, percent});
+    const int32_t result = REAL(SHOW_BAR)(postResId, number, rect, percent);
+    if (script->after_bar)
+        script->after_bar();
+    return result;
+}
+
+int32_t WRAP(SHOW_STRING)(uint32_t postResId, uint32_t number, FontEngine *engine,
+                          const DrawRect *target, int32_t current, int32_t peak, int32_t percent)
+{
+    script->strings.push_back({postResId, number, engine, *target, current, peak, percent});
+    return REAL(SHOW_STRING)(postResId, number, engine, target, current, peak, percent);
+}
+
+} // extern "C"
+
+// ---- the scene ---------------------------------------------------------------------------------
+
+// Four outputs that can start, ids 100 to 103: two of 1920 x 1080, 1280 x 720, 720 x 480,
+// 352 x 240.
+class DisplayLoop : public testing::Test
+{
+  protected:
+    DisplayLoop()
+    {
+        script = &noted;
+        noted.codec = &codec;
+        files.put(PALETTE, Bytes(1024, 0x5A));
+        codec.set_status(100, 1920, 1080);
+        codec.set_status(101, 1280, 720);
+        codec.set_status(102, 720, 480);
+        codec.set_status(103, 352, 240);
+    }
+
+    ~DisplayLoop() override
+    {
+        EXPECT_TRUE(codec.surroundings_are_whole());
+        script = nullptr;
+    }
+
+    // A display thread that has started, and the calls of its start forgotten.
+    void start_display()
+    {
+        display_start(display.get());
+        codec.take_calls();
+    }
+
+    Captured pass()
+    {
+        noted.bars.clear();
+        noted.strings.clear();
+        noted.params.clear();
+        codec.shown.clear();
+        return capture([&] { display_pass(&state, display.get()); });
+    }
+
+    // A pass that says nothing. Returns its library calls.
+    Calls quiet_pass()
+    {
+        codec.take_calls();
+        const Captured captured = pass();
+        EXPECT_EQ(captured.out, "");
+        EXPECT_EQ(captured.err, "");
+        return codec.take_calls();
+    }
+
+    // The posts that were drawn on in the last pass, by id, bar and text of each.
+    std::vector<uint32_t> bars_drawn() const
+    {
+        std::vector<uint32_t> ids;
+        for (const BarCall &bar : noted.bars)
+            ids.push_back(bar.postResId);
+        return ids;
+    }
+
+    std::vector<uint32_t> texts_drawn() const
+    {
+        std::vector<uint32_t> ids;
+        for (const StringCall &text : noted.strings)
+            ids.push_back(text.postResId);
+        return ids;
+    }
+
+    FakeCodec codec;
+    FakeFiles files;
+    Script noted;
+    FocusState state = {};
+    std::unique_ptr<DisplayState> display = std::make_unique<DisplayState>();
+};
+
+using Ids = std::vector<uint32_t>;
+
+// ---- percentage --------------------------------------------------------------------------------
+
+TEST(FocusPercent, IsZeroWithoutAPeak)
+{
+    EXPECT_EQ(focus_percent_of(0, 0), 0u);
+    EXPECT_EQ(focus_percent_of(50, 0), 0u);
+    EXPECT_EQ(focus_percent_of(0xFFFFFFFF, 0), 0u);
+}
+
+TEST(FocusPercent, IsCutOffNotRounded)
+{
+    EXPECT_EQ(focus_percent_of(84, 99), 84u); // 84.85
+    EXPECT_EQ(focus_percent_of(85, 100), 85u);
+    EXPECT_EQ(focus_percent_of(1, 3), 33u);
+    EXPECT_EQ(focus_percent_of(2, 3), 66u);
+    EXPECT_EQ(focus_percent_of(0, 7), 0u);
+}
+
+TEST(FocusPercent, IsNotLimitedToAHundred)
+{
+    EXPECT_EQ(focus_percent_of(120, 100), 120u);
+    EXPECT_EQ(focus_percent_of(1000000, 1), 100000000u);
+}
+
+TEST(FocusPercent, WrapsIn32BitsUnsigned)
+{
+    EXPECT_EQ(focus_percent_of(42949672, 1), 4294967200u); // the last that does not wrap
+    EXPECT_EQ(focus_percent_of(42949673, 1), 4u);          // 2 to the 32nd and 4
+    EXPECT_EQ(focus_percent_of(30000000, 30000000), 100u); // 3000000000: beyond signed
+    EXPECT_EQ(focus_percent_of(42949673, 42949673), 0u);
+}
+
+// ---- start -------------------------------------------------------------------------------------
+
+TEST_F(DisplayLoop, StartZeroesTheRecordsAndNumbersThePlanes)
+{
+    memset((void *)display.get(), 0xA5, sizeof *display);
+
+    display_start(display.get());
+
+    auto expected = std::make_unique<DisplayState>();
+    memset((void *)expected.get(), 0, sizeof *expected);
+    for (PostState &post : expected->posts) {
+        for (uint32_t number = 0; number < 4; number++)
+            post.planes[number].number = number;
+    }
+    EXPECT_EQ(memcmp(display.get(), expected.get(), sizeof *display), 0);
+}
+
+TEST_F(DisplayLoop, StartOpensTheSessionBeforeTheFontEngines)
+{
+    const Captured captured = capture([&] { display_start(display.get()); });
+
+    EXPECT_EQ(codec.calls,
+              Calls({"qm7_cl_library_init()", "qm7_cl_sys_open_device()",
+                     "qm7_cl_post_notify_callback(callback)", "qm7_cl_post_set_notify(15)",
+                     "qm7_cl_post_get_osd_color_mem()", "qm7_cl_post_set_osd_color()"}));
+    EXPECT_EQ(noted.font_calls, Strings(4, std::string(FONT) + ", 0, after 6"));
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST_F(DisplayLoop, StartGoesOnWithoutASession)
+{
+    codec.fail("qm7_cl_sys_open_device", OTHER);
+
+    const Captured captured = capture([&] { display_start(display.get()); });
+    const Calls calls = codec.take_calls();
+    const Captured idle = pass();
+
+    EXPECT_EQ(calls, Calls({"qm7_cl_library_init()", "qm7_cl_sys_open_device()",
+                            "qm7_cl_library_exit()"}));
+    EXPECT_EQ(noted.font_calls.size(), 4u);
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_sys_open_device() failed. "
+                            "errno=0x81E0ABCD(OSD_Library_Process)\n"); // nothing added to it
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(codec.calls, Calls());
+    EXPECT_EQ(idle.out + idle.err, "");
+}
+
+TEST_F(DisplayLoop, MissingFontIsReportedByEachLevelAndTheNameStandsOnItsOwnLine)
+{
+    noted.failing_engine = 0;
+
+    const Captured captured = capture([&] { display_start(display.get()); });
+
+    EXPECT_EQ(captured.err, std::string("ERR:#qm7osd:[(null)]=New_Face error. font file: ") + FONT +
+                                "(font_init_engine)\n"
+                                "ERR:#qm7osd:[(null)]=font_init_engine() failed(osd_init_font)\n"
+                                "ERR:#qm7osd:[(null)]=osd_init_font() failed\n"
+                                "(osd_Focus_Assist_run)\n");
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(noted.font_calls.size(), 1u);
+}
+
+TEST_F(DisplayLoop, BarIsDrawnWithoutAFontAndTheTextFailsPassAfterPass)
+{
+    noted.failing_engine = 1; // that of 1280: of the engines only the first lives
+    capture([&] { start_display(); });
+    codec.start(1, 101);
+
+    for (int i = 0; i < 3; i++) {
+        const Captured captured = pass();
+
+        EXPECT_EQ(bars_drawn(), Ids({101}));
+        ASSERT_EQ(codec.shown.size(), 1u);
+        EXPECT_EQ(codec.shown[0].number, 0);
+        EXPECT_EQ(captured.out, "show_string() failed\n");
+        EXPECT_NE(captured.err.find("=get target bitmap failed(show_string)\n"), std::string::npos);
+    }
+}
+
+// ---- a pass ------------------------------------------------------------------------------------
+
+TEST_F(DisplayLoop, IdlePassCallsNothingAndSaysNothing)
+{
+    start_display();
+
+    EXPECT_EQ(quiet_pass(), Calls());
+
+    EXPECT_EQ(noted.params.size(), 0u);
+}
+
+TEST_F(DisplayLoop, PostThatStartedIsDrawnInTheSamePassBarBeforeText)
+{
+    start_display();
+    codec.start(1, 101);
+
+    const Calls calls = quiet_pass();
+
+    // Text: 42 lines above the bar; 21 cells of 22 pixels centred over it: 400 + (480 - 462) / 2.
+    EXPECT_EQ(
+        calls,
+        Calls({"qm7_cl_post_thread_get_status(101)", "qm7_cl_post_open_osd(101, {0, 480, 72, 2})",
+               "qm7_cl_post_get_osd_mem(101, 0)", "qm7_cl_post_set_osd(101, 1001, {400, 576})",
+               "qm7_cl_post_open_osd(101, {1, 480, 72, 2})", "qm7_cl_post_get_osd_mem(101, 1)",
+               "qm7_cl_post_set_osd(101, 1002, {409, 534})"}));
+    EXPECT_EQ(display->posts[1].geometry.valid, 1u);
+    EXPECT_EQ(display->posts[1].geometry.width, 1280u);
+    EXPECT_EQ(display->posts[1].geometry.height, 720u);
+    EXPECT_EQ(post_notify_state.started_mask, 0);
+}
+
+TEST_F(DisplayLoop, LaterPassesFetchAndShowEachPlaneAgainWithoutOpeningIt)
+{
+    start_display();
+    codec.start(1, 101);
+    quiet_pass();
+
+    for (uint32_t id = 1003; id < 1009; id += 2) {
+        EXPECT_EQ(quiet_pass(),
+                  Calls({"qm7_cl_post_get_osd_mem(101, 0)",
+                         "qm7_cl_post_set_osd(101, " + std::to_string(id) + ", {400, 576})",
+                         "qm7_cl_post_get_osd_mem(101, 1)",
+                         "qm7_cl_post_set_osd(101, " + std::to_string(id + 1) + ", {409, 534})"}));
+    }
+}
+
+TEST_F(DisplayLoop, PostsAreDrawnInOrderWhateverTheOrderOfTheirReports)
+{
+    start_display();
+    for (const uint32_t post : {2u, 0u, 3u, 1u})
+        codec.start(post, 100 + post);
+
+    const Calls calls = quiet_pass();
+
+    EXPECT_EQ(bars_drawn(), Ids({100, 101, 102, 103}));
+    EXPECT_EQ(texts_drawn(), Ids({100, 101, 102, 103}));
+    Calls opens;
+    for (const std::string &call : calls) {
+        if (call.rfind("qm7_cl_post_open_osd", 0) == 0)
+            opens.push_back(call);
+    }
+    EXPECT_EQ(opens, Calls({"qm7_cl_post_open_osd(100, {0, 720, 108, 2})",
+                            "qm7_cl_post_open_osd(100, {1, 720, 108, 2})",
+                            "qm7_cl_post_open_osd(101, {0, 480, 72, 2})",
+                            "qm7_cl_post_open_osd(101, {1, 480, 72, 2})",
+                            "qm7_cl_post_open_osd(102, {0, 280, 48, 2})",
+                            "qm7_cl_post_open_osd(102, {1, 280, 48, 2})",
+                            "qm7_cl_post_open_osd(103, {0, 132, 24, 2})",
+                            "qm7_cl_post_open_osd(103, {1, 132, 24, 2})"}));
+    EXPECT_EQ(codec.shown.size(), 8u);
+}
+
+TEST_F(DisplayLoop, OnlyPostsThatReportedAreDrawn)
+{
+    start_display();
+    codec.start(2, 102);
+
+    quiet_pass();
+
+    EXPECT_EQ(bars_drawn(), Ids({102}));
+}
+
+TEST_F(DisplayLoop, DrawingStepsGetThePostsOwnRecords)
+{
+    start_display();
+    codec.plane(102, 0).pitch = 304;
+    codec.plane(102, 1).pitch = 336;
+    codec.start(2, 102);
+    state.current = 42;
+    state.peak = 97;
+
+    quiet_pass();
+
+    const PostState &post = display->posts[2];
+    ASSERT_EQ(noted.params.size(), 4u); // once for each OSD number
+    for (const ParamCall &call : noted.params) {
+        EXPECT_EQ(call.params, &post.params);
+        EXPECT_EQ(call.geometry, &post.geometry);
+        EXPECT_EQ(call.font_path, FONT);
+        EXPECT_EQ(call.spare, 0u);
+        EXPECT_EQ(call.regions, display->regions[2]);
+    }
+
+    ASSERT_EQ(noted.bars.size(), 1u);
+    const BarCall &bar = noted.bars[0];
+    EXPECT_EQ(bar.number, 0);
+    EXPECT_EQ(bar.percent, 43);
+    EXPECT_EQ(bar.rect.pitch, 304);
+    EXPECT_EQ(bar.rect.width, 280);
+    EXPECT_EQ(bar.rect.height, 48);
+    EXPECT_EQ(bar.rect.resolution, 2u);
+
+    ASSERT_EQ(noted.strings.size(), 1u);
+    const StringCall &text = noted.strings[0];
+    EXPECT_EQ(text.number, 1u);
+    EXPECT_EQ(text.engine, &post.params.engine);
+    EXPECT_EQ(text.engine->face, font_engines[2].face);
+    EXPECT_EQ(text.current, 42);
+    EXPECT_EQ(text.peak, 97);
+    EXPECT_EQ(text.percent, 43);
+    EXPECT_EQ(text.target.pitch, 336);
+    EXPECT_EQ(text.target.height, 28);
+}
+
+TEST_F(DisplayLoop, PlanesTwoAndThreeAreNeitherOpenedNorDrawn)
+{
+    start_display();
+    codec.start(0, 100);
+
+    quiet_pass();
+
+    const OsdPlane *planes = display->posts[0].planes;
+    EXPECT_EQ(planes[0].opened, 1u);
+    EXPECT_EQ(planes[1].opened, 1u);
+    EXPECT_EQ(planes[2].opened, 0u);
+    EXPECT_EQ(planes[3].opened, 0u);
+    EXPECT_EQ(planes[2].pitch, 0u);
+    EXPECT_EQ(planes[3].pitch, 0u);
+}
+
+// ---- values ------------------------------------------------------------------------------------
+
+TEST_F(DisplayLoop, WithoutAPeakThePercentageIsZero)
+{
+    start_display();
+    codec.start(0, 100);
+    state.current = 50;
+
+    quiet_pass();
+
+    EXPECT_EQ(noted.bars[0].percent, 0);
+    EXPECT_EQ(noted.strings[0].percent, 0);
+    EXPECT_EQ(noted.strings[0].current, 50);
+    EXPECT_EQ(noted.strings[0].peak, 0);
+}
+
+TEST_F(DisplayLoop, ValueAboveThePeakGivesMoreThanAHundred)
+{
+    start_display();
+    codec.start(0, 100);
+    state.current = 120;
+    state.peak = 100;
+
+    quiet_pass();
+
+    EXPECT_EQ(noted.bars[0].percent, 120);
+    EXPECT_EQ(noted.strings[0].percent, 120);
+}
+
+TEST_F(DisplayLoop, LargestPercentageIsHandedOnAsItsBits)
+{
+    start_display();
+    codec.start(0, 100);
+    state.current = 42949672;
+    state.peak = 1;
+
+    pass(); // whose text is too wide
+
+    EXPECT_EQ(noted.bars[0].percent, -96); // 4294967200
+}
+
+TEST_F(DisplayLoop, TextShowsTheValuesOfItsMomentWithThePercentageOfThePass)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.start(1, 101);
+    state.current = 50;
+    state.peak = 100;
+    noted.after_bar = [this] {
+        state.current = state.current + 10;
+        state.peak = state.peak + 100;
+    };
+
+    quiet_pass();
+
+    ASSERT_EQ(noted.strings.size(), 2u);
+    EXPECT_EQ(noted.strings[0].current, 60);
+    EXPECT_EQ(noted.strings[0].peak, 200);
+    EXPECT_EQ(noted.strings[1].current, 70);
+    EXPECT_EQ(noted.strings[1].peak, 300);
+    for (const BarCall &bar : noted.bars)
+        EXPECT_EQ(bar.percent, 50);
+    for (const StringCall &text : noted.strings)
+        EXPECT_EQ(text.percent, 50);
+
+    noted.after_bar = nullptr;
+    quiet_pass();
+    EXPECT_EQ(noted.bars[0].percent, 23); // 70 of 300
+}
+
+TEST_F(DisplayLoop, EveryPassRedrawsBothPlanesWhole)
+{
+    start_display();
+    codec.start(0, 100);
+    state.current = 90;
+    state.peak = 100;
+    quiet_pass();
+    const Bytes bar = codec.shown.at(0).bytes;
+    const Bytes text = codec.shown.at(1).bytes;
+
+    quiet_pass(); // on memory that is full of junk again
+
+    EXPECT_EQ(codec.shown.at(0).bytes, bar);
+    EXPECT_EQ(codec.shown.at(1).bytes, text);
+    EXPECT_EQ(bar.size(), 720u * 108u);
+    EXPECT_EQ(std::count(bar.begin(), bar.end(), GuardedMemory::JUNK), 0);
+    EXPECT_EQ(std::count(text.begin(), text.end(), GuardedMemory::JUNK), 0);
+    EXPECT_GT(std::count(text.begin(), text.end(), 20), 0); // highlighted
+    // 10 lines of frame, and 10 columns of the 98 others.
+    EXPECT_EQ(std::count(bar.begin(), bar.end(), 11), 10 * 720 + 98 * 10);
+    // Filled to column 5 + 639 = 644, less the marker's ten columns of 604 to 613.
+    EXPECT_EQ(std::count(bar.begin(), bar.end(), 18), 98 * (639 - 10));
+    EXPECT_EQ(std::count(bar.begin(), bar.end(), 19), 98 * 10);
+    EXPECT_EQ(std::count(bar.begin(), bar.end(), 17), 98 * (710 - 639));
+}
+
+// ---- stop and start reports --------------------------------------------------------------------
+
+TEST_F(DisplayLoop, StopEndsTheDrawingWithoutALibraryCall)
+{
+    start_display();
+    codec.start(1, 101);
+    codec.start(2, 102);
+    quiet_pass();
+    display->posts[1].planes[3].opened = 1; // by nobody: all four are marked
+    codec.stop(1, 101);
+
+    quiet_pass();
+
+    EXPECT_EQ(bars_drawn(), Ids({102}));
+    EXPECT_EQ(texts_drawn(), Ids({102}));
+    const PostState &post = display->posts[1];
+    for (uint32_t number = 0; number < 4; number++) {
+        EXPECT_EQ(post.planes[number].opened, 0u);
+        EXPECT_EQ(post.planes[number].number, number);
+    }
+    EXPECT_EQ(post.planes[0].pitch, 480u); // stays as it was
+    EXPECT_EQ(post.geometry.valid, 0u);
+    EXPECT_EQ(display->posts[2].planes[0].opened, 1u);
+    EXPECT_EQ(post_notify_state.stopped_mask, 0);
+}
+
+TEST_F(DisplayLoop, StopOfTheOnlyPostLeavesAnIdlePass)
+{
+    start_display();
+    codec.start(1, 101);
+    quiet_pass();
+    codec.stop(1, 101);
+
+    EXPECT_EQ(quiet_pass(), Calls());
+    EXPECT_EQ(quiet_pass(), Calls());
+}
+
+TEST_F(DisplayLoop, StopOfAPostThatNeverRanChangesNothing)
+{
+    start_display();
+    codec.stop(3, 103);
+
+    EXPECT_EQ(quiet_pass(), Calls());
+
+    EXPECT_EQ(post_notify_state.stopped_mask, 0);
+}
+
+TEST_F(DisplayLoop, StopAndStartBetweenPassesReopensThePlanesWithNewPitches)
+{
+    start_display();
+    codec.start(1, 101);
+    quiet_pass();
+    codec.stop(1, 101);
+    codec.start(1, 111);
+    codec.set_status(111, 1280, 720);
+    codec.plane(111, 0).pitch = 512;
+
+    const Calls calls = quiet_pass();
+
+    EXPECT_EQ(
+        calls,
+        Calls({"qm7_cl_post_thread_get_status(111)", "qm7_cl_post_open_osd(111, {0, 480, 72, 2})",
+               "qm7_cl_post_get_osd_mem(111, 0)", "qm7_cl_post_set_osd(111, 1003, {400, 576})",
+               "qm7_cl_post_open_osd(111, {1, 480, 72, 2})", "qm7_cl_post_get_osd_mem(111, 1)",
+               "qm7_cl_post_set_osd(111, 1004, {409, 534})"}));
+    EXPECT_EQ(noted.bars[0].rect.pitch, 512);
+}
+
+TEST_F(DisplayLoop, StartAndStopInTheOtherOrderLeaveItRunningToo)
+{
+    start_display();
+    codec.start(1, 101);
+    codec.stop(1, 101);
+
+    quiet_pass();
+
+    EXPECT_EQ(bars_drawn(), Ids({101})); // the stop is always taken first
+}
+
+TEST_F(DisplayLoop, PostThatComesBackWithAnotherSizeKeepsItsFirstParameters)
+{
+    start_display();
+    codec.start(1, 101);
+    quiet_pass();
+    codec.stop(1, 101);
+    quiet_pass();
+    codec.start(1, 100); // the id of 1920 x 1080
+
+    const Calls calls = quiet_pass();
+
+    EXPECT_EQ(
+        calls,
+        Calls({"qm7_cl_post_thread_get_status(100)", "qm7_cl_post_open_osd(100, {0, 480, 72, 2})",
+               "qm7_cl_post_get_osd_mem(100, 0)", "qm7_cl_post_set_osd(100, 1003, {400, 576})",
+               "qm7_cl_post_open_osd(100, {1, 480, 72, 2})", "qm7_cl_post_get_osd_mem(100, 1)",
+               "qm7_cl_post_set_osd(100, 1004, {409, 534})"}));
+    EXPECT_EQ(display->posts[1].geometry.width, 1920u);
+    EXPECT_EQ(noted.strings[0].engine->face, font_engines[1].face);
+}
+
+TEST_F(DisplayLoop, SecondStartOfARunningPostOnlyChangesItsId)
+{
+    start_display();
+    codec.start(1, 101);
+    quiet_pass();
+    codec.plane(100, 0).size = 480 * 72; // as large as its memory under the old id
+    codec.plane(100, 1).size = 480 * 72;
+    codec.start(1, 100);
+
+    EXPECT_EQ(
+        quiet_pass(),
+        Calls({"qm7_cl_post_get_osd_mem(100, 0)", "qm7_cl_post_set_osd(100, 1003, {400, 576})",
+               "qm7_cl_post_get_osd_mem(100, 1)", "qm7_cl_post_set_osd(100, 1004, {409, 534})"}));
+    EXPECT_EQ(display->posts[1].geometry.width, 1280u);
+    EXPECT_EQ(post_notify_state.started_mask, 0);
+}
+
+// ---- failures ----------------------------------------------------------------------------------
+
+TEST_F(DisplayLoop, FailedGeometryEndsThePassAndWaitsForTheNextStart)
+{
+    start_display();
+    for (uint32_t post = 0; post < 4; post++)
+        codec.start(post, 100 + post);
+    codec.fail_nth("qm7_cl_post_thread_get_status", 2, OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "POST1 get_post_geometry() failed");
+    EXPECT_EQ(captured.err, "");
+    EXPECT_EQ(texts_drawn(), Ids({100}));
+    EXPECT_EQ(post_notify_state.started_mask, 0x1100); // not looked at yet
+
+    quiet_pass(); // not tried again, and the others not kept waiting
+    EXPECT_EQ(texts_drawn(), Ids({100, 102, 103}));
+
+    codec.start(1, 101);
+    quiet_pass();
+    EXPECT_EQ(texts_drawn(), Ids({100, 101, 102, 103}));
+}
+
+TEST_F(DisplayLoop, FailedGeometryLeavesRunningPostsBehindItUndrawnInThatPass)
+{
+    start_display();
+    codec.start(2, 102);
+    quiet_pass();
+    codec.start(0, 100);
+    codec.stop(2, 102);
+    codec.fail("qm7_cl_post_thread_get_status", OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "POST0 get_post_geometry() failed");
+    EXPECT_EQ(codec.shown.size(), 0u);
+    EXPECT_EQ(post_notify_state.stopped_mask, 0x0100); // not looked at either
+}
+
+TEST_F(DisplayLoop, FailedParametersAreLoggedAndTheNextPostIsDrawn)
+{
+    start_display();
+    codec.start(2, 102);
+    codec.start(3, 103);
+    noted.failing_params = &display->posts[2].params;
+
+    for (int i = 0; i < 2; i++) { // tried again at each pass
+        const Captured captured = pass();
+
+        EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=POST2 init_font_param() failed"
+                                "(osd_Focus_Assist_run)\n");
+        EXPECT_EQ(captured.out, "");
+        EXPECT_EQ(bars_drawn(), Ids({103}));
+        EXPECT_EQ(texts_drawn(), Ids({103}));
+    }
+}
+
+TEST_F(DisplayLoop, FailedBarLeavesItsTextUndrawnAndTheNextPostDrawn)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.start(1, 101);
+    codec.fail("qm7_cl_post_get_osd_mem", OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "qm7_cl_post_get_osd_mem() failed. errno=0x81E0ABCD"
+                            "postResId=0x00000064, OSD num=0, osdId=0x00000000show_bar() failed");
+    EXPECT_EQ(captured.err, "");
+    EXPECT_EQ(texts_drawn(), Ids({101}));
+
+    quiet_pass();
+    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
+}
+
+TEST_F(DisplayLoop, BarThatCannotBeShownSaysSoWithoutALineEnd)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.fail("qm7_cl_post_set_osd", OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "qm7_cl_post_set_osd() failed. errno=0x81E0ABCD"
+                            "postResId=0x00000064show_bar() failed");
+    EXPECT_EQ(texts_drawn(), Ids());
+}
+
+TEST_F(DisplayLoop, BarPlaneThatCannotBeOpenedIsDrawnAllTheSame)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.fail("qm7_cl_post_open_osd", REFUSED);
+    codec.plane(100, 0).size = 5000;
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
+                            "errno=0x81E03246(osd_open_osd)\n");
+    EXPECT_EQ(captured.out, "");
+    EXPECT_EQ(bars_drawn(), Ids({100}));
+    EXPECT_EQ(texts_drawn(), Ids({100}));
+    ASSERT_EQ(codec.shown.size(), 2u);
+    EXPECT_EQ(codec.shown[0].bytes, Bytes(5000, 0)); // pitch 0: cleared and shown
+    EXPECT_EQ(display->posts[0].planes[0].opened, 0u);
+
+    codec.plane(100, 0).size.reset();
+    quiet_pass();
+    EXPECT_EQ(display->posts[0].planes[0].opened, 1u);
+}
+
+TEST_F(DisplayLoop, RefusedTextPlaneEndsThePostWithALine)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.start(1, 101);
+    codec.fail_nth("qm7_cl_post_open_osd", 2, REFUSED);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "osd_open_osd() failed\n");
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
+                            "errno=0x81E03246(osd_open_osd)\n");
+    EXPECT_EQ(bars_drawn(), Ids({100, 101}));
+    EXPECT_EQ(texts_drawn(), Ids({101}));
+
+    quiet_pass();
+    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
+}
+
+TEST_F(DisplayLoop, TextPlaneThatFailsToOpenOtherwiseIsStillDrawn)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.fail_nth("qm7_cl_post_open_osd", 2, OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(texts_drawn(), Ids({100}));
+    EXPECT_EQ(captured.out.find("osd_open_osd() failed"), std::string::npos);
+    EXPECT_EQ(captured.err.substr(0, captured.err.find('\n') + 1),
+              "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
+              "errno=0x81E0ABCD(osd_open_osd)\n");
+}
+
+TEST_F(DisplayLoop, FailedTextIsALineAndTheNextPostIsDrawn)
+{
+    start_display();
+    codec.start(0, 100);
+    codec.start(1, 101);
+    codec.fail_nth("qm7_cl_post_set_osd", 2, OTHER);
+
+    const Captured captured = pass();
+
+    EXPECT_EQ(captured.out, "qm7_cl_post_set_osd() failed. errno=0x81E0ABCD"
+                            "postResId=0x00000064show_string() failed\n");
+    EXPECT_EQ(captured.err, "");
+    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
+
+    quiet_pass();
+    EXPECT_EQ(codec.shown.size(), 4u);
+}
+
+TEST_F(DisplayLoop, OutputOfNoKnownWidthIsLoggedOnceAndItsTextFailsEachPass)
+{
+    start_display();
+    codec.set_status(100, 640, 480);
+    codec.start(0, 100);
+
+    const Captured first = pass();
+    const Captured second = pass();
+
+    EXPECT_EQ(first.err.substr(0, first.err.find('\n') + 1),
+              "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n");
+    EXPECT_EQ(second.err, first.err.substr(first.err.find('\n') + 1));
+    EXPECT_EQ(first.out, "show_string() failed\n");
+    EXPECT_EQ(second.out, "show_string() failed\n");
+    ASSERT_EQ(codec.shown.size(), 1u); // the bar, empty
+    EXPECT_EQ(codec.shown[0].bytes, Bytes());
+}
+
+// Every library call of a pass fails once, the first, then the second, and so on.
+TEST_F(DisplayLoop, AfterAFailureAnywhereTheNextPassesDrawEverything)
+{
+    start_display();
+    int failures = 0;
+    for (bool failed = true; failed; failures++) {
+        for (uint32_t post = 0; post < 4; post++) {
+            codec.stop(post, 100 + post);
+            codec.start(post, 100 + post);
+        }
+        codec.fail_nth_call(failures + 1, OTHER);
+        const Captured captured = pass();
+        failed = (captured.out + captured.err).size() > 0;
+        codec.heal();
+
+        for (uint32_t post = 0; post < 4; post++)
+            codec.start(post, 100 + post); // for those whose geometry failed
+        quiet_pass();
+        EXPECT_EQ(codec.shown.size(), 8u) << failures;
+    }
+    EXPECT_EQ(failures, 4 * 7 + 1); // seven calls a post, then none failed
+}
+
+// ---- the loop ----------------------------------------------------------------------------------
+
+TEST_F(DisplayLoop, RunStartsOnceAndSleepsHalfASecondAfterEachPass)
+{
+    noted.sleeps_allowed = 2;
+
+    const Captured captured = capture([&] {
+        if (setjmp(noted.leave) == 0)
+            osd_Focus_Assist_run(&state);
+    });
+
+    EXPECT_EQ(noted.sleeps, std::vector<useconds_t>(3, 500000));
+    EXPECT_EQ(noted.library_calls_at_sleep, std::vector<size_t>(3, 6)); // those of the start
+    EXPECT_EQ(noted.font_calls.size(), 4u);
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST_F(DisplayLoop, ReportsAndMeasurementsMayComeAtAnyTime)
+{
+    start_display();
+    std::atomic<bool> done = false;
+    std::thread library([&] {
+        for (uint32_t i = 0; !done; i++) {
+            codec.start(i % 4, 100 + i % 4);
+            if (i % 3 == 0)
+                codec.stop(i % 4, 100 + i % 4);
+            std::this_thread::yield();
+        }
+    });
+    std::thread measurement([&] {
+        CamFocusStats stats = {};
+        while (!done) {
+            focus_measure_step(&state, 0, &stats);
+            std::this_thread::yield();
+        }
+    });
+
+    for (int i = 0; i < 50; i++)
+        quiet_pass();
+    done = true;
+    library.join();
+    measurement.join();
+
+    for (uint32_t post = 0; post < 4; post++)
+        codec.start(post, 100 + post);
+    quiet_pass();
+    EXPECT_EQ(bars_drawn(), Ids({100, 101, 102, 103}));
+}
