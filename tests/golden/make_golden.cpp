@@ -1,0 +1,34 @@
+// Writes the images of this folder. They are made by the pixel-by-pixel reference, never by the
+// program: build the target make_golden, run it with this folder as its argument, and look at what
+// has changed before it is kept.
+
+#include <cstdio>
+#include <string>
+
+#include "golden.h"
+#include "picture.h"
+#include "reference.h"
+
+int main(int argc, char **argv)
+{
+    if (argc != 2) {
+        fprintf(stderr, "usage: make_golden FOLDER\n");
+        return 2;
+    }
+    const std::string folder = std::string(argv[1]) + "/";
+    for (const GoldenOutput &output : GOLDEN_OUTPUTS) {
+        for (const GoldenValues &values : GOLDEN_VALUES) {
+            const uint32_t index = reference::resolution_index(output.width);
+            const uint32_t pitch = (reference::region_width(index) + 15) / 16 * 16;
+            const reference::Plane bar =
+                reference::bar_plane(output.width, output.height, pitch, values.percent);
+            write_image(folder + golden_bar_name(output, values) + ".png", bar.bytes, pitch);
+
+            const reference::Plane text =
+                reference::text_plane(output.width, output.height, pitch, TEST_FONT_PATH,
+                                      values.text, values.percent >= 85);
+            write_image(folder + golden_text_name(output, values) + ".png", text.bytes, pitch);
+        }
+    }
+    return 0;
+}
