@@ -102,6 +102,7 @@ class Executable : public testing::Test
 
     void kill()
     {
+        EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "ended by itself";
         ::kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         child = 0;
@@ -285,7 +286,7 @@ TEST_F(Executable, ReportsMissingPaletteAndFontAndDrawsTheBar)
 
 TEST_F(Executable, ReportsASessionThatCannotBeOpenedAndStaysAlive)
 {
-    start({}, {"SCRIPT_FAIL=qm7_cl_post_get_osd_color_mem"});
+    start({}, {"SCRIPT_FAIL=qm7_cl_post_set_notify"});
     await_calls("qm7_cl_library_exit", 1);
     kill();
 
@@ -293,10 +294,9 @@ TEST_F(Executable, ReportsASessionThatCannotBeOpenedAndStaysAlive)
                        "qm7_cl_sys_open_device\n"
                        "qm7_cl_post_notify_callback\n"
                        "qm7_cl_post_set_notify 0xF\n"
-                       "qm7_cl_post_get_osd_color_mem\n"
                        "qm7_cl_sys_close_device\n"
                        "qm7_cl_library_exit\n");
-    EXPECT_EQ(err(), "ERR:#qm7osd:[(null)]=qm7_cl_post_get_osd_color_mem() failed. "
+    EXPECT_EQ(err(), "ERR:#qm7osd:[(null)]=qm7_cl_post_set_notify() failed. "
                      "errno=0x81E0ABCD(OSD_Library_Process)\n");
 }
 
