@@ -1,0 +1,18 @@
+// The page's files, built into the program from simcam/page/.
+#pragma once
+
+#include <string_view>
+
+namespace simcam
+{
+
+struct PageFile {
+    std::string_view path; // "/app.js"; "/" for index.html
+    std::string_view type; // content type
+    std::string_view content;
+};
+
+// The file at path; null where there is none.
+const PageFile *page_find(std::string_view path);
+
+} // namespace simcam

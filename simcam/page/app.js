@@ -1,0 +1,349 @@
+// The page's state and how it is kept: one stream of events in, small JSON requests out.
+import {peakNew, peakStep, percentOf, cueFor} from './focus.js';
+import {ringMake} from './ring.js';
+import {viewerMake} from './picture.js';
+import {drawTime, drawCurve, curveNew, curveAdd} from './plots.js';
+import {panelsMake} from './panels.js';
+
+const $ = (id) => document.getElementById(id);
+const HISTORY = 4096; // measurements kept, as many as the camera keeps
+const RING_EVERY_MS = 33;
+
+const store = {
+  state: null,       // the camera's, as it came last
+  connected: false,
+  session: '',
+  lastMeasurement: 0,
+  lastOutput: 0,
+  samples: [],       // {number, time, value, ring, peak}
+  latest: null,
+  peak: peakNew(),
+  peakExact: false,  // whether the estimate covers the process's whole life
+  process: null,     // which process the peak belongs to; null while there is none
+  curve: curveNew(),
+  marks: [],
+};
+
+// ---- requests ----
+
+function toast(text, bad) {
+  const box = $('toast');
+  box.textContent = text;
+  box.classList.toggle('bad', Boolean(bad));
+  box.hidden = false;
+  clearTimeout(toast.timer);
+  toast.timer = setTimeout(() => { box.hidden = true; }, bad ? 6000 : 2500);
+}
+
+// Sends a command. Returns whether it was carried out; what the camera says against it is shown.
+async function send(method, path, body) {
+  try {
+    const answer = await fetch(path, {
+      method,
+      headers: body ? {'Content-Type': 'application/json'} : {},
+      body: body ? JSON.stringify(body) : undefined,
+    });
+    if (answer.ok) return true;
+    const refusal = await answer.json().catch(() => ({error: `status ${answer.status}`}));
+    toast(refusal.error, true);
+  } catch (error) {
+    toast('The simulated camera does not answer.', true);
+  }
+  return false;
+}
+
+// ---- the ring ----
+
+const turning = {wanted: null, busy: false, until: 0};
+
+async function sendRing() {
+  if (turning.busy || turning.wanted === null) return;
+  turning.busy = true;
+  const ring = turning.wanted;
+  turning.wanted = null;
+  await send('POST', '/api/ring', {ring});
+  setTimeout(() => {
+    turning.busy = false;
+    sendRing();
+  }, RING_EVERY_MS);
+}
+
+const ring = ringMake($('ring'), (value) => {
+  turning.wanted = value;
+  turning.until = performance.now() + 400; // until then the hand counts, not the report
+  $('ring-value').textContent = value.toFixed(3);
+  sendRing();
+});
+
+$('sweep').addEventListener('click', () => {
+  send('POST', '/api/sweep', {on: !store.state?.sweep, period_s: Number($('sweep-period').value)});
+});
+$('sweep-period').addEventListener('change', () => {
+  if (store.state?.sweep) send('POST', '/api/sweep', {on: true, period_s: Number($('sweep-period').value)});
+});
+
+// ---- the picture ----
+
+const viewer = viewerMake({viewer: $('viewer'), picture: $('picture'), peaking: $('peaking'), loupe: $('loupe'), tiles: $('tiles')});
+
+function choose(view) {
+  for (const button of $('views').children) button.setAttribute('aria-pressed', String(button.dataset.view === view));
+  viewer.set({view});
+  $('snapshot').href = `/api/${/^\d$/.test(view) ? `posts/${view}` : view}/frame.png?download=1`;
+  $('tiles').hidden = view !== 'all';
+  $('toggle-planes').disabled = view === 'sensor';
+  $('picture').setAttribute('aria-label', /^\d$/.test(view) ? `Live picture of post ${view}` : `Live picture: ${view === 'all' ? 'all four posts' : 'what the sensor sees'}`);
+  showState();
+}
+for (const button of $('views').children) button.addEventListener('click', () => choose(button.dataset.view));
+
+function toggle(id, onChange) {
+  $(id).addEventListener('click', () => {
+    const on = $(id).getAttribute('aria-pressed') !== 'true';
+    $(id).setAttribute('aria-pressed', String(on));
+    onChange(on);
+  });
+}
+toggle('toggle-planes', (planes) => viewer.set({planes}));
+toggle('toggle-peaking', (peaking) => viewer.set({peaking}));
+toggle('toggle-loupe', (loupe) => viewer.set({loupe}));
+
+for (let post = 0; post < 4; post += 1) {
+  const button = document.createElement('button');
+  button.type = 'button';
+  button.setAttribute('aria-label', `Show post ${post} alone`);
+  button.append(document.createElement('span'));
+  button.addEventListener('click', () => choose(String(post)));
+  $('tiles').append(button);
+}
+
+$('notice').querySelector('button').addEventListener('click', () => send('POST', '/api/process/start'));
+$('veil').querySelector('button').addEventListener('click', () => send('POST', `/api/posts/${viewer.view}/start`));
+
+// ---- the tone ----
+
+const tone = {context: null, oscillator: null, gain: null, on: false};
+
+toggle('tone', (on) => {
+  tone.on = on;
+  if (on && !tone.context) {
+    tone.context = new AudioContext();
+    tone.oscillator = tone.context.createOscillator();
+    tone.gain = tone.context.createGain();
+    tone.gain.gain.value = 0;
+    tone.oscillator.connect(tone.gain).connect(tone.context.destination);
+    tone.oscillator.start();
+  }
+  if (tone.context) {
+    tone.context.resume();
+    tone.gain.gain.setTargetAtTime(on ? 0.06 : 0, tone.context.currentTime, 0.03);
+  }
+});
+
+function playTone() {
+  if (!tone.on || !store.latest) return;
+  let highest = store.peak.value;
+  if (!highest) for (const sample of store.samples) highest = Math.max(highest, sample.value);
+  const share = highest ? Math.min(1, store.latest.value / highest) : 0;
+  tone.oscillator.frequency.setTargetAtTime(180 * 2 ** (share * 2.6), tone.context.currentTime, 0.04);
+}
+
+// ---- measurements and the peak ----
+
+function replayPeak(afterTime) {
+  store.peak = peakNew();
+  for (const sample of store.samples) {
+    if (sample.time >= afterTime) peakStep(store.peak, {value: sample.value, ring: sample.ring, time_s: sample.time});
+    sample.peak = sample.time >= afterTime ? store.peak.value : 0;
+  }
+}
+
+function addMeasurement(m) {
+  if (m.number <= store.lastMeasurement) return;
+  store.lastMeasurement = m.number;
+  store.latest = m;
+  if (store.process !== null) peakStep(store.peak, m);
+  store.samples.push({number: m.number, time: m.time_s, value: m.value, ring: m.ring, peak: store.process !== null ? store.peak.value : 0});
+  if (store.samples.length > HISTORY * 1.25) store.samples.splice(0, store.samples.length - HISTORY);
+  curveAdd(store.curve, m);
+}
+
+// Whose peak it is. Met at its start, a process is known whole; found running, its calls tell when it began.
+async function followProcess(process) {
+  const running = process.running || process.attached;
+  const key = running ? `${process.pid}/${process.starts}` : null;
+  if (key === store.process) return;
+  const met = store.process !== null || store.metNone;
+  store.process = key;
+  store.metNone = key === null;
+  store.peak = peakNew();
+  store.peakExact = met;
+  if (key === null || met) return;
+  const answer = await fetch('/api/calls').then((a) => a.json()).catch(() => ({calls: []}));
+  const began = answer.calls.find((c) => c.pid === process.pid && (c.call === 'CAM_FOCUS_CONFIG' || c.call === 'open'));
+  const first = store.samples[0];
+  store.peakExact = Boolean(began) && (!first || first.number === 1 || first.time <= began.time_s);
+  replayPeak(began ? began.time_s : 0);
+}
+
+function mark(text) {
+  store.marks.push({time: store.latest ? store.latest.time_s : 0, text});
+  if (store.marks.length > 40) store.marks.shift();
+}
+
+// ---- what is shown ----
+
+function showReadout() {
+  const m = store.latest;
+  const percent = m && store.process !== null ? percentOf(m.value, store.peak.value) : 0;
+  const high = percent >= 85;
+  $('current').textContent = m ? String(m.value) : '–';
+  $('peak').textContent = store.process === null ? '–' : store.peak.value ? `${store.peakExact ? '' : '≥ '}${store.peak.value}` : '---';
+  $('percent').textContent = store.process !== null && store.peak.value ? `${percent} %` : '–';
+  document.querySelector('.readout').classList.toggle('high', high);
+  $('meter').querySelector('.fill').style.width = `${Math.min(100, percent)}%`;
+  $('meter').setAttribute('aria-valuenow', String(Math.min(100, percent)));
+
+  let cue = {kind: 'none', text: ''};
+  if (store.process === null) cue = {kind: 'none', text: 'No overlay process, so nothing keeps a peak.'};
+  else if (m) {
+    const back = store.samples[Math.max(0, store.samples.length - 10)];
+    cue = cueFor(m.value, store.peak, m.ring, m.ring - back.ring);
+  }
+  if ($('cue').textContent !== cue.text) $('cue').textContent = cue.text;
+  $('cue').className = `cue ${cue.kind}`;
+  const note = store.process === null ? ''
+    : store.peakExact ? 'Peak: the page’s estimate, by the overlay’s rule since its start. The picture has the real one.'
+    : 'Peak: at least this. The overlay ran before this page looked on; the picture has the real one.';
+  if ($('peak-note').textContent !== note) $('peak-note').textContent = note;
+  ring.showPeak(store.process !== null && store.peak.value ? store.peak.ring : null);
+}
+
+function showChip(id, kind, text) {
+  $(id).className = `chip ${kind}`;
+  const span = $(id).querySelector('span');
+  if (span.textContent !== text) span.textContent = text;
+}
+
+function showState() {
+  const s = store.state;
+  showChip('chip-link', store.connected ? 'good' : 'bad', store.connected ? `${(s?.measured_rate_hz ?? 0).toFixed(0)} values/s` : 'no answer');
+  if (!s) return;
+  const p = s.process;
+  const running = p.running || p.attached;
+  showChip('chip-process', !running ? 'bad' : p.attached ? 'good' : 'wait', !running ? 'not running' : p.attached ? `running, pid ${p.pid}` : 'starting');
+
+  const view = viewer.view;
+  const post = /^\d$/.test(view) ? s.posts[Number(view)] : null;
+  const off = Boolean(post) && !post.running;
+  const veil = $('veil');
+  veil.hidden = store.connected && !off;
+  veil.querySelector('span').textContent = !store.connected ? 'The simulated camera does not answer. Trying again …' : off ? `Post ${view} is off.` : '';
+  veil.querySelector('button').hidden = !store.connected || !off || !post.width;
+  veil.querySelector('button').textContent = off ? `Start it at ${post.width} × ${post.height}` : '';
+  $('snapshot').setAttribute('aria-disabled', String(off || !store.connected));
+  $('notice').hidden = running || !store.connected;
+  $('notice').querySelector('span').textContent = p.configured ? `The overlay process is not running: ${p.last_end || 'not started yet'}.` : 'No overlay process is attached: nothing is drawn on the picture.';
+  $('notice').querySelector('button').hidden = !p.configured;
+  $('facts').textContent = post ? (post.running ? `${post.width} × ${post.height} · ${viewer.rate} pictures/s` : 'off') : `${viewer.rate} pictures/s`;
+  [...$('tiles').children].forEach((button, i) => {
+    const text = s.posts[i].running ? `Post ${i} · ${s.posts[i].width} × ${s.posts[i].height}` : `Post ${i}`;
+    if (button.firstChild.textContent !== text) button.firstChild.textContent = text;
+  });
+  $('sweep').setAttribute('aria-pressed', String(s.sweep));
+}
+
+const panels = panelsMake({store, send, toast, mark});
+
+$('curve-clear').addEventListener('click', () => {
+  store.curve = curveNew();
+});
+
+let drawn = 0;
+let drawnAt = 0;
+function draw(now) {
+  requestAnimationFrame(draw);
+  ring.draw();
+  const held = ring.held || now < turning.until;
+  if (store.latest && !held) {
+    ring.show(store.latest.ring);
+    $('ring-value').textContent = store.latest.ring.toFixed(3);
+  }
+  if (drawn === store.lastMeasurement && now - drawnAt < 500) return;
+  if (now - drawnAt < 60) return;
+  drawn = store.lastMeasurement;
+  drawnAt = now;
+  showReadout();
+  playTone();
+  drawTime($('plot-time'), store.samples, store.marks);
+  drawCurve($('plot-curve'), store.curve, {time: store.latest?.time_s ?? 0, ring: store.latest?.ring ?? 0, value: store.latest?.value ?? null}, store.process !== null ? store.peak : peakNew());
+}
+requestAnimationFrame(draw);
+
+// ---- events ----
+
+let source = null;
+
+function listen() {
+  if (source) return;
+  source = new EventSource('/api/events?kinds=state,measurement,output');
+  source.addEventListener('hello', (event) => {
+    const {session} = JSON.parse(event.data);
+    store.connected = true;
+    if (store.session && session !== store.session) { // another camera: its numbers begin anew
+      store.lastMeasurement = store.lastOutput = 0;
+      store.samples = [];
+      store.marks = [];
+      store.curve = curveNew();
+      store.process = null;
+      store.metNone = false;
+      panels.reset();
+      viewer.restart();
+    }
+    store.session = session;
+  });
+  source.addEventListener('state', (event) => {
+    store.connected = true;
+    store.state = JSON.parse(event.data);
+    if (store.lastMeasurement === 0 && store.state.latest.number > 1) pending = true;
+    if (!pending) followProcess(store.state.process);
+    panels.showState(store.state);
+    showState();
+  });
+  source.addEventListener('measurement', (event) => {
+    const m = JSON.parse(event.data);
+    addMeasurement(m);
+    if (pending && store.state && m.number >= store.state.latest.number) { // the past is in
+      pending = false;
+      followProcess(store.state.process);
+    }
+  });
+  source.addEventListener('output', (event) => {
+    const chunk = JSON.parse(event.data);
+    if (chunk.number <= store.lastOutput) return;
+    store.lastOutput = chunk.number;
+    panels.addOutput(chunk);
+  });
+  source.addEventListener('error', () => {
+    store.connected = false;
+    showState();
+    if (source && source.readyState === EventSource.CLOSED) { // refused: the browser gives up, the page does not
+      source = null;
+      setTimeout(listen, 2000);
+    }
+  });
+}
+let pending = false; // measurements of the past are still coming in
+
+// A page that nobody sees lets go of its connections: a browser has only six for all its pages.
+document.addEventListener('visibilitychange', () => {
+  if (document.hidden && !tone.on && source) {
+    source.close();
+    source = null;
+  } else if (!document.hidden) {
+    listen();
+  }
+});
+
+choose('0');
+listen();

@@ -1,0 +1,188 @@
+// Pictures of views and planes, and the sharing of frames.
+#include "http_picture.h"
+
+#include <gmock/gmock.h>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "fake_camera.h"
+
+using namespace simcam;
+
+static std::shared_ptr<Camera> camera_with(const std::string &size_of_post_1)
+{
+    CameraOptions options;
+    options.post_size[1] = size_of_post_1;
+    std::string error;
+    return camera_start(options, &error);
+}
+
+static cv::Vec3b at(const cv::Mat &picture, int x, int y)
+{
+    return picture.at<cv::Vec3b>(y, x);
+}
+
+TEST(PictureView, APostKeepsItsSize)
+{
+    const auto camera = camera_with("720x576");
+
+    const cv::Mat picture = picture_view(*camera, {.view = 1});
+
+    EXPECT_EQ(picture.size(), cv::Size(720, 576));
+    EXPECT_EQ(at(picture, 100, 100), cv::Vec3b(80, 80, 80));
+    EXPECT_EQ(at(picture, 2, 2), cv::Vec3b(255, 255, 255)) << "with its planes";
+}
+
+TEST(PictureView, WidthOnlyMakesItSmaller)
+{
+    const auto camera = camera_with("1280x720");
+
+    EXPECT_EQ(picture_view(*camera, {.view = 1, .width = 320}).size(), cv::Size(320, 180));
+    EXPECT_EQ(picture_view(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
+}
+
+TEST(PictureView, APostThatIsOffSaysSo)
+{
+    const auto camera = camera_with("");
+
+    const cv::Mat picture = picture_view(*camera, {.view = 1});
+
+    ASSERT_FALSE(picture.empty());
+    double darkest = 0;
+    double brightest = 0;
+    cv::minMaxLoc(picture.reshape(1), &darkest, &brightest);
+    EXPECT_LT(darkest, 40);
+    EXPECT_GT(brightest, 120) << "there is writing on it";
+}
+
+TEST(PictureView, AllFourLieInTheirQuarters)
+{
+    const auto camera = camera_with("1280x720");
+    camera_start_post(*camera, 2, 360, 360); // square: bars at its sides
+
+    const cv::Mat picture = picture_view(*camera, {.view = VIEW_ALL});
+
+    EXPECT_EQ(picture.size(), cv::Size(1280, 720));
+    EXPECT_EQ(at(picture, 640 + 320, 180), cv::Vec3b(80, 80, 80));    // post 1, top right
+    EXPECT_EQ(at(picture, 320, 360 + 180), cv::Vec3b(120, 120, 120)); // post 2, bottom left
+    EXPECT_NE(at(picture, 60, 360 + 180), cv::Vec3b(120, 120, 120)) << "not stretched";
+}
+
+TEST(PictureView, TheSensorIsShownAsItIs)
+{
+    const auto camera = camera_with("");
+
+    const cv::Mat picture = picture_view(*camera, {.view = VIEW_SENSOR});
+
+    EXPECT_EQ(picture.size(), cv::Size(1280, 720));
+    EXPECT_EQ(at(picture, 7, 7), cv::Vec3b(99, 99, 99));
+}
+
+TEST(PictureFiles, APngIsThePictureDotByDot)
+{
+    const auto camera = camera_with("352x288");
+    const cv::Mat picture = picture_view(*camera, {.view = 1});
+    const std::string bytes = picture_png(picture);
+
+    const cv::Mat read =
+        cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR);
+
+    ASSERT_EQ(read.size(), picture.size());
+    EXPECT_EQ(cv::norm(read, picture, cv::NORM_INF), 0);
+}
+
+TEST(PicturePlane, EightBitsAreOneByteADotAndThePitchIsSkipped)
+{
+    PlaneState state;
+    state.width = 3;
+    state.height = 2;
+    state.pitch = 4;
+    state.depth_code = 2;
+    const PlaneImage plane = {state, {11, 16, 17, 99, 18, 19, 20, 99}};
+
+    const cv::Mat indices = picture_plane_indices(plane);
+
+    EXPECT_THAT(std::vector<uint8_t>(indices.begin<uint8_t>(), indices.end<uint8_t>()),
+                testing::ElementsAre(11, 16, 17, 18, 19, 20));
+}
+
+TEST(PicturePlane, FewerBitsLieFromTheLowestUp)
+{
+    PlaneState state;
+    state.width = 4;
+    state.height = 1;
+    state.pitch = 2;
+    state.depth_code = 1;
+    EXPECT_THAT(cv::Mat_<uint8_t>(picture_plane_indices({state, {0x21, 0xF3}})),
+                testing::ElementsAre(1, 2, 3, 15));
+
+    state.depth_code = 0;
+    EXPECT_THAT(cv::Mat_<uint8_t>(picture_plane_indices({state, {0xE4, 0}})),
+                testing::ElementsAre(0, 1, 2, 3));
+}
+
+TEST(PicturePlane, MemoryThatEndsEarlyLeavesZeros)
+{
+    PlaneState state;
+    state.width = 4;
+    state.height = 2;
+    state.pitch = 2; // narrower than the plane
+    state.depth_code = 2;
+
+    const cv::Mat indices = picture_plane_indices({state, {1, 2, 3}});
+
+    EXPECT_THAT(std::vector<uint8_t>(indices.begin<uint8_t>(), indices.end<uint8_t>()),
+                testing::ElementsAre(1, 2, 0, 0, 3, 0, 0, 0));
+}
+
+TEST(PicturePlane, NothingShownIsNoPicture)
+{
+    EXPECT_TRUE(picture_plane_indices({}).empty());
+    EXPECT_TRUE(picture_plane_colours({}, {}).empty());
+}
+
+TEST(PicturePlane, ColoursComeFromThePalette)
+{
+    const auto camera = camera_with("");
+    PlaneState state;
+    state.width = 3;
+    state.height = 1;
+    state.pitch = 3;
+    state.depth_code = 2;
+
+    const cv::Mat colours = picture_plane_colours({state, {0, 18, 200}}, camera_palette(*camera));
+
+    EXPECT_EQ(colours.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 cannot be seen";
+    // Y 76, Cb 84, Cr 255: red = 76 + 1.402 * 127 = 254, green = 76 + 15.1 - 90.7 = 0, blue = 76 -
+    // 78 = 0
+    EXPECT_EQ(colours.at<cv::Vec4b>(0, 1), cv::Vec4b(0, 0, 254, 255));
+    EXPECT_EQ(colours.at<cv::Vec4b>(0, 2), cv::Vec4b(200, 200, 200, 255));
+}
+
+TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
+{
+    const auto camera = camera_with("352x288");
+    const auto cache = picture_cache_make(camera);
+    const auto first = picture_cache_enter(*cache, {.view = 1});
+    const auto second = picture_cache_enter(*cache, {.view = 1});
+
+    const auto a = picture_cache_frame(*cache, *first, 5);
+    const auto b = picture_cache_frame(*cache, *second, 5);
+
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
+    EXPECT_NE(picture_cache_frame(*cache, *second, 6), a);
+    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
+}
+
+TEST(PictureCache, OtherWishesGetTheirOwnFrame)
+{
+    const auto camera = camera_with("352x288");
+    const auto cache = picture_cache_make(camera);
+
+    const auto plain = picture_cache_enter(*cache, {.view = 1, .planes = false});
+    const auto full = picture_cache_enter(*cache, {.view = 1});
+
+    EXPECT_NE(plain, full);
+    EXPECT_NE(*picture_cache_frame(*cache, *plain, 1), *picture_cache_frame(*cache, *full, 1));
+}

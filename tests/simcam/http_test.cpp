@@ -1,0 +1,643 @@
+// The server over real sockets, on a camera of records.
+#include "http.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "fake_camera.h"
+#include "http_route.h"
+
+using namespace simcam;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// ---- a client that sends what it is told, byte for byte ----
+
+struct Answer {
+    int status = 0;
+    std::map<std::string, std::string> header; // names in lower case
+    std::string body;
+};
+
+static std::string lower(std::string text)
+{
+    for (char &c : text)
+        c = static_cast<char>(tolower(c));
+    return text;
+}
+
+class Client
+{
+  public:
+    explicit Client(int port)
+    {
+        socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    ~Client()
+    {
+        hang_up();
+    }
+
+    void hang_up()
+    {
+        if (socket_ >= 0)
+            close(socket_);
+        socket_ = -1;
+    }
+    bool connected() const
+    {
+        return connected_;
+    }
+    void send_bytes(const std::string &bytes)
+    {
+        (void)!send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    // Reads until done says so of everything read so far, the server closes, or ten seconds are
+    // over.
+    const std::string &read_until(const std::function<bool(const std::string &)> &done)
+    {
+        char buffer[65536];
+        while (!done(read_)) {
+            pollfd waiting = {socket_, POLLIN, 0};
+            if (poll(&waiting, 1, 10000) <= 0)
+                break;
+            const ssize_t count = recv(socket_, buffer, sizeof buffer, 0);
+            if (count <= 0)
+                break;
+            read_.append(buffer, static_cast<size_t>(count));
+        }
+        return read_;
+    }
+    const std::string &read_until_contains(const std::string &text)
+    {
+        return read_until([&](const std::string &all) { return all.find(text) != all.npos; });
+    }
+    const std::string &read_all()
+    {
+        return read_until([](const std::string &) { return false; });
+    }
+
+  private:
+    int socket_ = -1;
+    bool connected_ = false;
+    std::string read_;
+};
+
+static Answer parse_answer(const std::string &text)
+{
+    Answer answer;
+    const size_t end = text.find("\r\n\r\n");
+    if (text.rfind("HTTP/1.1 ", 0) != 0 || end == std::string::npos)
+        return answer;
+    answer.status = std::stoi(text.substr(9, 3));
+    const std::regex line("\r\n([^:\r]+): ([^\r]*)");
+    const std::string head = text.substr(0, end);
+    for (std::sregex_iterator it(head.begin(), head.end(), line); it != std::sregex_iterator();
+         ++it)
+        answer.header[lower((*it)[1])] = (*it)[2];
+    answer.body = text.substr(end + 4);
+    return answer;
+}
+
+class Http : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        CameraOptions options;
+        options.post_size[0] = "1280x720";
+        options.post_size[1] = "720x576";
+        options.program = {"focus_assist"};
+        std::string error;
+        camera_ = camera_start(options, &error);
+        server_ = http_start(camera_, "127.0.0.1:0", &error);
+        ASSERT_NE(server_, nullptr) << error;
+        const std::string address = http_address(*server_);
+        ASSERT_THAT(address, testing::MatchesRegex("http://127\\.0\\.0\\.1:[0-9]+/"));
+        port_ = std::stoi(address.substr(17));
+        host_ = "127.0.0.1:" + std::to_string(port_);
+    }
+    void TearDown() override
+    {
+        if (server_)
+            http_stop(*server_);
+    }
+
+    std::string head(const std::string &method, const std::string &target,
+                     const std::string &more = "") const
+    {
+        return method + " " + target + " HTTP/1.1\r\nHost: " + host_ + "\r\nConnection: close\r\n" +
+               more + "\r\n";
+    }
+    Answer ask(const std::string &method, const std::string &target, const std::string &more = "")
+    {
+        Client client(port_);
+        client.send_bytes(head(method, target, more));
+        return parse_answer(client.read_all());
+    }
+    Answer get(const std::string &target)
+    {
+        return ask("GET", target);
+    }
+    Answer post(const std::string &target, const std::string &body)
+    {
+        Client client(port_);
+        client.send_bytes(head("POST", target,
+                               "Content-Type: application/json\r\nContent-Length: " +
+                                   std::to_string(body.size()) + "\r\n") +
+                          body);
+        return parse_answer(client.read_all());
+    }
+
+    std::shared_ptr<Camera> camera_;
+    std::unique_ptr<HttpServer> server_;
+    int port_ = 0;
+    std::string host_;
+};
+
+// ---- reading ----
+
+TEST_F(Http, PageAndItsPartsAreServed)
+{
+    const Answer page = get("/");
+
+    EXPECT_EQ(page.status, 200);
+    EXPECT_EQ(page.header.at("content-type"), "text/html; charset=utf-8");
+    EXPECT_THAT(page.header.at("content-security-policy"), HasSubstr("default-src 'self'"));
+    const std::regex link("(?:src|href)=\"(/[a-z]+\\.[a-z]+)\"");
+    int parts = 0;
+    for (std::sregex_iterator it(page.body.begin(), page.body.end(), link);
+         it != std::sregex_iterator(); ++it, ++parts)
+        EXPECT_EQ(get((*it)[1]).status, 200) << (*it)[1];
+    EXPECT_GE(parts, 3);
+    EXPECT_EQ(get("/no.js").status, 404);
+}
+
+TEST_F(Http, ApiListsEveryRoute)
+{
+    const Answer list = get("/api");
+
+    EXPECT_EQ(list.status, 200);
+    EXPECT_EQ(list.header.at("content-type"), "application/json");
+    for (const Route &route : http_routes())
+        EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.path) + "\""));
+}
+
+// Every GET of the table gives what its line says; streams just begin.
+TEST_F(Http, EveryRouteThatReadsAnswers)
+{
+    PlaneState plane;
+    plane.open = plane.shown = true;
+    plane.width = plane.pitch = 4;
+    plane.height = 1;
+    plane.depth_code = 2;
+    fake_show(*camera_, 0, 0, plane, {11, 18, 17, 11});
+    for (const Route &route : http_routes()) {
+        if (std::string(route.method) != "GET")
+            continue;
+        std::string target = std::regex_replace(route.path, std::regex("\\{[a-z]+\\}"), "0");
+        Client client(port_);
+        client.send_bytes(head("GET", target));
+
+        const Answer answer = parse_answer(client.read_until_contains("\r\n\r\n"));
+
+        EXPECT_EQ(answer.status, 200) << target;
+        EXPECT_THAT(answer.header.at("content-type"), StartsWith(route.answer)) << target;
+    }
+}
+
+TEST_F(Http, StateTellsWhatTheCameraIs)
+{
+    fake_measure(*camera_, 321);
+
+    const Answer state = get("/api/state");
+
+    EXPECT_THAT(state.body, HasSubstr("\"raw\":32100"));
+    EXPECT_THAT(state.body, HasSubstr("\"width\":720"));
+    EXPECT_THAT(state.body, HasSubstr("\"scene\":\"photo\""));
+}
+
+TEST_F(Http, MeasurementsComeAsJsonAndAsTable)
+{
+    fake_measure(*camera_, 7);
+    fake_measure(*camera_, 42);
+
+    EXPECT_EQ(get("/api/measurements?after=1").body,
+              "{\"measurements\":[{\"blur_px\":0.0,\"number\":2,\"raw\":4200,\"ring\":0.0,"
+              "\"time_s\":0.0625,\"value\":42}]}");
+    const Answer table = get("/api/measurements.csv?download=1");
+    EXPECT_EQ(table.body, "number,time_s,ring,blur_px,raw,value\r\n"
+                          "1,0.0312,0.00000,0.000,700,7\r\n2,0.0625,0.00000,0.000,4200,42\r\n");
+    EXPECT_THAT(table.header.at("content-disposition"), StartsWith("attachment"));
+}
+
+TEST_F(Http, OutputComesByteForByte)
+{
+    fake_write(*camera_, 1, std::string("a\0b\xFF", 4));
+    fake_write(*camera_, 2, "ERR\n");
+
+    const Answer both = get("/api/output");
+    EXPECT_EQ(both.body, std::string("a\0b\xFF"
+                                     "ERR\n",
+                                     8));
+    EXPECT_EQ(both.header.at("x-last-number"), "2");
+    EXPECT_EQ(get("/api/output?stream=2").body, "ERR\n");
+    EXPECT_EQ(get("/api/output?after=2").body, "");
+}
+
+TEST_F(Http, CallsCarryTheirCode)
+{
+    fake_call(*camera_, "qm7_cl_post_open_osd", 0x81E03246);
+
+    EXPECT_THAT(get("/api/calls").body, HasSubstr("\"error\":\"0x81E03246\""));
+}
+
+TEST_F(Http, FramesHaveThePostsSizeAndThePlanesOnRequest)
+{
+    const auto frame = [&](const std::string &target) {
+        const std::string bytes = get(target).body;
+        return cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR);
+    };
+
+    const cv::Mat with = frame("/api/posts/1/frame.png");
+    const cv::Mat without = frame("/api/posts/1/frame.png?planes=0");
+
+    ASSERT_EQ(with.size(), cv::Size(720, 576));
+    EXPECT_EQ(with.at<cv::Vec3b>(2, 2), cv::Vec3b(255, 255, 255));
+    EXPECT_EQ(without.at<cv::Vec3b>(2, 2), cv::Vec3b(80, 80, 80));
+    EXPECT_EQ(frame("/api/all/frame.png?width=640").size(), cv::Size(640, 360));
+    EXPECT_EQ(frame("/api/sensor/frame.png").size(), cv::Size(1280, 720));
+}
+
+TEST_F(Http, AFrameOfAPostThatIsOffIsRefused)
+{
+    const Answer answer = get("/api/posts/3/frame.png");
+
+    EXPECT_EQ(answer.status, 409);
+    EXPECT_THAT(answer.body, HasSubstr("post 3 is off"));
+}
+
+TEST_F(Http, PlanesComeRawAndAsPictures)
+{
+    PlaneState plane;
+    plane.open = plane.shown = true;
+    plane.width = 2;
+    plane.pitch = 4;
+    plane.height = 2;
+    plane.depth_code = 2;
+    fake_show(*camera_, 0, 1, plane, {11, 18, 9, 9, 0, 20, 9, 9});
+
+    const Answer raw = get("/api/posts/0/planes/1/raw");
+    EXPECT_EQ(raw.body, std::string("\x0B\x12\x09\x09\0\x14\x09\x09", 8));
+    EXPECT_EQ(raw.header.at("x-pitch"), "4");
+    EXPECT_EQ(raw.header.at("x-depth"), "8");
+    const std::string bytes = get("/api/posts/0/planes/1/indices.png").body;
+    const cv::Mat indices =
+        cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_UNCHANGED);
+    EXPECT_THAT(cv::Mat_<uint8_t>(indices.reshape(1, 1)), ElementsAre(11, 18, 0, 20));
+    EXPECT_EQ(get("/api/posts/0/planes/0/raw").status, 404);
+    EXPECT_EQ(get("/api/palette/raw").body.size(), 1024u);
+}
+
+// ---- changing ----
+
+TEST_F(Http, EveryCommandReachesTheCamera)
+{
+    const std::pair<const char *, const char *> commands[] = {
+        {"/api/ring", R"({"ring":0.5})"},
+        {"/api/sweep", R"({"on":true,"period_s":4})"},
+        {"/api/scene", R"({"scene":"chart"})"},
+        {"/api/gain", R"({"gain":2})"},
+        {"/api/flash", ""},
+        {"/api/posts/1/stop", ""},
+        {"/api/posts/1/start", ""},
+        {"/api/faults", R"({"call":"open","error":"0x10","remaining":2,"delay_ms":30})"},
+        {"/api/process/start", ""},
+        {"/api/process/stop", ""},
+        {"/api/process/start", ""},
+        {"/api/process/kill", ""},
+    };
+    for (const auto &[target, body] : commands)
+        EXPECT_EQ(post(target, body).body, "{\"ok\":true}") << target;
+    EXPECT_EQ(ask("DELETE", "/api/faults").status, 200);
+
+    EXPECT_THAT(fake_changes(*camera_),
+                ElementsAre("ring 0.5", "sweep 1 4", "scene chart", "gain 2", "flash", "stop 1",
+                            "start 1 720x576", "fault open 16 2 30", "process start",
+                            "process stop", "process start", "process kill", "clear"));
+}
+
+TEST_F(Http, AnotherSizeRestartsAPostAndTheSameOneDoesNot)
+{
+    EXPECT_EQ(post("/api/posts/0/start", R"({"size":"1280x720"})").status, 200);
+    EXPECT_EQ(post("/api/posts/0/start", R"({"size":"352x288"})").status, 200);
+
+    EXPECT_THAT(fake_changes(*camera_), ElementsAre("stop 0", "start 0 352x288"));
+}
+
+TEST_F(Http, WhatTheCameraRefusesIsPassedOn)
+{
+    const Answer answer = post("/api/scene", R"({"scene":"nowhere"})");
+
+    EXPECT_EQ(answer.status, 409);
+    EXPECT_THAT(answer.body, HasSubstr("no such file"));
+    EXPECT_EQ(post("/api/process/stop", "").status, 409) << "it does not run";
+    EXPECT_EQ(post("/api/posts/3/start", "").status, 400) << "it never had a size";
+}
+
+// ---- refusing ----
+
+TEST_F(Http, RefusalsAreJsonWithTheirStatus)
+{
+    const Answer missing = get("/api/nothing");
+    EXPECT_EQ(missing.status, 404);
+    EXPECT_EQ(missing.header.at("content-type"), "application/json");
+    EXPECT_THAT(missing.body, HasSubstr("\"status\":404"));
+
+    const Answer method = ask("PUT", "/api/faults");
+    EXPECT_EQ(method.status, 405);
+    EXPECT_EQ(method.header.at("allow"), "GET, POST, DELETE");
+    EXPECT_EQ(post("/api/ring", "{\"ring\":7}").status, 400);
+    EXPECT_TRUE(fake_changes(*camera_).empty());
+}
+
+TEST_F(Http, OverlongRequestsAreRefused)
+{
+    EXPECT_EQ(post("/api/ring", std::string(HTTP_BODY_MAX + 1, ' ')).status, 413);
+    EXPECT_EQ(get("/api/state?" + std::string(9000, 'x')).status, 414);
+}
+
+TEST_F(Http, NoiseInsteadOfARequestGetsNoAnswerButDoesNoHarm)
+{
+    for (const char *noise :
+         {"\r\n\r\n\r\n", "GET\r\n\r\n", "nonsense\r\n\r\n", "GET / HTTP/9.9\r\n\r\n"}) {
+        Client client(port_);
+        client.send_bytes(noise);
+        client.hang_up();
+    }
+    EXPECT_EQ(get("/api/state").status, 200);
+}
+
+TEST_F(Http, OtherNamesOfThisMachineAreRefused)
+{
+    for (const char *host : {"evil.example", "localhost.evil.example:80", ""}) {
+        Client client(port_);
+        client.send_bytes("GET /api/state HTTP/1.1\r\nHost: " + std::string(host) +
+                          "\r\nConnection: close\r\n\r\n");
+        EXPECT_EQ(parse_answer(client.read_all()).status, 403) << host;
+    }
+    Client tunnel(port_);
+    tunnel.send_bytes(
+        "GET /api/state HTTP/1.1\r\nHost: localhost:9000\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(parse_answer(tunnel.read_all()).status, 200);
+}
+
+TEST_F(Http, OtherSitesAreRefused)
+{
+    EXPECT_EQ(ask("POST", "/api/flash", "Origin: http://evil.example\r\n").status, 403);
+    EXPECT_EQ(ask("POST", "/api/flash", "Origin: null\r\n").status, 403);
+    EXPECT_EQ(ask("GET", "/api/state", "Sec-Fetch-Site: cross-site\r\n").status, 403);
+    EXPECT_TRUE(fake_changes(*camera_).empty());
+
+    EXPECT_EQ(ask("POST", "/api/flash", "Origin: http://" + host_ + "\r\n").status, 200);
+    EXPECT_EQ(ask("GET", "/", "Sec-Fetch-Site: cross-site\r\n").status, 200)
+        << "a link to the page";
+}
+
+// ---- streams ----
+
+TEST_F(Http, PicturesFollowMeasurements)
+{
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/posts/0/stream.mjpeg?width=320"));
+    fake_measure(*camera_, 1);
+    EXPECT_THAT(client.read_until_contains("X-Measurement: 1\r\n"), HasSubstr("boundary=frame"));
+
+    fake_measure(*camera_, 2);
+
+    EXPECT_THAT(client.read_until_contains("X-Measurement: 2\r\n"),
+                HasSubstr("--frame\r\nContent-Type: image/jpeg\r\n"));
+}
+
+TEST_F(Http, APostThatIsOffStillStreams)
+{
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/posts/3/stream.mjpeg"));
+
+    EXPECT_THAT(client.read_until_contains("Content-Type: image/jpeg"), HasSubstr("--frame"));
+}
+
+TEST_F(Http, EventsBeginWithThePastAndGoOn)
+{
+    fake_measure(*camera_, 5);
+    fake_write(*camera_, 2, "ERR\n");
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/events?kinds=state,measurement,output,call"));
+    EXPECT_THAT(client.read_until_contains("\"value\":5"),
+                testing::AllOf(HasSubstr("event: hello"), HasSubstr("event: state"),
+                               HasSubstr("\"text\":\"ERR\\n\"")));
+
+    fake_measure(*camera_, 6);
+    client.read_until_contains("\"value\":6");
+    fake_call(*camera_, "qm7_cl_sys_open_device", 0);
+    client.read_until_contains("qm7_cl_sys_open_device");
+    camera_set_gain(*camera_, 4);
+
+    EXPECT_THAT(client.read_until_contains("\"gain\":4.0"), HasSubstr("\"gain\":4.0"));
+}
+
+TEST_F(Http, EventsGoOnAfterTheLastOneThatWasRead)
+{
+    fake_measure(*camera_, 5);
+    fake_measure(*camera_, 6);
+    std::string id;
+    {
+        Client client(port_);
+        client.send_bytes(head("GET", "/api/events?kinds=measurement"));
+        const std::string all = client.read_until_contains("\"value\":6");
+        std::smatch match;
+        ASSERT_TRUE(std::regex_search(all, match, std::regex("id: ([0-9]+-1-0-0)\n")));
+        id = match[1];
+    }
+
+    Client again(port_);
+    again.send_bytes(head("GET", "/api/events?kinds=measurement", "Last-Event-ID: " + id + "\r\n"));
+
+    EXPECT_THAT(again.read_until_contains("\"value\":6"), testing::Not(HasSubstr("\"value\":5")));
+}
+
+TEST_F(Http, WithoutBacklogOnlyNewThingsCome)
+{
+    fake_measure(*camera_, 5);
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/events?kinds=measurement&backlog=0"));
+    client.read_until_contains("event: hello");
+
+    fake_measure(*camera_, 6);
+
+    EXPECT_THAT(client.read_until_contains("\"value\":6"), testing::Not(HasSubstr("\"value\":5")));
+}
+
+TEST_F(Http, StreamsAreCapped)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    for (unsigned i = 0; i < HTTP_STREAMS_MAX; ++i) {
+        clients.push_back(std::make_unique<Client>(port_));
+        clients.back()->send_bytes(head("GET", "/api/events?kinds=measurement"));
+        clients.back()->read_until_contains("event: hello");
+    }
+
+    const Answer refused = get("/api/events");
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_THAT(refused.body, HasSubstr("streams are taken"));
+    EXPECT_EQ(get("/api/state").status, 200) << "single answers go on";
+
+    clients.clear();
+    int status = 503;
+    for (int tries = 0; status == 503 && tries < 100; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        Client next(port_);
+        next.send_bytes(head("GET", "/api/events"));
+        status = parse_answer(next.read_until_contains("\r\n\r\n")).status;
+    }
+    EXPECT_EQ(status, 200) << "places of readers that left are free again";
+}
+
+TEST_F(Http, AReaderThatStallsDelaysNobody)
+{
+    std::atomic<bool> stop{false};
+    std::thread clock([&] {
+        while (!stop) {
+            fake_measure(*camera_, 9);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    Client stalled(port_); // asks for big pictures and never reads one
+    stalled.send_bytes(head("GET", "/api/posts/0/stream.mjpeg?quality=100&fps=60"));
+
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/posts/0/stream.mjpeg?quality=100&fps=60"));
+    const auto frames = [](const std::string &all) {
+        size_t count = 0;
+        for (size_t at = 0; (at = all.find("X-Measurement", at)) != all.npos; ++at)
+            ++count;
+        return count;
+    };
+    const std::string &read = client.read_until([&](const auto &all) { return frames(all) >= 40; });
+
+    EXPECT_GE(frames(read), 40u);
+    EXPECT_EQ(get("/api/state").status, 200);
+    stop = true;
+    clock.join();
+}
+
+static size_t count_of(const char *folder)
+{
+    size_t count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+// Waits until the numbers are back at what they were, which takes as long as the slowest
+// connection.
+static bool settles(const std::function<bool()> &settled)
+{
+    for (int tries = 0; tries < 300; ++tries) {
+        if (settled())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+}
+
+TEST_F(Http, AThousandConnectsAndDropsLeaveNothingBehind)
+{
+    get("/api/all/frame.png"); // the picture library keeps threads of its own from here on
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the connection's thread ends
+    const size_t threads = count_of("/proc/self/task");
+    const size_t descriptors = count_of("/proc/self/fd");
+    const std::string targets[] = {"/api/state", "/api/events", "/api/posts/0/stream.mjpeg",
+                                   "/api/posts/1/frame.png"};
+    size_t threads_most = 0;
+    for (unsigned i = 0; i < 1000; ++i) {
+        Client client(port_);
+        if (i % 5 != 4) {
+            client.send_bytes(head("GET", targets[i % 4]));
+            if (i % 3 == 0)
+                client.read_until_contains("HTTP/1.1");
+        }
+        client.hang_up();
+        threads_most = std::max(threads_most, count_of("/proc/self/task"));
+    }
+
+    EXPECT_LE(threads_most, HTTP_CONNECTIONS_MAX + threads);
+    EXPECT_TRUE(settles([&] { return count_of("/proc/self/task") <= threads; }))
+        << count_of("/proc/self/task") << " threads, before " << threads;
+    EXPECT_TRUE(settles([&] { return count_of("/proc/self/fd") <= descriptors; }))
+        << count_of("/proc/self/fd") << " descriptors, before " << descriptors;
+    EXPECT_EQ(get("/api/state").status, 200);
+}
+
+TEST_F(Http, StoppingEndsStreams)
+{
+    Client client(port_);
+    client.send_bytes(head("GET", "/api/events"));
+    client.read_until_contains("event: hello");
+
+    http_stop(*server_);
+
+    client.read_all();
+    EXPECT_FALSE(Client(port_).connected());
+    http_stop(*server_); // twice is once
+}
+
+// ---- listening ----
+
+TEST(HttpStart, AddressesThatAreNoneAreRefused)
+{
+    std::string error;
+    const auto camera = camera_start({}, &error);
+    for (const char *listen : {"", "x", "127.0.0.1:", "127.0.0.1:99999", "nowhere.example:80",
+                               "1.2.3:80", "127.0.0.1:-1", "[::1:80"}) {
+        EXPECT_EQ(http_start(camera, listen, &error), nullptr) << listen;
+        EXPECT_THAT(error, HasSubstr("no address to listen on"));
+    }
+}
+
+TEST(HttpStart, APortThatIsTakenIsReported)
+{
+    std::string error;
+    const auto camera = camera_start({}, &error);
+    const auto first = http_start(camera, "localhost:0", &error);
+    ASSERT_NE(first, nullptr) << error;
+    const std::string address = http_address(*first);
+
+    EXPECT_EQ(http_start(camera, address.substr(7, address.size() - 8), &error), nullptr);
+
+    EXPECT_THAT(error, HasSubstr("another simcam"));
+}
