@@ -39,13 +39,18 @@ void display_start(DisplayState *display)
 // Takes in what the library reported of post p since the last pass: a stop first, then a start.
 static int32_t take_reports(uint32_t p, PostState *post)
 {
-    if (osd_take_stopped(p)) {
+    // Looked at in the opposite order: a start that is seen here brings along the stop before it,
+    // and no restart that comes between the two looks can lose its start to its own stop.
+    const bool started = osd_take_started(p);
+    const bool stopped = osd_take_stopped(p);
+
+    if (stopped) {
         for (OsdPlane &plane : post->planes)
             plane.opened = 0; // gone with the post: there is nothing to close
         post->geometry.valid = 0;
     }
 
-    if (osd_take_started(p))
+    if (started)
         return get_post_geometry(&post->geometry, osd_post_res_id(p));
     return STATUS_OK;
 }
