@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -46,6 +47,8 @@ struct Process {
 
     // the thread's own
     pid_t child = 0;
+    int child_end =
+        -1; // becomes readable when the child has ended; -1 where the system has no such
     int pipes[2] = {-1, -1}; // standard output, standard error
     uint64_t ticks = 0;      // processor time at the last look
     Clock::time_point looked;
@@ -94,9 +97,10 @@ static void set_variable(std::vector<std::string> *environment, const std::strin
     environment->push_back(name + "=" + value);
 }
 
-static std::string joined(const char *before, const std::string &after, char separator)
+// first, and behind it what the environment has already.
+static std::string joined(const std::string &first, const char *rest)
 {
-    return before && before[0] ? before + std::string(1, separator) + after : after;
+    return rest && rest[0] ? first + ":" + rest : first;
 }
 
 static std::vector<std::string> make_environment(const ProcessOptions &options)
@@ -115,15 +119,14 @@ static std::vector<std::string> make_environment(const ProcessOptions &options)
         set_variable(&environment, "QEMU_SET_ENV",
                      "LD_PRELOAD=" + options.preload + ",LD_LIBRARY_PATH=" + library_directory);
     } else {
-        const char *old_path = std::getenv("LD_LIBRARY_PATH");
-        set_variable(&environment, "LD_PRELOAD", options.preload);
+        set_variable(&environment, "LD_PRELOAD",
+                     joined(options.preload, std::getenv("LD_PRELOAD")));
         set_variable(&environment, "LD_LIBRARY_PATH",
-                     old_path && old_path[0] ? library_directory + ":" + old_path
-                                             : library_directory);
+                     joined(library_directory, std::getenv("LD_LIBRARY_PATH")));
     }
     // The preload object precedes the sanitizer's runtime in a program that has one; it needs none.
     set_variable(&environment, "ASAN_OPTIONS",
-                 joined(std::getenv("ASAN_OPTIONS"), "verify_asan_link_order=0", ':'));
+                 joined("verify_asan_link_order=0", std::getenv("ASAN_OPTIONS")));
     return environment;
 }
 
@@ -205,6 +208,7 @@ static std::string start(Process &process)
     fcntl(out[0], F_SETFL, O_NONBLOCK);
     fcntl(err[0], F_SETFL, O_NONBLOCK);
     process.child = child;
+    process.child_end = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     process.pipes[0] = out[0];
     process.pipes[1] = err[0];
     process.ticks = 0;
@@ -266,6 +270,9 @@ static void reap(Process &process)
         pipe = -1;
     }
     process.child = 0;
+    if (process.child_end >= 0)
+        close(process.child_end);
+    process.child_end = -1;
     const std::lock_guard guard(process.lock);
     process.state.running = false;
     process.state.pid = 0;
@@ -320,12 +327,15 @@ static bool run_jobs(Process &process)
 
 static void run(Process &process)
 {
-    constexpr int CHILD_POLL_MS = 50; // the end of a child shows in no descriptor
+    constexpr int CHILD_POLL_MS = 50; // where no descriptor tells of its end
+    constexpr int LOOK_MS = 1000;
     while (run_jobs(process)) {
-        pollfd entries[3] = {{process.wake, POLLIN, 0},
+        pollfd entries[4] = {{process.wake, POLLIN, 0},
                              {process.pipes[0], POLLIN, 0},
-                             {process.pipes[1], POLLIN, 0}};
-        poll(entries, 3, process.child ? CHILD_POLL_MS : -1);
+                             {process.pipes[1], POLLIN, 0},
+                             {process.child_end, POLLIN, 0}};
+        const int timeout = !process.child ? -1 : process.child_end < 0 ? CHILD_POLL_MS : LOOK_MS;
+        poll(entries, 4, timeout);
         uint64_t count;
         (void)!read(process.wake, &count, sizeof count); // only to make it quiet again
         for (int stream = 1; stream <= 2; stream++)
@@ -393,9 +403,9 @@ void process_finish(Process &process)
         if (process.child) {
             kill(process.child, SIGKILL);
             waitpid(process.child, nullptr, 0);
-            for (int &pipe : process.pipes)
-                if (pipe >= 0)
-                    close(pipe);
+            for (const int fd : {process.pipes[0], process.pipes[1], process.child_end})
+                if (fd >= 0)
+                    close(fd);
         }
         return {};
     });

@@ -200,6 +200,20 @@ TEST_F(BoardTest, AClientThatReadsNoReportsLosesThemAndHoldsNobodyUp)
     EXPECT_LT(board.dropped_reports, 9999u);
 }
 
+TEST_F(BoardTest, AClientThatHasGoneIsNotCountedAsDeaf)
+{
+    TestClient gone(board);
+    gone.open_session();
+    gone.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1});
+    gone.call(WIRE_POST_SET_NOTIFY, WireWord{15});
+    close(gone.events[1]);
+
+    start(0);
+
+    EXPECT_EQ(board.dropped_reports, 0u);
+    gone.events[1] = dup(gone.events[0]); // for the end of the test to close
+}
+
 TEST_F(BoardTest, StatusTellsTheSizeAndFillsTheRestWithJunk)
 {
     TestClient client(board);

@@ -1,0 +1,226 @@
+// Every fault of the camera: what the overlay process says, and that it recovers by itself.
+
+#include <cerrno>
+#include <fstream>
+#include <gtest/gtest.h>
+
+#include "optics.h"
+#include "overlay.h"
+
+using namespace simcam;
+
+static void arm(const Overlay &overlay, const std::string &call, uint32_t error,
+                uint32_t count = FAULT_FOREVER, uint32_t delay_ms = 0)
+{
+    ASSERT_EQ(camera_set_fault(*overlay, {call, error, count, delay_ms, 0}), "");
+}
+
+// Starts the process anew with the fault armed, on a freshly started post.
+static void restart_with(const Overlay &overlay, const std::string &call, uint32_t error,
+                         uint32_t count)
+{
+    overlay.wait_redraws(0);
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    arm(overlay, call, error, count);
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_process_start(*overlay), "");
+}
+
+static void expect_recovery(const Overlay &overlay)
+{
+    overlay.wait_redraws(0, 2);
+    const Readout readout = overlay.readout(0);
+    EXPECT_TRUE(readout.valid) << readout.problem;
+}
+
+// ---- the session
+
+struct SessionFault {
+    const char *call;
+    const char *undo; // the first call of the undo; null for none
+};
+
+class OverlaySession : public testing::TestWithParam<SessionFault>
+{
+};
+
+TEST_P(OverlaySession, AFailureIsReportedUndoneAndMendedByTheNextStart)
+{
+    const Overlay overlay(overlay_options());
+    restart_with(overlay, GetParam().call, 0x81E0ABCD, 1);
+    const std::string line = std::string("ERR:#qm7osd:[(null)]=") + GetParam().call +
+                             "() failed. errno=0x81E0ABCD(OSD_Library_Process)\n";
+    overlay.wait("the error line",
+                 [&] { return overlay.output(2).find(line) != std::string::npos; });
+    if (GetParam().undo) {
+        overlay.wait("the undo", [&] { return overlay.calls("qm7_cl_library_exit", 0) == 1; });
+        EXPECT_EQ(overlay.calls(GetParam().undo, 0), 1u);
+    }
+    EXPECT_TRUE(overlay.state().process.running); // it goes on, and never draws
+    EXPECT_FALSE(overlay.state().post[0].plane[0].open);
+
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    EXPECT_EQ(camera_process_start(*overlay), "");
+    expect_recovery(overlay);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, OverlaySession,
+    testing::Values(SessionFault{"qm7_cl_library_init", nullptr},
+                    SessionFault{"qm7_cl_sys_open_device", "qm7_cl_library_exit"},
+                    SessionFault{"qm7_cl_post_notify_callback", "qm7_cl_sys_close_device"},
+                    SessionFault{"qm7_cl_post_set_notify", "qm7_cl_sys_close_device"},
+                    SessionFault{"qm7_cl_post_get_osd_color_mem", "qm7_cl_sys_close_device"},
+                    SessionFault{"qm7_cl_post_set_osd_color", "qm7_cl_sys_close_device"}),
+    [](const auto &its) { return std::string(its.param.call); });
+
+// ---- planes
+
+TEST(OverlayFault, AStatusThatFailsIsAskedForAgainAtTheNextStartOfThePost)
+{
+    const Overlay overlay(overlay_options());
+    restart_with(overlay, "qm7_cl_post_thread_get_status", 0x81E0ABCD, 1);
+    overlay.wait("the message", [&] {
+        return overlay.output(1).find("POST0 get_post_geometry() failed") != std::string::npos;
+    });
+    EXPECT_FALSE(overlay.state().post[0].plane[0].open);
+
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    expect_recovery(overlay);
+}
+
+TEST(OverlayFault, AnOpenThatFailsIsTriedAgainWithEveryPass)
+{
+    for (const uint32_t code : {0x81E03246u, 0x81E0ABCDu}) {
+        const Overlay overlay(overlay_options());
+        restart_with(overlay, "qm7_cl_post_open_osd", code, 4); // two passes of two planes, or more
+        char line[128];
+        std::snprintf(line, sizeof line,
+                      "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. errno=0x%08X"
+                      "(osd_open_osd)\n",
+                      code);
+        expect_recovery(overlay);
+        EXPECT_NE(overlay.output(2).find(line), std::string::npos) << overlay.output(2);
+        EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", code), 4u);
+    }
+}
+
+class OverlayToleratedCode : public testing::TestWithParam<uint32_t>
+{
+};
+
+TEST_P(OverlayToleratedCode, CountsAsOpenUntilThePostStartsAgain)
+{
+    const Overlay overlay(overlay_options());
+    restart_with(overlay, "qm7_cl_post_open_osd", GetParam(), 1);
+    // The process takes the plane for open; the camera, which has none, refuses its memory.
+    overlay.wait("a second pass without a bar",
+                 [&] { return overlay.calls("qm7_cl_post_get_osd_mem", 0x81003209) >= 2; });
+    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", GetParam()), 1u); // not tried again
+    EXPECT_EQ(overlay.output(2), "");
+    EXPECT_NE(overlay.output(1).find("show_bar() failed"), std::string::npos);
+
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    expect_recovery(overlay);
+}
+
+INSTANTIATE_TEST_SUITE_P(Codes, OverlayToleratedCode,
+                         testing::Values(0x81E03204u, 0x81E04507u, 0x81003209u, 0x81E0250Cu));
+
+TEST(OverlayFault, MemoryThatIsNotToBeHadLeavesTheLastReadoutShown)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    arm(overlay, "qm7_cl_post_get_osd_mem", 0x81E0ABCD);
+    overlay.wait("the message", [&] {
+        return overlay.output(1).find("qm7_cl_post_get_osd_mem() failed. errno=0x81E0ABCD") !=
+               std::string::npos;
+    });
+    const uint64_t shows = overlay.state().post[0].plane[0].shows;
+    overlay.wait("another try",
+                 [&] { return overlay.calls("qm7_cl_post_get_osd_mem", 0x81E0ABCD) >= 3; });
+    EXPECT_EQ(overlay.state().post[0].plane[0].shows, shows);
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+    EXPECT_NE(overlay.output(1).find("show_bar() failed"), std::string::npos);
+
+    camera_clear_faults(*overlay);
+    expect_recovery(overlay);
+}
+
+TEST(OverlayFault, AShowThatFailsLeavesTheLastReadoutShown)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    arm(overlay, "qm7_cl_post_set_osd", 0x81E0ABCD);
+    overlay.wait("two tries",
+                 [&] { return overlay.calls("qm7_cl_post_set_osd", 0x81E0ABCD) >= 2; });
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+    EXPECT_NE(overlay.output(1).find("qm7_cl_post_set_osd() failed. errno=0x81E0ABCD"),
+              std::string::npos);
+
+    camera_clear_faults(*overlay);
+    expect_recovery(overlay);
+}
+
+TEST(OverlayFault, SlowCallsOnlyMakeItSlow)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    arm(overlay, "qm7_cl_post_get_osd_mem", 0, FAULT_FOREVER, 300);
+    arm(overlay, "CAM_FOCUS_READ", 0, FAULT_FOREVER, 200);
+    expect_recovery(overlay);
+    EXPECT_EQ(overlay.output(2), "");
+    EXPECT_EQ(overlay.output(1), "");
+}
+
+// ---- device
+
+TEST(OverlayFault, ADeviceThatCannotBeOpenedEndsItWithStatusOne)
+{
+    const Overlay overlay(overlay_options());
+    restart_with(overlay, "open", EACCES, 1);
+    overlay.wait_process_end();
+    EXPECT_EQ(overlay.state().process.last_end, "exit status 1");
+
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_process_start(*overlay), "");
+    expect_recovery(overlay);
+}
+
+TEST(OverlayFault, ReadingsThatFailKeepTheLastValueOnTheScreen)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0, 2);
+    arm(overlay, "CAM_FOCUS_READ", EIO);
+    overlay.wait("a failed reading", [&] { return overlay.calls("CAM_FOCUS_READ", EIO) > 1; });
+    overlay.wait_redraws(0, 2);
+    const int kept = overlay.readout(0).current;
+    EXPECT_EQ(camera_set_ring(*overlay, lens_best_ring()), "");
+    overlay.wait_redraws(0, 2);
+    EXPECT_EQ(overlay.readout(0).current, kept);
+
+    camera_clear_faults(*overlay);
+    overlay.wait("the new value", [&] {
+        const Readout readout = overlay.readout(0);
+        return readout.valid && readout.current > kept + 50;
+    });
+}
+
+TEST(OverlayFault, AConfigurationThatFailsIsNotRetriedAndLeavesItWithoutValues)
+{
+    CameraOptions options = overlay_options();
+    options.program = {
+        "/bin/sh", "-c",
+        "until [ -e \"$SIMCAM_RUN_DIR/go\" ]; do sleep 0.05; done; exec " FOCUS_ASSIST};
+    const Overlay overlay(options);
+    arm(overlay, "CAM_FOCUS_CONFIG", EIO, 1);
+    std::ofstream(overlay.state().run_directory + "/go") << "go";
+
+    overlay.wait_redraws(0, 2);
+    EXPECT_EQ(overlay.readout(0).text, "FOCUS ASSIST   0/---");
+    EXPECT_FALSE(overlay.state().focus_configured);
+    EXPECT_GT(overlay.calls("CAM_FOCUS_READ", EINVAL), 0u);
+    EXPECT_EQ(overlay.calls("CAM_FOCUS_CONFIG", EIO), 1u);
+}

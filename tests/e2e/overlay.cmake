@@ -1,0 +1,12 @@
+# Makes the half seconds between the redraws short where a test wants many of them.
+add_library(e2e_fast_sleep SHARED fast_sleep.cpp)
+
+add_executable(e2e_overlay_test
+    fault_test.cpp overlay.cpp overlay_test.cpp picture_test.cpp reference.cpp)
+target_link_libraries(e2e_overlay_test PRIVATE
+    focus_options simcam_core Freetype::Freetype GTest::gtest_main)
+target_compile_definitions(e2e_overlay_test PRIVATE
+    FOCUS_ASSIST="$<TARGET_FILE:focus_assist>"
+    FAST_SLEEP="$<TARGET_FILE:e2e_fast_sleep>")
+add_dependencies(e2e_overlay_test focus_assist e2e_fast_sleep)
+gtest_discover_tests(e2e_overlay_test PROPERTIES TIMEOUT 180 LABELS e2e)

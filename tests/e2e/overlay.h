@@ -1,0 +1,39 @@
+// A camera with the overlay process on it, for tests.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "camera.h"
+#include "reference.h"
+
+struct Overlay {
+    std::shared_ptr<simcam::Camera> camera;
+
+    // All four outputs run unless posts says otherwise.
+    explicit Overlay(const simcam::CameraOptions &options);
+    ~Overlay();
+    Overlay(const Overlay &) = delete;
+    Overlay &operator=(const Overlay &) = delete;
+
+    simcam::Camera &operator*() const
+    {
+        return *camera;
+    }
+    simcam::CameraState state() const;
+    // Waits, a minute at most, until the condition holds. what is said where it never does.
+    void wait(const char *what, const std::function<bool()> &condition) const;
+    // Waits until bar and text of the post have been shown anew, count times each.
+    void wait_redraws(int post, uint64_t count = 1) const;
+    void wait_process_end() const;
+    // The readout that a post shows now.
+    Readout readout(int post) const;
+    // What the process wrote on a stream so far.
+    std::string output(int stream) const;
+    std::string everything() const;
+    size_t calls(const std::string &name, uint32_t error) const;
+};
+
+simcam::CameraOptions overlay_options(const std::string &post0 = "1280x720");
+simcam::CameraOptions overlay_options_all_posts();

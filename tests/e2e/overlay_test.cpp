@@ -1,0 +1,256 @@
+// The overlay process on a camera that works: start, posts coming and going, restarts, the sweep.
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "optics.h"
+#include "overlay.h"
+
+using namespace simcam;
+
+static void expect_place(const PlaneState &plane, uint32_t width, uint32_t height, uint32_t x,
+                         uint32_t y)
+{
+    EXPECT_TRUE(plane.shown);
+    EXPECT_EQ(plane.width, width);
+    EXPECT_EQ(plane.height, height);
+    EXPECT_EQ(plane.x, x);
+    EXPECT_EQ(plane.y, y);
+    EXPECT_EQ(plane.depth_code, 2u);
+}
+
+TEST(OverlayProcess, DrawsOnAllFourSizesAtOnce)
+{
+    const Overlay overlay(overlay_options_all_posts());
+    for (int post = 0; post < 4; post++)
+        overlay.wait_redraws(post, 2);
+
+    const CameraState state = overlay.state();
+    expect_place(state.post[0].plane[0], 720, 108, 600, 864);
+    expect_place(state.post[1].plane[0], 480, 72, 400, 576);
+    expect_place(state.post[2].plane[0], 280, 48, 220, 384);
+    expect_place(state.post[3].plane[0], 132, 24, 110, 192);
+    expect_place(state.post[2].plane[1], 280, 48, 221, 384 - 28);
+    expect_place(state.post[3].plane[1], 132, 24, 111, 192 - 14);
+    EXPECT_EQ(state.post[0].plane[1].y, 864u - 63);
+    EXPECT_EQ(state.post[1].plane[1].y, 576u - 42);
+    for (int post = 0; post < 4; post++) {
+        const Readout readout = overlay.readout(post);
+        EXPECT_TRUE(readout.valid) << post << ": " << readout.problem;
+        EXPECT_EQ(readout.peak, 0); // nothing has moved: "---"
+        EXPECT_EQ(readout.percent, 0);
+        EXPECT_FALSE(readout.highlight);
+        const ReferenceLayout layout =
+            reference_layout(static_cast<int>(state.post[static_cast<size_t>(post)].width),
+                             static_cast<int>(state.post[static_cast<size_t>(post)].height));
+        // Cut to 16 bits, as the position is.
+        EXPECT_EQ(state.post[static_cast<size_t>(post)].plane[1].x,
+                  static_cast<uint32_t>(layout.text_x) & 0xFFFF);
+        EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[2].open);
+        EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[3].open);
+    }
+    EXPECT_EQ(overlay.output(2), "");
+}
+
+TEST(OverlayProcess, ShowsTheLatestValue)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0, 2);
+    const auto measured = camera_measurements(*overlay, 0, 4096);
+    const auto [low, high] =
+        std::minmax_element(measured.begin(), measured.end(),
+                            [](const auto &a, const auto &b) { return a.value < b.value; });
+
+    const Readout readout = overlay.readout(0);
+
+    ASSERT_TRUE(readout.valid) << readout.problem;
+    EXPECT_GE(readout.current, static_cast<int>(low->value));
+    EXPECT_LE(readout.current, static_cast<int>(high->value));
+}
+
+TEST(OverlayProcess, WritesItsPidFileIntoTheRunDirectory)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+
+    std::ifstream file(overlay.state().run_directory + "/var/run/focus_assist.pid");
+    int pid = 0;
+    file >> pid;
+    EXPECT_EQ(pid, overlay.state().process.pid);
+    EXPECT_TRUE(overlay.state().process.attached);
+    EXPECT_TRUE(overlay.state().focus_configured);
+}
+
+TEST(OverlayProcess, FollowsPostsThatStopAndStart)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    EXPECT_EQ(camera_start_post(*overlay, 2, 720, 480), "");
+    overlay.wait_redraws(2);
+
+    EXPECT_EQ(camera_stop_post(*overlay, 0), "");
+    EXPECT_FALSE(overlay.state().post[0].plane[0].open);
+    overlay.wait_redraws(2, 3);
+    EXPECT_FALSE(overlay.state().post[0].plane[0].open); // nobody has opened it since
+
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    overlay.wait_redraws(0, 2);
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+    EXPECT_TRUE(overlay.readout(2).valid) << overlay.readout(2).problem;
+}
+
+TEST(OverlayProcess, AStopAndAStartBetweenTwoRedrawsReopenThePlanes)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    const size_t opened = overlay.calls("qm7_cl_post_open_osd", 0);
+
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(camera_stop_post(*overlay, 0), "");
+        EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+        overlay.wait_redraws(0);
+        EXPECT_TRUE(overlay.readout(0).valid);
+    }
+    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0), opened + 6);
+}
+
+TEST(OverlayProcess, APostThatComesBackSmallerKeepsItsFirstLayout)
+{
+    const Overlay overlay(overlay_options("1920x1080"));
+    overlay.wait_redraws(0);
+
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    overlay.wait_redraws(0, 2);
+
+    // Still where it belongs on 1920 x 1080: below the smaller picture's last line, so unseen.
+    expect_place(overlay.state().post[0].plane[0], 720, 108, 600, 864);
+    const cv::Mat picture = camera_picture(*overlay, 0, true);
+    EXPECT_EQ(picture.size(), cv::Size(1280, 720));
+    EXPECT_EQ(overlay.output(2), "");
+}
+
+TEST(OverlayProcess, ASizeWithoutALayoutIsReportedOnceAndHarmsNoOtherPost)
+{
+    CameraOptions options = overlay_options("1280x720");
+    options.post_size[1] = "640x480";
+    const Overlay overlay(options);
+    overlay.wait_redraws(0, 4);
+
+    const std::string errors = overlay.output(2);
+    const std::string line = "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n";
+    EXPECT_NE(errors.find(line), std::string::npos) << errors;
+    EXPECT_EQ(errors.find(line), errors.rfind(line));
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+}
+
+TEST(OverlayProcess, WithoutPostsItWaitsWithoutACall)
+{
+    const Overlay overlay(overlay_options(""));
+    overlay.wait("the session", [&] { return overlay.calls("qm7_cl_post_set_osd_color", 0) == 1; });
+    const uint64_t calls = camera_calls(*overlay, 0, 100000).back().number;
+    camera_wait(*overlay, overlay.state().latest.number + 40, 60); // more than two of its passes
+
+    for (const CallRecord &call : camera_calls(*overlay, calls, 100))
+        EXPECT_NE(call.call.find("CAM_"), std::string::npos) << call.call;
+    EXPECT_EQ(camera_start_post(*overlay, 3, 352, 240), "");
+    overlay.wait_redraws(3);
+    EXPECT_TRUE(overlay.readout(3).valid);
+}
+
+TEST(OverlayProcess, ASweepEndsWithTheReadoutThatTheMeasuredValuesPredict)
+{
+    CameraOptions options = overlay_options();
+    options.sweep = true;
+    options.sweep_period_s = 6;
+    const Overlay overlay(options);
+    overlay.wait_redraws(0);
+    const uint64_t first = overlay.state().latest.number;
+    camera_wait(*overlay, first + 6 * 30, 120); // once to and fro
+    EXPECT_EQ(camera_set_ring(*overlay, lens_best_ring() + 0.05), "");
+    const uint64_t settled = overlay.state().latest.number + 2;
+    camera_wait(*overlay, settled + 10, 60);
+    overlay.wait_redraws(0, 2);
+
+    const Readout readout = overlay.readout(0);
+    const auto measured = camera_measurements(*overlay, 0, 4096);
+    int best = 0, low = 1000, high = 0;
+    for (const Measurement &m : measured) {
+        const int value = static_cast<int>(m.value);
+        best = std::max(best, value);
+        if (m.number > settled) {
+            low = std::min(low, value);
+            high = std::max(high, value);
+        }
+    }
+    ASSERT_TRUE(readout.valid) << readout.problem;
+    EXPECT_GT(best, 100);
+    EXPECT_LE(readout.peak, best);
+    EXPECT_GE(readout.peak, best * 98 / 100); // a reading may be missed on a loaded machine
+    EXPECT_GE(readout.current, low);
+    EXPECT_LE(readout.current, high);
+    // The bar was drawn by the same pass or, where a value changed in between, by one like it. Two
+    // percentages beside the marker may look alike, and the lower is read.
+    EXPECT_GE(readout.percent, low * 100 / readout.peak - 2);
+    EXPECT_LE(readout.percent, high * 100 / readout.peak);
+    EXPECT_EQ(readout.highlight, readout.current * 100 / readout.peak >= 85);
+}
+
+// ---- the end of the process and the next one
+
+TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0, 2);
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    EXPECT_EQ(overlay.state().process.last_end, "signal 9 (Killed)");
+    EXPECT_FALSE(overlay.state().process.attached);
+    const Readout left = overlay.readout(0);
+    ASSERT_TRUE(left.valid) << left.problem; // its last readout is still on the screen, whole
+    const std::vector<uint8_t> text = camera_plane(*overlay, 0, 1).bytes;
+
+    EXPECT_EQ(camera_process_start(*overlay), "");
+    overlay.wait("a redraw of the bar", [&] {
+        return overlay.state().post[0].plane[0].shows > 4 && overlay.output(2).size() > 0;
+    });
+
+    // The library says with a tolerated code that the planes are open, and no pitch comes with it:
+    // the new process shows an empty bar, and its text never becomes a picture. The old text stays.
+    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
+    overlay.wait("an empty bar", [&] {
+        const auto bar = camera_plane(*overlay, 0, 0).bytes;
+        return std::count(bar.begin(), bar.end(), 0) == static_cast<long>(bar.size());
+    });
+    EXPECT_EQ(camera_plane(*overlay, 0, 1).bytes, text);
+    EXPECT_NE(overlay.output(2).find("target width is too small(font_get_target_bitmap)\n"),
+              std::string::npos);
+
+    // A stop and a start of the post take the planes away; the next pass opens them anew.
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    overlay.wait_redraws(0, 2);
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+}
+
+TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)
+{
+    setenv("LD_PRELOAD", FAST_SLEEP, 1);
+    const Overlay overlay(overlay_options());
+    for (int i = 1; i <= 100; i++) {
+        overlay.wait("a readout", [&] {
+            const PostState post = overlay.state().post[0];
+            return post.plane[0].shown && post.plane[1].shown;
+        });
+        EXPECT_EQ(i % 2 ? camera_process_kill(*overlay) : camera_process_stop(*overlay), "");
+        overlay.wait_process_end();
+        EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+        ASSERT_EQ(camera_process_start(*overlay), "");
+    }
+    overlay.wait_redraws(0, 2);
+    EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+    unsetenv("LD_PRELOAD");
+    EXPECT_EQ(overlay.state().process.starts, 101u);
+    EXPECT_EQ(overlay.state().dropped_reports, 0u);
+}
