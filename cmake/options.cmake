@@ -28,6 +28,6 @@ target_link_libraries(focus_product INTERFACE focus_options)
 target_compile_options(focus_product INTERFACE
     -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics)
 if(FOCUS_COVERAGE)
-    target_compile_options(focus_product INTERFACE --coverage)
+    target_compile_options(focus_product INTERFACE --coverage -O0)
     target_link_options(focus_product INTERFACE --coverage)
 endif()
