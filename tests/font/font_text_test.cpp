@@ -223,7 +223,7 @@ TEST(FontDrawTarget, GlyphAsHighAsTheTargetIsNotClippedWhereItCrossesTheEdge)
 
 TEST(FontDrawTarget, GlyphHigherThanTheTargetEndsWithTheTarget)
 {
-    MadeGlyph glyph({"X..", "XX.", "XXX", "XXX"}, 0, 2);
+    MadeGlyph glyph({"X..", "XX.", "X.X", ".XX"}, 0, 2);
 
     // The first row stands on line 3 - 2 = 1, so that two of the four rows fit.
     const std::vector<uint8_t> bytes = drawn(glyph, target_of(3, 0, 4), 0, 0, 0, 6 * 4);
