@@ -15,7 +15,8 @@ add_custom_command(OUTPUT page.cpp
     VERBATIM)
 
 add_library(simcam_http STATIC
-    http.cpp http_json.cpp http_picture.cpp http_route.cpp ${CMAKE_CURRENT_BINARY_DIR}/page.cpp)
+    http.cpp http_answer.cpp http_json.cpp http_picture.cpp http_route.cpp http_stream.cpp http_table.cpp
+    ${CMAKE_CURRENT_BINARY_DIR}/page.cpp)
 target_include_directories(simcam_http PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(simcam_http
     PUBLIC simcam_optics

@@ -213,8 +213,8 @@ function showReadout() {
   if ($('cue').textContent !== cue.text) $('cue').textContent = cue.text;
   $('cue').className = `cue ${cue.kind}`;
   const note = store.process === null ? ''
-    : store.peakExact ? 'Peak: the page’s estimate, by the overlay’s rule since its start. The picture has the real one.'
-    : 'Peak: at least this. The overlay ran before this page looked on; the picture has the real one.';
+    : store.peakExact ? 'The peak is the page’s estimate by the overlay’s rule; the picture has the real one.'
+    : 'The peak is at least this: the overlay ran before the page looked on.';
   if ($('peak-note').textContent !== note) $('peak-note').textContent = note;
   ring.showPeak(store.process !== null && store.peak.value ? store.peak.ring : null);
 }
@@ -245,7 +245,9 @@ function showState() {
   $('notice').hidden = running || !store.connected;
   $('notice').querySelector('span').textContent = p.configured ? `The overlay process is not running: ${p.last_end || 'not started yet'}.` : 'No overlay process is attached: nothing is drawn on the picture.';
   $('notice').querySelector('button').hidden = !p.configured;
-  $('facts').textContent = post ? (post.running ? `${post.width} × ${post.height} · ${viewer.rate} pictures/s` : 'off') : `${viewer.rate} pictures/s`;
+  const facts = post ? [post.running ? `${post.width} × ${post.height}` : 'off'] : [];
+  if (!off && viewer.rate > 0) facts.push(`${viewer.rate} pictures/s`);
+  $('facts').textContent = facts.join(' · ');
   [...$('tiles').children].forEach((button, i) => {
     const text = s.posts[i].running ? `Post ${i} · ${s.posts[i].width} × ${s.posts[i].height}` : `Post ${i}`;
     if (button.firstChild.textContent !== text) button.firstChild.textContent = text;
@@ -304,7 +306,13 @@ function listen() {
   });
   source.addEventListener('state', (event) => {
     store.connected = true;
+    const before = store.state;
     store.state = JSON.parse(event.data);
+    for (const what of ['scene', 'gain']) { // either has a curve of its own
+      if (!before || before[what] === store.state[what]) continue;
+      mark(what);
+      store.curve = curveNew();
+    }
     if (store.lastMeasurement === 0 && store.state.latest.number > 1) pending = true;
     if (!pending) followProcess(store.state.process);
     panels.showState(store.state);

@@ -65,11 +65,9 @@ export function panelsMake({store, send, toast, mark}) {
     const own = element('form', {className: 'own joined', hidden: true},
       element('input', {type: 'text', placeholder: '640x480', pattern: '[0-9]{1,4}x[0-9]{1,4}', required: true, 'aria-label': `Another size of post ${number}, width x height`}),
       element('button', {type: 'submit', textContent: 'Set'}));
-    const fact = element('span', {className: 'fine'});
     const planes = element('p', {className: 'fine planes'});
-    $('posts').append(element('div', {className: 'post'},
-      element('header', {}, element('b', {textContent: `Post ${number}`}), fact, power), element('div', {className: 'row'}, size), own, planes));
-    const post = {size, power, own, fact, planes, state: null, touched: 0};
+    $('posts').append(element('div', {className: 'post'}, element('header', {}, element('b', {textContent: `Post ${number}`}), size, power), own, planes));
+    const post = {size, power, own, planes, state: null};
 
     power.addEventListener('click', () => {
       if (post.state?.running) send('POST', `/api/posts/${number}/stop`);
@@ -95,7 +93,6 @@ export function panelsMake({store, send, toast, mark}) {
       post.power.setAttribute('aria-checked', String(now.running));
       post.power.textContent = now.running ? 'On' : 'Off';
       const width = `${now.width}x${now.height}`;
-      post.fact.textContent = now.running ? `${now.starts === 1 ? 'started once' : `started ${now.starts} times`}` : 'off: shows nothing';
       if (now.width && (!before || before.width !== now.width || before.height !== now.height)) {
         if (![...post.size.options].some((option) => option.value === width)) {
           post.size.insertBefore(element('option', {value: width, textContent: width.replace('x', ' × ')}), post.size.lastElementChild);
@@ -103,24 +100,21 @@ export function panelsMake({store, send, toast, mark}) {
         post.size.value = width;
       }
       const open = now.planes.map((plane, i) => [plane, i]).filter(([plane]) => plane.open);
-      post.planes.textContent = open.map(([plane, i]) => `Plane ${i}: ${plane.width} × ${plane.height} at ${plane.x}, ${plane.y}${plane.shown ? '' : ', not shown'}`).join('\n');
-      post.planes.hidden = open.length === 0;
+      const lines = open.map(([plane, i]) => `Plane ${i}: ${plane.width} × ${plane.height} at ${plane.x}, ${plane.y}${plane.shown ? '' : ', not shown'}`);
+      const text = lines.length ? lines.join('\n') : now.running ? 'Running, no plane is open.' : 'Off.';
+      if (post.planes.textContent !== text) post.planes.textContent = text;
     });
   }
 
   // ---- scene ----
 
-  async function setScene(scene) {
-    if (await send('POST', '/api/scene', {scene})) mark('scene');
-  }
+  const setScene = (scene) => send('POST', '/api/scene', {scene});
   for (const button of document.querySelectorAll('[data-scene]')) button.addEventListener('click', () => setScene(button.dataset.scene));
   $('scene-form').addEventListener('submit', (event) => {
     event.preventDefault();
     if ($('scene-path').value.trim()) setScene($('scene-path').value.trim());
   });
-  async function setGain(stops) {
-    if (await send('POST', '/api/gain', {gain: Math.min(8, Math.max(0.125, 2 ** stops))})) mark('gain');
-  }
+  const setGain = (stops) => send('POST', '/api/gain', {gain: Math.min(8, Math.max(0.125, 2 ** stops))});
   $('gain').addEventListener('input', () => { $('gain-value').textContent = `${(2 ** Number($('gain').value)).toFixed(2)}×`; });
   $('gain').addEventListener('change', () => setGain(Number($('gain').value)));
   $('gain-reset').addEventListener('click', () => setGain(0));

@@ -1,7 +1,7 @@
 // The lens ring: a knurled barrel seen from the side. Its surface follows the finger.
 
 const TRAVEL = 4.6; // radians that the barrel turns from stop to stop
-const RIB = 0.062;  // radians from rib to rib
+const RIB = 0.034;  // radians from rib to rib
 
 export function ringMake(canvas, onTurn) {
   const state = {value: 0, peak: null, dragging: false, grabX: 0, grabValue: 0, dirty: true};
