@@ -1,0 +1,19 @@
+# The page in a real browser, on the real camera with the real overlay.
+find_program(E2E_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH) # the one with the distribution's modules
+find_program(E2E_PYTHON NAMES python3)
+find_program(E2E_CHROMIUM NAMES chromium)
+find_program(E2E_CHROMEDRIVER NAMES chromedriver)
+if(NOT E2E_PYTHON)
+    message(STATUS "tests: no python3, the page is not tested in a browser")
+    return()
+endif()
+
+add_test(NAME e2e_page
+    COMMAND ${E2E_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/page_test.py
+            --simcam $<TARGET_FILE:simcam> --overlay $<TARGET_FILE:focus_assist>
+            --browser ${E2E_CHROMIUM} --driver ${E2E_CHROMEDRIVER}
+            --pictures ${CMAKE_CURRENT_BINARY_DIR}/page)
+set_tests_properties(e2e_page PROPERTIES
+    LABELS e2e
+    TIMEOUT 300
+    SKIP_RETURN_CODE 77)
