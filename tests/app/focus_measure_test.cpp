@@ -94,6 +94,8 @@ void __wrap__exit(int status)
 
 } // extern "C"
 
+static const uint8_t PEAK_HOLD_AT_START = peak_hold; // before any test puts it back
+
 class FocusMeasure : public testing::Test
 {
   protected:
@@ -201,6 +203,11 @@ TEST_F(FocusMeasure, ValueIsAHundredthOfTheRawOneCutOff)
         read(raw);
         EXPECT_EQ(state.current.load(), value) << raw;
     }
+}
+
+TEST_F(FocusMeasure, ProcessStartsWithThePeakOnHold)
+{
+    EXPECT_EQ(PEAK_HOLD_AT_START, 1);
 }
 
 TEST_F(FocusMeasure, SmallChangesHoldThePeakAtZero)

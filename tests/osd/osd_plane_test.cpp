@@ -510,6 +510,7 @@ TEST_F(ShowBar, OtherDepthsPaintOneByteAPixelAllTheSame)
                                    "##********????||||##\n"
                                    "####################\n"
                                    "####################\n");
+        ASSERT_FALSE(codec.shown.empty());
         EXPECT_EQ(codec.shown.back().bytes[50], 1);
         EXPECT_EQ(captured.out + captured.err, "");
     }

@@ -357,6 +357,15 @@ TEST_F(OsdSession, OfTwoStartReportsTheLaterIdCounts)
     EXPECT_FALSE(osd_take_started(1));
 }
 
+TEST_F(OsdSession, TwoStopReportsAreOne)
+{
+    osd_post_notify({0, 7, 1, 0});
+    osd_post_notify({0, 7, 1, 0});
+
+    EXPECT_TRUE(osd_take_stopped(1));
+    EXPECT_FALSE(osd_take_stopped(1));
+}
+
 TEST_F(OsdSession, PostBeyondTheFourthIsIgnored)
 {
     const Captured captured = capture([] {
@@ -393,26 +402,24 @@ TEST_F(OsdSession, TakingAReportClearsThatBitAlone)
 TEST_F(OsdSession, StartThatIsSeenComesWithItsIdOrALaterOne)
 {
     constexpr uint32_t REPORTS = 20000;
-    std::atomic<uint32_t> announced = 0; // ids below it are stored
+    std::atomic<uint32_t> announced = 0; // ids up to it are reported
     std::thread library([&] {
         for (uint32_t id = 1; id <= REPORTS; id++) {
             osd_post_notify({0, id, 3, 1});
+            osd_post_notify({0, id, 2, id % 2}); // beside it, in the same masks
             announced.store(id, std::memory_order_release);
-            osd_post_notify({0, id, 2, id % 2}); // beside it, in the same words
         }
     });
 
     uint32_t last = 0;
-    while (last < REPORTS) {
-        const uint32_t at_least = announced.load(std::memory_order_acquire);
+    for (uint32_t at_least = 0; at_least < REPORTS; std::this_thread::yield()) {
+        at_least = announced.load(std::memory_order_acquire);
         if (osd_take_started(3)) {
             const uint32_t id = osd_post_res_id(3);
             EXPECT_GT(id, 0u);
             EXPECT_GE(id, at_least);
             EXPECT_GE(id, last);
             last = id;
-        } else {
-            std::this_thread::yield();
         }
         (void)osd_take_stopped(2);
     }
