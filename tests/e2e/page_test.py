@@ -221,7 +221,7 @@ class Page(unittest.TestCase):
         self.open_tab("faults")
         Select(self.find("fault-call")).select_by_value("qm7_cl_post_set_osd")
         Select(self.find("fault-error")).select_by_value("0x81000001")
-        Select(self.find("fault-count")).select_by_value("4")
+        Select(self.find("fault-count")).select_by_value("forever")
         self.find("fault-form").find_element(By.CSS_SELECTOR, "[type=submit]").click()
 
         wait_for("the fault's card", lambda: "qm7_cl_post_set_osd" in self.text("faults"))
@@ -230,6 +230,9 @@ class Page(unittest.TestCase):
         wait_for("the overlay's words about it",
                  lambda: "qm7_cl_post_set_osd() failed. errno=0x81000001" in self.text("log"))
         self.screenshot("log")
+        self.open_tab("faults")
+        self.find("fault-clear").click()
+        wait_for("no card", lambda: "None." in self.text("faults"))
 
     def test_a_killed_process_is_reported_and_started_again(self):
         pid = self.state()["process"]["pid"]
