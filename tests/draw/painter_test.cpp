@@ -358,6 +358,30 @@ TEST_P(DrawBarWhole, EqualsTheReferenceForEveryPercentAndPitch)
 
 INSTANTIATE_TEST_SUITE_P(Resolutions, DrawBarWhole, testing::Values(0u, 1u, 2u, 3u, 4u));
 
+TEST(DrawBar, EqualsTheReferenceForWidePitches)
+{
+    const GuardedMemory memory(11 * 8192);
+    std::vector<uint8_t> expected;
+    for (uint32_t resolution = 0; resolution <= 4; resolution++) {
+        for (int32_t pitch = 801; pitch <= 8192; pitch += 97 * STRIDE) {
+            for (const int32_t percent : {-10, 0, 1, 29, 57, 58, 84, 85, 99, 100, 300}) {
+                DrawRect rect = rect_of(720, 11, pitch);
+                rect.resolution = resolution;
+                const size_t size = (size_t)(11 * pitch);
+                uint8_t *target = memory.data() + memory.size() - size;
+                std::fill_n(target, size, JUNK);
+                expected.assign(size, JUNK);
+
+                draw_rectangle_bitmap(target, &rect, percent, (uint32_t)size);
+
+                reference::paint_bar(expected, rect, percent);
+                ASSERT_TRUE(same_picture({target, size}, expected, (size_t)pitch))
+                    << "resolution " << resolution << " pitch " << pitch << " percent " << percent;
+            }
+        }
+    }
+}
+
 TEST(DrawBar, EqualsTheReferenceForEveryHeightAndSize)
 {
     const GuardedMemory memory(1000);
