@@ -12,8 +12,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// One explanation a process, from whichever thread fails first. Exported, so that the library and the
-// preload object share it.
+// One explanation a process, from whichever thread fails first. Exported, so that the library and
+// the preload object share it.
 extern "C" __attribute__((visibility("default"))) std::atomic_flag simcam_explained;
 std::atomic_flag simcam_explained;
 static std::atomic<uint32_t> last_number;
