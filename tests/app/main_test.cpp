@@ -26,6 +26,7 @@ struct Process {
     std::vector<std::string> calls;
     int pid_result = 0;
     int thread_error = 0;
+    bool measurement_returns = false;
 
     const pthread_attr_t *attributes = nullptr;
     void *(*entry)(void *) = nullptr;
@@ -52,6 +53,17 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
                           void *(*entry)(void *), void *argument);
 void __wrap__exit(int status);
 int __wrap_usleep(useconds_t microseconds);
+
+// focus_measure_run by the name that the linker knows it by.
+void __real__Z17focus_measure_runP10FocusState(FocusState *state);
+void __wrap__Z17focus_measure_runP10FocusState(FocusState *state);
+
+void __wrap__Z17focus_measure_runP10FocusState(FocusState *state)
+{
+    EXPECT_EQ(state, process->state);
+    if (!process->measurement_returns)
+        __real__Z17focus_measure_runP10FocusState(state);
+}
 
 int32_t cgi_set_pid(const char *path)
 {
@@ -175,6 +187,13 @@ TEST_F(Main, ThreadThatCannotBeCreatedIsReportedAndNothingMeasured)
     EXPECT_EQ(captured.out, "");
     EXPECT_EQ(state.calls, std::vector<std::string>({PID_CALL, "pthread_create"}));
     EXPECT_EQ(files.calls, std::vector<std::string>());
+}
+
+TEST_F(Main, ReturnsZeroShouldTheMeasurementEverReturn)
+{
+    state.measurement_returns = true;
+
+    EXPECT_EQ(run(), 0);
 }
 
 TEST_F(Main, ArgumentsAreIgnored)

@@ -68,6 +68,13 @@ TEST(ErrorLog, PercentSignsInArgumentsAreText)
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=%n%d(100%s)\n");
 }
 
+TEST(ErrorLog, MessageThatCannotBeFormattedLeavesPrefixAndName)
+{
+    const Captured captured = capture([] { log_error("run", "bad: %ls", L"\x20AC"); });
+
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=(run)\n"); // the C locale has no such character
+}
+
 TEST(ErrorLog, FlushesStandardErrorAfterEachLine)
 {
     flushes_of_stderr = 0;
