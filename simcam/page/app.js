@@ -8,6 +8,7 @@ import {panelsMake} from './panels.js';
 const $ = (id) => document.getElementById(id);
 const HISTORY = 4096; // measurements kept, as many as the camera keeps
 const RING_EVERY_MS = 33;
+const STILL_S = 3; // a text that is not drawn again for so long stands still
 
 const store = {
   state: null,       // the camera's, as it came last
@@ -117,7 +118,8 @@ for (let post = 0; post < 4; post += 1) {
   $('tiles').append(button);
 }
 
-$('notice').querySelector('button').addEventListener('click', () => send('POST', '/api/process/start'));
+let noticeAction = null;
+$('notice').querySelector('button').addEventListener('click', () => noticeAction?.());
 $('veil').querySelector('button').addEventListener('click', () => send('POST', `/api/posts/${viewer.view}/start`));
 
 // ---- the tone ----
@@ -225,6 +227,43 @@ function showChip(id, kind, text) {
   if (span.textContent !== text) span.textContent = text;
 }
 
+// Since when the text of a post was not drawn again: the camera counts how often it is shown.
+const drawnText = [0, 1, 2, 3].map(() => ({shows: -1, since: 0}));
+
+function watchText(s) {
+  s.posts.forEach((post, i) => {
+    const shows = post.running && post.planes[1].open ? post.planes[1].shows : -1;
+    if (shows !== drawnText[i].shows || shows < 0) drawnText[i] = {shows, since: s.time_s};
+  });
+}
+
+async function restartPost(post) {
+  if (await send('POST', `/api/posts/${post}/stop`)) await send('POST', `/api/posts/${post}/start`);
+}
+
+// One thing at a time that keeps the readout from being drawn.
+function showNotice(s, running) {
+  const view = viewer.view;
+  const still = running ? drawnText.findIndex((text, i) => text.shows >= 0 && s.time_s - text.since > STILL_S && (view === String(i) || view === 'all')) : -1;
+  const p = s.process;
+  let text = '';
+  let label = '';
+  if (!running) {
+    text = p.configured ? `The overlay process is not running: ${p.last_end || 'not started yet'}.` : 'No overlay process is attached: nothing is drawn on the picture.';
+    label = p.configured ? 'Start it' : '';
+    noticeAction = () => send('POST', '/api/process/start');
+  } else if (still >= 0) {
+    const left = p.starts > 1 ? ' Its planes were left open by the process before.' : '';
+    text = `The text of post ${still} has stood still for ${Math.floor(s.time_s - drawnText[still].since)} s.${left}`;
+    label = 'Restart the post';
+    noticeAction = () => restartPost(still);
+  }
+  $('notice').hidden = !text || !store.connected;
+  $('notice').querySelector('span').textContent = text;
+  $('notice').querySelector('button').textContent = label;
+  $('notice').querySelector('button').hidden = !label;
+}
+
 function showState() {
   const s = store.state;
   showChip('chip-link', store.connected ? 'good' : 'bad', store.connected ? `${(s?.measured_rate_hz ?? 0).toFixed(0)} values/s` : 'no answer');
@@ -242,9 +281,7 @@ function showState() {
   veil.querySelector('button').hidden = !store.connected || !off || !post.width;
   veil.querySelector('button').textContent = off ? `Start it at ${post.width} × ${post.height}` : '';
   $('snapshot').setAttribute('aria-disabled', String(off || !store.connected));
-  $('notice').hidden = running || !store.connected;
-  $('notice').querySelector('span').textContent = p.configured ? `The overlay process is not running: ${p.last_end || 'not started yet'}.` : 'No overlay process is attached: nothing is drawn on the picture.';
-  $('notice').querySelector('button').hidden = !p.configured;
+  showNotice(s, running);
   const facts = post ? [post.running ? `${post.width} × ${post.height}` : 'off'] : [];
   if (!off && viewer.rate > 0) facts.push(`${viewer.rate} pictures/s`);
   $('facts').textContent = facts.join(' · ');
@@ -299,6 +336,7 @@ function listen() {
       store.curve = curveNew();
       store.process = null;
       store.metNone = false;
+      drawnText.forEach((text) => { text.shows = -1; });
       panels.reset();
       viewer.restart();
     }
@@ -315,6 +353,7 @@ function listen() {
     }
     if (store.lastMeasurement === 0 && store.state.latest.number > 1) pending = true;
     if (!pending) followProcess(store.state.process);
+    watchText(store.state);
     panels.showState(store.state);
     showState();
   });

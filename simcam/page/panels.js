@@ -183,16 +183,30 @@ export function panelsMake({store, send, toast, mark}) {
     $('fault-call').replaceChildren(...calls.map((call) => element('option', {value: call, textContent: call})));
   }).catch(() => {});
 
+  const cards = new Map(); // by call, so that a button keeps the focus while its card's numbers change
+
+  function faultCard(call) {
+    const clear = element('button', {type: 'button', className: 'link', textContent: 'Clear', 'aria-label': `Clear the fault of ${call}`});
+    clear.addEventListener('click', () => send('POST', '/api/faults', {call, remaining: 0}));
+    const text = element('span');
+    return {text, box: element('div', {className: 'card'}, element('div', {}, element('b', {textContent: call}), text), clear)};
+  }
+
   function showFaults(state) {
-    const cards = state.faults.map((fault) => {
-      const spent = fault.remaining === 0;
+    const calls = state.faults.map((fault) => fault.call);
+    for (const call of [...cards.keys()]) if (!calls.includes(call)) { cards.get(call).box.remove(); cards.delete(call); }
+    for (const fault of state.faults) {
+      if (!cards.has(fault.call)) {
+        cards.set(fault.call, faultCard(fault.call));
+        $('faults').append(cards.get(fault.call).box);
+      }
       const what = Number(fault.error) === 0 ? '' : ` fails with ${fault.error}`;
       const slow = fault.delay_ms ? ` ${what ? 'and ' : ''}takes ${fault.delay_ms} ms longer` : '';
-      const left = fault.remaining === 'forever' ? 'for ever' : spent ? 'done' : `${fault.remaining} more`;
-      return element('div', {className: `card${spent ? ' spent' : ''}`}, element('b', {textContent: fault.call}), `${what}${slow}: ${left}, met ${fault.hits} times`);
-    });
-    $('faults').replaceChildren(...(cards.length ? cards : [element('p', {className: 'fine', textContent: 'None. Every call does what it should.'})]));
-    $('tab-faults').classList.toggle('alert', state.faults.some((fault) => fault.remaining !== 0));
+      const left = fault.remaining === 'forever' ? 'for ever' : `${fault.remaining} more`;
+      cards.get(fault.call).text.textContent = `${what}${slow}: ${left}, met ${fault.hits} times`;
+    }
+    $('faults-none').hidden = cards.size > 0;
+    $('tab-faults').classList.toggle('alert', cards.size > 0);
   }
 
   // ---- planes ----
@@ -245,19 +259,21 @@ export function panelsMake({store, send, toast, mark}) {
 
   async function loadPlane() {
     const path = planePath();
-    const [raw, palette, state] = await Promise.all([fetch(`${path}/raw`), fetch('/api/palette').then((a) => a.json()), fetch(path).then((a) => a.json())]);
+    const [palette, state] = await Promise.all([fetch('/api/palette').then((a) => a.json()), fetch(path).then((a) => a.json())]);
+    const raw = state.size ? await fetch(`${path}/raw`) : null; // nothing is shown: nothing to ask for
     if (path !== planePath()) return;
+    const seen = Boolean(raw?.ok);
     plane.palette = palette.entries;
-    $('plane').hidden = !raw.ok;
-    $('plane-empty').hidden = raw.ok;
-    for (const id of ['plane-raw', 'plane-png']) $(id).setAttribute('aria-disabled', String(!raw.ok));
+    $('plane').hidden = !seen;
+    $('plane-empty').hidden = seen;
+    for (const id of ['plane-raw', 'plane-png']) $(id).setAttribute('aria-disabled', String(!seen));
     $('plane-raw').href = `${path}/raw`;
     $('plane-png').href = `${path}/${plane.paint}.png?download=1`;
     setFacts($('plane-facts'), [
       ['State', state.open ? (state.shown ? 'open, shown' : 'open, never shown') : 'not open'], ['Size', `${state.width} × ${state.height}`],
       ['Position', `${state.x}, ${state.y}`], ['Line', `${state.pitch} bytes`], ['Depth', `${2 << Math.min(2, state.depth_code)} bits`], ['Shown', `${state.shows} times`],
     ]);
-    if (!raw.ok) {
+    if (!seen) {
       $('plane-empty').textContent = state.open ? 'This plane is open but was never shown.' : 'This plane is not open.';
       $('plane-used').replaceChildren();
       return;

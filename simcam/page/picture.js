@@ -1,7 +1,7 @@
 // The live picture: a stream of JPEGs drawn on a canvas, focus peaking and the loupe.
 
 const PEAKING_WIDTH = 640;
-const PEAKING_EDGE = 150; // gradient of the luma above which a dot counts as sharp
+const PEAKING_EDGE = 95; // gradient of the luma above which a dot counts as sharp
 const LOUPE = 220;
 const RETRY_MS = 1000;
 
@@ -37,7 +37,7 @@ export function viewerMake(elements) {
   const smallContext = small.getContext('2d', {willReadFrequently: true});
   const state = {
     view: '0', planes: true, peaking: false, loupe: false, width: 0, url: '', abort: null, retry: 0,
-    frames: 0, rate: 0, x: 0.5, y: 0.5, bitmap: null, box: {left: 0, top: 0, width: 1, height: 1},
+    frames: 0, rate: 0, x: 0.3, y: 0.4, bitmap: null, box: {left: 0, top: 0, width: 1, height: 1},
   };
 
   // ---- where the picture lies in its box ----

@@ -78,6 +78,7 @@ class Page(unittest.TestCase):
         self.request("POST", "/api/sweep", {"on": False})
         self.request("POST", "/api/ring", {"ring": 0.2})
         for post, size in enumerate(["1280x720", "1920x1080", "720x480", "352x240"]):
+            self.request("POST", f"/api/posts/{post}/stop")  # closes planes that were left open
             self.request("POST", f"/api/posts/{post}/start", {"size": size})
         if not self.state()["process"]["running"]:
             self.request("POST", "/api/process/start")
@@ -245,7 +246,12 @@ class Page(unittest.TestCase):
         self.screenshot("killed")
         self.find("process-start").click()
         wait_for("another process", lambda: self.state()["process"]["pid"] not in (0, pid))
+        # The planes are open still, which keeps the new process from drawing.
+        wait_for("a text that stands still", lambda: "stood still" in self.text("notice"))
+        self.screenshot("planes-left-open")
+        self.find("notice").find_element(By.TAG_NAME, "button").click()
         wait_for("the notice to go", lambda: not self.find("notice").is_displayed())
+        wait_for("a redrawn text", lambda: self.state()["posts"][0]["planes"][1]["shows"] > 2)
 
     def test_planes_are_seen_alone(self):
         self.open_tab("planes")
