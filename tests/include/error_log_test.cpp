@@ -1,3 +1,4 @@
+#include <climits>
 #include <cstdio>
 #include <string>
 #include <sys/socket.h>
@@ -125,4 +126,29 @@ TEST(ErrorLog, LongestLineThatFitsIsWhole)
     const Captured captured = capture([&] { log_error("run", "%s", message.c_str()); });
 
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
+}
+
+TEST(ErrorLog, LineOneByteTooLongLosesThatByteOfItsMessage)
+{
+    const std::string message(1023 - 21 - 6, 'x'); // prefix and name
+
+    const Captured captured = capture([&] { log_error("run", "%sy", message.c_str()); });
+
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
+}
+
+TEST(ErrorLog, MessageThatCannotBeFormattedLeavesPrefixAndName)
+{
+    const Captured captured = capture([] { log_error("run", "%*d", INT_MAX, 1); });
+
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=(run)\n");
+}
+
+TEST(ErrorLog, NameOf124BytesIsWhole)
+{
+    const std::string name(124, 'n');
+
+    const Captured captured = capture([&] { log_error(name.c_str(), "failed"); });
+
+    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=failed(" + name + ")\n");
 }

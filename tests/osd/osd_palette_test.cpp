@@ -106,6 +106,25 @@ TEST(OsdLoadFile, ReadsTheWholeFileAtOnceAndClosesIt)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
+TEST(OsdLoadFile, DescriptorZeroIsOneLikeAnyOther)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    Bytes buffer(3, 0xA5);
+    const int standard_input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+
+    const int32_t result = osd_load_file(PATH, buffer.data(), 3);
+
+    if (standard_input >= 0) {
+        dup2(standard_input, STDIN_FILENO);
+        close(standard_input);
+    }
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(buffer, Bytes({7, 8, 9}));
+    EXPECT_EQ(files.descriptors, std::set<int>());
+}
+
 TEST(OsdLoadFile, EmptyFileLoads)
 {
     FakeFiles files;
