@@ -136,13 +136,6 @@ TEST(ErrorLog, LineOneByteTooLongLosesThatByteOfItsMessage)
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
 }
 
-TEST(ErrorLog, MessageThatCannotBeFormattedLeavesPrefixAndName)
-{
-    const Captured captured = capture([] { log_error("run", "%ls", L"\x80"); }); // no such byte
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=(run)\n");
-}
-
 TEST(ErrorLog, NameOf124BytesIsWhole)
 {
     const std::string name(124, 'n');
