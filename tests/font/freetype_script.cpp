@@ -67,6 +67,7 @@ void __real_FT_Done_Glyph(FT_Glyph glyph);
 FT_Error __real_FT_Done_Face(FT_Face face);
 FT_Error __real_FT_Done_FreeType(FT_Library library);
 void *__real_calloc(size_t count, size_t size);
+void __real_free(void *memory);
 
 FT_Error __wrap_FT_Init_FreeType(FT_Library *library)
 {
@@ -175,7 +176,15 @@ void *__wrap_calloc(size_t count, size_t size)
 {
     if (fails("calloc", std::to_string(count) + ", " + std::to_string(size)))
         return nullptr;
-    return __real_calloc(count, size);
+    void *memory = __real_calloc(count, size);
+    freetype().arrays.insert(memory);
+    return memory;
+}
+
+void __wrap_free(void *memory)
+{
+    freetype().arrays.erase(memory);
+    __real_free(memory);
 }
 
 } // extern "C"

@@ -1,6 +1,6 @@
-// FreeType and calloc as a test program's linker puts them between the product and the real ones:
-// every call is noted and passed on unless the test said that it fails, and what was handed out is
-// followed until it is given back.
+// FreeType, calloc and free as a test program's linker puts them between the product and the real
+// ones: every call is noted and passed on unless the test said that it fails, and what was handed
+// out is followed until it is given back.
 #pragma once
 
 #include <cstdint>
@@ -28,11 +28,13 @@ struct FreeTypeScript {
     std::set<FT_Library> libraries;
     std::set<FT_Face> faces;
     std::set<FT_Glyph> glyphs;
-    int wrong_releases = 0; // of what was not out, null glyphs excepted
+    std::set<void *> arrays; // of calloc
+    int wrong_releases = 0;  // of what was not out, null glyphs excepted
 
     bool nothing_is_out() const
     {
-        return libraries.empty() && faces.empty() && glyphs.empty() && wrong_releases == 0;
+        return libraries.empty() && faces.empty() && glyphs.empty() && arrays.empty() &&
+               wrong_releases == 0;
     }
     long count(const std::string &call) const; // of this text
 };
