@@ -3,19 +3,36 @@
 #include "overlay.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <sstream>
 #include <thread>
 
 using namespace simcam;
 
 constexpr int PATIENCE_S = 60; // for a machine under load
 
+// The overlay process that this program was built with, or the words of FOCUS_TEST_PROGRAM in its
+// place: an emulator and a program of the camera's architecture.
+static void choose_program(CameraOptions *options)
+{
+    options->program = {FOCUS_ASSIST};
+    const char *program = std::getenv("FOCUS_TEST_PROGRAM");
+    const char *platform = std::getenv("FOCUS_TEST_PLATFORM");
+    if (!program || !platform)
+        return;
+    std::istringstream words(program);
+    options->program.assign(std::istream_iterator<std::string>(words), {});
+    options->platform_directory = platform;
+}
+
 CameraOptions overlay_options(const std::string &post0)
 {
     CameraOptions options;
     options.scene = "chart";
     options.post_size[0] = post0;
-    options.program = {FOCUS_ASSIST};
+    choose_program(&options);
     return options;
 }
 

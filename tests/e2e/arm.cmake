@@ -1,0 +1,18 @@
+# The camera's own 32-bit program, emulated, on the simulated camera of this machine. The camera and
+# the tests are programs of preset host, which is brought up to date first.
+
+set(host_build ${PROJECT_SOURCE_DIR}/build/host)
+add_test(NAME e2e_arm.simulated_camera COMMAND ${CMAKE_COMMAND}
+    -D SOURCE=${PROJECT_SOURCE_DIR} -P ${CMAKE_CURRENT_LIST_DIR}/host_build.cmake)
+set_tests_properties(e2e_arm.simulated_camera PROPERTIES
+    FIXTURES_SETUP simulated_camera TIMEOUT 3000)
+
+# Left out is what needs another program than the overlay, or a helper of this machine's inside it.
+foreach(suite OverlayProcess OverlayPicture OverlayFault OverlaySession OverlayToleratedCode)
+    add_test(NAME e2e_arm.${suite} COMMAND ${host_build}/tests/e2e/e2e_overlay_test
+        --gtest_filter=*${suite}.*-*AHundredRestarts*:*EveryFrame*:*AKillInThe*:*AConfiguration*)
+    set_tests_properties(e2e_arm.${suite} PROPERTIES
+        FIXTURES_REQUIRED simulated_camera TIMEOUT 600 LABELS e2e
+        ENVIRONMENT "FOCUS_TEST_PROGRAM=qemu-arm -L ${CMAKE_SYSROOT} $<TARGET_FILE:focus_assist>;\
+FOCUS_TEST_PLATFORM=${PROJECT_BINARY_DIR}/platform")
+endforeach()
