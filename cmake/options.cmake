@@ -26,7 +26,10 @@ endif()
 add_library(focus_product INTERFACE)
 target_link_libraries(focus_product INTERFACE focus_options)
 target_compile_options(focus_product INTERFACE
-    -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics)
+    -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics
+    # The smallest build leaves out what nothing calls; the others keep it for a debugger.
+    "$<$<CONFIG:MinSizeRel>:-ffunction-sections;-fdata-sections>")
+target_link_options(focus_product INTERFACE $<$<CONFIG:MinSizeRel>:LINKER:--gc-sections>)
 if(FOCUS_COVERAGE)
     target_compile_options(focus_product INTERFACE --coverage -O0)
     target_link_options(focus_product INTERFACE --coverage)
