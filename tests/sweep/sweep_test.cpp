@@ -1,0 +1,575 @@
+// Every outside call of the display thread fails once: the first, the second, ... of each function,
+// for one time and from then on, until the operation runs through without meeting the fault. What
+// the program then did is compared with the model: calls and undoing calls, results, messages,
+// every byte of memory, and nothing is left behind. How many faults there were to try is counted a
+// second way, from the description.
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <csignal>
+#include <memory>
+#include <numeric>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <ft2build.h>
+
+#include FT_MODULE_H
+#include FT_SYSTEM_H
+
+#include "app/display_loop.h"
+#include "app/focus_state.h"
+#include "font/font_engine.h"
+#include "inner_calls.h"
+#include "model.h"
+#include "osd/osd_plane.h"
+#include "osd/osd_session.h"
+#include "reference.h"
+#include "world.h"
+
+using namespace world;
+
+namespace
+{
+
+constexpr uint32_t WIDTHS[] = {1920, 1280, 720, 352};
+constexpr uint32_t HEIGHTS[] = {1080, 720, 480, 240};
+constexpr uint32_t CURRENT = 43;
+constexpr uint32_t PEAK = 50;
+constexpr int32_t PERCENT = 86;
+constexpr bool HIGHLIGHT = true;
+const char TEXT[] = "FOCUS ASSIST  43/ 50";
+constexpr size_t TEXT_LENGTH = sizeof TEXT - 1;
+
+constexpr uint32_t id_of_post(uint32_t post)
+{
+    return 0x1000 + post;
+}
+
+// The program's records and the model beside them.
+struct Scene {
+    DisplayState display = {};
+    FocusState state = {};
+    model::Model model;
+
+    Scene()
+    {
+        reset();
+        // A palette file of two entries: enough to be seen.
+        script.palette_path = palette();
+        state.current = CURRENT;
+        state.peak = PEAK;
+        model.current = CURRENT;
+        model.peak = PEAK;
+    }
+
+    static const std::string &palette()
+    {
+        static const std::string path = [] {
+            const std::string name =
+                testing::TempDir() + "sweep_palette." + std::to_string(getpid());
+            std::ofstream(name) << "12345678";
+            return name;
+        }();
+        return path;
+    }
+
+    void check(const std::function<void()> &product, const std::function<void()> &expected)
+    {
+        clear_record();
+        const Streams streams = with_streams(product);
+        model.begin();
+        expected();
+        model.end(streams);
+    }
+
+    void check_start()
+    {
+        check([this] { ::display_start(&display); }, [this] { model.display_start(); });
+    }
+
+    void check_pass()
+    {
+        check([this] { ::display_pass(&state, &display); }, [this] { model.display_pass(); });
+    }
+
+    void report(uint32_t post, uint32_t running)
+    {
+        osd_post_notify({0, id_of_post(post), post, running});
+        model.report(id_of_post(post), post, running);
+    }
+
+    // The planes that the last pass showed on the post are those of the reference.
+    bool draws(uint32_t post) const
+    {
+        const auto expected = pictures();
+        size_t shown = 0;
+        for (const Event &event : record) {
+            if (event.fn == SET_OSD && !event.failed && event.in[0] == id_of_post(post) &&
+                event.bytes == expected[post * 2 + shown].bytes)
+                shown++;
+        }
+        return shown == 2;
+    }
+
+    static const std::vector<reference::Plane> &pictures()
+    {
+        static const std::vector<reference::Plane> planes = [] {
+            const std::vector<Event> kept = std::move(record);
+            record.clear();
+            std::vector<reference::Plane> made;
+            for (uint32_t p = 0; p < 4; p++) {
+                const uint32_t pitch = (reference::region_width(p) + 15) / 16 * 16;
+                made.push_back(reference::bar_plane(WIDTHS[p], HEIGHTS[p], pitch, PERCENT));
+                made.push_back(reference::text_plane(WIDTHS[p], HEIGHTS[p], pitch, TEST_FONT_PATH,
+                                                     TEXT, HIGHLIGHT));
+            }
+            record = kept;
+            return made;
+        }();
+        return planes;
+    }
+
+    void tear_down()
+    {
+        for (size_t i = 0; i < 4; i++) {
+            check([i] { (void)font_clear_engine(&font_engines[i]); },
+                  [this, i] { model.clear_engine(&model.engines[i]); });
+        }
+    }
+};
+
+// What is swept: prepare sets the scene without faults, run is the operation and its check.
+struct Operation {
+    std::string name;
+    std::function<void(Scene &)> prepare;
+    std::function<void(Scene &)> run;
+    std::function<void(Scene &, Fn fn, int code, bool for_ever)> afterwards;
+};
+
+std::vector<int> codes_of(Fn fn)
+{
+    switch (fn) {
+    case OPEN_OSD:
+    case CLEAR_OSD:
+    case CLOSE_OSD:
+        return {(int)0x81E03204, (int)0x81E04507, (int)0x81003209, (int)0x81E0250C,
+                (int)0x81E03246, (int)0x81E03201, ENOMEM};
+    default:
+        return fn <= SET_OSD ? std::vector<int>{(int)0x81E00001} : std::vector<int>{EIO};
+    }
+}
+
+bool is_tolerated(int code)
+{
+    const std::vector<int> codes = codes_of(OPEN_OSD);
+    return std::find(codes.begin(), codes.begin() + 4, code) != codes.begin() + 4;
+}
+
+// Tries the n-th call of fn; false where the operation made no such call.
+bool try_point(const Operation &operation, Fn fn, uint64_t n, int code, bool for_ever)
+{
+    Scene scene;
+    operation.prepare(scene);
+
+    bool met = false;
+    script.code = code;
+    script.fails = [&](Fn called, uint64_t index) {
+        const bool fails = called == fn && (index == n || (for_ever && index > n));
+        met = met || fails;
+        return fails;
+    };
+    operation.run(scene);
+    script.fails = nullptr;
+    if (met && operation.afterwards)
+        operation.afterwards(scene, fn, code, for_ever);
+
+    scene.tear_down();
+    EXPECT_EQ(objects_alive(), 0u);
+    EXPECT_EQ(inner_blocks(), 0);
+    return met;
+}
+
+// The same in a process of its own, for calls that FreeType makes: FreeType does not survive all of
+// its allocations failing. Such an end of its own is told apart from one of the program's.
+enum class Point { NOT_MET, PASSED, FAILED, FREETYPE_CRASHED };
+constexpr int CRASHED = 77;
+
+void crash_handler(int)
+{
+    _exit(inside_freetype > 0 ? CRASHED : (int)Point::FAILED);
+}
+
+Point try_inner_point(const Operation &operation, Fn fn, uint64_t n, int code, bool for_ever)
+{
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGSEGV, crash_handler);
+        Point result = Point::FAILED;
+        try {
+            const bool met = try_point(operation, fn, n, code, for_ever);
+            result = !met ? Point::NOT_MET : Point::PASSED;
+        } catch (const model::Mismatch &mismatch) {
+            fprintf(stderr, "%s\n", mismatch.what());
+        }
+        _exit(testing::Test::HasFailure() ? (int)Point::FAILED : (int)result);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return Point::FAILED;
+    return WEXITSTATUS(status) == CRASHED ? Point::FREETYPE_CRASHED : (Point)WEXITSTATUS(status);
+}
+
+using Counts = std::array<uint64_t, FN_COUNT>;
+
+Point try_one(const Operation &operation, Fn fn, uint64_t n, int code, bool for_ever)
+{
+    if (fn >= CALL_COUNT)
+        return try_inner_point(operation, fn, n, code, for_ever);
+    try {
+        return try_point(operation, fn, n, code, for_ever) ? Point::PASSED : Point::NOT_MET;
+    } catch (const model::Mismatch &mismatch) {
+        ADD_FAILURE() << mismatch.what();
+        return Point::FAILED;
+    }
+}
+
+// Sweeps the operation; there have to be as many calls of each function as counted.
+void sweep(const Operation &operation, const Counts &counts)
+{
+    (void)Scene::pictures();
+    uint64_t points = 0;
+    uint64_t crashes = 0;
+    uint64_t expected_points = 0;
+    for (int f = 0; f < FN_COUNT; f++) {
+        const Fn fn = (Fn)f;
+        if (fn == HEAP_FREE || fn == FONT_DONE_GLYPH)
+            continue; // without a result
+        for (const int code : codes_of(fn)) {
+            for (const bool for_ever : {false, true}) {
+                uint64_t n = 1;
+                for (;; n++) {
+                    const Point point = try_one(operation, fn, n, code, for_ever);
+                    ASSERT_NE(point, Point::FAILED)
+                        << operation.name << ", " << name_of(fn) << " call " << n
+                        << (for_ever ? " and all later" : " once") << ", code " << code;
+                    crashes += point == Point::FREETYPE_CRASHED ? 1 : 0;
+                    if (point == Point::NOT_MET)
+                        break;
+                }
+                EXPECT_EQ(n - 1, counts[fn]) << operation.name << ": calls of " << name_of(fn);
+                points += n - 1;
+                expected_points += counts[fn];
+            }
+        }
+    }
+    EXPECT_EQ(points, expected_points);
+    printf("%s: %llu points swept, at %llu of them FreeType itself crashed\n",
+           operation.name.c_str(), (unsigned long long)points, (unsigned long long)crashes);
+}
+
+// ---- counting a second way ---------------------------------------------------------------------
+
+struct Allocations {
+    uint64_t allocated = 0;
+    uint64_t moved = 0;
+};
+
+// Allocations that FreeType asks of its own memory interface, for building engines and for
+// rendering single characters.
+class CountedFont
+{
+  public:
+    explicit CountedFont(uint32_t pixel_size)
+    {
+        memory.user = this;
+        memory.alloc = [](FT_Memory m, long size) {
+            ((CountedFont *)m->user)->count.allocated++;
+            return ::malloc((size_t)size);
+        };
+        memory.free = [](FT_Memory, void *block) { ::free(block); };
+        memory.realloc = [](FT_Memory m, long, long size, void *block) {
+            ((CountedFont *)m->user)->count.moved++;
+            return ::realloc(block, (size_t)size);
+        };
+        count.allocated++; // the interface itself, in the program's case
+        EXPECT_EQ(FT_New_Library(&memory, &library), 0);
+        FT_Add_Default_Modules(library);
+        FT_Set_Default_Properties(library);
+        EXPECT_EQ(FT_New_Face(library, TEST_FONT_PATH, 0, &face), 0);
+        FT_Size_RequestRec request = {FT_SIZE_REQUEST_TYPE_REAL_DIM, 0, (FT_Long)pixel_size * 64, 0,
+                                      0};
+        EXPECT_EQ(FT_Request_Size(face, &request), 0);
+        for (const char character :
+             std::string("1234567890: -abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"))
+            glyphs.push_back(render(character));
+    }
+
+    ~CountedFont()
+    {
+        for (FT_Glyph glyph : glyphs)
+            FT_Done_Glyph(glyph);
+        FT_Done_Face(face);
+        FT_Done_Library(library);
+    }
+
+    FT_Glyph render(char character)
+    {
+        FT_Glyph glyph = nullptr;
+        EXPECT_EQ(FT_Load_Glyph(face, FT_Get_Char_Index(face, (FT_ULong)character), 0), 0);
+        EXPECT_EQ(FT_Get_Glyph(face->glyph, &glyph), 0);
+        EXPECT_EQ(FT_Glyph_To_Bitmap(&glyph, FT_RENDER_MODE_MONO, nullptr, 1), 0);
+        return glyph;
+    }
+
+    Allocations count;
+
+  private:
+    FT_MemoryRec_ memory = {};
+    FT_Library library = nullptr;
+    FT_Face face = nullptr;
+    std::vector<FT_Glyph> glyphs;
+};
+
+constexpr uint32_t PIXEL_SIZES[] = {63, 42, 28, 14};
+
+Counts session_counts()
+{
+    Counts counts = {};
+    for (const Fn fn : {LIBRARY_INIT, OPEN_DEVICE, NOTIFY_CALLBACK, SET_NOTIFY, GET_COLOR_MEM,
+                        SET_COLOR, FILE_OPEN, FILE_FSTAT, FILE_READ, FILE_CLOSE})
+        counts[fn] = 1;
+    return counts;
+}
+
+// Four engines, each with one array and 65 characters.
+Counts font_counts()
+{
+    Counts counts = {};
+    for (const Fn fn : {FONT_INIT, FONT_NEW_FACE, FONT_REQUEST_SIZE, HEAP_CALLOC, INNER_OPEN,
+                        INNER_FSTAT, INNER_MMAP})
+        counts[fn] = 4;
+    for (const Fn fn : {FONT_CHAR_INDEX, FONT_LOAD_GLYPH, FONT_GET_GLYPH, FONT_TO_BITMAP})
+        counts[fn] = 4 * 65;
+    for (const uint32_t pixel_size : PIXEL_SIZES) {
+        const CountedFont font(pixel_size);
+        counts[INNER_MALLOC] += font.count.allocated;
+        counts[INNER_REALLOC] += font.count.moved;
+    }
+    return counts;
+}
+
+// The first pass of a post: its size is asked, two planes are opened, fetched and shown, "/" is
+// rendered.
+Counts pass_counts(uint32_t post)
+{
+    Counts counts = {};
+    counts[GET_STATUS] = 1;
+    counts[OPEN_OSD] = 2;
+    counts[GET_OSD_MEM] = 2;
+    counts[SET_OSD] = 2;
+    for (const Fn fn : {FONT_CHAR_INDEX, FONT_LOAD_GLYPH, FONT_GET_GLYPH, FONT_TO_BITMAP})
+        counts[fn] = 1;
+
+    CountedFont font(PIXEL_SIZES[post]);
+    const Allocations before = font.count;
+    FT_Done_Glyph(font.render('/'));
+    counts[INNER_MALLOC] = font.count.allocated - before.allocated;
+    counts[INNER_REALLOC] = font.count.moved - before.moved;
+    return counts;
+}
+
+Counts sum(const std::vector<Counts> &all)
+{
+    Counts counts = {};
+    for (const Counts &one : all)
+        std::transform(counts.begin(), counts.end(), one.begin(), counts.begin(), std::plus<>());
+    return counts;
+}
+
+// ---- operations --------------------------------------------------------------------------------
+
+void start_all_posts(Scene &scene)
+{
+    for (uint32_t post = 0; post < 4; post++)
+        scene.report(post, 1);
+}
+
+// After a start-up all four posts are drawn: the bar always, the text where its engine came up.
+void draws_what_it_can(Scene &scene, Fn fn, int, bool)
+{
+    start_all_posts(scene);
+    for (int pass = 0; pass < 2; pass++) {
+        scene.check_pass();
+        if (fn == FONT_CHAR_INDEX || fn >= CALL_COUNT)
+            continue; // boxes for missing glyphs, a FreeType without one of its modules
+        for (uint32_t post = 0; post < 4; post++)
+            EXPECT_EQ(scene.draws(post), font_engines[post].library != nullptr) << post;
+    }
+}
+
+TEST(Sweep, SessionFailsAtEveryCall)
+{
+    const Operation session = {"session", [](Scene &) {},
+                               [](Scene &scene) {
+                                   int32_t result = 1;
+                                   scene.check(
+                                       [&] { result = OSD_Library_Process(); },
+                                       [&] { EXPECT_EQ(result, scene.model.library_process()); });
+                               },
+                               nullptr};
+    sweep(session, session_counts());
+}
+
+TEST(Sweep, FontsFailAtEveryCall)
+{
+    const Operation fonts = {
+        "four font engines", [](Scene &) {},
+        [](Scene &scene) {
+            int32_t result = 1;
+            scene.check([&] { result = osd_init_font(FONT_PATH, font_engines); },
+                        [&] { EXPECT_EQ(result, scene.model.init_fonts()); });
+            for (size_t i = 0; i < 4; i++)
+                EXPECT_EQ(font_engines[i].library != nullptr, scene.model.engines[i].library != 0);
+        },
+        nullptr};
+    sweep(fonts, font_counts());
+}
+
+TEST(Sweep, StartUpFailsAtEveryCall)
+{
+    sweep(
+        {"start-up", [](Scene &) {}, [](Scene &scene) { scene.check_start(); }, draws_what_it_can},
+        sum({session_counts(), font_counts()}));
+}
+
+// What is left of a fault when it has gone, by the description of each step.
+void recovers(Scene &scene, uint32_t post, Fn fn, int code)
+{
+    scene.check_pass();
+    const bool size_unknown = fn == GET_STATUS;                     // until the post starts again
+    const bool opened_blind = fn == OPEN_OSD && is_tolerated(code); // likewise
+    EXPECT_EQ(scene.draws(post), !size_unknown && !opened_blind)
+        << name_of(fn) << " " << std::hex << code;
+
+    scene.report(post, 0);
+    scene.report(post, 1);
+    scene.check_pass();
+    EXPECT_TRUE(scene.draws(post)) << name_of(fn);
+}
+
+TEST(Sweep, PassOnEveryResolutionFailsAtEveryCall)
+{
+    for (uint32_t post = 0; post < 4; post++) {
+        const Operation pass = {
+            "first pass at " + std::to_string(WIDTHS[post]) + "x" + std::to_string(HEIGHTS[post]),
+            [post](Scene &scene) {
+                scene.check_start();
+                scene.report(post, 1);
+            },
+            [](Scene &scene) { scene.check_pass(); },
+            [post](Scene &scene, Fn fn, int code, bool) { recovers(scene, post, fn, code); }};
+        sweep(pass, pass_counts(post));
+    }
+}
+
+TEST(Sweep, LaterPassOnEveryResolutionFailsAtEveryCall)
+{
+    for (uint32_t post = 0; post < 4; post++) {
+        const Operation pass = {
+            "later pass at " + std::to_string(WIDTHS[post]) + "x" + std::to_string(HEIGHTS[post]),
+            [post](Scene &scene) {
+                scene.check_start();
+                scene.report(post, 1);
+                scene.check_pass();
+            },
+            [](Scene &scene) { scene.check_pass(); },
+            [post](Scene &scene, Fn fn, int code, bool) { recovers(scene, post, fn, code); }};
+        Counts counts = pass_counts(post);
+        counts[GET_STATUS] = 0;
+        counts[OPEN_OSD] = 0;
+        sweep(pass, counts);
+    }
+}
+
+TEST(Sweep, PassOfFourPostsFailsAtEveryCall)
+{
+    const Operation pass = {"first pass of four posts",
+                            [](Scene &scene) {
+                                scene.check_start();
+                                start_all_posts(scene);
+                            },
+                            [](Scene &scene) { scene.check_pass(); },
+                            [](Scene &scene, Fn, int, bool) {
+                                for (uint32_t post = 0; post < 4; post++)
+                                    scene.report(post, 0);
+                                start_all_posts(scene);
+                                scene.check_pass();
+                                for (uint32_t post = 0; post < 4; post++)
+                                    EXPECT_TRUE(scene.draws(post)) << post;
+                            }};
+    sweep(pass, sum({pass_counts(0), pass_counts(1), pass_counts(2), pass_counts(3)}));
+}
+
+TEST(Sweep, TearDownFailsAtEveryCall)
+{
+    const Operation tear_down = {
+        "tear-down",
+        [](Scene &scene) {
+            scene.check_start();
+            scene.report(0, 1);
+            scene.check_pass();
+        },
+        [](Scene &scene) {
+            for (uint32_t number = 0; number < 4; number++) {
+                PostState &post = scene.display.posts[0];
+                int32_t result = 1;
+                scene.check([&] { result = osd_close_osd(&post.planes[number], id_of_post(0)); },
+                            [&] {
+                                EXPECT_EQ(result, scene.model.close_plane(&scene.model.posts[0],
+                                                                          id_of_post(0), number));
+                            });
+                EXPECT_EQ(post.planes[number].opened != 0, scene.model.posts[0].opened[number]);
+            }
+            scene.check(osd_close_codec_lib, [&] { scene.model.close_library(); });
+            scene.tear_down();
+        },
+        nullptr};
+    // The record, and with it the count of calls, begins anew with every plane: each is swept by
+    // the first call of its kind, for both planes that are open.
+    Counts counts = {};
+    for (const Fn fn :
+         {CLEAR_OSD, CLOSE_OSD, CLOSE_DEVICE, LIBRARY_EXIT, FONT_DONE_FACE, FONT_DONE_FREETYPE})
+        counts[fn] = 1;
+    sweep(tear_down, counts);
+}
+
+TEST(Sweep, PaletteReadStopsAtEveryByte)
+{
+    for (size_t left_out = 0; left_out <= 8; left_out++) {
+        Scene scene;
+        script.short_read = left_out;
+        EXPECT_NO_THROW(scene.check_start()) << left_out;
+    }
+}
+
+TEST(Sweep, ColourMemoryOfEverySize)
+{
+    for (uint32_t size = 0; size <= 100; size++) {
+        for (const bool none : {false, true}) {
+            Scene scene;
+            script.color_size = size;
+            script.no_color_memory = none;
+            int32_t result = 1;
+            EXPECT_NO_THROW(scene.check([&] { result = OSD_Library_Process(); },
+                                        [&] { EXPECT_EQ(result, scene.model.library_process()); }))
+                << size << none;
+        }
+    }
+}
+
+} // namespace
