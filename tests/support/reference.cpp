@@ -37,15 +37,17 @@ void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect)
     const int64_t depth = rect.depth;
     const uint32_t colour = rect.bg_color & ((1u << rect.depth) - 1);
 
-    for (int64_t b = 0; b < pitch; b++)
+    const int64_t size = (int64_t)memory.size(); // there is nothing to be done outside
+
+    for (int64_t b = 0; b < pitch && b < size; b++)
         put_byte(memory, b, 0);
 
-    for (int64_t b = 0; b < rect.width * depth / 8; b++)
+    for (int64_t b = 0; b < rect.width * depth / 8 && b < size; b++)
         for (int64_t p = 0; p < 8 / depth; p++)
             put_byte(memory, b, (uint8_t)(get_byte(memory, b) | (colour << (p * depth))));
 
-    for (int64_t line = 1; line < rect.height; line++)
-        for (int64_t b = 0; b < pitch; b++)
+    for (int64_t line = 1; pitch > 0 && line < rect.height && line * pitch < size; line++)
+        for (int64_t b = 0; b < pitch && line * pitch + b < size; b++)
             put_byte(memory, line * pitch + b, get_byte(memory, b));
 }
 
@@ -85,11 +87,13 @@ static int bar_pixel(const DrawRect &rect, int i, int j, int percent)
 
 void paint_bar(std::span<uint8_t> memory, const DrawRect &rect, int32_t percent)
 {
-    for (int64_t b = 0; b < rect.pitch; b++)
+    const int64_t pitch = rect.pitch;
+    const int64_t size = (int64_t)memory.size(); // there is nothing to be done outside
+    for (int64_t b = 0; b < pitch && b < size; b++)
         put_byte(memory, b, 0);
 
-    for (int i = 0; i < rect.height; i++)
-        for (int j = 0; j < rect.pitch; j++)
+    for (int i = 0; pitch > 0 && i < rect.height && i * pitch < size; i++)
+        for (int j = 0; j < rect.pitch && i * pitch + j < size; j++)
             put_byte(memory, (int64_t)i * rect.pitch + j, (uint8_t)bar_pixel(rect, i, j, percent));
 }
 
