@@ -1,0 +1,40 @@
+// Any file where the font should be: start-up, three passes on four outputs and tear-down may fail
+// or draw, as the model makes of what FreeType says, and nothing is left behind.
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "font/font_engine.h"
+#include "memory_file.h"
+#include "scene.h"
+
+using namespace world;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    Scene scene;
+    const MemoryFile file(data, size);
+    script.font_path = file.path();
+
+    try {
+        scene.check_start();
+        for (uint32_t post = 0; post < 4; post++)
+            scene.report(0x51000000 + post, post, 1);
+        scene.check_pass();
+        scene.set_focus(90, 100);
+        scene.check_pass();
+        scene.set_focus(4294967295, 4294967295);
+        scene.check_pass();
+        for (size_t i = 0; i < 4; i++)
+            scene.check([i] { (void)font_clear_engine(&font_engines[i]); },
+                        [&scene, i] { scene.model.clear_engine(&scene.model.engines[i]); });
+    } catch (const model::Mismatch &mismatch) {
+        fprintf(stderr, "not as the model: %s\n", mismatch.what());
+        abort();
+    }
+    if (objects_alive() != 0) {
+        fprintf(stderr, "%zu objects left\n", objects_alive());
+        abort();
+    }
+    return 0;
+}

@@ -1,0 +1,82 @@
+// A request of the web interface: it is refused with a reason or has a route with every parameter
+// within its bounds.
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "http_json.h"
+#include "http_route.h"
+
+using namespace simcam;
+
+static void demand(bool holds, const char *what)
+{
+    if (!holds) {
+        fprintf(stderr, "%s\n", what);
+        abort();
+    }
+}
+
+// Up to the next line end.
+static std::string take_line(std::string *text)
+{
+    const size_t end = text->find('\n');
+    const std::string line = text->substr(0, end);
+    text->erase(0, end == std::string::npos ? end : end + 1);
+    return line;
+}
+
+static void check_number(const RoutedRequest &routed, const std::string &name,
+                         const RouteParameter &parameter)
+{
+    const auto found = routed.number.find(name);
+    if (found == routed.number.end())
+        return;
+    demand(found->second >= parameter.least && found->second <= parameter.most,
+           "a parameter out of its bounds");
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string text((const char *)data, size);
+    HttpRequest request;
+    request.method = take_line(&text);
+    request.target = take_line(&text);
+    request.content_type = take_line(&text);
+    const std::string host = take_line(&text);
+    const std::string origin = take_line(&text);
+    request.body = text;
+
+    (void)http_host_is_ours(host, "camera");
+    (void)http_origin_is_ours(origin, host);
+    std::vector<JsonField> fields;
+    std::string error;
+    if (!json_read_object(request.body, &fields, &error))
+        demand(!error.empty(), "a body refused without a reason");
+
+    const RoutedRequest routed = http_route(request);
+    if (routed.status != 200) {
+        demand(routed.status >= 400 && routed.status < 500, "a status that is no refusal");
+        demand(!routed.error.empty(), "a refusal without a reason");
+        (void)json_error(routed.status, routed.error);
+        return 0;
+    }
+    demand(routed.route != nullptr, "understood, but without a route");
+    demand(routed.route->method == request.method || request.method == "HEAD",
+           "a route of another method");
+    for (const RouteParameter &parameter : routed.route->parameters) {
+        const std::string name = parameter.name;
+        if (parameter.kind == ParameterKind::SIZE) {
+            check_number(routed, name + "_width", parameter);
+            check_number(routed, name + "_height", parameter);
+        } else if (parameter.kind != ParameterKind::TEXT) {
+            check_number(routed, name, parameter);
+        } else {
+            const auto found = routed.text.find(name);
+            demand(found == routed.text.end() || (double)found->second.size() <= 4 * parameter.most,
+                   "a text longer than its bound");
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,35 @@
+// An input taken apart from its front; what is missing at the end is zero.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct Input {
+    const uint8_t *data;
+    size_t size;
+
+    bool empty() const
+    {
+        return size == 0;
+    }
+
+    uint8_t byte()
+    {
+        if (size == 0)
+            return 0;
+        size--;
+        return *data++;
+    }
+
+    uint16_t half()
+    {
+        const uint8_t low = byte();
+        return (uint16_t)(low | byte() << 8);
+    }
+
+    uint32_t word()
+    {
+        const uint32_t low = half();
+        return low | (uint32_t)half() << 16;
+    }
+};
