@@ -11,7 +11,7 @@
 
 using namespace world;
 
-static constexpr int PASSES = 12;
+static constexpr int PASSES = 6;
 static constexpr uint32_t MEMORY_MAX = 1u << 18;
 
 // The engines are built once: they do not change while the readout is drawn.

@@ -25,7 +25,8 @@ static const char CHARACTERS[] =
 
 // ---- reading the record ------------------------------------------------------------------------
 
-static std::string formatted(const char *format, va_list arguments)
+__attribute__((format(printf, 1, 0))) static std::string formatted(const char *format,
+                                                                   va_list arguments)
 {
     char text[2048];
     const int length = vsnprintf(text, sizeof text, format, arguments);
