@@ -225,30 +225,34 @@ void run_processes(bool is_long, const char *self)
 
 std::jmp_buf loop_left;
 
+// So many readings, with the display thread and the library's beside it.
+void measure(FocusState *state, DisplayState *display, uint64_t readings)
+{
+    const Reporter reporter(1000);
+    std::atomic<bool> ended = false;
+    std::thread display_thread([&] {
+        while (!ended)
+            display_pass(state, display);
+    });
+    camera_last_reading = camera_readings + readings;
+    camera_after_last = [] { std::longjmp(loop_left, 1); };
+    if (setjmp(loop_left) == 0)
+        focus_measure_run(state);
+    camera_last_reading = 0;
+    ended = true;
+    display_thread.join();
+}
+
 void run_measurement(bool is_long)
 {
     static FocusState state;
     auto display = std::make_unique<DisplayState>();
     display_start(display.get());
-    std::thread([&] { display_pass(&state, display.get()); }).join();
+    measure(&state, display.get(), 5000000); // until every buffer has been made
 
     const Usage before = usage();
     const uint64_t begun = camera_readings;
-    camera_last_reading = begun + (is_long ? 2000000000u : 20000000u);
-    camera_after_last = [] { std::longjmp(loop_left, 1); };
-    {
-        const Reporter reporter(1000);
-        std::atomic<bool> ended = false;
-        std::thread display_thread([&] {
-            while (!ended)
-                display_pass(&state, display.get());
-        });
-        if (setjmp(loop_left) == 0)
-            focus_measure_run(&state);
-        ended = true;
-        display_thread.join();
-    }
-    camera_last_reading = 0;
+    measure(&state, display.get(), is_long ? 2000000000 : 20000000);
     compare("measurements", camera_readings - begun, before, usage());
     if (state.peak != CAMERA_HIGHEST) {
         fprintf(report, "the peak is %u\n", (unsigned)state.peak);
