@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "painting.h"
 #include "product_state.h"
 #include "status.h"
 
-static const std::string INVALID_RESOLUTION =
-    "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n";
+static const std::string INVALID_RESOLUTION = error_line("invalid resolution", "init_draw_param");
 
 // Begins with the process's four engines built, no parameters and regions full of junk.
 class InitDrawParam : public testing::Test

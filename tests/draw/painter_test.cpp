@@ -13,6 +13,7 @@
 
 #include "capture.h"
 #include "guarded_memory.h"
+#include "painting.h"
 #include "picture.h"
 #include "reference.h"
 
@@ -24,7 +25,6 @@ static constexpr int STRIDE = 1;
 #endif
 
 static constexpr uint8_t JUNK = GuardedMemory::JUNK;
-static constexpr uint32_t INVALID_DEPTHS[] = {0, 1, 3, 5, 6, 7, 9, 16, 32, 34, 0x80000008};
 
 // A rectangle 8 bits deep on memory of pitch bytes a line.
 static DrawRect rect_of(int32_t width, int32_t height, int32_t pitch)
@@ -185,7 +185,7 @@ TEST(DrawRectangle, InvalidDepthIsLoggedAndPaintsNothing)
 
         const Captured captured = capture([&] { bytes = painted_rectangle(rect, 3 * 8); });
 
-        EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=invalid mask(draw_rectangle)\n");
+        EXPECT_EQ(captured.err, error_line("invalid mask", "draw_rectangle"));
         EXPECT_EQ(captured.out, "");
         EXPECT_EQ(bytes, std::vector<uint8_t>(3 * 8, JUNK)) << "depth " << depth;
     }
@@ -444,7 +444,7 @@ TEST(DrawBar, InvalidDepthIsLoggedAndPaintsNothing)
 
         const Captured captured = capture([&] { bytes = painted_bar(rect, 50, 12 * 60); });
 
-        EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=invalid mask(draw_rectangle_bitmap)\n");
+        EXPECT_EQ(captured.err, error_line("invalid mask", "draw_rectangle_bitmap"));
         EXPECT_EQ(captured.out, "");
         EXPECT_EQ(bytes, std::vector<uint8_t>(12 * 60, JUNK)) << "depth " << depth;
     }

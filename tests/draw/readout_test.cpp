@@ -15,16 +15,12 @@
 #include "capture.h"
 #include "fake_codec.h"
 #include "golden.h"
+#include "painting.h"
 #include "picture.h"
 #include "reference.h"
 #include "status.h"
 
 static constexpr uint32_t POST = 0x80000007; // resource id; prints with eight digits
-
-static std::string error_line(const std::string &message, const std::string &function)
-{
-    return "ERR:#qm7osd:[(null)]=" + message + "(" + function + ")\n";
-}
 
 // ---- descriptors -------------------------------------------------------------------------------
 

@@ -13,16 +13,12 @@
 #include "capture.h"
 #include "draw/draw_param.h"
 #include "freetype_script.h"
+#include "painting.h"
 #include "reference.h"
 #include "status.h"
 
 static const std::string CACHED =
     "1234567890: -abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-
-static std::string error_line(const std::string &message, const std::string &function)
-{
-    return "ERR:#qm7osd:[(null)]=" + message + "(" + function + ")\n";
-}
 
 static bool same_bitmap(const FT_BitmapGlyphRec &a, const FT_BitmapGlyphRec &b)
 {

@@ -16,6 +16,7 @@
 #include "capture.h"
 #include "freetype_script.h"
 #include "guarded_memory.h"
+#include "painting.h"
 #include "picture.h"
 #include "reference.h"
 #include "status.h"
@@ -27,12 +28,6 @@ static constexpr int STRIDE = 1;
 #endif
 
 static constexpr uint8_t JUNK = GuardedMemory::JUNK;
-static constexpr uint32_t INVALID_DEPTHS[] = {0, 1, 3, 5, 6, 7, 9, 16, 32, 34, 0x80000008};
-
-static std::string error_line(const std::string &message, const std::string &function)
-{
-    return "ERR:#qm7osd:[(null)]=" + message + "(" + function + ")\n";
-}
 
 // A text target 8 bits deep, in the colours of the readout.
 static DrawRect target_of(int32_t height, int32_t cell_width, int32_t pitch)
@@ -752,6 +747,31 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     EXPECT_TRUE(same_picture(memory.bytes(), expected, 112));
 
     font_clear_engine(&engine);
+    EXPECT_EQ(freetype().wrong_releases, 0);
+}
+
+TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
+{
+    // A cache of one entry that ends at an unmapped page; its glyph cannot be drawn.
+    const GuardedMemory memory_of_entries(sizeof(GlyphCacheEntry));
+    GlyphCacheEntry *entry = (GlyphCacheEntry *)(void *)memory_of_entries.data();
+    *entry = {'B', nullptr};
+    freetype().render_gray = true;
+    ASSERT_EQ(font_get_glyph(engines[2].face, 'B', &entry->glyph), STATUS_OK);
+    freetype().render_gray = false;
+    FontEngine engine = {engines[2].library, engines[2].face, {1, entry}};
+    const DrawRect target = readout_target(2, 112);
+    const GuardedMemory memory(112 * 28);
+    const auto draw = [&](const char *text) {
+        return font_get_target_bitmap(&engine, text, &target, memory.data(), 0, 112 * 28);
+    };
+
+    EXPECT_EQ(draw("A/"), STATUS_OK); // looked for to the end
+    const Captured captured = capture([&] { EXPECT_EQ(draw("B"), STATUS_FAULT); });
+
+    EXPECT_EQ(captured.err, error_line("invalid pixel_mode", "font_draw_target") +
+                                error_line("draw target failed", "font_get_target_bitmap"));
+    EXPECT_EQ(entry->glyph, nullptr);
     EXPECT_EQ(freetype().wrong_releases, 0);
 }
 
