@@ -175,6 +175,22 @@ class Page(unittest.TestCase):
         wait_for("the cue", lambda: "Peak passed" in self.text("cue"))
         self.screenshot("passed")
 
+    def test_the_estimate_follows_the_overlays_rule(self):
+        def peaks(*values):
+            return self.browser.execute_async_script("""
+                const [values, done] = arguments;
+                import('/focus.js').then(({peakNew, peakStep}) => {
+                  const peak = peakNew();
+                  done(values.map((value) => peakStep(peak, {value, ring: 0, time_s: 0}).value));
+                });""", list(values))
+
+        self.assertEqual(peaks(50, 53, 56), [0, 0, 0], "changes of 3 do not begin a peak")
+        self.assertEqual(peaks(50, 54, 58, 54), [0, 0, 0, 0], "nor do changes of 4")
+        self.assertEqual(peaks(56, 62, 40, 62, 63), [0, 62, 62, 62, 63])
+        self.assertEqual(peaks(50, 45, 44, 51), [0, 45, 45, 51], "a fall of 5 begins one too")
+        self.assertEqual(peaks(0, 300, 302), [0, 0, 0], "a first value after 0 is no change")
+        self.assertEqual(peaks(9, 0, 300, 294), [0, 0, 300, 300], "from 9 to 0 is one")
+
     def test_the_picture_is_live(self):
         wait_for("a picture", lambda: self.canvas_spread("picture") > 60)
         for toggle in ("toggle-planes", "toggle-peaking", "toggle-loupe"):  # the overlay has edges too
