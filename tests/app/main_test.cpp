@@ -1,6 +1,7 @@
 // The real main, under the name focus_assist_main, with the calls that would leave the test
 // replaced: thread creation, the opening of the device, sleep, exit.
 
+#include <algorithm>
 #include <cerrno>
 #include <csetjmp>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include "capture.h"
 #include "fake_codec.h"
 #include "fake_files.h"
+#include "osd/osd_session.h"
 
 int focus_assist_main(int argc, char **argv);
 
@@ -238,4 +240,22 @@ TEST_F(Main, ThreadRunsTheDisplayLoopWithTheFocusState)
     EXPECT_EQ(captured.err.substr(0, captured.err.find('\n') + 1),
               "ERR:#qm7osd:[(null)]=qm7_cl_library_init() failed. "
               "errno=0x81E00001(OSD_Library_Process)\n");
+}
+
+TEST_F(Main, DisplayThreadMakesAPassBeforeItSleeps)
+{
+    FakeCodec codec;
+    EXPECT_EQ(run(), 1000);
+    osd_post_notify({0, 7, 0, 1});
+    codec.calls.clear();
+    state.sleeps_left = 1;
+
+    capture([&] {
+        if (setjmp(state.leave) == 0)
+            state.entry(state.state);
+    });
+
+    // Only a pass asks for the size of an output.
+    EXPECT_EQ(
+        std::count(codec.calls.begin(), codec.calls.end(), "qm7_cl_post_thread_get_status(7)"), 1);
 }
