@@ -390,4 +390,47 @@ TEST(Geometry, TextAtEveryDepth)
     }
 }
 
+// Glyphs of any size at any place, also those that no font should have.
+TEST(Geometry, GlyphsAtEveryPlace)
+{
+    const std::vector<int32_t> places = {-1000, -33, -9, -8, -1, 0, 1, 7, 8, 40, 41, 48, 1000};
+    for (const uint32_t depth : {2u, 4u, 8u}) {
+        for (const uint32_t cols : {0u, 1u, 7u, 8u, 9u, 41u, 64u}) {
+            for (const uint32_t rows : {0u, 1u, 3u, 12u}) {
+                const uint32_t row_bytes = (cols + 7) / 8;
+                GuardedMemory bits(rows * row_bytes);
+                FT_BitmapGlyphRec glyph = {};
+                glyph.bitmap.rows = rows;
+                glyph.bitmap.width = cols;
+                glyph.bitmap.pitch = (int)row_bytes;
+                glyph.bitmap.pixel_mode = FT_PIXEL_MODE_MONO;
+                glyph.bitmap.buffer = bits.data();
+                for (const int32_t left : places) {
+                    for (const int32_t top : {-1000, -5, 0, 3, 10, 1000}) {
+                        for (const int32_t pitch : {0, 1, 10, 40}) {
+                            DrawRect rect = {};
+                            rect.height = 10;
+                            rect.depth = depth;
+                            rect.fg_color = 0x1E;
+                            rect.pitch = pitch;
+                            glyph.left = left;
+                            glyph.top = top;
+                            GuardedMemory memory(400, left < 0 ? Guard::BEFORE : Guard::BEHIND);
+                            std::vector<uint8_t> expected = memory.bytes();
+                            reference::paint_glyph(expected, rect, glyph, -2, 5, false);
+                            ASSERT_EQ(font_draw_target(memory.data(), &rect, (FT_Glyph)&glyph, -2,
+                                                       5, 0, 400),
+                                      0);
+                            ASSERT_TRUE(memory.bytes() == expected &&
+                                        memory.surroundings_are_whole())
+                                << "depth " << depth << " glyph " << cols << "x" << rows << " at "
+                                << left << "," << top << " pitch " << pitch;
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
 } // namespace

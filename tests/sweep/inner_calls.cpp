@@ -24,7 +24,10 @@ long inner_blocks()
 
 template <typename Function> static Function next_of(const char *name)
 {
+    const int kept = world::inside_freetype; // what the look-up allocates is not FreeType's
+    world::inside_freetype = 0;
     void *const found = dlsym(RTLD_NEXT, name);
+    world::inside_freetype = kept;
     Function function;
     memcpy(&function, &found, sizeof function);
     return function;

@@ -52,6 +52,10 @@ struct SweptScene : Scene {
     SweptScene()
     {
         script.palette_path = palette(); // of two entries: enough to be seen
+        for (auto &post : script.planes) {
+            for (Plane &plane : post)
+                plane.failed_pitch = 640; // a failed open may leave anything there
+        }
         set_focus(CURRENT, PEAK);
     }
 
