@@ -372,15 +372,17 @@ void start_all_posts(SweptScene &scene)
         scene.report(post, 1);
 }
 
-// After a start-up all four posts are drawn: the bar always, the text where its engine came up.
+// After a start-up a post is drawn, the four of them in turn: the bar always, the text where its
+// engine came up.
 void draws_what_it_can(SweptScene &scene, Fn fn, int, bool)
 {
-    start_all_posts(scene);
+    static uint32_t turn;
+    const uint32_t post = turn++ % 4;
+    scene.report(post, 1);
     scene.check_pass();
-    if (fn == FONT_CHAR_INDEX)
-        return; // boxes for missing glyphs
-    for (uint32_t post = 0; post < 4; post++)
+    if (fn != FONT_CHAR_INDEX) { // boxes for missing glyphs
         EXPECT_EQ(scene.draws(post), font_engines[post].library != nullptr) << post;
+    }
 }
 
 TEST(Sweep, SessionFailsAtEveryCall)
