@@ -194,7 +194,7 @@ Streams with_streams(const std::function<void()> &action)
     struct Memory {
         char *bytes = nullptr;
         size_t size = 0;
-        FILE *stream = nullptr;
+        FILE *stream;
         Memory() : stream(open_memstream(&bytes, &size))
         {
         }
