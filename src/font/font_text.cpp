@@ -20,9 +20,17 @@ struct GlyphPlace {
     int64_t line_pixels; // from one row to the next
 };
 
+// Of a valid depth. A division would be a call of dozens of instructions on the target.
+static int32_t pixels_per_byte(uint32_t depth)
+{
+    if (depth == 8)
+        return 1;
+    return depth == 4 ? 2 : 4;
+}
+
 static int64_t line_pixels_of(const DrawRect *target)
 {
-    return (int64_t)target->pitch * (8 / (int32_t)target->depth);
+    return (int64_t)target->pitch * pixels_per_byte(target->depth);
 }
 
 // ---- glyph -------------------------------------------------------------------------------------
@@ -134,7 +142,7 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
                               .cols = (int32_t)cols,
                               .first = y0 * line_pixels + x0,
                               .line_pixels = line_pixels};
-    const int64_t pixels = (int64_t)buffer_size * 8 / target->depth;
+    const int64_t pixels = (int64_t)buffer_size * pixels_per_byte(target->depth);
     const int64_t end = place.first + (rows - 1) * line_pixels + (cols + 7) / 8 * 8;
     if (target->depth == 8 && line_pixels >= 0 && place.first >= 0 && end <= pixels)
         draw_glyph_bytes(buffer, &place, (uint8_t)value);
