@@ -474,3 +474,57 @@ TEST(DrawDepth, OnlyTwoFourAndEightAreValid)
     for (const uint32_t depth : INVALID_DEPTHS)
         EXPECT_FALSE(draw_depth_is_valid(depth)) << depth;
 }
+
+// ---- sizes beyond 32 bits ----------------------------------------------------------------------
+
+TEST(DrawRectangle, AreaBeyond32BitsFillsTheMemoryThereIs)
+{
+    std::vector<uint8_t> memory(3 * 65536, 0xA5);
+    DrawRect rect = {};
+    rect.width = 65536;
+    rect.height = 65536; // 2^32 bytes
+    rect.depth = 8;
+    rect.bg_color = 17;
+    rect.pitch = 65536;
+
+    draw_rectangle(memory.data(), &rect, (uint32_t)memory.size());
+
+    EXPECT_EQ(memory, std::vector<uint8_t>(3 * 65536, 17));
+}
+
+TEST(DrawBar, InteriorBeyond32BitsFillsTheMemoryThereIs)
+{
+    std::vector<uint8_t> memory(10 * 65536, 0xA5);
+    // The interior ends 2^32 bytes behind the start.
+    DrawRect rect = {};
+    rect.height = 65536 + 5;
+    rect.depth = 8;
+    rect.bg_color = 17;
+    rect.pitch = 65536;
+    rect.resolution = 0;
+
+    draw_rectangle_bitmap(memory.data(), &rect, 0, (uint32_t)memory.size());
+
+    EXPECT_EQ(memory[4 * 65536 + 5], 11);  // the last line of the frame
+    EXPECT_EQ(memory[5 * 65536 + 4], 11);  // its left edge
+    EXPECT_EQ(memory[5 * 65536 + 5], 17);  // the first line within
+    EXPECT_EQ(memory[10 * 65536 - 6], 17); // the last one that there is memory for
+    EXPECT_EQ(memory[10 * 65536 - 5], 11);
+}
+
+TEST(DrawBar, FrameBeyond32BitsFillsTheMemoryThereIs)
+{
+    for (const int32_t height : {4, 100}) {
+        std::vector<uint8_t> memory(64, 0xA5);
+        DrawRect rect = {};
+        rect.height = height;
+        rect.depth = 8;
+        rect.bg_color = 17;
+        rect.pitch = 0x40000000; // four lines of frame: 2^32 bytes
+        rect.resolution = 1;
+
+        draw_rectangle_bitmap(memory.data(), &rect, 0, (uint32_t)memory.size());
+
+        EXPECT_EQ(memory, std::vector<uint8_t>(64, 11));
+    }
+}
