@@ -31,7 +31,7 @@ static void init_focus_state(FocusState *state, int argc, char **argv)
 static void *display_thread_entry(void *argument)
 {
     osd_Focus_Assist_run((const FocusState *)argument);
-    return nullptr;
+    return nullptr; // never reached: the loop has no end
 }
 
 int main(int argc, char **argv)
