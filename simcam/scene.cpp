@@ -110,7 +110,8 @@ static bool next_frame(Scene &scene)
 static std::shared_ptr<Scene> open_video(const std::string &path, std::string *error)
 {
     auto scene = std::make_shared<Scene>();
-    scene->live = path.rfind("/dev/", 0) == 0;
+    std::error_code ignored;
+    scene->live = std::filesystem::is_character_file(path, ignored);
     try {
         scene->capture.open(path, scene->live ? cv::CAP_V4L2 : cv::CAP_FFMPEG);
         const double rate = scene->capture.get(cv::CAP_PROP_FPS);
@@ -173,6 +174,11 @@ std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
     }
     if (std::filesystem::is_directory(status)) {
         *error = "scene " + name + ": a directory, not a picture or a video";
+        return nullptr;
+    }
+    if (!std::filesystem::is_regular_file(status) && !std::filesystem::is_character_file(status)) {
+        // Opening a pipe would wait for somebody to write into it.
+        *error = "scene " + name + ": neither a file nor a video device";
         return nullptr;
     }
     if (std::filesystem::is_regular_file(status) && cv::haveImageReader(name))

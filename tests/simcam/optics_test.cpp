@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
+#include <sys/stat.h>
 #if SIMCAM_VIDEO
 #include <opencv2/videoio.hpp>
 #endif
@@ -398,6 +399,21 @@ TEST(SceneFile, ThatIsADirectoryIsRefused)
     const TestFolder folder;
     EXPECT_EQ(error_of(folder.path.string()),
               "scene " + folder.path.string() + ": a directory, not a picture or a video");
+}
+
+TEST(SceneFile, ThatIsAPipeIsRefusedInsteadOfWaitedFor)
+{
+    const TestFolder folder;
+    const std::string pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(error_of(pipe), "scene " + pipe + ": neither a file nor a video device");
+}
+
+TEST(SceneFile, ThatIsADeviceWithoutPicturesIsRefused)
+{
+    EXPECT_NE(error_of("/dev/null").find("/dev/null: "), std::string::npos);
+    EXPECT_EQ(error_of("/dev/video999"),
+              "scene /dev/video999: no such file; built in are photo and chart");
 }
 
 TEST(SceneFile, ThatIsNoPictureIsRefused)
