@@ -7,11 +7,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <thread>
+#include <unistd.h>
 
 #include <opencv2/imgproc.hpp>
 
@@ -43,6 +46,7 @@ struct Lens {
 struct Camera {
     CameraOptions options;
     RunDirectory run_directory;
+    std::string platform; // the folder of the program's libraries
     Board board;
     std::shared_ptr<Server> server;
     std::shared_ptr<Process> process;
@@ -208,6 +212,12 @@ static std::string prepare(Camera &camera)
     error = start_posts(camera);
     if (!error.empty())
         return error;
+    camera.platform = platform_directory_find(options.platform_directory);
+    if (!options.program.empty())
+        for (const char *name : {"/libqm7codec.so.2.0", "/libsimcam_preload.so"})
+            if (access((camera.platform + name).c_str(), R_OK) != 0)
+                return camera.platform + name + ": " + std::strerror(errno) +
+                       "; it stands between the program and the camera";
     if (!run_directory_make(options.run_directory, &camera.run_directory, &error))
         return error;
     camera.server =
@@ -225,10 +235,9 @@ std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *
         return nullptr;
     }
 
-    const std::string platform = platform_directory_find(options.platform_directory);
-    camera->process =
-        process_make({options.program, camera->run_directory.path, platform + "/libqm7codec.so.2.0",
-                      platform + "/libsimcam_preload.so"});
+    camera->process = process_make({options.program, camera->run_directory.path,
+                                    camera->platform + "/libqm7codec.so.2.0",
+                                    camera->platform + "/libsimcam_preload.so"});
     camera->sensor = std::thread([camera = camera.get()] { run_sensor(*camera); });
     if (!options.program.empty()) {
         *error = process_start(*camera->process);

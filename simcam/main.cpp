@@ -86,6 +86,7 @@ static void parse(int argc, char **argv, Options *options)
     app.add_option("--sweep-period", camera.sweep_period_s, "seconds to and fro")
         ->capture_default_str();
     app.add_option("--seed", camera.seed, "of the noise: same seed, same numbers")
+        ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     app.add_option("--pitch-align", camera.pitch_align,
                    "bytes that a plane's line is rounded up to: 1, 8, 16, 32 or 64")
@@ -129,7 +130,11 @@ static int run(const std::shared_ptr<Camera> &camera, const Options &options,
                const sigset_t &signals)
 {
     if (!options.snapshot.empty()) {
-        const std::string problem = snapshot_write(*camera, options.snapshot);
+        const auto interrupted = [&signals] {
+            const timespec at_once = {};
+            return sigtimedwait(&signals, nullptr, &at_once) > 0;
+        };
+        const std::string problem = snapshot_write(*camera, options.snapshot, interrupted);
         if (!problem.empty())
             std::fprintf(stderr, "simcam: %s\n", problem.c_str());
         return problem.empty() ? 0 : 1;

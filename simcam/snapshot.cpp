@@ -34,27 +34,35 @@ static bool redrawn_since(const CameraState &before, const CameraState &now, uin
 }
 
 // A post whose readout does not come (an output size without one) holds nobody up for longer.
-static void wait_for_readout(Camera &camera, double timeout_s)
+// Returns an empty string, or why there is no use in going on.
+static std::string wait_for_readout(Camera &camera, double timeout_s,
+                                    const std::function<bool()> &interrupted)
 {
     const CameraState before = camera_state(camera);
     const auto deadline = Clock::now() + std::chrono::duration<double>(timeout_s);
-    while (Clock::now() < deadline) {
+    do {
+        if (interrupted())
+            return "interrupted";
         const CameraState now = camera_state(camera);
-        if (!now.process.running || redrawn_since(before, now, 2))
-            return;
+        if (now.process.configured && !now.process.running)
+            return "the program has ended: " + now.process.last_end;
+        if (!now.process.configured || redrawn_since(before, now, 2))
+            return {};
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    } while (Clock::now() < deadline);
+    return {};
 }
 
-std::string snapshot_write(Camera &camera, const std::string &directory)
+std::string snapshot_write(Camera &camera, const std::string &directory,
+                           const std::function<bool()> &interrupted)
 {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error)
         return directory + ": " + error.message();
-    const bool overlay = camera_state(camera).process.configured;
-    if (overlay)
-        wait_for_readout(camera, 10); // the process has to start first
+    std::string problem = wait_for_readout(camera, 10, interrupted); // the process has to start
+    if (!problem.empty())
+        return problem;
 
     int stop = 0;
     for (const double offset : STOPS) {
@@ -62,8 +70,9 @@ std::string snapshot_write(Camera &camera, const std::string &directory)
         camera_set_ring(camera, ring);
         const uint64_t number = camera_state(camera).latest.number;
         camera_wait(camera, number + 2, 10); // one picture may have been under way
-        if (overlay)
-            wait_for_readout(camera, 5);
+        problem = wait_for_readout(camera, 5, interrupted);
+        if (!problem.empty())
+            return problem;
 
         stop++;
         for (int post = 0; post < POST_COUNT; post++) {

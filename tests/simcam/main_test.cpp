@@ -50,6 +50,8 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
     expect_refused("--scene /no/such/picture.png", "/no/such/picture.png");
     expect_refused("--unknown", "--unknown");
     expect_refused("-- /no/such/program", "/no/such/program");
+    expect_refused("--seed -1", "--seed");
+    expect_refused("--platform /no/such/folder -- /bin/true", "/no/such/folder/libqm7codec.so.2.0");
 }
 
 TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
@@ -81,6 +83,43 @@ TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
     }
     EXPECT_EQ(post0, 5u);
     EXPECT_EQ(post2, 5u);
+    std::filesystem::remove_all(directory);
+}
+
+TEST(CommandLine, SnapshotsOfAProgramThatEndsAreRefusedWithItsStatus)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
+    const std::filesystem::path directory = mkdtemp(name.data());
+
+    const Outcome outcome = simcam("--scene chart --post 0=352x240 --snapshot " +
+                                   directory.string() + " -- /bin/sh -c 'exit 3'");
+
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.text, "simcam: the program has ended: exit status 3\n");
+    std::filesystem::remove_all(directory);
+}
+
+TEST(CommandLine, AnInterruptEndsSnapshotsThatWaitForAReadout)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
+    const std::filesystem::path directory = mkdtemp(name.data());
+    const std::string started = (directory / "started").string();
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(SIMCAM, SIMCAM, "--scene", "chart", "--snapshot", directory.c_str(), "--", "/bin/sh",
+              "-c", "echo >\"$0\"; exec sleep 1000", started.c_str(), nullptr);
+        _exit(127);
+    }
+    while (!std::filesystem::exists(started))
+        usleep(10000);
+
+    EXPECT_EQ(kill(child, SIGINT), 0);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    for (const auto &file : std::filesystem::directory_iterator(directory))
+        EXPECT_EQ(file.path().filename(), "started"); // it did not go through its stops first
     std::filesystem::remove_all(directory);
 }
 
