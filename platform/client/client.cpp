@@ -30,6 +30,13 @@ static void explain(const char *why, const char *detail)
     fflush(stderr);
 }
 
+void client_check()
+{
+    const char *directory = getenv(SIMCAM_RUN_DIR_VARIABLE);
+    if (!directory || !directory[0])
+        explain(SIMCAM_RUN_DIR_VARIABLE, " is not set");
+}
+
 bool client_path(char *path, size_t size, const char *name)
 {
     const char *directory = getenv(SIMCAM_RUN_DIR_VARIABLE);

@@ -9,6 +9,9 @@
 // An answer that takes longer means that the camera hangs.
 constexpr int CLIENT_TIMEOUT_MS = 20000;
 
+// Explains on standard error, once a process, when the environment names no run directory.
+void client_check();
+
 // Fills path with the run directory's name and then the given one. False where the environment
 // names no run directory or the result does not fit.
 bool client_path(char *path, size_t size, const char *name);

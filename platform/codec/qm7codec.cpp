@@ -163,6 +163,12 @@ static int32_t notify_start()
 
 // ---- the library's functions
 
+// A program that is started without a camera may end before it makes a call, and without a word.
+__attribute__((constructor)) static void explain_without_camera()
+{
+    client_check();
+}
+
 int32_t qm7_cl_library_init()
 {
     pthread_mutex_lock(&lock);

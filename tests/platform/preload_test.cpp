@@ -222,6 +222,12 @@ TEST(Preload, WithoutACameraThereIsOneExplanation)
     EXPECT_EQ(count_of(elsewhere, "nothing answers at /nowhere/socket"), 1u) << elsewhere;
 }
 
+TEST(Preload, TheLibraryExplainsAMissingCameraWithoutACall)
+{
+    const std::string text = run_alone("env -u SIMCAM_RUN_DIR", "byte /etc/passwd");
+    EXPECT_EQ(count_of(text, "SIMCAM_RUN_DIR is not set"), 1u) << text;
+}
+
 TEST(Preload, WithoutACameraTheFixedPathsStayEmpty)
 {
     const std::string text =
