@@ -76,7 +76,39 @@ INSTANTIATE_TEST_SUITE_P(
                     SessionFault{"qm7_cl_post_set_osd_color", "qm7_cl_sys_close_device"}),
     [](const auto &its) { return std::string(its.param.call); });
 
+TEST(OverlayFault, AnUndoThatFailsIsPassedOverInSilence)
+{
+    const Overlay overlay(overlay_options());
+    arm(overlay, "qm7_cl_sys_close_device", 0x81E0ABCE, 1);
+    arm(overlay, "qm7_cl_library_exit", 0x81E0ABCF, 1);
+    restart_with(overlay, "qm7_cl_post_set_notify", 0x81E0ABCD, 1);
+    overlay.wait("the undo", [&] { return overlay.calls("qm7_cl_library_exit", 0x81E0ABCF) == 1; });
+    EXPECT_EQ(overlay.calls("qm7_cl_sys_close_device", 0x81E0ABCE), 1u);
+    EXPECT_EQ(overlay.output(2), "ERR:#qm7osd:[(null)]=qm7_cl_post_set_notify() failed. "
+                                 "errno=0x81E0ABCD(OSD_Library_Process)\n");
+
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    EXPECT_EQ(camera_process_start(*overlay), "");
+    expect_recovery(overlay);
+}
+
 // ---- planes
+
+TEST(OverlayFault, OfClearingAndClosingAreNeverMet)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    arm(overlay, "qm7_cl_post_clear_osd", 0x81E0ABCD);
+    arm(overlay, "qm7_cl_post_close_osd", 0x81E0ABCD);
+
+    EXPECT_EQ(camera_stop_post(*overlay, 0), ""); // the camera itself closes the planes
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    expect_recovery(overlay);
+    EXPECT_EQ(overlay.calls("qm7_cl_post_clear_osd", 0x81E0ABCD), 0u);
+    EXPECT_EQ(overlay.calls("qm7_cl_post_close_osd", 0x81E0ABCD), 0u);
+    EXPECT_EQ(overlay.output(2), "");
+}
 
 TEST(OverlayFault, AStatusThatFailsIsAskedForAgainAtTheNextStartOfThePost)
 {
@@ -164,15 +196,49 @@ TEST(OverlayFault, AShowThatFailsLeavesTheLastReadoutShown)
     expect_recovery(overlay);
 }
 
+// Every call is slow from the start of the process on, and each of its kind is met.
 TEST(OverlayFault, SlowCallsOnlyMakeItSlow)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
-    arm(overlay, "qm7_cl_post_get_osd_mem", 0, FAULT_FOREVER, 300);
-    arm(overlay, "CAM_FOCUS_READ", 0, FAULT_FOREVER, 200);
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    for (const std::string &call : camera_fault_calls())
+        arm(overlay, call, 0, FAULT_FOREVER, 100);
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_process_start(*overlay), "");
     expect_recovery(overlay);
     EXPECT_EQ(overlay.output(2), "");
     EXPECT_EQ(overlay.output(1), "");
+    for (const Fault &fault : overlay.state().faults) {
+        const bool made = fault.call.find("clear_osd") == std::string::npos &&
+                          fault.call.find("close") == std::string::npos &&
+                          fault.call != "qm7_cl_library_exit";
+        EXPECT_EQ(fault.hits > 0, made) << fault.call;
+    }
+}
+
+// Those that a test of this file fails and mends again.
+TEST(OverlayFault, EveryCallThatCanBeMadeToFailIsTried)
+{
+    const std::vector<std::string> tried = {"qm7_cl_library_init",
+                                            "qm7_cl_library_exit",
+                                            "qm7_cl_sys_open_device",
+                                            "qm7_cl_sys_close_device",
+                                            "qm7_cl_post_notify_callback",
+                                            "qm7_cl_post_set_notify",
+                                            "qm7_cl_post_get_osd_color_mem",
+                                            "qm7_cl_post_set_osd_color",
+                                            "qm7_cl_post_thread_get_status",
+                                            "qm7_cl_post_open_osd",
+                                            "qm7_cl_post_clear_osd",
+                                            "qm7_cl_post_close_osd",
+                                            "qm7_cl_post_get_osd_mem",
+                                            "qm7_cl_post_set_osd",
+                                            "open",
+                                            "CAM_FOCUS_CONFIG",
+                                            "CAM_FOCUS_READ"};
+    EXPECT_EQ(camera_fault_calls(), tried);
 }
 
 // ---- device
@@ -223,4 +289,11 @@ TEST(OverlayFault, AConfigurationThatFailsIsNotRetriedAndLeavesItWithoutValues)
     EXPECT_FALSE(overlay.state().focus_configured);
     EXPECT_GT(overlay.calls("CAM_FOCUS_READ", EINVAL), 0u);
     EXPECT_EQ(overlay.calls("CAM_FOCUS_CONFIG", EIO), 1u);
+
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_process_start(*overlay), "");
+    overlay.wait("a value", [&] { return overlay.readout(0).current > 0; });
+    EXPECT_TRUE(overlay.state().focus_configured);
 }
