@@ -105,7 +105,7 @@ static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection,
     MHD_Response *response = MHD_create_response_from_callback(
         MHD_SIZE_UNKNOWN, STREAM_BLOCK, on_room, stream.get(), on_stream_end);
     if (response)
-        stream.release(); // the response frees it
+        (void)stream.release(); // the response frees it
     return send_response(connection, 200, response, reply);
 }
 
