@@ -151,7 +151,7 @@ static void paint_text_literally(std::vector<uint8_t> &memory, const FontEngine 
 
 static void redraw_literally(Post *post)
 {
-    std::vector<uint8_t>(&memory)[2] = plane_memory[post->id];
+    auto &memory = plane_memory[post->id];
     clear(memory[0]);
     reference::paint_bar(memory[0], *make_bar_rect(&post->regions[0], post->state.planes[0].pitch),
                          CURRENT);

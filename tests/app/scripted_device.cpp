@@ -20,7 +20,7 @@ static std::atomic<int> camera = -1;
 
 template <typename Function> static Function *next(const char *name)
 {
-    return (Function *)dlsym(RTLD_NEXT, name);
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 static std::string root()

@@ -46,6 +46,7 @@ CameraOptions overlay_options_all_posts()
 Overlay::Overlay(const CameraOptions &options)
 {
     std::string error;
+    // cppcheck-suppress useInitializationList ; error has to exist first
     camera = camera_start(options, &error);
     if (!camera)
         throw std::runtime_error(error);

@@ -533,6 +533,7 @@ TEST_F(FontGetGlyph, FailuresNameTheirStep)
             capture([&] { EXPECT_EQ(font_get_glyph(engines[0].face, 'A', &glyph), STATUS_FAULT); });
 
         EXPECT_EQ(captured.err, error_line(message, "font_get_glyph"));
+        ASSERT_FALSE(freetype().calls.empty());
         EXPECT_TRUE(freetype().calls.back().starts_with(function)) << "it goes on to nothing else";
         EXPECT_EQ(glyph != nullptr, std::string(function) == "FT_Glyph_To_Bitmap")
             << "only the outline is left for the caller";

@@ -180,8 +180,8 @@ static size_t stack_depth(void *(*body)(void *))
     pthread_attr_t attributes;
     pthread_t thread;
     pthread_attr_init(&attributes);
-    pthread_attr_setstack(&attributes, memory, STACK_BYTES);
-    if (pthread_create(&thread, &attributes, body, nullptr) != 0)
+    if (pthread_attr_setstack(&attributes, memory, STACK_BYTES) != 0 ||
+        pthread_create(&thread, &attributes, body, nullptr) != 0)
         return 0;
     pthread_join(thread, nullptr);
 
