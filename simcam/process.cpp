@@ -391,7 +391,8 @@ void process_finish(Process &process)
     ask(process, [&process]() -> std::string {
         if (!process.child)
             return {};
-        kill(process.child, SIGTERM);
+        const pid_t group = process.child; // a wrapper's own children are in it, too
+        kill(-group, SIGTERM);
         const auto deadline = Clock::now() + std::chrono::seconds(2);
         while (process.child && Clock::now() < deadline) {
             pollfd entries[2] = {{process.pipes[0], POLLIN, 0}, {process.pipes[1], POLLIN, 0}};
@@ -400,8 +401,8 @@ void process_finish(Process &process)
                 take_output(process, stream);
             reap(process);
         }
+        kill(-group, SIGKILL); // what is left of it
         if (process.child) {
-            kill(process.child, SIGKILL);
             waitpid(process.child, nullptr, 0);
             for (const int fd : {process.pipes[0], process.pipes[1], process.child_end})
                 if (fd >= 0)

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -322,6 +323,27 @@ TEST(Camera, StoppingTheCameraEndsAndReapsTheProgram)
     }
     EXPECT_NE(kill(kind, 0), 0); // a zombie would still take a signal
     EXPECT_NE(kill(deaf, 0), 0);
+}
+
+TEST(Camera, StoppingTheCameraEndsWhatAWrapperStarted)
+{
+    std::string pids;
+    {
+        const TestCamera camera(
+            shell("sleep 1000 & a=$!; (trap '' TERM; while :; do sleep 1; done) &"
+                  " echo $a $!; wait"));
+        ASSERT_TRUE(wait_until([&] { return output(*camera, 1).ends_with('\n'); }));
+        pids = output(*camera, 1);
+    }
+    std::istringstream words(pids);
+    for (int pid = 0; words >> pid;) {
+        // Whoever adopted it may take a while to reap it.
+        EXPECT_TRUE(wait_until([&] {
+            std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+            std::string stat;
+            return !std::getline(file, stat) || stat.find(") Z ") != std::string::npos;
+        })) << pid;
+    }
 }
 
 TEST(Camera, EndlessOutputIsBounded)
