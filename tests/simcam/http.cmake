@@ -8,6 +8,3 @@ target_link_libraries(simcam_http_test PRIVATE
 gtest_discover_tests(simcam_http_test PROPERTIES
     TIMEOUT 120
     ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_LIST_DIR}/tsan.supp")
-# Under the address sanitizer the compiler sees uninitialised values inside its own <regex>.
-set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/http_test.cpp PROPERTIES
-    COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>")
