@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <mutex>
 
@@ -148,15 +147,12 @@ cv::Mat picture_plane_colours(const PlaneImage &plane, const std::vector<uint8_t
 
 // ---- frames for several viewers ----
 
-using Clock = std::chrono::steady_clock;
-static constexpr auto FRAME_AGE_MAX = std::chrono::milliseconds(400); // while nothing is measured
-
 struct CachedPicture {
     PictureRequest request;
-    std::mutex
-        mutex; // held while the frame is made: the others wait for it instead of making their own
+    // Held while the frame is made: the others wait for it instead of making their own.
+    std::mutex mutex;
     uint64_t number = 0;
-    Clock::time_point made;
+    std::chrono::steady_clock::time_point asked; // by whoever made the frame
     std::shared_ptr<const std::string> jpeg;
 };
 
@@ -189,16 +185,16 @@ std::shared_ptr<CachedPicture> picture_cache_enter(PictureCache &cache,
 }
 
 std::shared_ptr<const std::string> picture_cache_frame(PictureCache &cache, CachedPicture &entry,
-                                                       uint64_t number)
+                                                       uint64_t number,
+                                                       std::chrono::steady_clock::time_point asked)
 {
     const std::lock_guard lock(entry.mutex);
-    const Clock::time_point now = Clock::now();
-    if (entry.jpeg && entry.number >= number && now - entry.made < FRAME_AGE_MAX)
+    if (entry.jpeg && entry.number >= number && asked - entry.asked < FRAME_AGE_MAX)
         return entry.jpeg;
     const cv::Mat picture = picture_view(*cache.camera, entry.request);
     entry.jpeg = std::make_shared<std::string>(picture_jpeg(picture, entry.request.quality));
     entry.number = number;
-    entry.made = now;
+    entry.asked = asked;
     ++cache.encoded;
     return entry.jpeg;
 }

@@ -2,6 +2,7 @@
 // look.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -39,9 +40,13 @@ std::shared_ptr<PictureCache> picture_cache_make(std::shared_ptr<Camera> camera)
 // One viewer's hold on the frames of request; the last to let go frees them.
 std::shared_ptr<CachedPicture> picture_cache_enter(PictureCache &cache,
                                                    const PictureRequest &request);
-// The JPEG of measurement number or a later one, made by whoever comes first.
+// How old a frame may be while nothing is measured: posts and planes change all the same.
+constexpr std::chrono::milliseconds FRAME_AGE_MAX{400};
+// The JPEG of measurement number or a later one, made by whoever comes first. asked is when the
+// caller asked: what it then waits for the frame that another one is making does not count.
 std::shared_ptr<const std::string> picture_cache_frame(PictureCache &cache, CachedPicture &entry,
-                                                       uint64_t number);
+                                                       uint64_t number,
+                                                       std::chrono::steady_clock::time_point asked);
 // Frames encoded since the start.
 uint64_t picture_cache_encoded(const PictureCache &cache);
 

@@ -74,7 +74,7 @@ struct PictureStream {
         if (server->stopping)
             return {};
         number = camera_state(*server->camera).latest.number;
-        const auto jpeg = picture_cache_frame(*server->pictures, *entry, number);
+        const auto jpeg = picture_cache_frame(*server->pictures, *entry, number, Clock::now());
         // Counted from when it was due, so that waiting does not add up; from now after a long
         // stall.
         const auto step = std::chrono::duration_cast<Clock::duration>(pause);

@@ -1,6 +1,8 @@
 // Pictures of views and planes, and the sharing of frames.
 #include "http_picture.h"
 
+#include <thread>
+
 #include <gmock/gmock.h>
 
 #include <opencv2/imgcodecs.hpp>
@@ -159,6 +161,8 @@ TEST(PicturePlane, ColoursComeFromThePalette)
     EXPECT_EQ(colours.at<cv::Vec4b>(0, 2), cv::Vec4b(200, 200, 200, 255));
 }
 
+static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};
+
 TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
 {
     const auto camera = camera_with("352x288");
@@ -166,13 +170,48 @@ TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
     const auto first = picture_cache_enter(*cache, {.view = 1});
     const auto second = picture_cache_enter(*cache, {.view = 1});
 
-    const auto a = picture_cache_frame(*cache, *first, 5);
-    const auto b = picture_cache_frame(*cache, *second, 5);
+    const auto a = picture_cache_frame(*cache, *first, 5, ASKED);
+    const auto b = picture_cache_frame(*cache, *second, 5, ASKED);
 
     EXPECT_EQ(a, b);
     EXPECT_EQ(picture_cache_encoded(*cache), 1u);
-    EXPECT_NE(picture_cache_frame(*cache, *second, 6), a);
+    EXPECT_NE(picture_cache_frame(*cache, *second, 6, ASKED), a);
     EXPECT_EQ(picture_cache_encoded(*cache), 2u);
+    EXPECT_NE(picture_cache_frame(*cache, *first, 5, ASKED), a) << "a later one will do";
+    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
+}
+
+TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
+{
+    const auto camera = camera_with("352x288");
+    const auto cache = picture_cache_make(camera);
+    const auto entry = picture_cache_enter(*cache, {.view = 1});
+    picture_cache_frame(*cache, *entry, 5, ASKED);
+
+    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(399));
+    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
+    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
+    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
+    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
+    EXPECT_EQ(picture_cache_encoded(*cache), 2u) << "counted from the frame made last";
+}
+
+// Viewers that ask while a frame is being made get that one, however long it takes.
+TEST(PictureCache, ManyAtOnceShareOneFrame)
+{
+    const auto camera = camera_with("352x288");
+    const auto cache = picture_cache_make(camera);
+    const auto entry = picture_cache_enter(*cache, {.view = 1});
+    std::vector<std::shared_ptr<const std::string>> frames(8);
+    std::vector<std::thread> viewers;
+
+    for (auto &frame : frames)
+        viewers.emplace_back([&] { frame = picture_cache_frame(*cache, *entry, 5, ASKED); });
+    for (std::thread &viewer : viewers)
+        viewer.join();
+
+    EXPECT_THAT(frames, testing::Each(frames[0]));
+    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
 }
 
 TEST(PictureCache, OtherWishesGetTheirOwnFrame)
@@ -184,5 +223,6 @@ TEST(PictureCache, OtherWishesGetTheirOwnFrame)
     const auto full = picture_cache_enter(*cache, {.view = 1});
 
     EXPECT_NE(plain, full);
-    EXPECT_NE(*picture_cache_frame(*cache, *plain, 1), *picture_cache_frame(*cache, *full, 1));
+    EXPECT_NE(*picture_cache_frame(*cache, *plain, 1, ASKED),
+              *picture_cache_frame(*cache, *full, 1, ASKED));
 }
