@@ -8,10 +8,8 @@
 #include <CLI/CLI.hpp>
 
 #include "camera.h"
-#include "snapshot.h"
-#if SIMCAM_HTTP
 #include "http.h"
-#endif
+#include "snapshot.h"
 
 using namespace simcam;
 
@@ -140,7 +138,6 @@ static int run(const std::shared_ptr<Camera> &camera, const Options &options,
         return problem.empty() ? 0 : 1;
     }
 
-#if SIMCAM_HTTP
     std::string error;
     const std::unique_ptr<HttpServer> http = http_start(camera, options.listen, &error);
     if (!http) {
@@ -148,15 +145,10 @@ static int run(const std::shared_ptr<Camera> &camera, const Options &options,
         return 2;
     }
     std::printf("simcam: %s\n", http_address(*http).c_str());
-#else
-    std::printf("simcam: %s\n", camera_state(*camera).run_directory.c_str());
-#endif
     std::fflush(stdout);
     int signal_number = 0;
     sigwait(&signals, &signal_number);
-#if SIMCAM_HTTP
     http_stop(*http);
-#endif
     return 0;
 }
 
