@@ -153,8 +153,9 @@ TEST(OverlayProcess, WithoutPostsItWaitsWithoutACall)
     const uint64_t calls = camera_calls(*overlay, 0, 100000).back().number;
     camera_wait(*overlay, overlay.state().latest.number + 40, 60); // more than two of its passes
 
+    // Only the measurement loop, which starts beside the display thread and may open the device late.
     for (const CallRecord &call : camera_calls(*overlay, calls, 100))
-        EXPECT_NE(call.call.find("CAM_"), std::string::npos) << call.call;
+        EXPECT_TRUE(call.call == "open" || call.call.find("CAM_") == 0) << call.call;
     EXPECT_EQ(camera_start_post(*overlay, 3, 352, 240), "");
     overlay.wait_redraws(3);
     EXPECT_TRUE(overlay.readout(3).valid);

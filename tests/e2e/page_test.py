@@ -254,6 +254,7 @@ class Page(unittest.TestCase):
     def test_a_killed_process_is_reported_and_started_again(self):
         pid = self.state()["process"]["pid"]
         self.open_tab("process")
+        wait_for("a drawn text", lambda: self.state()["posts"][0]["planes"][1]["shows"] > 0)
 
         self.find("process-kill").click()
 
