@@ -22,7 +22,7 @@ static void demand(bool holds, const char *what)
 static std::string take_line(std::string *text)
 {
     const size_t end = text->find('\n');
-    const std::string line = text->substr(0, end);
+    std::string line = text->substr(0, end);
     text->erase(0, end == std::string::npos ? end : end + 1);
     return line;
 }

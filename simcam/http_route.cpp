@@ -344,8 +344,10 @@ RoutedRequest http_route(const HttpRequest &request)
     }
     if (routed.allow.empty())
         return refuse(std::move(routed), 404, "there is nothing at " + *path + "; see /api");
-    if (!routed.route)
-        return refuse(std::move(routed), 405, "only " + routed.allow + " here");
+    if (!routed.route) {
+        const std::string why = "only " + routed.allow + " here";
+        return refuse(std::move(routed), 405, why);
+    }
 
     for (const auto &[name, value] : captured) {
         const RouteParameter *parameter = find_parameter(*routed.route, name);

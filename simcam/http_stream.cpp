@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
 #include <poll.h>
@@ -48,7 +47,7 @@ ssize_t stream_read(Stream &stream, char *buffer, size_t size)
         stream.sent = 0;
     }
     const size_t count = std::min(size, stream.pending.size() - stream.sent);
-    memcpy(buffer, stream.pending.data() + stream.sent, count);
+    stream.pending.copy(buffer, count, stream.sent);
     stream.sent += count;
     return static_cast<ssize_t>(count);
 }

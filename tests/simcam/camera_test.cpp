@@ -207,7 +207,7 @@ TEST(Camera, WhatCannotBeHadIsRefusedWithASentence)
 {
     const TestCamera camera(chart());
     EXPECT_NE(camera_set_ring(*camera, 1.01), "");
-    EXPECT_NE(camera_set_ring(*camera, NAN), "");
+    EXPECT_NE(camera_set_ring(*camera, std::nan("")), "");
     EXPECT_NE(camera_set_gain(*camera, 0), "");
     EXPECT_NE(camera_set_scene(*camera, "/nowhere/picture.png"), "");
     EXPECT_EQ(camera_state(*camera).scene, "chart");

@@ -40,7 +40,6 @@ constexpr uint32_t PEAK = 50;
 constexpr int32_t PERCENT = 86;
 constexpr bool HIGHLIGHT = true;
 const char TEXT[] = "FOCUS ASSIST  43/ 50";
-constexpr size_t TEXT_LENGTH = sizeof TEXT - 1;
 
 constexpr uint32_t id_of_post(uint32_t post)
 {
