@@ -84,11 +84,11 @@ TEST(OverlayFault, AnUndoThatFailsIsPassedOverInSilence)
     restart_with(overlay, "qm7_cl_post_set_notify", 0x81E0ABCD, 1);
     overlay.wait("the undo", [&] { return overlay.calls("qm7_cl_library_exit", 0x81E0ABCF) == 1; });
     EXPECT_EQ(overlay.calls("qm7_cl_sys_close_device", 0x81E0ABCE), 1u);
-    EXPECT_EQ(overlay.output(2), "ERR:#qm7osd:[(null)]=qm7_cl_post_set_notify() failed. "
-                                 "errno=0x81E0ABCD(OSD_Library_Process)\n");
 
     EXPECT_EQ(camera_process_kill(*overlay), "");
-    overlay.wait_process_end();
+    overlay.wait_process_end(); // all that it wrote has arrived by then
+    EXPECT_EQ(overlay.output(2), "ERR:#qm7osd:[(null)]=qm7_cl_post_set_notify() failed. "
+                                 "errno=0x81E0ABCD(OSD_Library_Process)\n");
     EXPECT_EQ(camera_process_start(*overlay), "");
     expect_recovery(overlay);
 }
