@@ -58,6 +58,7 @@ TEST(OverlayProcess, DrawsOnAllFourSizesAtOnce)
 TEST(OverlayProcess, ShowsTheLatestValue)
 {
     const Overlay overlay(overlay_options());
+    ASSERT_TRUE(camera_wait(*overlay, 0, 60)); // it draws without a measurement too
     overlay.wait_redraws(0, 2);
     const auto measured = camera_measurements(*overlay, 0, 4096);
     const auto [low, high] =
@@ -153,7 +154,7 @@ TEST(OverlayProcess, WithoutPostsItWaitsWithoutACall)
     const uint64_t calls = camera_calls(*overlay, 0, 100000).back().number;
     camera_wait(*overlay, overlay.state().latest.number + 40, 60); // more than two of its passes
 
-    // Only the measurement loop, which starts beside the display thread and may open the device late.
+    // Only the measurement loop, which may open its device after that.
     for (const CallRecord &call : camera_calls(*overlay, calls, 100))
         EXPECT_TRUE(call.call == "open" || call.call.find("CAM_") == 0) << call.call;
     EXPECT_EQ(camera_start_post(*overlay, 3, 352, 240), "");

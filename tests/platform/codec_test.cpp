@@ -174,7 +174,10 @@ TEST_F(CodecTest, TheCallbackRunsOnAThreadOfTheLibrary)
     EXPECT_EQ(running.post, 2u);
     EXPECT_EQ(running.post_res_id, res_id);
     EXPECT_EQ(running.running, 1u);
-    EXPECT_NE(told_by, std::this_thread::get_id());
+    {
+        const std::lock_guard guard(told_lock);
+        EXPECT_NE(told_by, std::this_thread::get_id());
+    }
 
     EXPECT_EQ(board_stop_post(board, 2), "");
     EXPECT_EQ(told_at(1).running, 0u);
