@@ -10,84 +10,20 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "allocations.h"
+#include "app/display_loop.h"
 #include "app/post_state.h"
 #include "draw/readout.h"
 #include "font/font_text.h"
+#include "null_codec.h"
+#include "osd/osd_session.h"
 #include "reference.h"
-
-// ---- allocations -------------------------------------------------------------------------------
-
-static long allocations; // of the whole process, FreeType's too
-
-extern "C" {
-void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t count, size_t size);
-void *__libc_realloc(void *memory, size_t size);
-
-void *malloc(size_t size)
-{
-    allocations++;
-    return __libc_malloc(size);
-}
-
-void *calloc(size_t count, size_t size)
-{
-    allocations++;
-    return __libc_calloc(count, size);
-}
-
-void *realloc(void *memory, size_t size)
-{
-    allocations++;
-    return __libc_realloc(memory, size);
-}
-}
-
-// ---- a codec library that hands out the same memory for ever -----------------------------------
-
-static std::vector<uint8_t> plane_memory[POST_COUNT][2]; // by resource id and OSD number
-
-extern "C" {
-
-int32_t qm7_cl_post_open_osd(uint32_t postResId, const OsdOpenParam *param, uint32_t *,
-                             uint32_t *pitch)
-{
-    *pitch = (param->width + 15u) / 16 * 16;
-    plane_memory[postResId][param->number].assign(*pitch * param->height, 0);
-    return 0;
-}
-
-int32_t qm7_cl_post_clear_osd(uint32_t, uint32_t)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_close_osd(uint32_t, uint32_t)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_get_osd_mem(uint32_t postResId, int32_t number, uint32_t *osdId, OsdMem *mem)
-{
-    std::vector<uint8_t> &memory = plane_memory[postResId][number];
-    *osdId = (uint32_t)number;
-    mem->addr = memory.data();
-    mem->size = (uint32_t)memory.size();
-    return 0;
-}
-
-int32_t qm7_cl_post_set_osd(uint32_t, uint32_t, OsdPosition)
-{
-    benchmark::ClobberMemory();
-    return 0;
-}
-
-} // extern "C"
 
 // ---- what is measured --------------------------------------------------------------------------
 
@@ -113,7 +49,7 @@ static void open_post(Post *post, uint32_t id, uint32_t width, uint32_t height)
                      make_osd_open_param(number, &post->regions[number]));
 }
 
-static void clear(std::vector<uint8_t> &memory)
+static void clear(std::span<uint8_t> memory)
 {
     memset(memory.data(), 0, memory.size());
     benchmark::DoNotOptimize(memory.data());
@@ -128,11 +64,12 @@ static void redraw(Post *post)
     const DrawRect *text = make_string_rect(&post->regions[1], &post->state, 1);
     if (show_string(post->id, 1, &post->state.params.engine, text, CURRENT, PEAK, CURRENT) != 0)
         abort();
+    benchmark::ClobberMemory();
 }
 
 // The text with the glyphs of the cache, "/" rendered: what font_get_target_bitmap does, pixel by
 // pixel.
-static void paint_text_literally(std::vector<uint8_t> &memory, const FontEngine &engine,
+static void paint_text_literally(std::span<uint8_t> memory, const FontEngine &engine,
                                  const DrawRect &target)
 {
     reference::paint_rectangle(memory, target);
@@ -151,12 +88,13 @@ static void paint_text_literally(std::vector<uint8_t> &memory, const FontEngine 
 
 static void redraw_literally(Post *post)
 {
-    auto &memory = plane_memory[post->id];
-    clear(memory[0]);
-    reference::paint_bar(memory[0], *make_bar_rect(&post->regions[0], post->state.planes[0].pitch),
+    const std::span<uint8_t> bar = null_codec_plane(post->id, 0);
+    const std::span<uint8_t> text = null_codec_plane(post->id, 1);
+    clear(bar);
+    reference::paint_bar(bar, *make_bar_rect(&post->regions[0], post->state.planes[0].pitch),
                          CURRENT);
-    clear(memory[1]);
-    paint_text_literally(memory[1], post->state.params.engine,
+    clear(text);
+    paint_text_literally(text, post->state.params.engine,
                          *make_string_rect(&post->regions[1], &post->state, 1));
     benchmark::ClobberMemory();
 }
@@ -228,9 +166,9 @@ static void measure(const std::string &line, const std::string &part,
 static long allocations_of(const std::function<void()> &action)
 {
     action(); // what is made once
-    const long before = allocations;
+    const long before = allocations_made();
     action();
-    return allocations - before;
+    return allocations_made() - before;
 }
 
 // A multiple, or a dash where nothing was measured.
@@ -272,23 +210,22 @@ static void print(const std::vector<Line> &lines, const BestTimes &times)
 
 // ---- main --------------------------------------------------------------------------------------
 
-static void add_painters(std::vector<Line> *lines)
+// The bar of a post, and a filled box of the same size; limited: with the limits of these two.
+static void add_painters(std::vector<Line> *lines, const Post *post, bool limited)
 {
-    static std::vector<uint8_t> memory(720 * 108);
-    static DrawRect rect = {};
-    rect.width = 720;
-    rect.height = 108;
-    rect.depth = 8;
-    rect.bg_color = 17;
-    rect.pitch = 720;
-    const uint32_t size = (uint32_t)memory.size();
+    const OsdRegion &region = post->regions[0];
+    const std::string size = std::to_string(region.width) + "x" + std::to_string(region.height);
+    DrawRect rect = *make_bar_rect(&region, post->state.planes[0].pitch);
+    rect.width = rect.pitch; // the box as wide as the memory, as the bar is
+    const uint32_t bytes = (uint32_t)(rect.pitch * rect.height);
+    const auto memory = std::make_shared<std::vector<uint8_t>>(bytes);
 
-    lines->push_back({"bar 720x108", size, 3, [] { clear(memory); },
-                      [size] { draw_rectangle_bitmap(memory.data(), &rect, CURRENT, size); },
-                      [] { reference::paint_bar(memory, rect, CURRENT); }, nullptr});
-    lines->push_back({"draw_rectangle 720x108", size, 2, [] { clear(memory); },
-                      [size] { draw_rectangle(memory.data(), &rect, size); },
-                      [] { reference::paint_rectangle(memory, rect); }, nullptr});
+    lines->push_back({"bar " + size, bytes, limited ? 3.0 : 0, [=] { clear(*memory); },
+                      [=] { draw_rectangle_bitmap(memory->data(), &rect, CURRENT, bytes); },
+                      [=] { reference::paint_bar(*memory, rect, CURRENT); }, nullptr});
+    lines->push_back({"draw_rectangle " + size, bytes, limited ? 2.0 : 0, [=] { clear(*memory); },
+                      [=] { draw_rectangle(memory->data(), &rect, bytes); },
+                      [=] { reference::paint_rectangle(*memory, rect); }, nullptr});
 }
 
 // The text's box alone, in a buffer of its own.
@@ -310,14 +247,62 @@ static void add_text(std::vector<Line> *lines, const std::string &name, Post *po
 
 static void add_redraw(std::vector<Line> *lines, const std::string &name, double limit, Post *post)
 {
-    const size_t bytes = plane_memory[post->id][0].size() + plane_memory[post->id][1].size();
-    lines->push_back({name, bytes, limit,
+    const std::span<uint8_t> bar = null_codec_plane(post->id, 0);
+    const std::span<uint8_t> text = null_codec_plane(post->id, 1);
+    lines->push_back({name, bar.size() + text.size(), limit,
                       [=] {
-                          clear(plane_memory[post->id][0]);
-                          clear(plane_memory[post->id][1]);
+                          clear(bar);
+                          clear(text);
                       },
                       [=] { redraw(post); }, [=] { redraw_literally(post); },
                       [=] { render_slash(post->state.params.engine); }});
+}
+
+// A pass of the display thread over all posts, and what it does before its first one: four engines,
+// 260 glyphs. The latter is compared with setting the bytes of the glyphs.
+static void add_whole(std::vector<Line> *lines)
+{
+    static FocusState state;
+    state.current.store(CURRENT);
+    state.peak.store(PEAK);
+    static DisplayState display;
+    size_t bytes = 0;
+    for (uint32_t p = 0; p < POST_COUNT; p++) {
+        for (uint32_t j = 0; j < OSD_PLANE_COUNT; j++)
+            display.posts[p].planes[j].number = j;
+        osd_post_notify({0, p, p, 1});
+        bytes += null_codec_plane(p, 0).size() + null_codec_plane(p, 1).size();
+    }
+    lines->push_back({"pass, four posts", bytes, 0,
+                      [] {
+                          for (uint32_t p = 0; p < POST_COUNT; p++) {
+                              clear(null_codec_plane(p, 0));
+                              clear(null_codec_plane(p, 1));
+                          }
+                      },
+                      [] {
+                          display_pass(&state, &display);
+                          benchmark::ClobberMemory();
+                      },
+                      nullptr, nullptr});
+
+    size_t glyph_bytes = 0;
+    for (const FontEngine &engine : font_engines) {
+        for (uint32_t i = 0; i < engine.cache.count; i++) {
+            const FT_Bitmap &bitmap = ((FT_BitmapGlyph)engine.cache.entries[i].glyph)->bitmap;
+            glyph_bytes += (size_t)bitmap.pitch * bitmap.rows;
+        }
+    }
+    const auto memory = std::make_shared<std::vector<uint8_t>>(glyph_bytes);
+    lines->push_back({"start-up, 260 glyphs", glyph_bytes, 0, [=] { clear(*memory); },
+                      [] {
+                          static FontEngine engines[RESOLUTION_COUNT];
+                          if (osd_init_font(BENCH_FONT_PATH, engines) != 0)
+                              abort();
+                          for (FontEngine &engine : engines)
+                              font_clear_engine(&engine);
+                      },
+                      nullptr, nullptr});
 }
 
 int main(int argc, char **argv)
@@ -335,14 +320,18 @@ int main(int argc, char **argv)
         return 1;
     Post posts[POST_COUNT];
     std::vector<Line> lines;
-    add_painters(&lines);
     for (uint32_t i = 0; i < POST_COUNT; i++) {
+        null_codec_set_post(i, (uint16_t)outputs[i].width, (uint16_t)outputs[i].height);
         open_post(&posts[i], i, outputs[i].width, outputs[i].height);
+        add_painters(&lines, &posts[i], i == 0);
+    }
+    for (uint32_t i = 0; i < POST_COUNT; i++) {
         add_text(&lines, std::string("text ") + outputs[i].name, &posts[i]);
     }
     for (uint32_t i = 0; i < POST_COUNT; i++)
         add_redraw(&lines, std::string("whole redraw ") + outputs[i].name, outputs[i].limit,
                    &posts[i]);
+    add_whole(&lines);
     for (const Line &line : lines) {
         measure(line.name, "memset", line.memset);
         measure(line.name, "program", line.product);

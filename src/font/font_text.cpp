@@ -56,6 +56,15 @@ static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
     memcpy(dest, &pixels, sizeof pixels);
 }
 
+// The same for the eight bits of a byte.
+static void paint_byte(uint8_t *dest, uint32_t byte, uint32_t colors)
+{
+    if (byte >> 4 != 0)
+        paint_nibble(dest, byte >> 4, colors);
+    if ((byte & 0x0F) != 0)
+        paint_nibble(dest + 4, byte & 0x0F, colors);
+}
+
 // Draws at 8 bits per pixel, eight pixels at a time: all of them must lie within the buffer, the
 // last ones of a row up to 7 columns behind the glyph too.
 static void draw_glyph_bytes(uint8_t *buffer, const GlyphPlace *place, uint8_t color)
@@ -63,17 +72,16 @@ static void draw_glyph_bytes(uint8_t *buffer, const GlyphPlace *place, uint8_t c
     const uint32_t colors = color * 0x01010101u;
     const int32_t last = (place->cols - 1) / 8;
     const uint32_t last_bits = 0xFF00u >> (place->cols - 8 * last); // the rest is behind the glyph
+    const uint8_t *bits = place->bits;
+    ptrdiff_t first = (ptrdiff_t)place->first;
 
     for (int32_t row = 0; row < place->rows; row++) {
-        const uint8_t *bits = place->bits + (ptrdiff_t)row * place->pitch;
-        uint8_t *dest = buffer + place->first + row * place->line_pixels;
-        for (int32_t i = 0; i <= last; i++, dest += 8) {
-            const uint32_t byte = i < last ? bits[i] : bits[i] & last_bits;
-            if (byte == 0)
-                continue;
-            paint_nibble(dest, byte >> 4 & 0x0F, colors);
-            paint_nibble(dest + 4, byte & 0x0F, colors);
-        }
+        uint8_t *dest = buffer + first;
+        for (int32_t i = 0; i < last; i++, dest += 8)
+            paint_byte(dest, bits[i], colors);
+        paint_byte(dest, bits[last] & last_bits, colors);
+        bits += place->pitch;
+        first += (ptrdiff_t)place->line_pixels;
     }
 }
 

@@ -75,12 +75,18 @@ int32_t osd_close_osd(OsdPlane *plane, uint32_t postResId)
 
 // ---- frame update of the bar -------------------------------------------------------------------
 
-uint32_t osd_clear_mem(const OsdMem *mem)
+// Clears mem from byte begin on, which is not behind its end. Returns how many bytes mem has.
+static uint32_t clear_from(const OsdMem *mem, uint32_t begin)
 {
     if (!mem->addr)
         return 0;
-    memset(mem->addr, PALETTE_CLEAR, mem->size);
+    memset((uint8_t *)mem->addr + begin, PALETTE_CLEAR, mem->size - begin);
     return mem->size;
+}
+
+uint32_t osd_clear_mem(const OsdMem *mem)
+{
+    return clear_from(mem, 0);
 }
 
 int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, int32_t percent)
@@ -103,7 +109,8 @@ int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, i
     }
 
     // 32-bit arithmetic that may wrap; the painter stays within mem.size whatever comes out here.
-    if (mem.size < (uint32_t)rect->pitch * (uint32_t)rect->height) {
+    const uint32_t lines = (uint32_t)rect->pitch * (uint32_t)rect->height;
+    if (mem.size < lines) {
         printf("osd memory over: mem.size=%ld pitch=%d height=%d", (long)(int32_t)mem.size,
                rect->pitch, rect->height);
         return STATUS_FAULT;
@@ -114,7 +121,9 @@ int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, i
         return STATUS_INVALID;
     }
 
-    const uint32_t paintable = osd_clear_mem(&mem);
+    // Of lines that there are the painter sets every byte, so that what is behind them is cleared.
+    const bool has_lines = rect->pitch > 0 && rect->height > 0;
+    const uint32_t paintable = clear_from(&mem, has_lines ? lines : 0);
     draw_rectangle_bitmap((uint8_t *)mem.addr, rect, percent, paintable);
 
     if (qm7_cl_post_set_osd(postResId, osdId, position) != 0) {

@@ -18,6 +18,7 @@
 #include "fake_codec.h"
 #include "fake_files.h"
 #include "font/font_engine.h"
+#include "freetype_wrap.h"
 #include "osd/osd_session.h"
 #include "product_state.h"
 
@@ -82,8 +83,6 @@ static Script *script;
 
 extern "C" {
 
-FT_Error __real_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
-FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
 int __wrap_usleep(useconds_t microseconds);
 int __wrap_ioctl(int device, unsigned long number, uint32_t *record);
 

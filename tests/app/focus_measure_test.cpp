@@ -5,6 +5,7 @@
 #include <deque>
 #include <fcntl.h>
 #include <type_traits>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -389,6 +390,24 @@ TEST_F(FocusMeasure, LoopOpensConfiguresOnceAndReadsForEver)
     }
     expect(59, 60);
     EXPECT_EQ(captured.out + captured.err, "");
+}
+
+TEST_F(FocusMeasure, DescriptorZeroIsADeviceAsWell)
+{
+    const int standard_input = dup(0);
+    close(0);
+    {
+        FakeFiles files;
+        files.put("/dev/cam", {}); // its descriptor is the lowest that is free
+        fake.readings = {{5000, false}};
+
+        EXPECT_EQ(run(&fake, &state), AT_AN_END);
+    }
+    if (standard_input >= 0) {
+        EXPECT_EQ(dup2(standard_input, 0), 0);
+        close(standard_input);
+    }
+    expect(50, 0);
 }
 
 TEST_F(FocusMeasure, RecordBeginsAsZeros)

@@ -295,6 +295,28 @@ TEST(DrawBar, NoFrameAndNoMarkerWithoutAResolution)
     }
 }
 
+// In double precision 460 * 0.01 is a little more than 4.6, and 55 times that rounds down to 253
+// before the 5 of the frame is added. One rounding for both, as of a processor that multiplies and
+// adds at one go, would leave a little more than 258 and fill one column more; likewise at 468.
+TEST(DrawBar, ProductsAreRoundedBeforeTheyAreAdded)
+{
+    struct Bar {
+        uint32_t resolution;
+        int32_t pitch;
+        size_t first_unfilled;
+    };
+    for (const auto [resolution, pitch, first_unfilled] : {Bar{0, 470, 258}, Bar{1, 468, 257}}) {
+        DrawRect rect = rect_of(0, 20, pitch);
+        rect.resolution = resolution;
+
+        const std::vector<uint8_t> bytes = painted_bar(rect, 55, 20u * (size_t)pitch);
+
+        const uint8_t *line = bytes.data() + (ptrdiff_t)10 * pitch;
+        EXPECT_EQ(line[first_unfilled - 1], 18) << pitch;
+        EXPECT_EQ(line[first_unfilled], 17) << pitch;
+    }
+}
+
 TEST(DrawBar, AnyValidDepthPaintsOneBytePerPixel)
 {
     for (const uint32_t depth : {2u, 4u}) {

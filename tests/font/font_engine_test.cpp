@@ -453,6 +453,28 @@ TEST_F(FontCache, FailedAllocationKeepsTheCountWithoutAnArray)
     EXPECT_EQ(cache.entries, nullptr);
 }
 
+TEST_F(FontCache, FailedCharacterReleasesThoseBeforeItAndTheArray)
+{
+    build(&engines[0]);
+    const std::set<FT_Glyph> glyphs = freetype().glyphs;
+    const std::set<void *> arrays = freetype().arrays;
+    freetype().released.clear();
+    freetype().fail_at["FT_Load_Glyph"] = 3;
+    GlyphCache cache = {};
+
+    const Captured captured = capture(
+        [&] { EXPECT_EQ(font_create_cache(engines[0].face, &cache, "ABCD"), STATUS_FAULT); });
+
+    EXPECT_EQ(captured.err, error_line("load glyph failed", "font_get_glyph") +
+                                error_line("set glyph failed", "font_create_cache"));
+    EXPECT_EQ(cache.count, 0u);
+    EXPECT_EQ(cache.entries, nullptr);
+    EXPECT_EQ(freetype().released.size(), 2u);
+    EXPECT_EQ(freetype().glyphs, glyphs);
+    EXPECT_EQ(freetype().arrays, arrays);
+    EXPECT_EQ(freetype().wrong_releases, 0);
+}
+
 TEST_F(FontCache, IsReleasedInOrderOnce)
 {
     build(&engines[0]);

@@ -278,6 +278,19 @@ TEST(FontDrawTarget, NegativeLeftReachesBackIntoTheLineBefore)
                                     "?T??\n");
 }
 
+TEST(FontDrawTarget, NegativePitchLeadsBackwardsAndNotOutOfTheMemory)
+{
+    MadeGlyph glyph({"XXXXXXXX", "XXXXXXXX", "XXXXXXXX", "XXXXXXXX"}, -20, 3);
+
+    const std::vector<uint8_t> bytes =
+        drawn(glyph, target_of(0, 0, -10), 0, 0, 0, 30, Guard::BEFORE);
+
+    // Three rows, at -3 * -10 - 20 = 10, at 0 and at -10.
+    EXPECT_EQ(picture_of(bytes, 10), "TTTTTTTT??\n"
+                                     "TTTTTTTT??\n"
+                                     "??????????\n");
+}
+
 TEST(FontDrawTarget, WideClippedGlyphIsNotReadBehindItsColumns)
 {
     // Nine columns on a line of eight, 20 columns to the left: 28 columns are asked for.

@@ -359,6 +359,24 @@ TEST_F(ShowBar, MemoryBeyondTheBarIsCleared)
     EXPECT_EQ(shown_picture(), std::string(HALF_FILLED) + "....................\n.....");
 }
 
+TEST_F(ShowBar, ABarWithoutLinesIsClearedMemory)
+{
+    struct Lines {
+        int32_t pitch;
+        int32_t height;
+    };
+    // The product of the last two is 120, as large as the memory.
+    for (const auto [pitch, height] : {Lines{20, 0}, {0, 6}, {0, 0}, {-20, -6}, {-6, -20}}) {
+        DrawRect rect = BAR;
+        rect.pitch = pitch;
+        rect.height = height;
+
+        show(0, rect);
+
+        EXPECT_EQ(codec.shown.back().bytes, Bytes(PITCH * HEIGHT, 0)) << pitch << " x " << height;
+    }
+}
+
 TEST_F(ShowBar, PositionIsCutTo16Bits)
 {
     DrawRect rect = BAR;
