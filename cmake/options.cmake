@@ -4,19 +4,23 @@ option(FOCUS_WERROR "Treat warnings as errors" OFF)
 set(FOCUS_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize=")
 option(FOCUS_COVERAGE "Instrument src/ for gcov" OFF)
 
-add_library(focus_options INTERFACE)
-target_compile_features(focus_options INTERFACE cxx_std_20)
-target_compile_options(focus_options INTERFACE
+# What holds for everything, built with a sanitizer or not.
+add_library(focus_base INTERFACE)
+target_compile_features(focus_base INTERFACE cxx_std_20)
+target_compile_options(focus_base INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef
     -Wcast-align -Wcast-qual -Wnull-dereference -Wdouble-promotion
     # A fused multiply-add rounds once instead of twice and moves columns of the bar.
     -ffp-contract=off)
 # The same sources give the same bytes in every folder.
-target_compile_options(focus_options INTERFACE
+target_compile_options(focus_base INTERFACE
     -ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
 if(FOCUS_WERROR)
-    target_compile_options(focus_options INTERFACE -Werror)
+    target_compile_options(focus_base INTERFACE -Werror)
 endif()
+
+add_library(focus_options INTERFACE)
+target_link_libraries(focus_options INTERFACE focus_base)
 if(FOCUS_SANITIZE)
     target_compile_options(focus_options INTERFACE
         -fsanitize=${FOCUS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -287,7 +287,7 @@ TEST(OverlayFault, AConfigurationThatFailsIsNotRetriedAndLeavesItWithoutValues)
     overlay.wait_redraws(0, 2);
     EXPECT_EQ(overlay.readout(0).text, "FOCUS ASSIST   0/---");
     EXPECT_FALSE(overlay.state().focus_configured);
-    EXPECT_GT(overlay.calls("CAM_FOCUS_READ", EINVAL), 0u);
+    overlay.wait("a refused reading", [&] { return overlay.calls("CAM_FOCUS_READ", EINVAL) > 0; });
     EXPECT_EQ(overlay.calls("CAM_FOCUS_CONFIG", EIO), 1u);
 
     EXPECT_EQ(camera_process_kill(*overlay), "");

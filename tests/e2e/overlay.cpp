@@ -54,8 +54,11 @@ Overlay::Overlay(const CameraOptions &options)
 
 Overlay::~Overlay()
 {
+    const std::string words = everything();
+    for (const char *report : {"Sanitizer: ", "runtime error: "})
+        EXPECT_EQ(words.find(report), words.npos) << "the process was built with a sanitizer";
     if (testing::Test::HasFailure())
-        std::fprintf(stderr, "%s", everything().c_str());
+        std::fprintf(stderr, "%s", words.c_str());
     camera_stop(*camera);
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "freetype_wrap.h"
+
 static constexpr FT_Error FAILED = 0x55; // an error code of FreeType's
 
 long FreeTypeScript::count(const std::string &call) const
@@ -55,17 +57,6 @@ template <typename Handle> static bool give_back(std::set<Handle> &handles, Hand
 
 extern "C" {
 
-FT_Error __real_FT_Init_FreeType(FT_Library *library);
-FT_Error __real_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
-FT_Error __real_FT_Request_Size(FT_Face face, FT_Size_Request request);
-FT_UInt __real_FT_Get_Char_Index(FT_Face face, FT_ULong code);
-FT_Error __real_FT_Load_Glyph(FT_Face face, FT_UInt index, FT_Int32 flags);
-FT_Error __real_FT_Get_Glyph(FT_GlyphSlot slot, FT_Glyph *glyph);
-FT_Error __real_FT_Glyph_To_Bitmap(FT_Glyph *glyph, FT_Render_Mode mode, const FT_Vector *origin,
-                                   FT_Bool destroy);
-void __real_FT_Done_Glyph(FT_Glyph glyph);
-FT_Error __real_FT_Done_Face(FT_Face face);
-FT_Error __real_FT_Done_FreeType(FT_Library library);
 void *__real_calloc(size_t count, size_t size);
 void __real_free(void *memory);
 

@@ -7,8 +7,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -156,20 +158,23 @@ Case plain(uint32_t width, uint32_t height)
 TEST(Geometry, EveryHeightOfTheFourWidths)
 {
     const std::vector<uint32_t> alignments = {1, 2, 4, 8, 16, 32, 64, 256};
+    std::set<std::pair<uint32_t, Guard>> placed;
     size_t cases = 0;
     for (const uint32_t width : {1920u, 1280u, 720u, 352u}) {
         for (uint32_t height = 0; height <= MAX_HEIGHT; height += long_form() ? 1u : 29u) {
             for (size_t i = 0; i < (long_form() ? alignments.size() : 1); i++, cases++) {
                 Case c = plain(width, height);
-                c.alignment = alignments[(cases + i) % alignments.size()];
+                c.alignment = alignments[long_form() ? i : cases % alignments.size()];
                 c.size_of[0] = SIZES[cases % 5 % SIZES.size()];
                 c.size_of[1] = SIZES[cases / 5 % SIZES.size()];
-                c.guard = cases % 2 == 0 ? Guard::BEHIND : Guard::BEFORE;
+                c.guard = cases / alignments.size() % 2 == 0 ? Guard::BEHIND : Guard::BEFORE;
                 c.values = VALUES[cases % VALUES.size()];
+                placed.emplace(c.alignment, c.guard);
                 ASSERT_TRUE(passes(c));
             }
         }
     }
+    EXPECT_EQ(placed.size(), 2 * alignments.size()); // each alignment at either end of its pages
     printf("%zu cases\n", cases);
 }
 

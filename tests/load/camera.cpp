@@ -5,11 +5,9 @@
 #include <cstring>
 #include <fcntl.h>
 
-#include <ft2build.h>
-#include FT_FREETYPE_H
-
 #include "app/focus_measure.h"
 #include "font/font_engine.h"
+#include "freetype_wrap.h"
 #include "osd/osd_palette.h"
 #include "osd/qm7_codec.h"
 
@@ -153,8 +151,6 @@ int32_t qm7_cl_post_set_osd(uint32_t, uint32_t, OsdPosition)
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...);
 int __wrap_ioctl(int file, unsigned long request, ...);
-FT_Error __real_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
-FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
 
 int __wrap_open(const char *path, int flags, ...)
 {

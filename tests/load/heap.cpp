@@ -6,38 +6,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
-#include <dlfcn.h>
+
+#include "next_definition.h"
 
 static std::atomic<long> blocks;
 
 long heap_blocks()
 {
     return blocks;
-}
-
-template <typename Function> static Function next_of(const char *name)
-{
-    void *const found = dlsym(RTLD_NEXT, name);
-    Function function;
-    memcpy(&function, &found, sizeof function);
-    return function;
-}
-
-// What is asked for while the next definitions are looked up comes from here and stays.
-static char early_memory[65536];
-static size_t early_used;
-
-static void *early_malloc(size_t size)
-{
-    void *memory = early_memory + early_used;
-    early_used += (size + 15) / 16 * 16;
-    return early_used <= sizeof early_memory ? memory : nullptr;
-}
-
-static bool is_early(const void *memory)
-{
-    const char *byte = (const char *)memory;
-    return byte >= early_memory && byte < early_memory + sizeof early_memory;
 }
 
 static void *(*real_malloc)(size_t);

@@ -7,11 +7,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <ft2build.h>
+#include FT_MODULE_H
 #include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "font/font_engine.h"
+#include "freetype_wrap.h"
 #include "osd/osd_palette.h"
 #include "osd/osd_session.h"
 
@@ -487,35 +490,42 @@ void __wrap_free(void *memory)
 
 // ---- FreeType ----------------------------------------------------------------------------------
 
-FT_Error __real_FT_Init_FreeType(FT_Library *library);
-FT_Error __real_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
-FT_Error __real_FT_Request_Size(FT_Face face, FT_Size_Request request);
-FT_UInt __real_FT_Get_Char_Index(FT_Face face, FT_ULong code);
-FT_Error __real_FT_Load_Glyph(FT_Face face, FT_UInt index, FT_Int32 flags);
-FT_Error __real_FT_Get_Glyph(FT_GlyphSlot slot, FT_Glyph *glyph);
-FT_Error __real_FT_Glyph_To_Bitmap(FT_Glyph *glyph, FT_Render_Mode mode, const FT_Vector *origin,
-                                   FT_Bool destroy);
-void __real_FT_Done_Glyph(FT_Glyph glyph);
-FT_Error __real_FT_Done_Face(FT_Face face);
-FT_Error __real_FT_Done_FreeType(FT_Library library);
+static void *allocate_limited(FT_Memory, long size)
+{
+    return size > script.largest_block ? nullptr : malloc((size_t)size);
+}
 
-FT_Error __wrap_FT_Init_FreeType(FT_Library *library);
-FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face);
-FT_Error __wrap_FT_Request_Size(FT_Face face, FT_Size_Request request);
-FT_UInt __wrap_FT_Get_Char_Index(FT_Face face, FT_ULong code);
-FT_Error __wrap_FT_Load_Glyph(FT_Face face, FT_UInt index, FT_Int32 flags);
-FT_Error __wrap_FT_Get_Glyph(FT_GlyphSlot slot, FT_Glyph *glyph);
-FT_Error __wrap_FT_Glyph_To_Bitmap(FT_Glyph *glyph, FT_Render_Mode mode, const FT_Vector *origin,
-                                   FT_Bool destroy);
-void __wrap_FT_Done_Glyph(FT_Glyph glyph);
-FT_Error __wrap_FT_Done_Face(FT_Face face);
-FT_Error __wrap_FT_Done_FreeType(FT_Library library);
+static void *reallocate_limited(FT_Memory, long, long size, void *block)
+{
+    return size > script.largest_block ? nullptr : realloc(block, (size_t)size);
+}
+
+static void free_limited(FT_Memory, void *block)
+{
+    __real_free(block);
+}
+
+// What FT_Init_FreeType does, with memory in pieces of limited size; FT_Done_FreeType frees the
+// record.
+static FT_Error init_limited(FT_Library *library)
+{
+    FT_Memory memory = (FT_Memory)malloc(sizeof *memory);
+    *memory = {nullptr, allocate_limited, free_limited, reallocate_limited};
+    const FT_Error error = FT_New_Library(memory, library);
+    if (error == 0)
+        FT_Add_Default_Modules(*library);
+    else
+        __real_free(memory);
+    return error;
+}
 
 FT_Error __wrap_FT_Init_FreeType(FT_Library *library)
 {
     Event &event = begin(FONT_INIT);
     *library = junk_handle<FT_Library>();
-    const FT_Error error = font_call(event, [=] { return __real_FT_Init_FreeType(library); });
+    const FT_Error error = font_call(event, [=] {
+        return script.largest_block > 0 ? init_limited(library) : __real_FT_Init_FreeType(library);
+    });
     if (!event.failed)
         event.out = {born(*library)};
     return error;

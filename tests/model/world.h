@@ -124,6 +124,7 @@ struct Script {
 
     std::string font_path;    // what stands where the program looks for its font
     std::string palette_path; // and for its palette
+    long largest_block = 0;   // bytes that FreeType gets in one piece; 0: any number
 };
 
 extern Script script;

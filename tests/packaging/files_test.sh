@@ -51,7 +51,20 @@ case $claim in
         same "$(dpkg-deb -f "$deb" Package Version Architecture)" "Package: focus-assist
 Version: $version
 Architecture: $architecture"
+        # Every library that the executable asks for comes with a package that is asked for.
+        needed="libc6, libfreetype6"
+        [ "$architecture" != armhf ] || needed="$needed, libgcc-s1"
+        same "$(dpkg-deb -f "$deb" Depends)" "$needed"
         dpkg-deb -x "$deb" "$box/deb"
+        for library in $(LC_ALL=C readelf -d "$box/deb/usr/local/bin/focus_assist" |
+            sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+            case $library in
+                libqm7codec.so.2.0) ;; # the camera's own
+                libc.so.6 | libfreetype.so.6) ;;
+                libgcc_s.so.1) case $needed in *libgcc-s1*) ;; *) fail "$library" ;; esac ;;
+                *) fail "no package for $library" ;;
+            esac
+        done
         same "$(files "$box/deb")" "./usr/lib/systemd/system/focus-assist.service
 $camera_files"
         mkdir "$box/archive"

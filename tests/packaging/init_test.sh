@@ -192,6 +192,18 @@ case $scenario in
         run restart
         await another_runs "$first"
         ;;
+    linked_path)
+        ln -s "$box" "$box/link"
+        echo "DAEMON=$box/link/focus_assist" >>"$box/settings"
+        begin
+        run status | grep -qx "focus_assist: running, pid $(overlays)" || fail "status: $(run status)"
+        kill -9 "$(keeper)"
+        run start
+        sleep 2
+        [ "$(count)" -eq 1 ] || fail "$(count) overlays"
+        run stop
+        none_runs || fail "still there after stop"
+        ;;
     missing_executable)
         rm "$box/focus_assist"
         result=0; run start 2>/dev/null || result=$?

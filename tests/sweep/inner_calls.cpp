@@ -8,11 +8,11 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include "next_definition.h"
 #include "world.h"
 
 static long blocks; // allocated inside FreeType and not freed
@@ -22,32 +22,14 @@ long inner_blocks()
     return blocks;
 }
 
-template <typename Function> static Function next_of(const char *name)
+// What the look-up allocates and frees is not FreeType's.
+template <typename Function> static Function next_outside(const char *name)
 {
-    const int kept = world::inside_freetype; // what the look-up allocates is not FreeType's
+    const int kept = world::inside_freetype;
     world::inside_freetype = 0;
-    void *const found = dlsym(RTLD_NEXT, name);
+    const auto function = next_of<Function>(name);
     world::inside_freetype = kept;
-    Function function;
-    memcpy(&function, &found, sizeof function);
     return function;
-}
-
-// dlsym may allocate before malloc is found: that comes from here and is never given back.
-static char early_memory[65536];
-static size_t early_used;
-
-static void *early_malloc(size_t size)
-{
-    void *memory = early_memory + early_used;
-    early_used += (size + 15) / 16 * 16;
-    return early_used <= sizeof early_memory ? memory : nullptr;
-}
-
-static bool is_early(const void *memory)
-{
-    const char *byte = (const char *)memory;
-    return byte >= early_memory && byte < early_memory + sizeof early_memory;
 }
 
 using Malloc = void *(*)(size_t);
@@ -62,9 +44,9 @@ static bool found()
 {
     if (!real_free && !looking) {
         looking = true;
-        real_malloc = next_of<Malloc>("malloc");
-        real_realloc = next_of<Realloc>("realloc");
-        real_free = next_of<Free>("free");
+        real_malloc = next_outside<Malloc>("malloc");
+        real_realloc = next_outside<Realloc>("realloc");
+        real_free = next_outside<Free>("free");
         looking = false;
     }
     return real_free != nullptr;
@@ -112,7 +94,7 @@ void free(void *memory)
 
 int open(const char *path, int flags, ...)
 {
-    static const auto real = next_of<int (*)(const char *, int, ...)>("open");
+    static const auto real = next_outside<int (*)(const char *, int, ...)>("open");
     if (world::inner_call_fails(world::INNER_OPEN)) {
         errno = EMFILE;
         return -1;
@@ -126,7 +108,7 @@ int open(const char *path, int flags, ...)
 
 int fstat(int file, struct stat *status)
 {
-    static const auto real = next_of<int (*)(int, struct stat *)>("fstat");
+    static const auto real = next_outside<int (*)(int, struct stat *)>("fstat");
     if (world::inner_call_fails(world::INNER_FSTAT)) {
         errno = EIO;
         return -1;
@@ -137,7 +119,7 @@ int fstat(int file, struct stat *status)
 void *mmap(void *address, size_t size, int protection, int flags, int file, off_t offset)
 {
     using Mmap = void *(*)(void *, size_t, int, int, int, off_t);
-    static const Mmap real = next_of<Mmap>("mmap");
+    static const Mmap real = next_outside<Mmap>("mmap");
     if (world::inner_call_fails(world::INNER_MMAP)) {
         errno = ENOMEM;
         return MAP_FAILED;

@@ -210,14 +210,19 @@ Point try_one(const Operation &operation, Fn fn, uint64_t n, int code, bool for_
     }
 }
 
-// Sweeps the operation; there have to be as many calls of each function as counted.
-void sweep(const Operation &operation, const Counts &counts, int functions = FN_COUNT)
+// FreeType 2.12.1 ends with a segmentation fault where one of two certain allocations of a face's
+// first FT_Load_Glyph fails, once or for ever.
+constexpr uint64_t CRASHES_OF_AN_ENGINE = 2;
+
+// Sweeps the operation; there have to be as many calls of each function as counted, and as many
+// faults that FreeType itself does not survive as are known of this version.
+void sweep(const Operation &operation, const Counts &counts, uint64_t known_crashes = 0)
 {
     (void)SweptScene::pictures();
     uint64_t points = 0;
     uint64_t crashes = 0;
     uint64_t expected_points = 0;
-    for (int f = 0; f < functions; f++) {
+    for (int f = 0; f < FN_COUNT; f++) {
         const Fn fn = (Fn)f;
         if (fn == HEAP_FREE || fn == FONT_DONE_GLYPH)
             continue; // without a result
@@ -240,6 +245,9 @@ void sweep(const Operation &operation, const Counts &counts, int functions = FN_
         }
     }
     EXPECT_EQ(points, expected_points);
+    if (FREETYPE_MAJOR == 2 && FREETYPE_MINOR == 12 && FREETYPE_PATCH == 1) {
+        EXPECT_EQ(crashes, known_crashes);
+    }
     printf("%s: %llu points swept, at %llu of them FreeType itself crashed\n",
            operation.name.c_str(), (unsigned long long)points, (unsigned long long)crashes);
 }
@@ -409,14 +417,14 @@ TEST(Sweep, FontsFailAtEveryCall)
                 EXPECT_EQ(font_engines[i].library != nullptr, scene.model.engines[i].library != 0);
         },
         nullptr};
-    sweep(fonts, font_counts());
+    sweep(fonts, font_counts(), 4 * CRASHES_OF_AN_ENGINE);
 }
 
 TEST(Sweep, StartUpFailsAtEveryCall)
 {
     sweep({"start-up", [](SweptScene &) {}, [](SweptScene &scene) { scene.check_start(); },
            draws_what_it_can},
-          sum({session_counts(), font_counts()}));
+          sum({session_counts(), font_counts()}), 4 * CRASHES_OF_AN_ENGINE);
 }
 
 // What is left of a fault when it has gone, by the description of each step.
