@@ -21,5 +21,4 @@ target_include_directories(simcam_http PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(simcam_http
     PUBLIC simcam_optics
     PRIVATE focus_options PkgConfig::microhttpd nlohmann_json::nlohmann_json Threads::Threads)
-# Little here takes time but the picture library; less optimised it compiles in two thirds of the time.
-target_compile_options(simcam_http PRIVATE $<$<CONFIG:Release>:-O1>)
+target_precompile_headers(simcam_http REUSE_FROM simcam_optics)

@@ -18,7 +18,7 @@ static const char DESCRIPTION[] =
     "It shows a picture through a lens that you turn in a browser, measures how sharp it is, and "
     "lays\n"
     "what the overlay process draws over the live picture.\n"
-    "  simcam -- build/host/focus_assist                   four outputs, address printed\n"
+    "  simcam -- build/run/focus_assist                    four outputs, address printed\n"
     "  simcam --post 0=1280x720 --sweep -- PROGRAM         one output, the lens moves by itself\n"
     "  simcam --snapshot pictures -- PROGRAM               a few PNGs, no browser";
 
@@ -26,6 +26,16 @@ struct HelpFormatter : CLI::Formatter {
     std::string make_usage(const CLI::App *, std::string) const override
     {
         return "Usage: simcam [options] [-- PROGRAM ARGS...]\n\n";
+    }
+    std::string make_option_opts(const CLI::Option *option) const override
+    {
+        const std::string type = option->get_type_name();
+        return type.empty() ? "" : " " + type;
+    }
+    std::string make_option_desc(const CLI::Option *option) const override
+    {
+        const std::string standard = option->get_default_str();
+        return option->get_description() + (standard.empty() ? "" : " (default: " + standard + ")");
     }
 };
 
@@ -72,33 +82,46 @@ static void parse(int argc, char **argv, Options *options)
     app.get_formatter()->column_width(34);
     CameraOptions &camera = options->camera;
     app.add_option("--scene", camera.scene,
-                   "photo, chart, or the path of a picture, a video or a /dev/video*")
+                   "photo, chart, or the path of a picture, a video or a\n/dev/video*")
+        ->type_name("NAME")
         ->capture_default_str();
     app.add_option("--post", options->posts,
-                   "N=WIDTHxHEIGHT: output N (0 to 3) runs at that size; may be repeated. Without "
-                   "it all four run: 0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
+                   "output N (0 to 3) runs at that size; N=off: it does not.\n"
+                   "May be repeated. Without it all four run:\n"
+                   "0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
+        ->type_name("N=WIDTHxHEIGHT")
         ->allow_extra_args(false);
     app.add_option("--ring", camera.ring, "the lens's focus ring, 0 (near) to 1 (far)")
+        ->type_name("X")
         ->capture_default_str();
     app.add_flag("--sweep", camera.sweep, "the ring turns by itself, to and fro");
-    app.add_option("--sweep-period", camera.sweep_period_s, "seconds to and fro")
+    app.add_option("--sweep-period", camera.sweep_period_s, "once to and fro, 0.5 to 3600")
+        ->type_name("SECONDS")
         ->capture_default_str();
     app.add_option("--seed", camera.seed, "of the noise: same seed, same numbers")
-        ->check(CLI::NonNegativeNumber)
+        ->check([](const std::string &text) { return text[0] == '-' ? "it is 0 or more" : ""; })
+        ->type_name("N")
         ->capture_default_str();
     app.add_option("--pitch-align", camera.pitch_align,
-                   "bytes that a plane's line is rounded up to: 1, 8, 16, 32 or 64")
+                   "what a line is rounded up to: 1, 8, 16, 32 or 64")
+        ->type_name("BYTES")
         ->capture_default_str();
-    app.add_option("--rate", camera.rate_hz, "measurements a second")->capture_default_str();
-    app.add_option("--listen", options->listen, "ADDRESS:PORT of the page; port 0 takes a free one")
+    app.add_option("--rate", camera.rate_hz, "measurements a second, 1 to 240")
+        ->type_name("HZ")
+        ->capture_default_str();
+    app.add_option("--listen", options->listen, "of the page; port 0 takes a free one")
+        ->type_name("ADDRESS:PORT")
         ->capture_default_str();
     app.add_option("--snapshot", options->snapshot,
-                   "DIRECTORY: write pictures at a few ring positions there, and end");
+                   "write pictures at a few ring positions there, and end")
+        ->type_name("DIRECTORY");
     app.add_option("--run-dir", camera.run_directory,
-                   "DIRECTORY: what stands behind the camera's fixed paths (default: a fresh one)");
+                   "what stands behind the camera's fixed paths\n(default: a fresh one)")
+        ->type_name("DIRECTORY");
     app.add_option("--platform", camera.platform_directory,
-                   "DIRECTORY of libqm7codec.so.2.0 and libsimcam_preload.so for the program "
-                   "(default: those built with simcam)");
+                   "where libqm7codec.so.2.0 and libsimcam_preload.so for the\nprogram are "
+                   "(default: those built with simcam)")
+        ->type_name("DIRECTORY");
 
     try {
         app.parse(own, argv);

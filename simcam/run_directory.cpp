@@ -4,7 +4,10 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fcntl.h>
 #include <fstream>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace simcam
 {
@@ -57,25 +60,63 @@ static void fill(const fs::path &root)
         fs::copy_file(built("data", PALETTE_NAME, SIMCAM_DATA_DIR), root / PALETTE_PLACE);
 }
 
+static const char MADE_NAME[] = "simcam-"; // and six characters more
+// In every one that was made here, and in no other, whatever its name.
+static const char MARK_NAME[] = ".made-by-simcam";
+
+static int lock_directory(const fs::path &path)
+{
+    const int directory = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (directory < 0 || flock(directory, LOCK_EX | LOCK_NB) == 0)
+        return directory;
+    close(directory);
+    return -1;
+}
+
+// Removes what cameras made that did not come to remove it: nobody holds it any more. One that is
+// just being made has no mark before it is held.
+static void remove_left_behind(const fs::path &where)
+{
+    std::error_code ignored;
+    for (const fs::directory_entry &entry : fs::directory_iterator(where, ignored)) {
+        const std::string name = entry.path().filename().string();
+        if (!name.starts_with(MADE_NAME) || name.size() != sizeof MADE_NAME - 1 + 6 ||
+            !fs::is_directory(entry.symlink_status(ignored)) ||
+            !fs::is_regular_file(fs::symlink_status(entry.path() / MARK_NAME, ignored)))
+            continue;
+        const int lock = lock_directory(entry.path());
+        if (lock < 0)
+            continue;
+        fs::remove_all(entry.path(), ignored);
+        close(lock);
+    }
+}
+
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error)
 {
     try {
         if (path.empty()) {
-            std::string name = (fs::temp_directory_path() / "simcam-XXXXXX").string();
+            const fs::path where = fs::temp_directory_path();
+            remove_left_behind(where);
+            std::string name = (where / (std::string(MADE_NAME) + "XXXXXX")).string();
             if (!mkdtemp(name.data())) {
                 *error = name + ": no run directory can be made there";
                 return false;
             }
-            *directory = {name, true};
+            *directory = {name, true, lock_directory(name)};
+            if (directory->lock >= 0) // unheld, another camera would take it for left behind
+                std::ofstream(fs::path(name) / MARK_NAME).flush();
         } else {
             fs::create_directories(path);
-            *directory = {fs::absolute(path).lexically_normal().string(), false};
+            fs::remove(fs::path(path) / MARK_NAME); // of one left behind: somebody's from now on
+            *directory = {fs::absolute(path).lexically_normal().string(), false, -1};
         }
         fill(directory->path);
         return true;
     } catch (const fs::filesystem_error &failure) {
         *error = failure.what();
         run_directory_remove(*directory);
+        *directory = {}; // nothing is left to remove
         return false;
     }
 }
@@ -85,6 +126,8 @@ void run_directory_remove(const RunDirectory &directory)
     std::error_code ignored;
     if (directory.made)
         fs::remove_all(directory.path, ignored);
+    if (directory.lock >= 0)
+        close(directory.lock);
 }
 
 } // namespace simcam

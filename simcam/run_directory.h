@@ -9,11 +9,12 @@ namespace simcam
 struct RunDirectory {
     std::string path;
     bool made = false; // for this run: removed after it
+    int lock = -1;     // of one that was made: a descriptor that holds it while its camera lives
 };
 
 // Makes the directory (a fresh one where path is empty) and in it the folders, the font and the
 // colour table that a camera has. Files that are there already are kept. False with *error on
-// failure.
+// failure. Fresh ones that cameras left behind which were killed are removed first.
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error);
 void run_directory_remove(const RunDirectory &directory);
 

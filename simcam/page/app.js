@@ -1,14 +1,15 @@
 // The page's state and how it is kept: one stream of events in, small JSON requests out.
-import {peakNew, peakStep, percentOf, cueFor} from './focus.js';
+import {peakNew, peakStep, percentOf, cueFor, pitchOf} from './focus.js';
 import {ringMake} from './ring.js';
 import {viewerMake} from './picture.js';
 import {drawTime, drawCurve, curveNew, curveAdd} from './plots.js';
-import {panelsMake} from './panels.js';
+import {panelsMake, setLink} from './panels.js';
 
 const $ = (id) => document.getElementById(id);
 const HISTORY = 4096; // measurements kept, as many as the camera keeps
 const RING_EVERY_MS = 33;
 const STILL_S = 3; // a text that is not drawn again for so long stands still
+const START_S = 3; // a process that has no session with the camera after so long does not get one
 
 const store = {
   state: null,       // the camera's, as it came last
@@ -23,6 +24,7 @@ const store = {
   process: null,     // which process the peak belongs to; null while there is none
   curve: curveNew(),
   marks: [],
+  apart: false,      // whether the process runs without a session with the camera
 };
 
 // ---- requests ----
@@ -90,7 +92,6 @@ const viewer = viewerMake({viewer: $('viewer'), picture: $('picture'), peaking: 
 function choose(view) {
   for (const button of $('views').children) button.setAttribute('aria-pressed', String(button.dataset.view === view));
   viewer.set({view});
-  $('snapshot').href = `/api/${/^\d$/.test(view) ? `posts/${view}` : view}/frame.png?download=1`;
   $('tiles').hidden = view !== 'all';
   $('toggle-planes').disabled = view === 'sensor';
   $('picture').setAttribute('aria-label', /^\d$/.test(view) ? `Live picture of post ${view}` : `Live picture: ${view === 'all' ? 'all four posts' : 'what the sensor sees'}`);
@@ -138,16 +139,14 @@ toggle('tone', (on) => {
   }
   if (tone.context) {
     tone.context.resume();
+    playTone();
     tone.gain.gain.setTargetAtTime(on ? 0.06 : 0, tone.context.currentTime, 0.03);
   }
 });
 
 function playTone() {
   if (!tone.on || !store.latest) return;
-  let highest = store.peak.value;
-  if (!highest) for (const sample of store.samples) highest = Math.max(highest, sample.value);
-  const share = highest ? Math.min(1, store.latest.value / highest) : 0;
-  tone.oscillator.frequency.setTargetAtTime(180 * 2 ** (share * 2.6), tone.context.currentTime, 0.04);
+  tone.oscillator.frequency.setTargetAtTime(pitchOf(store.latest.value), tone.context.currentTime, 0.04);
 }
 
 // ---- measurements and the peak ----
@@ -197,28 +196,30 @@ function mark(text) {
 
 function showReadout() {
   const m = store.latest;
-  const percent = m && store.process !== null ? percentOf(m.value, store.peak.value) : 0;
+  const kept = store.process !== null && !store.apart; // whether there is somebody who keeps a peak
+  const percent = m && kept ? percentOf(m.value, store.peak.value) : 0;
   const high = percent >= 85;
   $('current').textContent = m ? String(m.value) : '–';
-  $('peak').textContent = store.process === null ? '–' : store.peak.value ? `${store.peakExact ? '' : '≥ '}${store.peak.value}` : '---';
-  $('percent').textContent = store.process !== null && store.peak.value ? `${percent} %` : '–';
+  $('peak').textContent = !kept ? '–' : store.peak.value ? `${store.peakExact ? '' : '≥ '}${store.peak.value}` : '---';
+  $('percent').textContent = kept && store.peak.value ? `${percent} %` : '–';
   document.querySelector('.readout').classList.toggle('high', high);
   $('meter').querySelector('.fill').style.width = `${Math.min(100, percent)}%`;
   $('meter').setAttribute('aria-valuenow', String(Math.min(100, percent)));
 
   let cue = {kind: 'none', text: ''};
   if (store.process === null) cue = {kind: 'none', text: 'No overlay process, so nothing keeps a peak.'};
+  else if (store.apart) cue = {kind: 'none', text: 'The process has no session, so nothing shows a peak.'};
   else if (m) {
     const back = store.samples[Math.max(0, store.samples.length - 10)];
     cue = cueFor(m.value, store.peak, m.ring, m.ring - back.ring);
   }
   if ($('cue').textContent !== cue.text) $('cue').textContent = cue.text;
   $('cue').className = `cue ${cue.kind}`;
-  const note = store.process === null ? ''
+  const note = !kept ? ''
     : store.peakExact ? 'The peak is the page’s estimate by the overlay’s rule; the picture has the real one.'
     : 'The peak is at least this: the overlay ran before the page looked on.';
   if ($('peak-note').textContent !== note) $('peak-note').textContent = note;
-  ring.showPeak(store.process !== null && store.peak.value ? store.peak.ring : null);
+  ring.showPeak(kept && store.peak.value ? store.peak.ring : null);
 }
 
 function showChip(id, kind, text) {
@@ -237,6 +238,27 @@ function watchText(s) {
   });
 }
 
+// Since when a process has run without a session, by the camera's clock.
+const without = {start: 0, since: null};
+
+function watchSession(s) {
+  const p = s.process;
+  if (!p.running || p.attached) without.since = null;
+  else if (without.since === null || without.start !== p.starts) without.since = s.time_s;
+  without.start = p.starts;
+  store.apart = without.since !== null && s.time_s - without.since > START_S;
+}
+
+async function restartProcess() {
+  if (!await send('POST', '/api/process/stop')) return;
+  for (let i = 0; i < 50; i += 1) { // until it has ended; what lasts longer is refused below
+    const process = await fetch('/api/process').then((answer) => answer.json()).catch(() => ({running: true}));
+    if (!process.running) break;
+    await new Promise((resolve) => { setTimeout(resolve, 100); });
+  }
+  await send('POST', '/api/process/start');
+}
+
 async function restartPost(post) {
   if (await send('POST', `/api/posts/${post}/stop`)) await send('POST', `/api/posts/${post}/start`);
 }
@@ -252,6 +274,10 @@ function showNotice(s, running) {
     text = p.configured ? `The overlay process is not running: ${p.last_end || 'not started yet'}.` : 'No overlay process is attached: nothing is drawn on the picture.';
     label = p.configured ? 'Start it' : '';
     noticeAction = () => send('POST', '/api/process/start');
+  } else if (store.apart) {
+    text = 'The process runs without a session with the camera and will not draw. Start it again.';
+    label = 'Start again';
+    noticeAction = restartProcess;
   } else if (still >= 0) {
     const left = p.starts > 1 ? ' Its planes were left open by the process before.' : '';
     text = `The text of post ${still} has stood still for ${Math.floor(s.time_s - drawnText[still].since)} s.${left}`;
@@ -267,10 +293,13 @@ function showNotice(s, running) {
 function showState() {
   const s = store.state;
   showChip('chip-link', store.connected ? 'good' : 'bad', store.connected ? `${(s?.measured_rate_hz ?? 0).toFixed(0)} values/s` : 'no answer');
+  if (!store.connected) setLink($('snapshot'), null);
   if (!s) return;
   const p = s.process;
   const running = p.running || p.attached;
-  showChip('chip-process', !running ? 'bad' : p.attached ? 'good' : 'wait', !running ? 'not running' : p.attached ? `running, pid ${p.pid}` : 'starting');
+  const [kind, words] = !running ? ['bad', 'not running'] : p.attached ? ['good', `running, pid ${p.pid}`]
+    : store.apart ? ['bad', 'no session'] : ['wait', 'starting'];
+  showChip('chip-process', kind, words);
 
   const view = viewer.view;
   const post = /^\d$/.test(view) ? s.posts[Number(view)] : null;
@@ -280,7 +309,7 @@ function showState() {
   veil.querySelector('span').textContent = !store.connected ? 'The simulated camera does not answer. Trying again …' : off ? `Post ${view} is off.` : '';
   veil.querySelector('button').hidden = !store.connected || !off || !post.width;
   veil.querySelector('button').textContent = off ? `Start it at ${post.width} × ${post.height}` : '';
-  $('snapshot').setAttribute('aria-disabled', String(off || !store.connected));
+  setLink($('snapshot'), store.connected && !off && `/api/${post ? `posts/${view}` : view}/frame.png?download=1`);
   showNotice(s, running);
   const facts = post ? [post.running ? `${post.width} × ${post.height}` : 'off'] : [];
   if (!off && viewer.rate > 0) facts.push(`${viewer.rate} pictures/s`);
@@ -313,7 +342,6 @@ function draw(now) {
   drawn = store.lastMeasurement;
   drawnAt = now;
   showReadout();
-  playTone();
   drawTime($('plot-time'), store.samples, store.marks);
   drawCurve($('plot-curve'), store.curve, {time: store.latest?.time_s ?? 0, ring: store.latest?.ring ?? 0, value: store.latest?.value ?? null}, store.process !== null ? store.peak : peakNew());
 }
@@ -336,6 +364,7 @@ function listen() {
       store.curve = curveNew();
       store.process = null;
       store.metNone = false;
+      without.since = null;
       drawnText.forEach((text) => { text.shows = -1; });
       panels.reset();
       viewer.restart();
@@ -354,12 +383,14 @@ function listen() {
     if (store.lastMeasurement === 0 && store.state.latest.number > 1) pending = true;
     if (!pending) followProcess(store.state.process);
     watchText(store.state);
+    watchSession(store.state);
     panels.showState(store.state);
     showState();
   });
   source.addEventListener('measurement', (event) => {
     const m = JSON.parse(event.data);
     addMeasurement(m);
+    playTone(); // here and not where things are drawn: nothing is drawn while the page is in the background
     if (pending && store.state && m.number >= store.state.latest.number) { // the past is in
       pending = false;
       followProcess(store.state.process);

@@ -23,6 +23,11 @@ export function percentOf(value, peak) {
   return peak > 0 ? Math.floor(value * 100 / peak) : 0;
 }
 
+// The tone's pitch in hertz. The scale is absolute: while turning towards the focus every value is the highest so far.
+export function pitchOf(value) {
+  return 180 * 2 ** (2.6 * Math.min(1, Math.log2(1 + value) / 10));
+}
+
 // What to tell the person at the ring. travel is the ring's way over the last moment.
 export function cueFor(current, peak, ring, travel) {
   if (!peak.value) return {kind: 'none', text: 'Turn the ring: a peak is kept from the first clear change on.'};

@@ -17,6 +17,13 @@ function element(name, attributes = {}, ...children) {
   return made;
 }
 
+// A link to a download that is not to be had has no target: it is out of the keyboard's reach as well.
+export function setLink(link, target) {
+  if (target) link.setAttribute('href', target);
+  else link.removeAttribute('href');
+  link.setAttribute('aria-disabled', String(!target));
+}
+
 function setFacts(list, facts) {
   const wanted = facts.flatMap(([name, value]) => [name, String(value)]);
   if (list.children.length !== wanted.length) {
@@ -143,7 +150,7 @@ export function panelsMake({store, send, toast, mark}) {
   function showProcess(state) {
     const p = state.process;
     setFacts($('process-facts'), [
-      ['State', p.running ? (p.attached ? 'running, attached' : 'running, not attached yet') : p.attached ? 'attached, started elsewhere' : 'not running'],
+      ['State', p.running ? (p.attached ? 'running, attached' : store.apart ? 'running without a session' : 'running, not attached yet') : p.attached ? 'attached, started elsewhere' : 'not running'],
       ['Process id', p.pid || '–'],
       ['CPU', p.running ? `${p.cpu_percent.toFixed(1)} %` : '–'],
       ['Memory', p.running ? `${(p.resident_bytes / 1048576).toFixed(1)} MiB` : '–'],
@@ -153,7 +160,7 @@ export function panelsMake({store, send, toast, mark}) {
     $('process-start').disabled = !p.configured || p.running;
     $('process-stop').disabled = !p.running;
     $('process-kill').disabled = !p.running;
-    $('tab-process').classList.toggle('alert', !p.running && !p.attached);
+    $('tab-process').classList.toggle('alert', store.apart || (!p.running && !p.attached));
   }
 
   function addOutput(chunk) {
@@ -172,8 +179,13 @@ export function panelsMake({store, send, toast, mark}) {
     event.preventDefault();
     const code = $('fault-error').value === 'own' ? $('fault-code').value : $('fault-error').value;
     const count = $('fault-count').value;
+    const delay = Number($('fault-delay').value);
+    if (Number(code) === 0 && delay === 0) {
+      toast('A fault without an error needs a delay.', true);
+      return;
+    }
     send('POST', '/api/faults', {
-      call: $('fault-call').value, error: code, remaining: count === 'forever' ? count : Number(count), delay_ms: Number($('fault-delay').value),
+      call: $('fault-call').value, error: code, remaining: count === 'forever' ? count : Number(count), delay_ms: delay,
     });
   });
   $('fault-clear').addEventListener('click', async () => {
@@ -184,6 +196,19 @@ export function panelsMake({store, send, toast, mark}) {
   }).catch(() => {});
 
   const cards = new Map(); // by call, so that a button keeps the focus while its card's numbers change
+
+  // When the overlay makes the calls that it does not make with every redraw or reading.
+  const AT_START = 'when the process starts';
+  const NEVER = 'by nothing: the overlay never closes a plane';
+  const AT_FAILURE = 'when a start fails';
+  const OCCASIONS = {
+    open: AT_START, CAM_FOCUS_CONFIG: AT_START, qm7_cl_library_init: AT_START, qm7_cl_sys_open_device: AT_START,
+    qm7_cl_post_notify_callback: AT_START, qm7_cl_post_set_notify: AT_START,
+    qm7_cl_post_get_osd_color_mem: AT_START, qm7_cl_post_set_osd_color: AT_START,
+    qm7_cl_post_thread_get_status: 'when a post starts', qm7_cl_post_open_osd: 'when a post starts',
+    qm7_cl_post_clear_osd: NEVER, qm7_cl_post_close_osd: NEVER,
+    qm7_cl_library_exit: AT_FAILURE, qm7_cl_sys_close_device: AT_FAILURE,
+  };
 
   function faultCard(call) {
     const clear = element('button', {type: 'button', className: 'link', textContent: 'Clear', 'aria-label': `Clear the fault of ${call}`});
@@ -203,7 +228,9 @@ export function panelsMake({store, send, toast, mark}) {
       const what = Number(fault.error) === 0 ? '' : ` fails with ${fault.error}`;
       const slow = fault.delay_ms ? ` ${what ? 'and ' : ''}takes ${fault.delay_ms} ms longer` : '';
       const left = fault.remaining === 'forever' ? 'for ever' : `${fault.remaining} more`;
-      cards.get(fault.call).text.textContent = `${what}${slow}: ${left}, met ${fault.hits} times`;
+      const occasion = fault.hits === 0 && OCCASIONS[fault.call];
+      const met = occasion ? `met ${occasion}` : `met ${fault.hits} times`;
+      cards.get(fault.call).text.textContent = `${what}${slow}: ${left}, ${met}`;
     }
     $('faults-none').hidden = cards.size > 0;
     $('tab-faults').classList.toggle('alert', cards.size > 0);
@@ -266,9 +293,8 @@ export function panelsMake({store, send, toast, mark}) {
     plane.palette = palette.entries;
     $('plane').hidden = !seen;
     $('plane-empty').hidden = seen;
-    for (const id of ['plane-raw', 'plane-png']) $(id).setAttribute('aria-disabled', String(!seen));
-    $('plane-raw').href = `${path}/raw`;
-    $('plane-png').href = `${path}/${plane.paint}.png?download=1`;
+    setLink($('plane-raw'), seen && `${path}/raw`);
+    setLink($('plane-png'), seen && `${path}/${plane.paint}.png?download=1`);
     setFacts($('plane-facts'), [
       ['State', state.open ? (state.shown ? 'open, shown' : 'open, never shown') : 'not open'], ['Size', `${state.width} × ${state.height}`],
       ['Position', `${state.x}, ${state.y}`], ['Line', `${state.pitch} bytes`], ['Depth', `${2 << Math.min(2, state.depth_code)} bits`], ['Shown', `${state.shows} times`],

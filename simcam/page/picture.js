@@ -2,7 +2,7 @@
 
 const PEAKING_WIDTH = 640;
 const PEAKING_EDGE = 95; // gradient of the luma above which a dot counts as sharp
-const LOUPE = 220;
+const LOUPE = 220; // dots of the page across, each of which may be several of the screen
 const RETRY_MS = 1000;
 
 // Cuts a multipart stream into its parts and hands each one's bytes to onPart, one after the other.
@@ -54,9 +54,16 @@ export function viewerMake(elements) {
     placeLoupe();
   }
 
+  // The loupe begins and ends between dots of the screen, or the browser would draw its dots anew, blurred.
   function placeLoupe() {
-    loupe.style.left = `${state.box.left + state.x * state.box.width - LOUPE / 2}px`;
-    loupe.style.top = `${state.box.top + state.y * state.box.height - LOUPE / 2}px`;
+    const ratio = window.devicePixelRatio || 1;
+    const dots = Math.round(LOUPE * ratio);
+    if (loupe.width !== dots) loupe.width = loupe.height = dots;
+    loupe.style.width = loupe.style.height = `${dots / ratio}px`;
+    const origin = viewer.getBoundingClientRect();
+    const snap = (from, at) => `${Math.round((from + at) * ratio - dots / 2) / ratio - from}px`;
+    loupe.style.left = snap(origin.left, state.box.left + state.x * state.box.width);
+    loupe.style.top = snap(origin.top, state.box.top + state.y * state.box.height);
   }
 
   // ---- what is drawn for each frame ----
@@ -85,16 +92,21 @@ export function viewerMake(elements) {
   }
 
   function drawLoupe() {
-    const x = Math.round(state.x * picture.width) - LOUPE / 2;
-    const y = Math.round(state.y * picture.height) - LOUPE / 2;
+    placeLoupe(); // the page may have come to another screen
+    const dots = loupe.width;
+    const middle = Math.floor(dots / 2);
+    const x = Math.round(state.x * picture.width) - middle;
+    const y = Math.round(state.y * picture.height) - middle;
     lens.fillStyle = '#07090b';
-    lens.fillRect(0, 0, LOUPE, LOUPE);
+    lens.fillRect(0, 0, dots, dots);
     lens.imageSmoothingEnabled = false;
-    lens.drawImage(state.bitmap, x, y, LOUPE, LOUPE, 0, 0, LOUPE, LOUPE);
+    lens.drawImage(state.bitmap, x, y, dots, dots, 0, 0, dots, dots);
+    const arm = 8 * dots / LOUPE;
     lens.strokeStyle = '#ffffff55';
+    lens.lineWidth = dots / LOUPE;
     lens.beginPath();
-    lens.moveTo(LOUPE / 2, LOUPE / 2 - 8); lens.lineTo(LOUPE / 2, LOUPE / 2 + 8);
-    lens.moveTo(LOUPE / 2 - 8, LOUPE / 2); lens.lineTo(LOUPE / 2 + 8, LOUPE / 2);
+    lens.moveTo(middle, middle - arm); lens.lineTo(middle, middle + arm);
+    lens.moveTo(middle - arm, middle); lens.lineTo(middle + arm, middle);
     lens.stroke();
   }
 
@@ -160,8 +172,8 @@ export function viewerMake(elements) {
   function moveLoupe(x, y) {
     state.x = Math.min(1, Math.max(0, x));
     state.y = Math.min(1, Math.max(0, y));
-    placeLoupe();
     if (state.bitmap) drawLoupe();
+    else placeLoupe();
   }
   viewer.addEventListener('pointermove', (event) => {
     if (!state.loupe || (event.pointerType === 'touch' && event.buttons === 0)) return;

@@ -8,6 +8,7 @@ import json
 import os
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -20,6 +21,7 @@ try:
     from selenium.common.exceptions import WebDriverException
     from selenium.webdriver.chrome.options import Options
     from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.common.actions.wheel_input import ScrollOrigin
     from selenium.webdriver.common.by import By
     from selenium.webdriver.common.keys import Keys
     from selenium.webdriver.support.ui import Select
@@ -70,8 +72,9 @@ class Page(unittest.TestCase):
     @classmethod
     def end_simcam(cls):
         cls.simcam.terminate()
-        cls.simcam.wait(WAIT_S)
+        status = cls.simcam.wait(WAIT_S)
         cls.simcam.stdout.close()
+        assert status == 0, f"simcam ended with status {status}"
 
     def setUp(self):
         self.request("DELETE", "/api/faults")
@@ -96,8 +99,17 @@ class Page(unittest.TestCase):
         with urllib.request.urlopen(request, timeout=WAIT_S) as answer:
             return json.load(answer)
 
+    def fetch(self, address):
+        with urllib.request.urlopen(address, timeout=WAIT_S) as answer:
+            self.assertEqual(answer.status, 200, address)
+            return answer.read()
+
     def state(self):
         return self.request("GET", "/api/state")
+
+    def end_process(self):
+        self.request("POST", "/api/process/stop")
+        wait_for("the end of the process", lambda: not self.state()["process"]["running"])
 
     # ---- the page ----
 
@@ -110,9 +122,9 @@ class Page(unittest.TestCase):
     def keys(self, *keys):
         webdriver.ActionChains(self.browser).send_keys(*keys).perform()
 
-    def size(self, width, height):
+    def size(self, width, height, scale=1):
         self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
+            "width": width, "height": height, "deviceScaleFactor": scale, "mobile": False})
 
     def screenshot(self, name):
         path = os.path.join(settings.pictures, name + ".png")
@@ -123,6 +135,10 @@ class Page(unittest.TestCase):
         self.find("tab-" + name).click()
         wait_for(f"panel {name}", self.find("panel-" + name).is_displayed)
 
+    def wheel(self, identifier, down):
+        origin = ScrollOrigin.from_element(self.find(identifier))
+        webdriver.ActionChains(self.browser).scroll_from_origin(origin, 0, down).perform()
+
     def canvas_spread(self, identifier):
         """How far the brightness of a canvas reaches: 0 where nothing was drawn."""
         return self.browser.execute_script("""
@@ -132,28 +148,109 @@ class Page(unittest.TestCase):
             for (let i = 0; i < d.length; i += 4) { low = Math.min(low, d[i]); high = Math.max(high, d[i]); }
             return high - low;""", identifier)
 
+    def columns_drawn(self, identifier, legend):
+        """How many columns of a plot have a dot in the colour that the page's legend gives a line."""
+        return self.browser.execute_script("""
+            const c = document.getElementById(arguments[0]);
+            const line = getComputedStyle(document.querySelector('.legend .' + arguments[1])).borderTopColor;
+            const colour = line.match(/\\d+/g).map(Number);
+            const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
+            const columns = new Set();
+            for (let i = 0; i < d.length; i += 4)
+                if (d[i + 3] > 60 && colour.every((level, k) => Math.abs(level - d[i + k]) < 16)) columns.add(i / 4 % c.width);
+            return columns.size;""", identifier, legend)
+
     # ---- the tests ----
 
     def test_the_ring_turns_by_keyboard_and_the_value_follows(self):
         before = int(self.text("current"))
         self.browser.execute_script("document.getElementById('ring').focus()")
 
-        self.keys(*[Keys.PAGE_UP] * 6)  # from 0.2 to 0.5, close to the focus
-
-        wait_for("the camera's ring at 0.5", lambda: abs(self.state()["ring"] - 0.5) < 0.0005)
+        for hundredths in range(25, 51, 5):  # from 0.2 to 0.5, close to the focus
+            self.keys(Keys.PAGE_UP)
+            wait_for(f"the camera's ring at {hundredths}", lambda: abs(self.state()["ring"] - hundredths / 100) < 0.0005
+                     and self.find("ring").get_attribute("aria-valuenow") == f"{hundredths / 100:.3f}")
         wait_for("a clearly higher value", lambda: int(self.text("current")) > before * 1.5)
         self.assertEqual(self.find("ring").get_attribute("aria-valuenow"), "0.500")
-        self.keys(Keys.SHIFT, Keys.ARROW_LEFT)
         self.keys(Keys.HOME)
         wait_for("the near stop", lambda: self.state()["ring"] == 0)
+        self.keys(Keys.END)
+        wait_for("the far stop", lambda: self.state()["ring"] == 1)
 
-    def test_the_ring_is_reached_with_the_tab_key(self):
+    def test_the_ring_turns_by_arrow_keys_and_wheel(self):
+        def turned_to(ring):
+            wait_for(f"the camera's ring at {ring}", lambda: abs(self.state()["ring"] - ring) < 0.0002)
+            self.assertEqual(self.find("ring").get_attribute("aria-valuenow"), f"{ring:.3f}")
+            self.assertEqual(self.text("ring-value"), f"{ring:.3f}")
+
+        self.browser.execute_script("document.getElementById('ring').focus()")
+        self.keys(Keys.ARROW_RIGHT, Keys.ARROW_UP)
+        turned_to(0.22)
+        self.keys(Keys.ARROW_LEFT)
+        turned_to(0.21)
+        webdriver.ActionChains(self.browser).key_down(Keys.SHIFT).send_keys(Keys.ARROW_LEFT).key_up(Keys.SHIFT).perform()
+        turned_to(0.209)
+        self.wheel("ring", -100)
+        wait_for("a wheel's notch further", lambda: self.state()["ring"] > 0.2091)
+        self.wheel("ring", 100)
+        turned_to(0.209)
+
+    def test_all_that_is_played_with_is_reached_with_the_tab_key(self):
+        wanted = {"toggle-planes", "toggle-peaking", "toggle-loupe", "snapshot", "tone", "ring", "sweep",
+                  "sweep-period", "curve-clear", "tab-posts"}
         self.browser.execute_script("document.activeElement.blur()")
-        for _ in range(40):
+        for _ in range(60):
             self.keys(Keys.TAB)
-            if self.browser.execute_script("return document.activeElement.id") == "ring":
+            wanted.discard(self.browser.execute_script("return document.activeElement.id"))
+            if not wanted:
                 return
-        self.fail("40 presses of the tab key do not lead to the ring")
+        self.fail(f"60 presses of the tab key do not lead to {wanted}")
+
+    def test_the_lens_sweeps_at_the_press_of_a_button(self):
+        sweep = self.find("sweep")
+        Select(self.find("sweep-period")).select_by_value("6")
+
+        sweep.click()
+
+        wait_for("a lens that turns", lambda: self.state()["sweep"] and self.state()["ring"] > 0.25)
+        wait_for("a pressed button", lambda: sweep.get_attribute("aria-pressed") == "true")
+        wait_for("the page's ring to turn with it", lambda: float(self.text("ring-value")) > 0.25)
+        sweep.click()
+        wait_for("a lens that rests", lambda: not self.state()["sweep"])
+        wait_for("a button that is not pressed", lambda: sweep.get_attribute("aria-pressed") == "false")
+
+    def test_the_plots_are_drawn(self):
+        self.find("curve-clear").click()
+        wait_for("an empty curve", lambda: self.columns_drawn("plot-curve", "c-current") < 15)
+
+        self.request("POST", "/api/sweep", {"on": True, "period_s": 6})
+
+        for line in ("c-current", "c-peak", "c-line"):
+            wait_for(f"{line} over time", lambda: self.columns_drawn("plot-time", line) > 30)
+            if line == "c-current":
+                wait_for("values over the ring", lambda: self.columns_drawn("plot-curve", line) > 100)
+        self.screenshot("plots")
+        self.find("curve-clear").click()
+        wait_for("a new curve", lambda: self.columns_drawn("plot-curve", "c-current") < 60)
+
+    def test_downloads_are_to_be_had(self):
+        for view, size in (("3", (352, 240)), ("0", (1280, 720))):
+            self.browser.find_element(By.CSS_SELECTOR, f"[data-view='{view}']").click()
+            address = wait_for("a target", lambda: self.find("snapshot").get_attribute("href"))
+            picture = self.fetch(address)
+            self.assertEqual(picture[:8], b"\x89PNG\r\n\x1a\n")
+            self.assertEqual(struct.unpack(">II", picture[16:24]), size)
+        table = self.fetch(self.browser.find_element(By.LINK_TEXT, "Values as CSV").get_attribute("href"))
+        self.assertIn(b"value", table.splitlines()[0].split(b","))
+        self.assertGreater(len(table.splitlines()), 2)
+        self.open_tab("planes")
+        raw = wait_for("a shown plane", lambda: self.find("plane-raw").get_attribute("href"))
+        plane = self.request("GET", "/api/posts/0/planes/0")
+        self.assertEqual((plane["width"], plane["height"]), (480, 72))
+        self.assertEqual(len(self.fetch(raw)), plane["pitch"] * 72)
+        self.assertEqual(self.fetch(self.find("plane-png").get_attribute("href"))[1:4], b"PNG")
+        self.open_tab("process")
+        self.fetch(self.find("panel-process").find_element(By.LINK_TEXT, "Raw").get_attribute("href"))
 
     def test_a_drag_turns_the_ring(self):
         ring = self.find("ring")
@@ -163,11 +260,12 @@ class Page(unittest.TestCase):
         wait_for("another ring position", lambda: self.state()["ring"] > 0.21)
 
     def test_the_peak_is_passed_and_the_page_says_so(self):
-        self.request("POST", "/api/process/stop")
-        wait_for("the end of the process", lambda: not self.state()["process"]["running"])
+        self.end_process()
         wait_for("the page to know", lambda: self.text("peak") == "–")
         self.request("POST", "/api/process/start")
-        wait_for("no peak yet", lambda: self.text("peak") == "---")
+        # None, or one of the blurred picture's noise.
+        wait_for("no peak to speak of", lambda: self.text("peak") == "---"
+                 or self.text("peak").isdigit() and int(self.text("peak")) < 100)
 
         self.request("POST", "/api/sweep", {"on": True, "period_s": 6})
         wait_for("a peak", lambda: self.text("peak").isdigit() and int(self.text("peak")) > 100)
@@ -191,6 +289,31 @@ class Page(unittest.TestCase):
         self.assertEqual(peaks(0, 300, 302), [0, 0, 0], "a first value after 0 is no change")
         self.assertEqual(peaks(9, 0, 300, 294), [0, 0, 300, 300], "from 9 to 0 is one")
 
+    def test_the_pitch_is_that_of_the_value_alone(self):
+        pitches = self.browser.execute_async_script("""
+            const done = arguments[0];
+            import('/focus.js').then(({pitchOf}) => done([...Array(1001).keys()].map(pitchOf)));""")
+
+        for value in range(1000):
+            self.assertLess(pitches[value], pitches[value + 1], f"after {value}")
+        self.assertGreater(pitches[300], pitches[30] * 1.5, "an audible way from blurred to sharp")
+
+    def test_the_tone_follows_the_value_where_nothing_is_drawn(self):
+        self.browser.execute_script("""
+            const make = AudioContext.prototype.createOscillator;
+            AudioContext.prototype.createOscillator = function () { return window.heard = make.call(this); };
+            window.requestAnimationFrame = () => 0;  // as in a page in the background""")
+        hertz = lambda: self.browser.execute_script("return window.heard.frequency.value")
+        self.find("tone").click()
+        wait_for("a tone that is steady", lambda: abs(hertz() - hertz()) < 5 and hertz() != 440)
+        blurred = hertz()
+
+        self.request("POST", "/api/ring", {"ring": 0.55})
+
+        wait_for("a clearly higher one", lambda: hertz() > blurred * 1.2)
+        self.request("POST", "/api/ring", {"ring": 0.2})
+        wait_for("the lower one again", lambda: hertz() < blurred * 1.1)
+
     def test_the_picture_is_live(self):
         wait_for("a picture", lambda: self.canvas_spread("picture") > 60)
         for toggle in ("toggle-planes", "toggle-peaking", "toggle-loupe"):  # the overlay has edges too
@@ -202,6 +325,31 @@ class Page(unittest.TestCase):
         wait_for("sharp edges", lambda: self.canvas_spread("peaking") > 0)
         wait_for("a loupe", lambda: self.canvas_spread("loupe") > 20)
         self.screenshot("peaking-and-loupe")
+
+    def test_the_loupe_shows_a_picture_dot_as_a_dot_of_the_screen(self):
+        self.find("toggle-loupe").click()
+        for scale in (1, 1.25, 2):
+            self.size(1280, 720, scale)
+            wait_for("the unscaled picture", lambda: (
+                self.find("picture").get_property("width") == 1280 and self.canvas_spread("loupe") > 20))
+            wait_for(f"a loupe of whole dots at {scale}", lambda: self.browser.execute_script("""
+                const loupe = document.getElementById('loupe');
+                const box = loupe.getBoundingClientRect();
+                const whole = (length) => Math.abs(length * devicePixelRatio - Math.round(length * devicePixelRatio)) < 0.02;
+                return devicePixelRatio === arguments[0] && whole(box.left) && whole(box.top) &&
+                    loupe.clientWidth === loupe.offsetWidth &&  // no border that its dots would have to make room for
+                    Math.abs(box.width * devicePixelRatio - loupe.width) < 0.02 && loupe.width === loupe.height;
+                """, scale))
+            # At 30 % and 40 % of 1280 x 720; beside the cross in the middle.
+            differing = self.browser.execute_script("""
+                const loupe = document.getElementById('loupe');
+                const middle = Math.floor(loupe.width / 2);
+                const dots = (canvas, x, y) => canvas.getContext('2d').getImageData(x, y, 60, 20).data;
+                const seen = dots(loupe, middle - 100, middle + 20);
+                const there = dots(document.getElementById('picture'), 384 - 100, 288 + 20);
+                return seen.filter((level, i) => level !== there[i]).length;""")
+            self.assertEqual(differing, 0, f"at {scale}")
+            self.screenshot(f"loupe-{scale}")
 
     def test_all_four_posts_are_seen_and_chosen(self):
         self.browser.find_element(By.CSS_SELECTOR, "[data-view=all]").click()
@@ -223,16 +371,49 @@ class Page(unittest.TestCase):
         wait_for("words on the picture", lambda: "Post 0 is off." in self.text("veil"))
         self.assertFalse(self.state()["posts"][0]["running"])
         self.screenshot("post-off")
+        self.assertIsNone(self.find("snapshot").get_attribute("href"), "a snapshot that would be refused")
+        self.open_tab("planes")
+        wait_for("words about the plane", lambda: "not open" in self.text("plane-empty"))
+        for link in ("plane-raw", "plane-png"):
+            self.assertIsNone(self.find(link).get_attribute("href"), link)
         self.find("veil").find_element(By.TAG_NAME, "button").click()
         wait_for("the post again", lambda: self.state()["posts"][0]["running"])
 
     def test_a_size_is_chosen(self):
+        self.addCleanup(self.end_process)  # a process keeps to the size in which it first met a post
         size = self.browser.find_element(By.CSS_SELECTOR, "[aria-label='Size of post 0']")
 
         Select(size).select_by_value("352x288")
 
         wait_for("the new size", lambda: self.state()["posts"][0]["width"] == 352)
         wait_for("the picture in it", lambda: "352 × 288" in self.text("facts"))
+
+    def test_a_size_of_its_own_is_typed(self):
+        self.addCleanup(self.end_process)  # as above
+        Select(self.browser.find_element(By.CSS_SELECTOR, "[aria-label='Size of post 2']")).select_by_value("own")
+        own = self.browser.find_element(By.CSS_SELECTOR, "[aria-label^='Another size of post 2']")
+
+        own.send_keys("642x402", Keys.ENTER)
+
+        wait_for("the post in it", lambda: [self.state()["posts"][2][k] for k in ("running", "width", "height")]
+                 == [True, 642, 402])
+        wait_for("the form to go", lambda: not own.is_displayed())
+        self.browser.find_element(By.CSS_SELECTOR, "[data-view='2']").click()
+        wait_for("the picture in it", lambda: "642 × 402" in self.text("facts"))
+
+    def test_the_process_is_stopped_and_started_by_its_buttons(self):
+        pid = self.state()["process"]["pid"]
+        self.open_tab("process")
+        self.assertIn("stopping it and starting it again is the only way to reset it", self.text("panel-process"))
+
+        self.find("process-stop").click()
+
+        wait_for("its end", lambda: not self.state()["process"]["running"])
+        self.assertNotIn("signal 9", self.state()["process"]["last_end"])
+        wait_for("the notice", lambda: "not running" in self.text("notice"))
+        self.assertFalse(self.find("process-stop").is_enabled())
+        self.find("process-start").click()
+        wait_for("another one", lambda: self.state()["process"]["pid"] not in (0, pid))
 
     def test_a_fault_is_set_met_and_read_in_the_log(self):
         self.open_tab("faults")
@@ -248,8 +429,45 @@ class Page(unittest.TestCase):
                  lambda: "qm7_cl_post_set_osd() failed. errno=0x81000001" in self.text("log"))
         self.screenshot("log")
         self.open_tab("faults")
+        self.request("POST", "/api/faults", {"call": "CAM_FOCUS_CONFIG", "error": 5})
+        wait_for("when it is met", lambda: "met when the process starts" in self.text("faults"))
         self.find("fault-clear").click()
         wait_for("no card", lambda: "None." in self.text("faults"))
+
+    def test_a_fault_without_error_or_delay_is_none(self):
+        self.open_tab("faults")
+        Select(self.find("fault-error")).select_by_value("0")
+        submit = self.find("fault-form").find_element(By.CSS_SELECTOR, "[type=submit]")
+
+        submit.click()
+
+        wait_for("words about it", lambda: self.text("toast") == "A fault without an error needs a delay.")
+        self.assertEqual(self.state()["faults"], [])
+        Select(self.find("fault-delay")).select_by_value("50")
+        submit.click()
+        wait_for("a slow call", lambda: [f["delay_ms"] for f in self.state()["faults"]] == [50])
+
+    def test_a_fault_of_its_own_code_is_slow_and_cleared(self):
+        self.request("POST", "/api/faults", {"call": "qm7_cl_post_close_osd", "error": 7})
+        self.open_tab("faults")
+        Select(self.find("fault-call")).select_by_value("qm7_cl_post_open_osd")
+        Select(self.find("fault-error")).select_by_value("own")
+        self.find("fault-code").clear()
+        self.find("fault-code").send_keys("0x81E0ABCD")
+        Select(self.find("fault-delay")).select_by_value("250")
+
+        self.find("fault-form").find_element(By.CSS_SELECTOR, "[type=submit]").click()
+
+        faults = lambda: {f["call"]: f for f in self.state()["faults"]}
+        wait_for("the fault", lambda: "qm7_cl_post_open_osd" in faults())
+        fault = faults()["qm7_cl_post_open_osd"]
+        self.assertEqual((fault["error"].lower(), fault["delay_ms"]), ("0x81e0abcd", 250))
+        clear = wait_for("its card", lambda: self.browser.find_elements(
+            By.CSS_SELECTOR, "[aria-label='Clear the fault of qm7_cl_post_open_osd']"))[0]
+        clear.click()
+        wait_for("only the other one", lambda: list(faults()) == ["qm7_cl_post_close_osd"])
+        wait_for("its card to go", lambda: "open_osd" not in self.text("faults"))
+        self.assertIn("close_osd", self.text("faults"))
 
     def test_a_killed_process_is_reported_and_started_again(self):
         pid = self.state()["process"]["pid"]
@@ -270,7 +488,32 @@ class Page(unittest.TestCase):
         wait_for("the notice to go", lambda: not self.find("notice").is_displayed())
         wait_for("a redrawn text", lambda: self.state()["posts"][0]["planes"][1]["shows"] > 2)
 
+    def test_a_process_without_a_session_is_reported_and_started_again(self):
+        self.end_process()
+        self.request("POST", "/api/faults", {"call": "qm7_cl_post_set_notify", "error": "0x81000001"})
+        self.request("POST", "/api/process/start")
+        chip = self.find("chip-process")
+
+        wait_for("the notice", lambda: "without a session" in self.text("notice"))
+
+        self.assertIn("Start it again.", self.text("notice"))
+        self.assertIn("bad", chip.get_attribute("class").split())
+        self.assertNotIn("starting", chip.text)
+        process = self.state()["process"]
+        self.assertEqual((process["running"], process["attached"]), (True, False))
+        wait_for("no peak any more", lambda: self.text("peak") == "–")
+        self.open_tab("process")
+        self.screenshot("no-session")
+        self.find("notice").find_element(By.TAG_NAME, "button").click()
+        wait_for("another process with a session", lambda: (
+            self.state()["process"]["attached"] and self.state()["process"]["pid"] != process["pid"]))
+        wait_for("the chip", lambda: "good" in chip.get_attribute("class").split())
+        wait_for("another notice or none", lambda: "session" not in self.text("notice"))
+
     def test_planes_are_seen_alone(self):
+        self.request("POST", "/api/ring", {"ring": 0.55})  # a peak that the value is far below afterwards
+        wait_for("a high value", lambda: int(self.text("current")) > 200)
+        self.request("POST", "/api/ring", {"ring": 0.2})
         self.open_tab("planes")
         wait_for("the bar", lambda: self.canvas_spread("plane") > 0)
         indices = lambda: self.text("plane-used").split()
@@ -296,6 +539,26 @@ class Page(unittest.TestCase):
         wait_for("the photograph", lambda: self.state()["scene"] == "photo")
         self.browser.get_log("browser")  # the refusal is an error there too
 
+    def test_gain_and_flash_change_the_value(self):
+        before = int(self.text("current"))
+        self.open_tab("scene")
+        self.browser.execute_script("document.getElementById('gain').focus()")
+        self.keys(*[Keys.ARROW_RIGHT] * 4)  # quarters of a stop
+        wait_for("twice the gain", lambda: self.state()["gain"] == 2)
+        wait_for("its number on the page", lambda: self.text("gain-value") == "2.00×")
+        wait_for("a clearly higher value", lambda: int(self.text("current")) > before * 1.5)
+        self.find("gain-reset").click()
+        wait_for("the gain as it was", lambda: self.state()["gain"] == 1 and self.text("gain-value") == "1.00×")
+        wait_for("the value as it was", lambda: int(self.text("current")) < before * 1.2)
+
+        after = self.state()["latest"]["number"]
+        self.find("flash").click()
+
+        def values():
+            return [m["value"] for m in self.request("GET", f"/api/measurements?after={after}")["measurements"]]
+        wait_for("one picture that is far brighter", lambda: max(values(), default=0) > before * 1.5)
+        wait_for("dark again", lambda: values()[-1] < before * 1.2)
+
     def test_tabs_follow_the_arrow_keys(self):
         self.find("tab-posts").click()
         self.keys(Keys.ARROW_RIGHT)
@@ -306,7 +569,7 @@ class Page(unittest.TestCase):
     def test_nothing_scrolls_sideways(self):
         for width, height in ((1280, 720), (1920, 1080), (1024, 768), (820, 1180), (400, 800)):
             self.size(width, height)
-            time.sleep(0.3)
+            wait_for("the size", lambda: self.browser.execute_script("return innerWidth") == width)
             for tab in ("posts", "scene", "process", "faults", "planes", "calls"):
                 self.open_tab(tab)
                 wide = self.browser.execute_script(
@@ -326,6 +589,9 @@ class Page(unittest.TestCase):
     def tearDown(self):
         errors = [entry for entry in self.browser.get_log("browser") if entry["level"] == "SEVERE"]
         self.assertEqual(errors, [], "errors on the browser's console")
+        written = self.fetch(self.address + "api/output?stream=2")
+        for complaint in (b"Sanitizer: ", b"runtime error: "):
+            self.assertNotIn(complaint, written, "what the process wrote")
 
 
 def main():

@@ -11,7 +11,19 @@ target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest
 gtest_discover_tests(simcam_camera_test PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
-target_link_libraries(simcam_main_test PRIVATE focus_options GTest::gtest_main)
-target_compile_definitions(simcam_main_test PRIVATE SIMCAM="$<TARGET_FILE:simcam>")
-add_dependencies(simcam_main_test simcam)
+target_link_libraries(simcam_main_test PRIVATE focus_options simcam_optics GTest::gtest_main)
+target_compile_definitions(simcam_main_test PRIVATE
+    SIMCAM="$<TARGET_FILE:simcam>"
+    FOCUS_ASSIST="$<TARGET_FILE:focus_assist>")
+add_dependencies(simcam_main_test simcam focus_assist)
 gtest_discover_tests(simcam_main_test PROPERTIES TIMEOUT 120)
+
+find_program(SIMCAM_PYTHON NAMES python3)
+if(SIMCAM_PYTHON)
+    add_test(NAME simcam_options
+        COMMAND ${SIMCAM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/options_test.py
+                --simcam $<TARGET_FILE:simcam> --docs ${PROJECT_SOURCE_DIR}/docs/simcam.md)
+    set_tests_properties(simcam_options PROPERTIES TIMEOUT 120)
+else()
+    message(STATUS "tests: no python3, the options and their table are not tested")
+endif()

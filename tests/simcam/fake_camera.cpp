@@ -22,6 +22,7 @@ struct Camera {
     std::array<std::array<PlaneImage, PLANE_COUNT>, POST_COUNT> planes;
     std::vector<std::string> changes;
     int pictures = 0;
+    bool noise = false;
 };
 
 std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *error)
@@ -222,6 +223,8 @@ cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
     ++camera.pictures;
     cv::Mat picture(static_cast<int>(state.height), static_cast<int>(state.width), CV_8UC3,
                     cv::Scalar::all((post + 1) * 40));
+    if (camera.noise)
+        cv::randu(picture, 0, 256);
     if (with_planes)
         cv::rectangle(picture, {0, 0, 8, 8}, cv::Scalar::all(255), cv::FILLED);
     return picture;
@@ -292,6 +295,12 @@ std::vector<std::string> fake_changes(Camera &camera)
 {
     const std::lock_guard lock(camera.mutex);
     return camera.changes;
+}
+
+void fake_noise(Camera &camera)
+{
+    const std::lock_guard lock(camera.mutex);
+    camera.noise = true;
 }
 
 int fake_pictures(Camera &camera)

@@ -20,6 +20,8 @@ void fake_show(Camera &camera, int post, int plane, const PlaneState &state,
                const std::vector<uint8_t> &bytes);
 // The functions of camera.h that changed something, as text, oldest first: "ring 0.5", "stop 2".
 std::vector<std::string> fake_changes(Camera &camera);
+// Makes the pictures of posts noise, which no format makes small.
+void fake_noise(Camera &camera);
 // Pictures taken of posts since the start.
 int fake_pictures(Camera &camera);
 

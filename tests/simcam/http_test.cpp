@@ -43,9 +43,12 @@ static std::string lower(std::string text)
 class Client
 {
   public:
-    explicit Client(int port)
+    // receive_bytes: what the system keeps of unread answers; 0 leaves that to the system.
+    explicit Client(int port, int receive_bytes = 0)
     {
         socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (receive_bytes > 0)
+            setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receive_bytes, sizeof receive_bytes);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
@@ -69,6 +72,10 @@ class Client
     {
         return connected_;
     }
+    bool closed() const // as reading saw
+    {
+        return closed_;
+    }
     void send_bytes(const std::string &bytes)
     {
         (void)!send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -83,7 +90,8 @@ class Client
             if (poll(&waiting, 1, 10000) <= 0)
                 break;
             const ssize_t count = recv(socket_, buffer, sizeof buffer, 0);
-            if (count <= 0)
+            closed_ = count <= 0;
+            if (closed_)
                 break;
             read_.append(buffer, static_cast<size_t>(count));
         }
@@ -101,6 +109,7 @@ class Client
   private:
     int socket_ = -1;
     bool connected_ = false;
+    bool closed_ = false;
     std::string read_;
 };
 
@@ -411,14 +420,59 @@ TEST_F(Http, OverlongRequestsAreRefused)
     EXPECT_EQ(get("/api/state?" + std::string(9000, 'x')).status, 414);
 }
 
-TEST_F(Http, NoiseInsteadOfARequestGetsNoAnswerButDoesNoHarm)
+TEST_F(Http, MalformedRequestsAreRefused)
 {
-    for (const char *noise :
-         {"\r\n\r\n\r\n", "GET\r\n\r\n", "nonsense\r\n\r\n", "GET / HTTP/9.9\r\n\r\n"}) {
+    const std::string chunked = "Transfer-Encoding: chunked\r\n";
+    const struct {
+        const char *what;
+        std::string request; // head() ends the headers; a body comes behind it
+        int status;
+    } cases[] = {
+        {"a length that is no number", head("POST", "/api/flash", "Content-Length: x\r\n"), 400},
+        {"a negative length", head("POST", "/api/flash", "Content-Length: -1\r\n"), 400},
+        {"a length with more behind it", head("POST", "/api/flash", "Content-Length: 1x\r\n") + "{",
+         400},
+        {"a length of 24 digits",
+         head("POST", "/api/flash", "Content-Length: " + std::string(24, '9') + "\r\n"), 413},
+        {"a chunk without a size", head("POST", "/api/flash", chunked) + "zz\r\n{}\r\n0\r\n\r\n",
+         400},
+        {"a chunk longer than its size",
+         head("POST", "/api/flash", chunked) + "2\r\n{}xx\r\n0\r\n\r\n", 400},
+        {"a header without a colon", head("GET", "/api/state", "nonsense\r\n"), 400},
+        {"no hexadecimal digits in a path", head("GET", "/api/st%zzate"), 400},
+        {"no hexadecimal digits in a query", head("GET", "/api/events?kinds=%zz"), 400},
+        {"a query that ends in a per cent sign", head("GET", "/api/events?kinds=state%"), 400},
+        {"a header of 40 kB",
+         head("GET", "/api/state", "X-Long: " + std::string(40000, 'a') + "\r\n"), 431},
+        {"a first line of 40 kB", head("GET", "/api/state?" + std::string(40000, 'x')), 414},
+    };
+    for (const auto &[what, request, status] : cases) {
+        Client client(port_);
+        client.send_bytes(request);
+        EXPECT_EQ(parse_answer(client.read_all()).status, status) << what;
+        EXPECT_TRUE(client.closed()) << what;
+    }
+    EXPECT_TRUE(fake_changes(*camera_).empty());
+    EXPECT_EQ(get("/api/state").status, 200);
+}
+
+TEST_F(Http, AFirstLineThatIsNoRequestIsClosed)
+{
+    for (const std::string noise :
+         {"GET\r\n\r\n", "nonsense\r\n\r\n", "\x16\x03\x01\x02\x01\r\n\r\n",
+          "GET / HTTP/9.9\r\n\r\n", "GET / FTP/1.0\r\n\r\n", "GET / HTTP/1.1 more\r\n\r\n"}) {
         Client client(port_);
         client.send_bytes(noise);
-        client.hang_up();
+
+        const std::string answer = client.read_all();
+
+        EXPECT_TRUE(client.closed()) << noise;
+        const int status = parse_answer(answer).status;
+        EXPECT_TRUE(answer.empty() || status / 100 == 4 || status == 505) << noise << answer;
     }
+    Client silent(port_);
+    silent.send_bytes("\r\n\r\n\r\n");
+    silent.hang_up();
     EXPECT_EQ(get("/api/state").status, 200);
 }
 
@@ -549,6 +603,43 @@ TEST_F(Http, StreamsAreCapped)
     EXPECT_EQ(status, 200) << "places of readers that left are free again";
 }
 
+TEST_F(Http, ConnectionsAreCapped)
+{
+    const std::string request = "GET /api/process HTTP/1.1\r\nHost: " + host_ + "\r\n\r\n";
+    const auto answers = [](const std::string &all) {
+        size_t count = 0;
+        for (size_t at = 0; (at = all.find("HTTP/1.1 200 ", at)) != all.npos; ++at)
+            ++count;
+        return count;
+    };
+    std::vector<std::unique_ptr<Client>> clients; // each stays connected after its answer
+    for (unsigned i = 0; i < HTTP_CONNECTIONS_MAX; ++i) {
+        clients.push_back(std::make_unique<Client>(port_));
+        clients.back()->send_bytes(request);
+        ASSERT_EQ(answers(clients.back()->read_until_contains("\"starts\":")), 1u) << i;
+    }
+
+    Client last(port_);
+    if (last.connected()) {
+        last.send_bytes(request);
+        EXPECT_EQ(last.read_all(), "");
+        EXPECT_TRUE(last.closed());
+    }
+
+    Client &first = *clients.front();
+    first.send_bytes(request);
+    EXPECT_EQ(answers(first.read_until([&](const auto &all) { return answers(all) == 2; })), 2u);
+    EXPECT_FALSE(first.closed());
+    clients.pop_back();
+    bool answered = false;
+    for (int tries = 0; !answered && tries < 100; ++tries) {
+        answered = get("/api/process").status == 200;
+        if (!answered)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_TRUE(answered) << "the place of one that left is free again";
+}
+
 TEST_F(Http, AReaderThatStallsDelaysNobody)
 {
     std::atomic<bool> stop{false};
@@ -558,7 +649,8 @@ TEST_F(Http, AReaderThatStallsDelaysNobody)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
-    Client stalled(port_); // asks for big pictures and never reads one
+    fake_noise(*camera_);
+    Client stalled(port_, 4096); // asks for big pictures and never reads one
     stalled.send_bytes(head("GET", "/api/posts/0/stream.mjpeg?quality=100&fps=60"));
 
     Client client(port_);
@@ -572,6 +664,7 @@ TEST_F(Http, AReaderThatStallsDelaysNobody)
     const std::string &read = client.read_until([&](const auto &all) { return frames(all) >= 40; });
 
     EXPECT_GE(frames(read), 40u);
+    EXPECT_GT(read.size(), 16u << 20); // more than the system keeps for a reader that does not
     EXPECT_EQ(get("/api/state").status, 200);
     stop = true;
     clock.join();

@@ -8,6 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+
 namespace
 {
 
@@ -50,7 +53,7 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
     expect_refused("--scene /no/such/picture.png", "/no/such/picture.png");
     expect_refused("--unknown", "--unknown");
     expect_refused("-- /no/such/program", "/no/such/program");
-    expect_refused("--seed -1", "--seed");
+    expect_refused("--seed -1", "--seed: it is 0 or more");
     expect_refused("--platform /no/such/folder -- /bin/true", "/no/such/folder/libqm7codec.so.2.0");
 }
 
@@ -59,9 +62,15 @@ TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
     const Outcome outcome = simcam("--help");
     EXPECT_EQ(outcome.status, 0);
     EXPECT_NE(outcome.text.find("Usage: simcam [options] [-- PROGRAM ARGS...]"), std::string::npos);
-    for (const char *option : {"--scene", "--post", "--ring", "--sweep", "--seed", "--pitch-align",
-                               "--rate", "--listen", "--snapshot", "--run-dir"})
+    for (const char *option :
+         {"--scene NAME", "--post N=WIDTHxHEIGHT", "--ring X", "--sweep ", "--sweep-period SECONDS",
+          "--seed N", "--pitch-align BYTES", "--rate HZ", "--listen ADDRESS:PORT",
+          "--snapshot DIRECTORY", "--run-dir DIRECTORY", "--platform DIRECTORY"})
         EXPECT_NE(outcome.text.find(option), std::string::npos) << option;
+    for (const char *word : {"N=off", "0.5 to 3600", "1 to 240"})
+        EXPECT_NE(outcome.text.find(word), std::string::npos) << word;
+    for (const char *jargon : {"UINT", "INT", "FLOAT", "TEXT", "NONNEGATIVE", "..."})
+        EXPECT_EQ(outcome.text.find(std::string(" ") + jargon), std::string::npos) << jargon;
 }
 
 TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
@@ -83,6 +92,45 @@ TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
     }
     EXPECT_EQ(post0, 5u);
     EXPECT_EQ(post2, 5u);
+    std::filesystem::remove_all(directory);
+}
+
+// How far apart two pictures are inside and outside of where the readout is, a level a channel.
+static std::pair<double, double> distances(const cv::Mat &one, const cv::Mat &other,
+                                           const cv::Rect &readout)
+{
+    cv::Mat difference;
+    cv::absdiff(one, other, difference);
+    const cv::Scalar inside = cv::mean(difference(readout));
+    difference(readout) = cv::Scalar();
+    const cv::Scalar outside = cv::mean(difference);
+    return {(inside[0] + inside[1] + inside[2]) / 3, (outside[0] + outside[1] + outside[2]) / 3};
+}
+
+TEST(CommandLine, SnapshotsOfTheOverlayShowItsReadout)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
+    const std::filesystem::path directory = mkdtemp(name.data());
+    const std::string options = "--scene chart --post 0=1280x720 --snapshot ";
+
+    const Outcome with = simcam(options + (directory / "with").string() + " -- " FOCUS_ASSIST);
+    const Outcome without = simcam(options + (directory / "without").string());
+
+    EXPECT_EQ(with.status, 0) << with.text;
+    EXPECT_EQ(without.status, 0) << without.text;
+    const cv::Rect readout(400, 576 - 42, 480, 72 + 42); // text, and the bar below it
+    size_t pictures = 0;
+    for (const auto &file : std::filesystem::directory_iterator(directory / "with")) {
+        const cv::Mat one = cv::imread(file.path());
+        const cv::Mat other = cv::imread(directory / "without" / file.path().filename());
+        ASSERT_EQ(one.size(), cv::Size(1280, 720)) << file.path();
+        ASSERT_EQ(other.size(), one.size()) << file.path();
+        const auto [inside, outside] = distances(one, other, readout);
+        EXPECT_GT(inside, 20) << file.path();
+        EXPECT_LT(outside, 6) << file.path(); // the noise of another picture
+        pictures++;
+    }
+    EXPECT_EQ(pictures, 5u);
     std::filesystem::remove_all(directory);
 }
 

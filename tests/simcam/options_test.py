@@ -1,0 +1,139 @@
+"""What the options of the command line do to the camera, and that docs/simcam.md says what there is."""
+import argparse
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+import urllib.request
+
+settings = None
+
+
+class Simcam:
+    """A camera on a free port, as a context; told to end, it ends with status 0."""
+
+    def __init__(self, *options):
+        self.process = subprocess.Popen([settings.simcam, "--listen", "127.0.0.1:0", *options],
+                                        stdout=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        self.address = re.fullmatch(r"simcam: (http://127\.0\.0\.1:\d+/)\n", line).group(1)
+
+    def get(self, path):
+        with urllib.request.urlopen(self.address + path, timeout=60) as answer:
+            return json.load(answer)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *reason):
+        self.process.send_signal(signal.SIGTERM)
+        self.process.stdout.close()
+        status = self.process.wait()
+        if status != 0 and reason[0] is None:
+            raise AssertionError(f"simcam ended with {status}")
+
+
+def posts_of(state):
+    return [(post["width"], post["height"]) if post["running"] else None for post in state["posts"]]
+
+
+class Options(unittest.TestCase):
+    def test_each_is_in_the_state(self):
+        with tempfile.TemporaryDirectory() as directory:
+            run_directory = os.path.join(directory, "run")
+            with Simcam("--scene", "chart", "--ring", "0.25", "--sweep", "--sweep-period", "3600",
+                        "--seed", "42", "--pitch-align", "64", "--rate", "60",
+                        "--run-dir", run_directory, "--post", "0=352x240", "--post", "1=720x480",
+                        "--post", "1=off", "--post", "3=1920x1080") as camera:
+                state = camera.get("api/state")
+                while state["latest"]["number"] == 0:
+                    state = camera.get("api/state")
+
+                self.assertEqual(state["run_directory"], run_directory)
+                self.assertTrue(os.path.exists(os.path.join(run_directory, "socket")))
+        self.assertEqual(posts_of(state), [(352, 240), None, None, (1920, 1080)])
+        self.assertEqual((state["scene"], state["seed"], state["pitch_align"], state["rate_hz"]),
+                         ("chart", 42, 64, 60))
+        self.assertEqual((state["sweep"], state["sweep_period_s"]), (True, 3600))
+        seconds = state["latest"]["number"] / 60  # the way up takes half a period
+        self.assertAlmostEqual(state["latest"]["ring"], 0.25 + seconds / 1800, 6)
+
+    def test_the_ring_stands_where_it_is_put(self):
+        with Simcam("--scene", "chart", "--ring", "0.75") as camera:
+            self.assertEqual(camera.get("api/state")["ring"], 0.75)
+
+    def test_without_any_it_is_the_photograph_on_four_outputs(self):
+        with Simcam() as camera:
+            state = camera.get("api/state")
+
+        self.assertEqual(posts_of(state), [(1280, 720), (1920, 1080), (720, 480), (352, 240)])
+        self.assertEqual((state["scene"], state["ring"], state["seed"], state["pitch_align"],
+                          state["rate_hz"], state["sweep"], state["sweep_period_s"]),
+                         ("photo", 0, 1, 16, 30, False, 12))
+        self.assertFalse(state["process"]["configured"])
+        self.assertFalse(os.path.exists(state["run_directory"]))
+
+
+def table(heading):
+    """The cells of the table below a line of docs/simcam.md, without its head."""
+    with open(settings.docs, encoding="utf-8") as file:
+        text = file.read()
+    rows = []
+    for line in text[text.index(heading):].splitlines():
+        if line.startswith("|"):
+            rows.append([cell.strip() for cell in line.strip("|").split("|")])
+        elif rows:
+            break
+    return rows[2:]
+
+
+def wording(parameters):
+    """Parameters of the query or the body as the table has them."""
+    words = []
+    for parameter in parameters:
+        name = parameter["name"]
+        if "default" in parameter:
+            words.append(f"`{name}={parameter['default']}`")
+        else:
+            words.append(f"`{name}`" + ("" if parameter["required"] else " (optional)"))
+    return ", ".join(words)
+
+
+class Documentation(unittest.TestCase):
+    maxDiff = None
+
+    def test_names_every_option_with_its_default(self):
+        text = subprocess.run([settings.simcam, "--help"], stdout=subprocess.PIPE, text=True,
+                              check=True).stdout
+        # An option at the beginning of a line, what it takes, and lines further in that explain it.
+        options = re.findall(r"^  (?:-h,)?(--[\w-]+(?: [A-Z]\S*)?)(.*\n(?: {10}.*\n)*)", text, re.M)
+        defaults = {option: re.search(r"\(default: ([^)]+)\)", rest)
+                    for option, rest in options}
+        documented = {row[0].strip("`"): row[1].strip("`") for row in table("## Command line")}
+
+        self.assertEqual(sorted(documented), sorted(defaults))
+        for option, default in defaults.items():
+            if default:
+                self.assertEqual(documented[option], default.group(1), option)
+
+    def test_names_every_route_with_its_parameters(self):
+        with Simcam("--scene", "chart") as camera:
+            routes = camera.get("api")["routes"]
+
+        documented = {row[0].strip("`"): row[2] for row in table("## HTTP")}
+        there = {f"{route['method']} {route['path']}":
+                 wording(p for p in route["parameters"] if "{" + p["name"] + "}" not in route["path"])
+                 for route in routes}
+        self.assertEqual(documented, there)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--simcam", required=True)
+    parser.add_argument("--docs", required=True)
+    settings, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
