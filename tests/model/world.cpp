@@ -78,6 +78,7 @@ const char *name_of(Fn fn)
 static std::map<const void *, int64_t> objects;
 static std::map<const void *, int64_t> blocks; // of the heap
 static std::map<int, int64_t> files;
+static std::map<uint32_t, std::shared_ptr<GuardedMemory>> handed_out; // by osdId
 static int64_t next_object = 1;
 
 static int64_t id_of(const void *object)
@@ -187,6 +188,7 @@ void reset()
         id = 0;
     post_notify_state.started_mask = 0;
     post_notify_state.stopped_mask = 0;
+    handed_out.clear(); // planes that were fetched and, as drawing failed, never shown
     clear_record();
 }
 
@@ -234,7 +236,6 @@ template <typename Record> static bool is_zero(const Record *bytes)
 }
 
 static PostNotifyCallback registered;
-static std::map<uint32_t, std::shared_ptr<GuardedMemory>> handed_out; // by osdId
 static std::shared_ptr<GuardedMemory> color_memory;
 static uint32_t next_osd_id = 0x0000BEEF;
 
