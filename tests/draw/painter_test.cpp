@@ -131,7 +131,7 @@ TEST(DrawRectangle, EqualsTheReferenceAtEveryDepthWidthHeightPitchAndSize)
         for (const uint32_t colour : {0u, 1u, 17u, 0x1Fu, 0xFFFFFFFFu}) {
             for (int32_t width = -9; width <= 45; width += 1 + (STRIDE > 1)) {
                 for (int32_t height = -1; height <= 4; height++) {
-                    for (int32_t pitch = 0; pitch <= 13; pitch++) {
+                    for (int32_t pitch = -1; pitch <= 13; pitch++) {
                         DrawRect rect = rect_of(width, height, pitch);
                         rect.depth = depth;
                         rect.bg_color = colour;

@@ -365,8 +365,10 @@ TEST_F(ShowBar, ABarWithoutLinesIsClearedMemory)
         int32_t pitch;
         int32_t height;
     };
-    // The product of the last two is 120, as large as the memory.
-    for (const auto [pitch, height] : {Lines{20, 0}, {0, 6}, {0, 0}, {-20, -6}, {-6, -20}}) {
+    // The product of the two before the last two is 120, as large as the memory; those of the last
+    // two wrap round to 1 and to 61.
+    for (const auto [pitch, height] :
+         {Lines{20, 0}, {0, 6}, {0, 0}, {-20, -6}, {-6, -20}, {-65535, 65537}, {3, -1431655745}}) {
         DrawRect rect = BAR;
         rect.pitch = pitch;
         rect.height = height;
