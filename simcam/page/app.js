@@ -57,14 +57,24 @@ async function send(method, path, body) {
 
 // ---- the ring ----
 
-const turning = {wanted: null, busy: false, until: 0};
+const REPORT_MS = 3000; // a camera that is slow beyond this, or turned by somebody else as well
+const turning = {wanted: null, busy: false, sent: null, until: 0};
+
+// Whether the ring is where the hand put it rather than where the last measurement was made.
+function handCounts(now) {
+  if (ring.held || turning.busy || turning.wanted !== null) return true;
+  const reported = store.latest && turning.sent !== null && Math.abs(store.latest.ring - turning.sent) < 1e-6;
+  if (reported || now >= turning.until) turning.sent = null;
+  return turning.sent !== null;
+}
 
 async function sendRing() {
   if (turning.busy || turning.wanted === null) return;
   turning.busy = true;
   const ring = turning.wanted;
   turning.wanted = null;
-  await send('POST', '/api/ring', {ring});
+  turning.sent = await send('POST', '/api/ring', {ring}) ? ring : null;
+  turning.until = performance.now() + REPORT_MS;
   setTimeout(() => {
     turning.busy = false;
     sendRing();
@@ -73,7 +83,6 @@ async function sendRing() {
 
 const ring = ringMake($('ring'), (value) => {
   turning.wanted = value;
-  turning.until = performance.now() + 400; // until then the hand counts, not the report
   $('ring-value').textContent = value.toFixed(3);
   sendRing();
 });
@@ -332,8 +341,7 @@ let drawnAt = 0;
 function draw(now) {
   requestAnimationFrame(draw);
   ring.draw();
-  const held = ring.held || now < turning.until;
-  if (store.latest && !held) {
+  if (!handCounts(now) && store.latest) {
     ring.show(store.latest.ring);
     $('ring-value').textContent = store.latest.ring.toFixed(3);
   }

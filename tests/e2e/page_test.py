@@ -195,6 +195,32 @@ class Page(unittest.TestCase):
         self.wheel("ring", 100)
         turned_to(0.209)
 
+    def test_the_ring_stays_where_the_hand_put_it_until_it_is_measured_there(self):
+        slow = subprocess.Popen([settings.simcam, "--listen", "127.0.0.1:0", "--ring", "0.2", "--rate", "1"],
+                                stdout=subprocess.PIPE, text=True, cwd=tempfile.gettempdir())
+        self.addCleanup(slow.stdout.close)
+        self.addCleanup(slow.wait, WAIT_S)
+        self.addCleanup(slow.terminate)
+        address = re.search(r"http://\S+/", slow.stdout.readline()).group(0)
+        latest = lambda: json.loads(self.fetch(address + "api/state"))["latest"]
+        shown = lambda: self.find("ring").get_attribute("aria-valuenow")
+        self.browser.get(address)
+        wait_for("a value on the page", lambda: self.text("current").isdigit())
+        self.browser.execute_script("document.getElementById('ring').focus()")
+        number = latest()["number"]
+        wait_for("a measurement just made", lambda: latest()["number"] > number)
+
+        self.keys(Keys.PAGE_UP)
+
+        positions = {shown()}
+        while latest()["ring"] == 0.2:
+            positions.add(shown())
+        self.assertEqual(positions, {"0.250"})
+        wait_for("the new position in numbers", lambda: self.text("ring-value") == "0.250")
+        urllib.request.urlopen(urllib.request.Request(  # another hand
+            address + "api/ring", b'{"ring": 0.7}', headers={"Content-Type": "application/json"})).close()
+        wait_for("its position", lambda: shown() == "0.700")
+
     def test_all_that_is_played_with_is_reached_with_the_tab_key(self):
         wanted = {"toggle-planes", "toggle-peaking", "toggle-loupe", "snapshot", "tone", "ring", "sweep",
                   "sweep-period", "curve-clear", "tab-posts"}
