@@ -1,6 +1,7 @@
 // A camera that does what the input says: reports, outputs, answers, memory and focus values
 // between and during passes of the display thread. Every pass has to be what the model makes of it.
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -74,9 +75,11 @@ static void set_plane(Input *input)
         plane.size = number(input) % MEMORY_MAX;
     if ((what & 16) != 0)
         plane.failed_pitch = number(input);
-    // Without a size of its own the memory has what pitch and height ask for.
-    if (plane.pitch && *plane.pitch > 2000 && !plane.size)
-        plane.size = *plane.pitch % MEMORY_MAX;
+    // Without a size of its own the memory has what pitch and height ask for; the pitch may be that
+    // of a plane which was opened before.
+    const uint32_t pitch = std::max(plane.pitch.value_or(0), plane.opened_pitch);
+    if (pitch > 2000 && !plane.size)
+        plane.size = pitch % MEMORY_MAX;
 }
 
 static int code(Input *input)
