@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <memory>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <thread>
 
 #include "optics.h"
@@ -234,6 +238,82 @@ TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
     EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
+}
+
+// ---- several of them
+
+TEST(OverlayProcess, TwoCamerasEachWithItsOwnDoNotMeet)
+{
+    CameraOptions sharp = overlay_options();
+    sharp.ring = 0.55;
+    const Overlay near_focus(sharp);
+    auto far_off = std::make_unique<Overlay>(overlay_options("1920x1080"));
+    near_focus.wait_redraws(0, 2);
+    far_off->wait_redraws(0, 2);
+
+    EXPECT_NE(near_focus.state().run_directory, far_off->state().run_directory);
+    EXPECT_NE(near_focus.state().process.pid, far_off->state().process.pid);
+    const Readout high = near_focus.readout(0), low = far_off->readout(0);
+    ASSERT_TRUE(high.valid) << high.problem;
+    ASSERT_TRUE(low.valid) << low.problem;
+    EXPECT_GT(high.current, 2 * low.current);
+
+    far_off.reset();
+    near_focus.wait_redraws(0, 2);
+    EXPECT_TRUE(near_focus.readout(0).valid) << near_focus.readout(0).problem;
+}
+
+// The words of a file of /proc/PID, each of which ends with a zero.
+static std::vector<std::string> words_of(int pid, const char *file)
+{
+    std::ifstream stream("/proc/" + std::to_string(pid) + "/" + file);
+    std::vector<std::string> words;
+    for (std::string word; std::getline(stream, word, '\0');)
+        words.push_back(word);
+    return words;
+}
+
+static std::vector<char *> pointers(std::vector<std::string> *words)
+{
+    std::vector<char *> list;
+    for (std::string &word : *words)
+        list.push_back(word.data());
+    list.push_back(nullptr);
+    return list;
+}
+
+TEST(OverlayProcess, ASecondOneOnTheSameCameraClearsTheBarOfTheFirstUntilItEnds)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0, 2);
+    const auto bar_is_empty = [&] {
+        const auto bar = camera_plane(*overlay, 0, 0).bytes;
+        return std::count(bar.begin(), bar.end(), 0) == static_cast<long>(bar.size());
+    };
+    ASSERT_FALSE(bar_is_empty());
+
+    const int first = overlay.state().process.pid;
+    std::vector<std::string> words = words_of(first, "cmdline");
+    std::vector<std::string> environment = words_of(first, "environ");
+    pid_t second = 0;
+    ASSERT_EQ(posix_spawnp(&second, words.at(0).c_str(), nullptr, nullptr, pointers(&words).data(),
+                           pointers(&environment).data()),
+              0);
+
+    overlay.wait("a bar that the second one cleared", bar_is_empty);
+    overlay.wait("a bar that the first one drew", [&] { return !bar_is_empty(); });
+    overlay.wait("a bar that was cleared again", bar_is_empty);
+    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
+    EXPECT_TRUE(overlay.state().process.running);
+    EXPECT_EQ(overlay.output(2), ""); // the first one notices nothing
+    EXPECT_EQ(waitpid(second, nullptr, WNOHANG), 0);
+    kill(second, SIGKILL);
+    EXPECT_EQ(waitpid(second, nullptr, 0), second);
+
+    overlay.wait_redraws(0, 2);
+    const Readout readout = overlay.readout(0);
+    EXPECT_TRUE(readout.valid) << readout.problem;
+    EXPECT_EQ(overlay.state().process.pid, first);
 }
 
 TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)
