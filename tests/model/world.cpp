@@ -78,7 +78,12 @@ const char *name_of(Fn fn)
 static std::map<const void *, int64_t> objects;
 static std::map<const void *, int64_t> blocks; // of the heap
 static std::map<int, int64_t> files;
-static std::map<uint32_t, std::shared_ptr<GuardedMemory>> handed_out; // by osdId
+
+struct HandedOut {
+    const Plane *plane;
+    std::shared_ptr<GuardedMemory> memory;
+};
+static std::map<uint32_t, HandedOut> handed_out; // by osdId; a plane's last one until it is shown
 static int64_t next_object = 1;
 
 static int64_t id_of(const void *object)
@@ -188,7 +193,7 @@ void reset()
         id = 0;
     post_notify_state.started_mask = 0;
     post_notify_state.stopped_mask = 0;
-    handed_out.clear(); // planes that were fetched and, as drawing failed, never shown
+    handed_out.clear();
     clear_record();
 }
 
@@ -370,7 +375,8 @@ int32_t qm7_cl_post_get_osd_mem(uint32_t postResId, int32_t osd_number, uint32_t
             event.memory = std::make_shared<GuardedMemory>(mem->size, plane.guard);
             mem->addr = event.memory->data();
         }
-        handed_out[*osdId] = event.memory;
+        std::erase_if(handed_out, [&](const auto &one) { return one.second.plane == &plane; });
+        handed_out[*osdId] = {&plane, event.memory};
     }
     event.out = {*osdId, mem->size};
     return end_codec_call(record.size() - 1);
@@ -380,8 +386,8 @@ int32_t qm7_cl_post_set_osd(uint32_t postResId, uint32_t osdId, OsdPosition posi
 {
     Event &event = begin(SET_OSD, {postResId, osdId, position.x, position.y});
     const auto found = handed_out.find(osdId);
-    if (found != handed_out.end() && found->second)
-        event.bytes = found->second->bytes();
+    if (found != handed_out.end() && found->second.memory)
+        event.bytes = found->second.memory->bytes();
     handed_out.erase(osdId);
     return end_codec_call(record.size() - 1);
 }
