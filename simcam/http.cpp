@@ -31,7 +31,7 @@ struct Arrival {
     bool seen = false; // the headers were looked at
 };
 
-static void add_headers(MHD_Response *response, const Reply &reply)
+static void add_headers(MHD_Response *response, const HttpReply &reply)
 {
     const std::pair<const char *, const char *> fixed[] = {
         {"Cache-Control", "no-store"},
@@ -51,7 +51,7 @@ static void add_headers(MHD_Response *response, const Reply &reply)
 }
 
 static MHD_Result send_response(MHD_Connection *connection, unsigned status, MHD_Response *response,
-                                const Reply &reply)
+                                const HttpReply &reply)
 {
     if (!response)
         return MHD_NO;
@@ -61,7 +61,7 @@ static MHD_Result send_response(MHD_Connection *connection, unsigned status, MHD
     return result;
 }
 
-static MHD_Result send_reply(MHD_Connection *connection, Reply reply)
+static MHD_Result send_reply(MHD_Connection *connection, HttpReply reply)
 {
     // The library copies the body, since the reply ends here.
     MHD_Response *response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(),
@@ -92,15 +92,15 @@ static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection,
 {
     auto stream = stream_make(server, request, header(connection, "Last-Event-ID"));
     if (server.streams > HTTP_STREAMS_MAX) { // this one counts already
-        Reply reply = reply_error(503, "all " + std::to_string(HTTP_STREAMS_MAX) +
-                                           " streams are taken; close one");
+        HttpReply reply = reply_error(503, "all " + std::to_string(HTTP_STREAMS_MAX) +
+                                               " streams are taken; close one");
         reply.headers.emplace_back("Retry-After", "5");
         return send_reply(connection, std::move(reply));
     }
     const MHD_ConnectionInfo *info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     stream->socket = info ? info->connect_fd : -1;
-    Reply reply;
+    HttpReply reply;
     reply.type = stream->type;
     MHD_Response *response = MHD_create_response_from_callback(
         MHD_SIZE_UNKNOWN, STREAM_BLOCK, on_room, stream.get(), on_stream_end);
@@ -121,9 +121,9 @@ static std::string refuse_stranger(const HttpServer &server, MHD_Connection *con
     return "";
 }
 
-static Reply refuse_method(const RoutedRequest &request)
+static HttpReply refuse_method(const RoutedRequest &request)
 {
-    Reply reply = reply_error(static_cast<unsigned>(request.status), request.error);
+    HttpReply reply = reply_error(static_cast<unsigned>(request.status), request.error);
     if (request.status == 405)
         reply.headers.emplace_back("Allow", request.allow);
     return reply;

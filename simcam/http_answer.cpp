@@ -12,29 +12,29 @@ namespace simcam
 
 // ---- answers ----
 
-static Reply reply_json(std::string body)
+static HttpReply reply_json(std::string body)
 {
-    Reply reply;
+    HttpReply reply;
     reply.body = std::move(body);
     return reply;
 }
 
-Reply reply_error(unsigned status, const std::string &message)
+HttpReply reply_error(unsigned status, const std::string &message)
 {
-    Reply reply = reply_json(json_error(static_cast<int>(status), message));
+    HttpReply reply = reply_json(json_error(static_cast<int>(status), message));
     reply.status = status;
     return reply;
 }
 
 // What a function that may refuse said.
-static Reply reply_outcome(const std::string &refusal)
+static HttpReply reply_outcome(const std::string &refusal)
 {
     return refusal.empty() ? reply_json(json_done()) : reply_error(409, refusal);
 }
 
-static Reply reply_bytes(std::string type, std::string bytes)
+static HttpReply reply_bytes(std::string type, std::string bytes)
 {
-    Reply reply;
+    HttpReply reply;
     reply.type = std::move(type);
     reply.body = std::move(bytes);
     return reply;
@@ -50,13 +50,13 @@ static int number_of(const RoutedRequest &request, const char *name)
     return static_cast<int>(request.number.at(name));
 }
 
-static void offer_download(const RoutedRequest &request, const std::string &name, Reply *reply)
+static void offer_download(const RoutedRequest &request, const std::string &name, HttpReply *reply)
 {
     if (number_of(request, "download"))
         reply->headers.emplace_back("Content-Disposition", "attachment; filename=\"" + name + "\"");
 }
 
-static Reply reply_png(const cv::Mat &picture)
+static HttpReply reply_png(const cv::Mat &picture)
 {
     return reply_bytes("image/png", picture_png(picture));
 }
@@ -87,13 +87,13 @@ PictureRequest reply_picture_request(const RoutedRequest &request)
     return picture;
 }
 
-static Reply get_frame(Camera &camera, const RoutedRequest &request)
+static HttpReply get_frame(Camera &camera, const RoutedRequest &request)
 {
     const PictureRequest picture = reply_picture_request(request);
     const CameraState state = camera_state(camera);
     if (picture.view < POST_COUNT && !state.post[static_cast<size_t>(picture.view)].running)
         return reply_error(409, "post " + std::to_string(picture.view) + " is off");
-    Reply reply = reply_png(picture_view(camera, picture));
+    HttpReply reply = reply_png(picture_view(camera, picture));
     const std::string view = picture.view == VIEW_ALL      ? "all"
                              : picture.view == VIEW_SENSOR ? "sensor"
                                                            : "post" + std::to_string(picture.view);
@@ -102,7 +102,7 @@ static Reply get_frame(Camera &camera, const RoutedRequest &request)
     return reply;
 }
 
-static Reply get_csv(Camera &camera, const RoutedRequest &request)
+static HttpReply get_csv(Camera &camera, const RoutedRequest &request)
 {
     std::string table = "number,time_s,ring,blur_px,raw,value\r\n";
     for (const Measurement &m :
@@ -114,16 +114,16 @@ static Reply get_csv(Camera &camera, const RoutedRequest &request)
                                     m.blur_px, m.raw, m.value);
         table.append(line, static_cast<size_t>(length));
     }
-    Reply reply = reply_bytes("text/csv; charset=utf-8", std::move(table));
+    HttpReply reply = reply_bytes("text/csv; charset=utf-8", std::move(table));
     offer_download(request, "simcam-values.csv", &reply);
     return reply;
 }
 
-static Reply get_output(Camera &camera, const RoutedRequest &request)
+static HttpReply get_output(Camera &camera, const RoutedRequest &request)
 {
     uint64_t last = static_cast<uint64_t>(request.number.at("after"));
     const int stream = number_of(request, "stream");
-    Reply reply = reply_bytes("application/octet-stream", "");
+    HttpReply reply = reply_bytes("application/octet-stream", "");
     for (const OutputChunk &chunk :
          camera_output(camera, last, static_cast<size_t>(request.number.at("limit")))) {
         last = chunk.number;
@@ -134,7 +134,7 @@ static Reply get_output(Camera &camera, const RoutedRequest &request)
     return reply;
 }
 
-static Reply get_plane(Camera &camera, const RoutedRequest &request)
+static HttpReply get_plane(Camera &camera, const RoutedRequest &request)
 {
     const PlaneImage plane =
         camera_plane(camera, number_of(request, "post"), number_of(request, "plane"));
@@ -143,7 +143,7 @@ static Reply get_plane(Camera &camera, const RoutedRequest &request)
     if (plane.bytes.empty())
         return reply_error(404, "nothing is shown on this plane");
     if (request.route->id == RouteId::PLANE_RAW) {
-        Reply reply = reply_bytes("application/octet-stream", as_bytes(plane.bytes));
+        HttpReply reply = reply_bytes("application/octet-stream", as_bytes(plane.bytes));
         reply.headers = {{"X-Width", std::to_string(plane.state.width)},
                          {"X-Height", std::to_string(plane.state.height)},
                          {"X-Pitch", std::to_string(plane.state.pitch)},
@@ -156,7 +156,7 @@ static Reply get_plane(Camera &camera, const RoutedRequest &request)
                                     : picture_plane_colours(plane, camera_palette(camera));
     if (picture.empty())
         return reply_error(404, "this plane has no pixels");
-    Reply reply = reply_png(picture);
+    HttpReply reply = reply_png(picture);
     offer_download(request,
                    "simcam-post" + std::to_string(number_of(request, "post")) + "-plane" +
                        std::to_string(number_of(request, "plane")) + ".png",
@@ -164,7 +164,7 @@ static Reply get_plane(Camera &camera, const RoutedRequest &request)
     return reply;
 }
 
-static Reply start_post(Camera &camera, const RoutedRequest &request)
+static HttpReply start_post(Camera &camera, const RoutedRequest &request)
 {
     const int post = number_of(request, "post");
     const PostState now = camera_state(camera).post[static_cast<size_t>(post)];
@@ -186,7 +186,7 @@ static Reply start_post(Camera &camera, const RoutedRequest &request)
     return reply_outcome(camera_start_post(camera, post, width, height));
 }
 
-static Reply set_fault(Camera &camera, const RoutedRequest &request)
+static HttpReply set_fault(Camera &camera, const RoutedRequest &request)
 {
     Fault fault;
     fault.call = request.text.at("call");
@@ -196,7 +196,7 @@ static Reply set_fault(Camera &camera, const RoutedRequest &request)
     return reply_outcome(camera_set_fault(camera, fault));
 }
 
-static Reply get_page(const RoutedRequest &request)
+static HttpReply get_page(const RoutedRequest &request)
 {
     const PageFile *file = page_find(request.path);
     if (!file)
@@ -204,7 +204,7 @@ static Reply get_page(const RoutedRequest &request)
     return reply_bytes(std::string(file->type), std::string(file->content));
 }
 
-Reply reply_answer(HttpServer &server, const RoutedRequest &request)
+HttpReply reply_answer(HttpServer &server, const RoutedRequest &request)
 {
     Camera &camera = *server.camera;
     switch (request.route->id) {

@@ -30,16 +30,16 @@ struct HttpServer {
 
 // ---- answers (http_answer.cpp) ----
 
-struct Reply {
+struct HttpReply {
     unsigned status = 200;
     std::string type = "application/json";
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
 };
 
-Reply reply_error(unsigned status, const std::string &message);
+HttpReply reply_error(unsigned status, const std::string &message);
 // Answers everything that is not a stream.
-Reply reply_answer(HttpServer &server, const RoutedRequest &request);
+HttpReply reply_answer(HttpServer &server, const RoutedRequest &request);
 // What a route of pictures asks for.
 PictureRequest reply_picture_request(const RoutedRequest &request);
 
