@@ -382,7 +382,8 @@ std::string process_signal(Process &process, int signal)
     return ask(process, [&process, signal]() -> std::string {
         if (!process.child)
             return "the program does not run";
-        return kill(process.child, signal) == 0 ? "" : std::strerror(errno);
+        // Its group: a wrapper would end alone and leave the program behind.
+        return kill(-process.child, signal) == 0 ? "" : std::strerror(errno);
     });
 }
 

@@ -106,6 +106,23 @@ std::vector<uint32_t> raws(const std::vector<Measurement> &measurements)
     return values;
 }
 
+// Starts two processes, one that is deaf to SIGTERM, says their numbers, and waits for both.
+constexpr const char *WRAPPER = "sleep 1000 & a=$!; (trap '' TERM; while :; do sleep 1; done) &"
+                                " echo $a $!; wait";
+
+void expect_ended(const std::string &pids)
+{
+    std::istringstream words(pids);
+    for (int pid = 0; words >> pid;) {
+        // Whoever adopted it may take a while to reap it.
+        EXPECT_TRUE(wait_until([&] {
+            std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+            std::string stat;
+            return !std::getline(file, stat) || stat.find(") Z ") != std::string::npos;
+        })) << pid;
+    }
+}
+
 struct TestDirectory {
     std::filesystem::path path;
     TestDirectory()
@@ -351,21 +368,33 @@ TEST(Camera, StoppingTheCameraEndsWhatAWrapperStarted)
 {
     std::string pids;
     {
-        const TestCamera camera(
-            shell("sleep 1000 & a=$!; (trap '' TERM; while :; do sleep 1; done) &"
-                  " echo $a $!; wait"));
+        const TestCamera camera(shell(WRAPPER));
         ASSERT_TRUE(wait_until([&] { return output(*camera, 1).ends_with('\n'); }));
         pids = output(*camera, 1);
     }
-    std::istringstream words(pids);
-    for (int pid = 0; words >> pid;) {
-        // Whoever adopted it may take a while to reap it.
-        EXPECT_TRUE(wait_until([&] {
-            std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-            std::string stat;
-            return !std::getline(file, stat) || stat.find(") Z ") != std::string::npos;
-        })) << pid;
-    }
+    expect_ended(pids);
+}
+
+TEST(Camera, KillingTheProgramEndsWhatAWrapperStarted)
+{
+    const TestCamera camera(shell(WRAPPER));
+    ASSERT_TRUE(wait_until([&] { return output(*camera, 1).ends_with('\n'); }));
+
+    EXPECT_EQ(camera_process_kill(*camera), "");
+    ASSERT_TRUE(wait_for_end(*camera));
+    expect_ended(output(*camera, 1));
+}
+
+TEST(Camera, AStopReachesWhatAWrapperStarted)
+{
+    const TestCamera camera(
+        shell("trap : TERM; sh -c 'echo $$; exec sleep 1000' & wait; wait; echo both"));
+    ASSERT_TRUE(wait_until([&] { return output(*camera, 1).ends_with('\n'); }));
+    const std::string pid = output(*camera, 1);
+
+    EXPECT_EQ(camera_process_stop(*camera), "");
+    expect_ended(pid);
+    EXPECT_TRUE(wait_until([&] { return output(*camera, 1) == pid + "both\n"; }));
 }
 
 TEST(Camera, EndlessOutputIsBounded)
