@@ -26,6 +26,7 @@ struct Pending {
     Request request;
     uint32_t forced_error = 0;
     Clock::time_point due;
+    bool waits = false; // is due, and for a measurement
 };
 
 struct Client {
@@ -125,7 +126,8 @@ static void try_answer(Board &board, Client &client)
         return;
     if (client.pending->request.header.call == WIRE_FOCUS_READ) {
         const std::lock_guard guard(board.lock);
-        if (!board_reading_ready(board, client.session))
+        client.pending->waits = !board_reading_ready(board, client.session);
+        if (client.pending->waits)
             return;
     }
     answer(board, client);
@@ -192,10 +194,11 @@ static int poll_timeout(const Server &server)
     const Clock::time_point now = Clock::now();
     int64_t timeout = -1;
     for (const auto &client : server.clients) {
-        if (!client->pending || client->pending->due <= now)
-            continue; // due ones wait for a measurement, which wakes the thread
-        const auto left = std::chrono::ceil<milliseconds>(client->pending->due - now).count();
-        timeout = timeout < 0 ? left : std::min(timeout, left);
+        if (!client->pending || client->pending->waits)
+            continue; // a measurement wakes the thread
+        const int64_t left = std::chrono::ceil<milliseconds>(client->pending->due - now).count();
+        const int64_t wait = std::max<int64_t>(left, 0); // became due since it was looked at
+        timeout = timeout < 0 ? wait : std::min(timeout, wait);
     }
     return static_cast<int>(timeout);
 }

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 #include "server.h"
@@ -176,6 +177,28 @@ TEST_F(ServerTest, ASlowCallDelaysItsOwnClientOnly)
     WireReply reply;
     EXPECT_TRUE(receive(slow, &reply));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    close(slow);
+    close(quick);
+}
+
+TEST_F(ServerTest, ASlowCallThatIsDueWhileAnotherIsServedWaitsNoLonger)
+{
+    const int slow = connect_client();
+    const int quick = connect_client();
+    constexpr std::chrono::milliseconds delay(300);
+    EXPECT_EQ(board_set_fault(board, {"qm7_cl_sys_open_device", 0, 1, delay.count(), 0}), "");
+    ASSERT_TRUE(send_call(slow, WIRE_SYS_OPEN_DEVICE, 1));
+    ASSERT_TRUE(answers(quick)); // the slow one was looked at before
+    {
+        const std::lock_guard guard(board.lock);
+        ASSERT_TRUE(send_call(quick, WIRE_LIBRARY_EXIT, 2)); // is held up until the other is due
+        std::this_thread::sleep_for(delay + std::chrono::milliseconds(50));
+    }
+
+    WireReply reply;
+    EXPECT_TRUE(receive(quick, &reply));
+    EXPECT_TRUE(receive(slow, &reply)); // no measurement ever comes here
+    EXPECT_EQ(reply.number, 1u);
     close(slow);
     close(quick);
 }
