@@ -1,0 +1,75 @@
+"""How a mutation run is judged: which survivors are explained, and what the lists have wrong."""
+import importlib.machinery
+import importlib.util
+import sys
+import unittest
+from types import SimpleNamespace
+
+mutate = None
+
+
+def mutant(identity):
+    return SimpleNamespace(identity=identity, path="src/a.cpp", line=3)
+
+
+def results(**outcomes):
+    return [(mutant(identity), outcome, "") for identity, outcome in outcomes.items()]
+
+
+KILLED = {"k%d" % i: "killed" for i in range(19)}
+
+
+class Verdict(unittest.TestCase):
+    def verdict(self, outcomes, strict, survivors=(), wrong=(), threshold=95.0):
+        return mutate.exit_status(results(**outcomes), dict.fromkeys(survivors, "why"), list(wrong),
+                                  strict, threshold)
+
+    def test_a_listed_survivor_is_explained(self):
+        outcomes = {**KILLED, "alive": "survived"}
+        self.assertEqual(self.verdict(outcomes, True, ["alive"]), 0)
+        self.assertEqual(self.verdict(outcomes, True, ["other"]), 1)
+        self.assertEqual(self.verdict(outcomes, False), 0)
+
+    def test_a_listed_survivor_counts_as_one(self):
+        outcomes = {**KILLED, "a": "survived", "b": "survived"}  # 19 of 21
+        for strict in (False, True):
+            self.assertEqual(self.verdict(outcomes, strict, ["a", "b"]), 1)
+            self.assertEqual(self.verdict(outcomes, strict, ["a", "b"], threshold=90.0), 0)
+
+    def test_equivalent_and_invalid_ones_do_not_count(self):
+        self.assertEqual(self.verdict({**KILLED, "e": "equivalent", "i": "invalid"}, True,
+                                      threshold=100.0), 0)
+
+    def test_nothing_judged_is_no_success(self):
+        self.assertEqual(self.verdict({"i": "invalid"}, False), 1)
+
+    def test_wrong_lists_fail_a_strict_run(self):
+        self.assertEqual(self.verdict(KILLED, True, wrong=["listed but no mutant"]), 1)
+        self.assertEqual(self.verdict(KILLED, False, wrong=["listed but no mutant"]), 0)
+
+
+class Lists(unittest.TestCase):
+    def test_what_is_listed_is_there_once_with_a_reason(self):
+        there = [mutant(i) for i in ("a", "b", "c")]
+        self.assertEqual(mutate.wrong_entries({"a": "why"}, {"b": "why"}, there), [])
+        self.assertEqual(mutate.wrong_entries({"x": "why"}, {"y": "why"}, there),
+                         ["listed but no mutant: x", "listed but no mutant: y"])
+        self.assertEqual(mutate.wrong_entries({"a": ""}, {}, there), ["listed without a reason: a"])
+        self.assertEqual(mutate.wrong_entries({"a": "why"}, {"a": "why"}, there), ["in both lists: a"])
+
+    def test_what_turned_out_otherwise_is_outdated(self):
+        equivalent, survivors = {"e": "why"}, {"s": "why"}
+        outdated = lambda **outcomes: mutate.outdated_entries(equivalent, survivors, results(**outcomes))
+        self.assertEqual(outdated(e="equivalent", s="survived", other="killed"), [])
+        self.assertEqual(outdated(e="killed"), ["listed as equivalent but killed: e src/a.cpp:3"])
+        self.assertEqual(outdated(s="killed"), ["listed as a survivor but killed: s src/a.cpp:3"])
+        self.assertEqual(outdated(s="equivalent"),
+                         ["listed as a survivor but equivalent: s src/a.cpp:3"])
+
+
+if __name__ == "__main__":
+    sys.dont_write_bytecode = True  # nothing beside the script
+    loader = importlib.machinery.SourceFileLoader("mutate", sys.argv.pop(1))
+    mutate = importlib.util.module_from_spec(importlib.util.spec_from_loader("mutate", loader))
+    loader.exec_module(mutate)
+    unittest.main()
