@@ -38,6 +38,12 @@ case $claim in
         DESTDIR=$box/systemd cmake --install "$build" --component systemd >"$box/log"
         same "$(files "$box/systemd")" ./usr/lib/systemd/system/focus-assist.service
         ;;
+    unit_folder)
+        cmake -S "$source" -B "$box/build" -G Ninja -D FOCUS_BUILD_SIMCAM=OFF -D FOCUS_BUILD_TESTS=OFF \
+            -D FOCUS_SYSTEMD_UNIT_DIR=/lib/systemd/system >"$box/log" 2>&1 || fail "$(cat "$box/log")"
+        DESTDIR=$box/systemd cmake --install "$box/build" --component systemd >"$box/log"
+        same "$(files "$box/systemd")" ./lib/systemd/system/focus-assist.service
+        ;;
     prefix)
         cmake --install "$build" --prefix "$box/elsewhere" >"$box/log"
         same "$(files "$box/elsewhere" | sed 's,^\./,./usr/local/,')" "$camera_files"
@@ -85,7 +91,8 @@ $camera_files"
         # What Buildroot gives to a package file, as far as this one uses it.
         cat >"$box/Makefile" <<'END'
 qstrip = $(strip $(subst ",,$(1)))
-HOSTCXX = host-c++
+HOSTCXX_NOCCACHE = host-c++
+HOSTCXX = /host/bin/ccache $(HOSTCXX_NOCCACHE)
 BR2_PACKAGE_FOCUS_ASSIST_CODEC_LIBRARY = "/stage/libqm7codec.so.2.0"
 BR2_PACKAGE_FOCUS_ASSIST_FONT = "/fonts/DejaVuSansMono.ttf"
 cmake-package = $(info is a cmake-package)
@@ -102,6 +109,7 @@ END
         grep -qx "$(realpath "$source")" "$box/said" || fail "site: $(cat "$box/said")"
         grep -q -- "-DFOCUS_CODEC_LIBRARY=/stage/libqm7codec.so.2.0 " "$box/said" ||
             fail "options: $(cat "$box/said")"
+        grep -q -- "-DFOCUS_HOST_CXX=host-c++ " "$box/said" || fail "options: $(cat "$box/said")"
         ;;
     openembedded)
         layer=$source/packaging/openembedded
@@ -113,8 +121,25 @@ END
             grep -rqw "$option" "$source/CMakeLists.txt" "$source/packaging/CMakeLists.txt" \
                 "$source/tools/focus_palette/CMakeLists.txt" || fail "no option $option"
         done
-        for folder in /usr/local/bin /usr/local/morvel /usr/lib/systemd/system; do
-            grep -q "^FILES:.*$folder" "$recipe" || fail "$folder is in no package"
+        # shellcheck disable=SC2016 # the recipe's own variable
+        for folder in /usr/local/bin /usr/local/morvel '${systemd_system_unitdir}'; do
+            grep "^FILES:" "$recipe" | grep -qF "$folder" || fail "$folder is in no package"
+        done
+        # shellcheck disable=SC2016
+        grep -qF -- '-DFOCUS_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} ' "$recipe" ||
+            fail "the unit goes elsewhere than the recipe packages"
+        # One word, whatever the build has around its compiler.
+        sed -n 's/.*-DFOCUS_HOST_CXX=${@\(.*\)} .*/\1/p' "$recipe" >"$box/host.py"
+        for compiler in "g++" "ccache g++ " "/host/ccache g++ -m64"; do
+            same "$(python3 - "$compiler" "$box/host.py" <<'END'
+import sys
+class Data:
+    def getVar(self, name):
+        return {'BUILD_CXX': sys.argv[1]}[name]
+with open(sys.argv[2]) as expression:
+    print(eval(expression.read(), {'d': Data()}))
+END
+            )" g++
         done
         sed -n '/^def focus_assist_version/,/^$/p' "$recipe" >"$box/version.py"
         cat >>"$box/version.py" <<'END'

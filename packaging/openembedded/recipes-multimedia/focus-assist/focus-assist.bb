@@ -28,13 +28,15 @@ FOCUS_CGI_LIBRARY ?= ""
 FOCUS_FONT ?= ""
 FOCUS_FONT_LICENSE ?= ""
 
-# /usr/local holds the fixed paths of the program; the executable goes beside them.
+# /usr/local holds the fixed paths of the program; the executable goes beside them. The building
+# machine's compiler is one word: ccache may stand before it, options behind it.
 EXTRA_OECMAKE = " \
     -DCMAKE_INSTALL_PREFIX:PATH=/usr/local \
     -DCMAKE_INSTALL_BINDIR:PATH=bin \
     -DFOCUS_BUILD_SIMCAM=OFF \
     -DFOCUS_BUILD_TESTS=OFF \
-    -DFOCUS_HOST_CXX=${BUILD_CXX} \
+    -DFOCUS_HOST_CXX=${@next(word for word in d.getVar('BUILD_CXX').split() if not word.endswith('ccache'))} \
+    -DFOCUS_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
     -DFOCUS_CODEC_LIBRARY=${FOCUS_CODEC_LIBRARY} \
     -DFOCUS_CGI_LIBRARY=${FOCUS_CGI_LIBRARY} \
     -DFOCUS_FONT=${FOCUS_FONT} \
@@ -54,6 +56,6 @@ SYSTEMD_SERVICE:${PN} = "focus-assist.service"
 INITSCRIPT_NAME = "focus_assist"
 INITSCRIPT_PARAMS = "defaults 80"
 
-FILES:${PN} += "/usr/local/bin /usr/local/morvel /usr/lib/systemd/system"
+FILES:${PN} += "/usr/local/bin /usr/local/morvel ${systemd_system_unitdir}"
 # The codec library is the camera maker's, without a package that says so.
 INSANE_SKIP:${PN} += "file-rdeps"
