@@ -24,7 +24,8 @@ case $claim in
         ;;
     camera_files)
         for line in "DeviceAllow=/dev/cam rw" "DevicePolicy=closed" "ReadWritePaths=/run" \
-            "ProtectSystem=strict" "Restart=always" "ExecStart=/usr/local/bin/focus_assist"; do
+            "ProtectSystem=strict" "Restart=always" "RestartSec=2" "StartLimitIntervalSec=0" \
+            "ExecStart=/usr/local/bin/focus_assist"; do
             grep -qx "$line" "$unit" || fail "no line '$line'"
         done
         ! grep -Eq '^(PrivateDevices=(yes|true|1)|InaccessiblePaths=)' "$unit" || fail "hides /dev/cam"
