@@ -10,6 +10,8 @@ command -v "${prefix}g++" >/dev/null || { echo "skipped: ${prefix}g++ is not ins
 box=$(mktemp -d)
 trap 'rm -rf "$box"' EXIT
 fail() { echo "$architecture: $*" >&2; exit 1; }
+flags=
+[ "$architecture" != armel ] || flags="-march=armv7-a -mfloat-abi=softfp -mfpu=vfpv3"
 
 # Every function that the product asks a codec library for.
 sed -n 's/^int32_t \(qm7_cl_[a-z_]*\)(.*/extern "C" int \1(void) { return -1; }/p' \
@@ -24,7 +26,7 @@ done
 {
     cmake -S "$source" -B "$box/build" -G Ninja --toolchain "$source/cmake/maker.cmake" \
         -D CMAKE_BUILD_TYPE=MinSizeRel -D FOCUS_WERROR=ON \
-        -D FOCUS_CROSS_PREFIX="$prefix" -D FOCUS_SYSROOT="$sysroot" \
+        -D FOCUS_CROSS_PREFIX="$prefix" -D FOCUS_SYSROOT="$sysroot" -D FOCUS_TARGET_FLAGS="$flags" \
         -D FOCUS_CODEC_LIBRARY="$box/libqm7codec.so.2.0" -D FOCUS_CGI_LIBRARY="$box/libcgi.so"
     cmake --build "$box/build"
     DESTDIR="$box/stage" cmake --install "$box/build"
@@ -38,6 +40,10 @@ done
 ! grep -Eq '\((RPATH|RUNPATH)\)' "$box/elf" || fail "has a run path: $(cat "$box/elf")"
 case $architecture in
     armhf) grep -q 'hard-float ABI' "$box/elf" || fail "is not hard-float: $(cat "$box/elf")" ;;
-    armel) grep -q 'soft-float ABI' "$box/elf" || fail "is not soft-float: $(cat "$box/elf")" ;;
+    armel)
+        grep -q 'soft-float ABI' "$box/elf" || fail "is not soft-float: $(cat "$box/elf")"
+        "${prefix}readelf" -A "$program" >"$box/attributes" # the flags make it a later processor's
+        grep -qx ' *Tag_CPU_arch: v7' "$box/attributes" || fail "is not of the flags: $(cat "$box/attributes")"
+        ;;
 esac
 [ -f "$box/stage/usr/local/morvel/app/conf/data/osd/osd_def_color.plt" ] || fail "no colour table"
