@@ -1,4 +1,4 @@
-// What the display thread must do in a given world, step by step as it is described: the model
+// What the display thread must do in a given world, step by step: the model
 // reads the record of what was called and answered (world.h) and works out which calls had to come,
 // with which arguments, what had to be printed and which bytes had to be in every piece of memory.
 // It shares nothing with the program but the layout of records.

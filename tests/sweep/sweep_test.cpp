@@ -2,7 +2,7 @@
 // for one time and from then on, until the operation runs through without meeting the fault. What
 // the program then did is compared with the model: calls and undoing calls, results, messages,
 // every byte of memory, and nothing is left behind. How many faults there were to try is counted a
-// second way, from the description.
+// second way, from the steps as they are listed below.
 
 #include <cerrno>
 #include <cstdio>
@@ -427,7 +427,7 @@ TEST(Sweep, StartUpFailsAtEveryCall)
           sum({session_counts(), font_counts()}), 4 * CRASHES_OF_AN_ENGINE);
 }
 
-// What is left of a fault when it has gone, by the description of each step.
+// What each step leaves of a fault that has gone.
 void recovers(SweptScene &scene, uint32_t post, Fn fn, int code)
 {
     scene.check_pass();
