@@ -222,6 +222,8 @@ static std::string prepare(Camera &camera)
         return error;
     camera.server =
         server_start(camera.board, camera.run_directory.path + "/" SIMCAM_SOCKET_NAME, &error);
+    if (camera.server) // the directory is no other camera's
+        run_directory_link(camera.platform, &camera.run_directory, &error);
     return error;
 }
 
@@ -236,8 +238,8 @@ std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *
     }
 
     camera->process = process_make({options.program, camera->run_directory.path,
-                                    camera->platform + "/libqm7codec.so.2.0",
-                                    camera->platform + "/libsimcam_preload.so"});
+                                    camera->run_directory.platform + "/libqm7codec.so.2.0",
+                                    camera->run_directory.platform + "/libsimcam_preload.so"});
     camera->sensor = std::thread([camera = camera.get()] { run_sensor(*camera); });
     if (!options.program.empty()) {
         *error = process_start(*camera->process);
@@ -256,6 +258,7 @@ void camera_stop(Camera &camera)
     camera.ending = true;
     if (camera.sensor.joinable())
         camera.sensor.join();
+    run_directory_unlink(&camera.run_directory); // before another camera can take the directory
     if (camera.server)
         server_stop(*camera.server);
     run_directory_remove(camera.run_directory);

@@ -92,6 +92,19 @@ static void remove_left_behind(const fs::path &where)
     }
 }
 
+// Where the loader splits its lists, and the emulator the variables that it sets.
+static const char SEPARATORS[] = " :;,";
+
+static bool check_path(const std::string &path, std::string *error)
+{
+    if (path.find_first_of(SEPARATORS) == std::string::npos)
+        return true;
+    *error =
+        "run directory \"" + path +
+        "\": its path holds a space, ':', ';' or ',', where the program's loader would split it";
+    return false;
+}
+
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error)
 {
     try {
@@ -99,17 +112,22 @@ bool run_directory_make(const std::string &path, RunDirectory *directory, std::s
             const fs::path where = fs::temp_directory_path();
             remove_left_behind(where);
             std::string name = (where / (std::string(MADE_NAME) + "XXXXXX")).string();
+            if (!check_path(name, error))
+                return false;
             if (!mkdtemp(name.data())) {
                 *error = name + ": no run directory can be made there";
                 return false;
             }
-            *directory = {name, true, lock_directory(name)};
+            *directory = {name, true, lock_directory(name), {}};
             if (directory->lock >= 0) // unheld, another camera would take it for left behind
                 std::ofstream(fs::path(name) / MARK_NAME).flush();
         } else {
+            const std::string name = fs::absolute(path).lexically_normal().string();
+            if (!check_path(name, error))
+                return false;
             fs::create_directories(path);
             fs::remove(fs::path(path) / MARK_NAME); // of one left behind: somebody's from now on
-            *directory = {fs::absolute(path).lexically_normal().string(), false, -1};
+            *directory = {name, false, -1, {}};
         }
         fill(directory->path);
         return true;
@@ -128,6 +146,29 @@ void run_directory_remove(const RunDirectory &directory)
         fs::remove_all(directory.path, ignored);
     if (directory.lock >= 0)
         close(directory.lock);
+}
+
+bool run_directory_link(const std::string &platform, RunDirectory *directory, std::string *error)
+{
+    const fs::path place = fs::path(directory->path) / "platform";
+    std::error_code failure;
+    if (fs::is_symlink(fs::symlink_status(place, failure)))
+        fs::remove(place, failure);
+    fs::create_directory_symlink(platform, place, failure);
+    if (failure) {
+        *error = place.string() + ": " + failure.message() +
+                 "; the program finds the camera's libraries by that name";
+        return false;
+    }
+    directory->platform = place.string();
+    return true;
+}
+
+void run_directory_unlink(RunDirectory *directory)
+{
+    if (!directory->platform.empty())
+        unlink(directory->platform.c_str());
+    directory->platform.clear();
 }
 
 } // namespace simcam

@@ -16,6 +16,7 @@
 
 #include "camera.h"
 #include "optics.h"
+#include "run_directory.h"
 
 using namespace simcam;
 
@@ -497,6 +498,80 @@ TEST(Camera, ANamedRunDirectoryStaysWithTheFilesThatWereInIt)
     EXPECT_EQ(std::filesystem::file_size(palette), 4u);
     EXPECT_FALSE(std::filesystem::exists(directory.path / "socket"));
     EXPECT_TRUE(TestCamera(options).camera);
+}
+
+TEST(Camera, APlatformFolderOfAnyNameReachesTheProgram)
+{
+    const TestDirectory directory;
+    for (const char *name : {"plain", "with a space", "a:b", "a;b", "a,b"}) {
+        CameraOptions options =
+            shell("exec 3</dev/cam && ls ${LD_LIBRARY_PATH%%:*}/libqm7codec.so.2.0 && echo opened");
+        options.platform_directory = directory.path / name;
+        std::filesystem::create_directory_symlink(platform_directory_find(""),
+                                                  directory.path / name);
+
+        const TestCamera camera(options);
+        ASSERT_TRUE(camera.camera) << camera.error;
+        ASSERT_TRUE(wait_for_end(*camera)) << name;
+        EXPECT_TRUE(output(*camera, 1).ends_with("/libqm7codec.so.2.0\nopened\n")) << name;
+        EXPECT_EQ(output(*camera, 2), "") << name;
+        const std::vector<CallRecord> calls = camera_calls(*camera, 0, 10);
+        ASSERT_EQ(calls.size(), 1u) << name;
+        EXPECT_EQ(calls[0].call, "open") << name;
+    }
+}
+
+TEST(Camera, ARunDirectoryThatTheLoaderCannotNameIsRefused)
+{
+    const TestDirectory directory;
+    for (const char *name : {"with a space", "a:b", "a;b", "a,b"}) {
+        CameraOptions options = chart();
+        options.run_directory = directory.path / name;
+        const TestCamera camera(options);
+        EXPECT_FALSE(camera.camera) << name;
+        EXPECT_NE(camera.error.find("its path holds a space, ':', ';' or ','"), std::string::npos)
+            << camera.error;
+        EXPECT_NE(camera.error.find(name), std::string::npos) << camera.error;
+        EXPECT_FALSE(std::filesystem::exists(options.run_directory)) << name;
+    }
+
+    const std::filesystem::path fresh_ones = directory.path / "fresh ones";
+    std::filesystem::create_directory(fresh_ones);
+    const char *const before = getenv("TMPDIR");
+    const std::string restored = before ? before : "";
+    setenv("TMPDIR", fresh_ones.c_str(), 1);
+    EXPECT_NE(TestCamera(chart()).error.find("its path holds a space"), std::string::npos);
+    if (before)
+        setenv("TMPDIR", restored.c_str(), 1);
+    else
+        unsetenv("TMPDIR");
+    EXPECT_TRUE(std::filesystem::is_empty(fresh_ones));
+}
+
+TEST(Camera, WhatIsCalledPlatformInANamedRunDirectoryIsKept)
+{
+    const TestDirectory directory;
+    const auto place = directory.path / "platform";
+    CameraOptions options = chart();
+    options.run_directory = directory.path;
+    std::filesystem::create_directory(place);
+    {
+        const TestCamera camera(options);
+        EXPECT_FALSE(camera.camera);
+        EXPECT_NE(camera.error.find(place.string() + ": "), std::string::npos) << camera.error;
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::symlink_status(place)));
+
+    std::filesystem::remove(place);
+    std::filesystem::create_directory_symlink("/nowhere", place); // a killed one's
+    {
+        const TestCamera camera(options);
+        EXPECT_TRUE(camera.camera) << camera.error;
+        EXPECT_TRUE(std::filesystem::exists(place / "libsimcam_preload.so"));
+        EXPECT_FALSE(TestCamera(options).camera); // the directory is in use
+        EXPECT_TRUE(std::filesystem::exists(place / "libsimcam_preload.so"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(place)));
 }
 
 TEST(Camera, SeveralRunSideBySide)
