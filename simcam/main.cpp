@@ -1,5 +1,6 @@
 // The simulated camera's command line.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -42,7 +43,7 @@ struct HelpFormatter : CLI::Formatter {
 struct Options {
     CameraOptions camera;
     std::vector<std::string> posts;
-    std::string listen = "127.0.0.1:8080";
+    std::string listen = HTTP_LISTEN_DEFAULT;
     std::string snapshot;
 };
 
@@ -56,10 +57,10 @@ struct Options {
 static void parse_posts(Options *options)
 {
     auto &sizes = options->camera.post_size;
-    if (options->posts.empty()) {
+    const bool only_off = std::all_of(options->posts.begin(), options->posts.end(),
+                                      [](const auto &post) { return post.ends_with("=off"); });
+    if (only_off) // all run but these
         sizes = {"1280x720", "1920x1080", "720x480", "352x240"};
-        return;
-    }
     for (const std::string &post : options->posts) {
         if (post.size() < 3 || post[0] < '0' || post[0] > '3' || post[1] != '=')
             refuse("--post " + post + ": give a post 0 to 3 and its size, such as 0=1280x720");
@@ -87,7 +88,8 @@ static void parse(int argc, char **argv, Options *options)
         ->capture_default_str();
     app.add_option("--post", options->posts,
                    "output N (0 to 3) runs at that size; N=off: it does not.\n"
-                   "May be repeated. Without it all four run:\n"
+                   "May be repeated; then only the named ones run, or with\n"
+                   "nothing but N=off all others. Without it all four run:\n"
                    "0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
         ->type_name("N=WIDTHxHEIGHT")
         ->allow_extra_args(false);

@@ -62,6 +62,14 @@ class Options(unittest.TestCase):
         seconds = state["latest"]["number"] / 60  # the way up takes half a period
         self.assertAlmostEqual(state["latest"]["ring"], 0.25 + seconds / 1800, 6)
 
+    def test_posts_that_are_only_taken_away_leave_the_others(self):
+        with Simcam("--scene", "chart", "--post", "1=off", "--post", "3=off") as camera:
+            self.assertEqual(posts_of(camera.get("api/state")), [(1280, 720), None, (720, 480), None])
+
+    def test_one_post_is_the_only_one(self):
+        with Simcam("--scene", "chart", "--post", "2=off", "--post", "0=1280x720") as camera:
+            self.assertEqual(posts_of(camera.get("api/state")), [(1280, 720), None, None, None])
+
     def test_the_ring_stands_where_it_is_put(self):
         with Simcam("--scene", "chart", "--ring", "0.75") as camera:
             self.assertEqual(camera.get("api/state")["ring"], 0.75)
