@@ -5,8 +5,10 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -73,6 +75,17 @@ TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
         EXPECT_EQ(outcome.text.find(std::string(" ") + jargon), std::string::npos) << jargon;
 }
 
+// How much neighbouring dots differ, squared: what the lens's blur takes away.
+static double steps(const std::filesystem::path &file)
+{
+    cv::Mat picture;
+    cv::imread(file, cv::IMREAD_GRAYSCALE).convertTo(picture, CV_64F);
+    if (picture.cols < 2)
+        return 0;
+    const cv::Mat step = picture.colRange(1, picture.cols) - picture.colRange(0, picture.cols - 1);
+    return cv::mean(step.mul(step))[0];
+}
+
 TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
 {
     std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
@@ -82,16 +95,26 @@ TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
                                    (directory / "new").string());
 
     EXPECT_EQ(outcome.status, 0) << outcome.text;
-    size_t post0 = 0, post2 = 0;
+    std::map<std::string, double> post0, post2; // sharpness by name, in the order of the stops
     for (const auto &file : std::filesystem::directory_iterator(directory / "new")) {
         const std::string base = file.path().filename().string();
         EXPECT_EQ(file.path().extension(), ".png");
         EXPECT_NE(outcome.text.find(base), std::string::npos);
-        post0 += base.starts_with("post0-") ? 1u : 0u;
-        post2 += base.starts_with("post2-") ? 1u : 0u;
+        ASSERT_TRUE(base.starts_with("post0-") || base.starts_with("post2-")) << base;
+        (base.starts_with("post0-") ? post0 : post2)[base] = steps(file.path());
     }
-    EXPECT_EQ(post0, 5u);
-    EXPECT_EQ(post2, 5u);
+    for (const auto &post : {post0, post2}) {
+        std::vector<double> sharpness;
+        for (const auto &[base, value] : post)
+            sharpness.push_back(value);
+        ASSERT_EQ(sharpness.size(), 5u);
+        EXPECT_LT(1.2 * sharpness[0], sharpness[1]);
+        EXPECT_LT(1.2 * sharpness[1], sharpness[2]);
+        EXPECT_GT(sharpness[2], 1.2 * sharpness[3]);
+        EXPECT_GT(sharpness[3], 1.2 * sharpness[4]);
+        for (double v : sharpness)
+            printf("%f\n", v);
+    }
     std::filesystem::remove_all(directory);
 }
 
