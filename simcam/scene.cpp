@@ -189,8 +189,11 @@ std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
 const cv::Mat &scene_picture(Scene &scene, double time_s, bool *changed)
 {
 #if SIMCAM_VIDEO
-    if (scene.capture.isOpened())
-        play(scene, time_s);
+    try {
+        if (scene.capture.isOpened())
+            play(scene, time_s);
+    } catch (const cv::Exception &) { // nobody on the sensor's thread would take it
+    }
 #else
     (void)time_s;
 #endif
