@@ -1,5 +1,6 @@
 // The colour format of the simulated camera's OSD: what the four bytes of a palette entry mean.
-// Everything that turns a palette entry into a colour goes through here.
+// Pictures get their colours here. focus-palette has the same formula of its own: it is built for
+// the building machine, from its own folder only.
 #pragma once
 
 #include <algorithm>

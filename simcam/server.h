@@ -15,6 +15,7 @@ constexpr size_t CLIENT_COUNT_MAX = 64;
 struct Server;
 
 // Listens at path and serves board from a thread of its own. Null with *error filled on failure.
+// What it returns must see server_stop before its last owner lets go of it, and board outlives it.
 std::shared_ptr<Server> server_start(Board &board, const std::string &path, std::string *error);
 // Closes every connection, ends the thread, removes the socket.
 void server_stop(Server &server);

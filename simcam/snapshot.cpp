@@ -20,7 +20,8 @@ using Clock = std::chrono::steady_clock;
 // Offsets from best focus: towards it, on it, past it.
 static const double STOPS[] = {-0.20, -0.08, 0.0, 0.08, 0.20};
 
-// Shows so far of all running posts' planes; the smallest number says how far the readout is.
+// Whether the bar and the text (planes 0 and 1) of every running post have been shown that many
+// times since before.
 static bool redrawn_since(const CameraState &before, const CameraState &now, uint64_t times)
 {
     for (size_t post = 0; post < POST_COUNT; post++) {
