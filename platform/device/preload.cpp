@@ -45,12 +45,14 @@ constexpr useconds_t LOST_CAMERA_PAUSE_US = 33333;
 constexpr int DEVICE_COUNT = 16;
 
 struct Device {
-    int fd; // the connection, as the program sees it; 0 while unused
-    bool dead;
+    int fd;               // the connection, as the program sees it; 0 while unused
+    bool dead;            // guarded by lock
     pthread_mutex_t lock; // held during a request
 };
 
-static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER; // guards fd and dead of all devices
+// Guards fd of all devices. A request reads that of its device without it: closing a device while
+// a request on it runs is a mistake of the program. Never held while a device's lock is taken.
+static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
 static Device devices[DEVICE_COUNT];
 static bool table_used; // false spares processes without a device the lock
 
@@ -89,7 +91,6 @@ static int device_open()
         device = device_find_locked(0);
         if (device) {
             device->fd = fd;
-            device->dead = false;
             __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
         } else {
             error = EMFILE;
@@ -101,6 +102,9 @@ static int device_open()
         errno = (int)error;
         return -1;
     }
+    pthread_mutex_lock(&device->lock);
+    device->dead = false; // as the place's last device may have left it
+    pthread_mutex_unlock(&device->lock);
     return fd;
 }
 
