@@ -77,6 +77,16 @@ static int32_t call_locked(uint32_t call, const void *request, void *reply)
     return result;
 }
 
+// Closes the descriptor that came with an answer, if one did; the result's code stays in errno.
+static void close_received(int fd)
+{
+    if (fd < 0)
+        return;
+    const int code = errno;
+    close(fd);
+    errno = code;
+}
+
 // ---- lent memory
 
 static void unmap(Mapping *mapping)
@@ -270,8 +280,7 @@ int32_t qm7_cl_post_get_osd_color_mem(OsdMem *mem)
         result = fail(CODEC_NO_MEMORY);
     if (result == 0)
         *mem = lent(&library.colour);
-    if (fd >= 0)
-        close(fd);
+    close_received(fd);
     pthread_mutex_unlock(&lock);
     return result;
 }
@@ -357,11 +366,7 @@ int32_t qm7_cl_post_get_osd_mem(uint32_t post_res_id, int32_t number, uint32_t *
             result = fail(CODEC_NO_MEMORY);
         }
     }
-    if (fd >= 0) {
-        const int code = errno;
-        close(fd);
-        errno = code;
-    }
+    close_received(fd);
     pthread_mutex_unlock(&lock);
     return result;
 }
