@@ -7,6 +7,8 @@
 #include <cstring>
 #include <sys/socket.h>
 
+#include "osd_color.h"
+
 namespace simcam
 {
 
@@ -22,8 +24,9 @@ bool board_init(Board &board, uint64_t seed, uint32_t pitch_align)
 {
     board.seed = seed;
     board.pitch_align = pitch_align;
-    board.palette.assign(COLOUR_COUNT * 4, 0);
-    return shared_memory_make(COLOUR_COUNT * 4, seed, &board.colour);
+    constexpr uint32_t size = PALETTE_ENTRIES * PALETTE_ENTRY_BYTES;
+    board.palette.assign(size, 0);
+    return shared_memory_make(size, seed, &board.colour);
 }
 
 double board_time(const Board &board)

@@ -22,7 +22,6 @@ namespace simcam
 {
 
 constexpr size_t RECORDS_KEPT = 4096;
-constexpr uint32_t COLOUR_COUNT = 256;
 constexpr uint32_t DELAY_MAX_MS = 10000; // less than a client waits for an answer
 constexpr uint32_t POST_SIZE_MIN = 16, POST_SIZE_MAX = 4096;
 
