@@ -1,8 +1,9 @@
 // The display thread and the measurement loop without a camera, for counting what they cost:
 //
 //   measure_target pass CURRENT PEAK WIDTHxHEIGHT...   one pass over posts of these sizes between
-//                                                      the marks measure_begin and measure_end
-//   measure_target memory                              heap, allocations and stack, as text
+//                                                      the marks measure_begin and measure_end;
+//                                                      its allocations as a number on stderr
+//   measure_target memory                              heap and stack, as a table
 //
 // Linked statically, so that every instruction belongs to a name.
 
@@ -85,9 +86,11 @@ static int measure_pass(int count, char **words)
         start_post((uint32_t)i - 2, width, height);
     }
     display_pass(&state, &display); // opens the planes
+    const unsigned before = allocations;
     measure_begin();
     display_pass(&state, &display);
     measure_end();
+    fprintf(stderr, "%u\n", allocations - before);
     return 0;
 }
 
@@ -129,7 +132,6 @@ static void *empty_body(void *)
 static jmp_buf loop_left;
 static unsigned waits;
 static size_t heap_after_start, heap_after_passes;
-static unsigned allocations_without_peak, allocations_with_peak;
 
 extern "C" {
 
@@ -137,7 +139,6 @@ int __real_open(const char *path, int flags, ...);
 
 int __wrap_usleep(useconds_t)
 {
-    const unsigned made = allocations;
     switch (++waits) {
     case 1: // nothing runs yet
         heap_after_start = mallinfo2().uordblks;
@@ -150,15 +151,12 @@ int __wrap_usleep(useconds_t)
     case 2: // the planes have been opened
         break;
     case 3:
-        allocations_without_peak = made;
         set_values(42, 97);
         break;
     default:
-        allocations_with_peak = made;
         heap_after_passes = mallinfo2().uordblks;
         longjmp(loop_left, 1);
     }
-    allocations = 0;
     return 0;
 }
 
@@ -197,12 +195,11 @@ static int measure_memory()
     const size_t empty = stack_depth(empty_body); // what the C library keeps there itself
     const size_t before = mallinfo2().uordblks;
     const size_t display_stack = stack_depth(display_body);
-    printf("live heap after start: %zu bytes\n", heap_after_start - before);
-    printf("live heap after passes over four posts: %zu bytes\n", heap_after_passes - before);
-    printf("allocations a pass, four posts, no peak yet: %u\n", allocations_without_peak);
-    printf("allocations a pass, four posts, with a peak: %u\n", allocations_with_peak);
-    printf("stack of the display thread: %zu bytes\n", display_stack - empty);
-    printf("stack of the measurement loop: %zu bytes\n", stack_depth(measure_body) - empty);
+    printf("| memory | bytes |\n|---|---|\n");
+    printf("| live heap after start | %zu |\n", heap_after_start - before);
+    printf("| live heap after passes over four posts | %zu |\n", heap_after_passes - before);
+    printf("| stack of the display thread, deepest | %zu |\n", display_stack - empty);
+    printf("| stack of the measurement loop | %zu |\n", stack_depth(measure_body) - empty);
     return 0;
 }
 
