@@ -1,6 +1,9 @@
 // What drawing costs, as a multiple of setting the same bytes in the same run: one table, with the
 // pixel-by-pixel reference beside the program. Every figure is the best of several runs taken in
 // random order, so that what else the machine does counts little.
+//
+// --limits=FACTOR ends with status 1 where a line is over FACTOR times its limit by more than the
+// "/"; everything else is the benchmark library's.
 
 #include <algorithm>
 #include <cstdint>
@@ -163,6 +166,18 @@ static void measure(const std::string &line, const std::string &part,
     });
 }
 
+// Copies so many bytes.
+static std::function<void()> make_copy(size_t bytes)
+{
+    const auto source = std::make_shared<std::vector<uint8_t>>(bytes, (uint8_t)1);
+    const auto target = std::make_shared<std::vector<uint8_t>>(bytes);
+    return [=] {
+        memcpy(target->data(), source->data(), bytes);
+        benchmark::DoNotOptimize(target->data());
+        benchmark::ClobberMemory();
+    };
+}
+
 static long allocations_of(const std::function<void()> &action)
 {
     action(); // what is made once
@@ -180,19 +195,26 @@ static std::string multiple(double part, double whole)
     return text;
 }
 
-static const char *remark(double multiple, double slash, double limit)
+static bool is_over(double multiple, double limit)
 {
-    if (limit == 0 || multiple <= limit)
-        return "";
-    return multiple - slash <= limit ? "  over, by the \"/\"" : "  OVER";
+    return limit != 0 && multiple > limit;
 }
 
-static void print(const std::vector<Line> &lines, const BestTimes &times)
+static const char *remark(double multiple, double slash, double limit)
 {
+    if (!is_over(multiple, limit))
+        return "";
+    return is_over(multiple - slash, limit) ? "  OVER" : "  over, by the \"/\"";
+}
+
+// Returns how many lines are over their limit times factor.
+static int print(const std::vector<Line> &lines, const BestTimes &times, double factor)
+{
+    int over = 0;
     printf("\nTimes are multiples of memset of the same bytes in the same run; \"/\" is the one\n"
            "character that is rendered anew each time, here by FreeType alone.\n\n"
-           "%-24s %9s %5s %8s %6s %8s %6s %9s %12s\n",
-           "", "memset ns", "GB/s", "literal", "limit", "program", "\"/\"", "the rest",
+           "%-24s %9s %5s %6s %8s %6s %8s %6s %9s %12s\n",
+           "", "memset ns", "GB/s", "memcpy", "literal", "limit", "program", "\"/\"", "the rest",
            "allocations");
     for (const Line &line : lines) {
         const double base = times.of(line.name, "memset");
@@ -200,12 +222,15 @@ static void print(const std::vector<Line> &lines, const BestTimes &times)
         const double slash = times.of(line.name, "slash");
         if (base <= 0 || product <= 0)
             continue; // left out by a filter
-        printf("%-24s %9.0f %5.0f %8s %6s %8s %6s %9s %12ld%s\n", line.name.c_str(), base,
-               (double)line.bytes / base, multiple(times.of(line.name, "literal"), base).c_str(),
+        over += is_over((product - slash) / base, line.limit * factor);
+        printf("%-24s %9.0f %5.0f %6s %8s %6s %8s %6s %9s %12ld%s\n", line.name.c_str(), base,
+               (double)line.bytes / base, multiple(times.of(line.name, "memcpy"), base).c_str(),
+               multiple(times.of(line.name, "literal"), base).c_str(),
                multiple(line.limit, 1).c_str(), multiple(product, base).c_str(),
                multiple(slash, base).c_str(), multiple(product - slash, base).c_str(),
                allocations_of(line.product), remark(product / base, slash / base, line.limit));
     }
+    return over;
 }
 
 // ---- main --------------------------------------------------------------------------------------
@@ -334,6 +359,7 @@ int main(int argc, char **argv)
     add_whole(&lines);
     for (const Line &line : lines) {
         measure(line.name, "memset", line.memset);
+        measure(line.name, "memcpy", make_copy(line.bytes));
         measure(line.name, "program", line.product);
         measure(line.name, "literal", line.literal);
         measure(line.name, "slash", line.slash);
@@ -343,7 +369,19 @@ int main(int argc, char **argv)
     std::vector<std::string> arguments = {argv[0], "--benchmark_repetitions=15",
                                           "--benchmark_min_time=0.01",
                                           "--benchmark_enable_random_interleaving=true"};
-    arguments.insert(arguments.end(), argv + 1, argv + argc);
+    double factor = 0; // 0: limits are only shown
+    const std::string limits = "--limits=";
+    for (const std::string argument : std::span(argv + 1, argv + argc)) {
+        if (!argument.starts_with(limits)) {
+            arguments.push_back(argument);
+            continue;
+        }
+        factor = atof(argument.c_str() + limits.size());
+        if (!(factor > 0)) {
+            fprintf(stderr, "%s: not a factor\n", argument.c_str());
+            return 2;
+        }
+    }
     std::vector<char *> pointers;
     for (std::string &argument : arguments)
         pointers.push_back(argument.data());
@@ -354,6 +392,9 @@ int main(int argc, char **argv)
 
     BestTimes times;
     benchmark::RunSpecifiedBenchmarks(&times);
-    print(lines, times);
-    return 0;
+    const int over = print(lines, times, factor);
+    if (over == 0)
+        return 0;
+    printf("%d over %g times their limit\n", over, factor);
+    return 1;
 }
