@@ -670,6 +670,40 @@ TEST_F(Http, AReaderThatStallsDelaysNobody)
     clock.join();
 }
 
+TEST_F(Http, ConnectionsWithoutProgressAreClosedAfterFifteenSeconds)
+{
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::seconds;
+    std::atomic<bool> stop{false};
+    std::thread clock([&] {
+        while (!stop) {
+            fake_measure(*camera_, 9);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    fake_noise(*camera_);
+    Client reader(port_, 4096); // never reads
+    reader.send_bytes(head("GET", "/api/posts/0/stream.mjpeg?quality=100&fps=60"));
+    Client writer(port_); // never ends its request
+    const Clock::time_point start = Clock::now();
+    writer.send_bytes("GET /api/state HTTP/1.1\r\nHost: " + host_);
+
+    while (!writer.closed() && Clock::now() < start + seconds(40))
+        writer.read_all();
+    const auto passed = Clock::now() - start;
+    EXPECT_TRUE(writer.closed());
+    EXPECT_GT(passed, seconds(14));
+    EXPECT_LT(passed, seconds(30));
+
+    // What the system kept for the reader was full soon, and is all that it gets.
+    std::this_thread::sleep_until(start + seconds(22));
+    const auto enough = Clock::now() + seconds(5);
+    reader.read_until([&](const std::string &) { return Clock::now() > enough; });
+    EXPECT_TRUE(reader.closed());
+    stop = true;
+    clock.join();
+}
+
 static size_t count_of(const char *folder)
 {
     size_t count = 0;
