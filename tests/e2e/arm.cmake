@@ -7,11 +7,14 @@ add_test(NAME e2e_arm.simulated_camera COMMAND ${CMAKE_COMMAND}
 set_tests_properties(e2e_arm.simulated_camera PROPERTIES
     FIXTURES_SETUP simulated_camera TIMEOUT 3000 LABELS e2e)
 
-set(emulator qemu-arm -L ${CMAKE_SYSROOT})
+# By a name with a blank, as the path of a checkout may have one.
+set(sysroot "${PROJECT_BINARY_DIR}/the sysroot")
+file(CREATE_LINK ${CMAKE_SYSROOT} ${sysroot} SYMBOLIC)
+set(emulator qemu-arm -L ${sysroot})
 if(FOCUS_SANITIZE) # whose runtime the preload object comes before
     list(PREPEND emulator env ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0)
 endif()
-string(REPLACE ";" " " emulator "${emulator}")
+string(REPLACE ";" "\t" emulator "${emulator}")
 
 # Left out is what needs another program than the overlay, or a helper of this machine's inside it.
 foreach(suite OverlayProcess OverlayPicture OverlayFault OverlaySession OverlayToleratedCode)
@@ -20,6 +23,6 @@ foreach(suite OverlayProcess OverlayPicture OverlayFault OverlaySession OverlayT
     set_tests_properties(e2e_arm.${suite} PROPERTIES
         FIXTURES_REQUIRED simulated_camera TIMEOUT 600 LABELS e2e
         FAIL_REGULAR_EXPRESSION "Running 0 tests"
-        ENVIRONMENT "FOCUS_TEST_PROGRAM=${emulator} $<TARGET_FILE:focus_assist>;\
+        ENVIRONMENT "FOCUS_TEST_PROGRAM=${emulator}\t$<TARGET_FILE:focus_assist>;\
 FOCUS_TEST_PLATFORM=${PROJECT_BINARY_DIR}/platform")
 endforeach()

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -14,7 +13,7 @@ using namespace simcam;
 constexpr int PATIENCE_S = 60; // for a machine under load
 
 // The overlay process that this program was built with, or the words of FOCUS_TEST_PROGRAM in its
-// place: an emulator and a program of the camera's architecture.
+// place, with tabs between them: an emulator and a program of the camera's architecture.
 static void choose_program(CameraOptions *options)
 {
     options->program = {FOCUS_ASSIST};
@@ -23,7 +22,9 @@ static void choose_program(CameraOptions *options)
     if (!program || !platform)
         return;
     std::istringstream words(program);
-    options->program.assign(std::istream_iterator<std::string>(words), {});
+    options->program.clear();
+    for (std::string word; std::getline(words, word, '\t');)
+        options->program.push_back(word);
     options->platform_directory = platform;
 }
 
