@@ -38,7 +38,9 @@ export function ringMake(canvas, onTurn) {
   }
   canvas.addEventListener('wheel', (event) => {
     event.preventDefault();
-    const turn = Math.abs(event.deltaX) > Math.abs(event.deltaY) ? event.deltaX : -event.deltaY;
+    const sideways = Math.abs(event.deltaX) > Math.abs(event.deltaY);
+    // Browsers turn the wheel's axis while Shift is held.
+    const turn = sideways && !event.shiftKey ? event.deltaX : -(event.deltaY || event.deltaX);
     set(state.value + Math.sign(turn) * (event.shiftKey ? 0.001 : 0.006), true);
   }, {passive: false});
   canvas.addEventListener('keydown', (event) => {
