@@ -17,11 +17,13 @@ const store = {
   session: '',
   lastMeasurement: 0,
   lastOutput: 0,
-  samples: [],       // {number, time, value, ring, peak}
+  samples: [],       // {number, time, value, ring, peak}; none is missing between two of them
+  seenFrom: 0,       // the camera's time from which on no measurement is missing here
   latest: null,
   peak: peakNew(),
-  peakExact: false,  // whether the estimate covers the process's whole life
   process: null,     // which process the peak belongs to; null while there is none
+  began: null,       // the camera's time at which it began to measure; null while that is not known
+  beganKnown: false, // or only guessed
   curve: curveNew(),
   marks: [],
   apart: false,      // whether the process runs without a session with the camera
@@ -160,40 +162,66 @@ function playTone() {
 
 // ---- measurements and the peak ----
 
-function replayPeak(afterTime) {
+function replayPeak() {
   store.peak = peakNew();
   for (const sample of store.samples) {
-    if (sample.time >= afterTime) peakStep(store.peak, {value: sample.value, ring: sample.ring, time_s: sample.time});
-    sample.peak = sample.time >= afterTime ? store.peak.value : 0;
+    if (sample.time >= store.began) peakStep(store.peak, {value: sample.value, ring: sample.ring, time_s: sample.time});
+    sample.peak = sample.time >= store.began ? store.peak.value : 0;
   }
+}
+
+// Whether the estimate covers the process's whole life.
+function peakIsExact() {
+  return store.beganKnown && store.seenFrom <= store.began;
 }
 
 function addMeasurement(m) {
   if (m.number <= store.lastMeasurement) return;
+  if (m.number !== store.lastMeasurement + 1) { // some are gone for good
+    store.samples = [];
+    store.seenFrom = m.time_s;
+  }
   store.lastMeasurement = m.number;
   store.latest = m;
-  if (store.process !== null) peakStep(store.peak, m);
-  store.samples.push({number: m.number, time: m.time_s, value: m.value, ring: m.ring, peak: store.process !== null ? store.peak.value : 0});
+  const counts = store.process !== null && store.began !== null && m.time_s >= store.began;
+  if (counts) peakStep(store.peak, m);
+  store.samples.push({number: m.number, time: m.time_s, value: m.value, ring: m.ring, peak: counts ? store.peak.value : 0});
   if (store.samples.length > HISTORY * 1.25) store.samples.splice(0, store.samples.length - HISTORY);
   curveAdd(store.curve, m);
 }
 
-// Whose peak it is. Met at its start, a process is known whole; found running, its calls tell when it began.
-async function followProcess(process) {
+// Whose peak it is. When it began its calls tell: a report of its start overtakes measurements made before.
+const following = {busy: false, after: 0, metAt: null, apartAt: 0};
+
+async function followProcess(state) {
+  const {process} = state;
   const running = process.running || process.attached;
   const key = running ? `${process.pid}/${process.starts}` : null;
-  if (key === store.process) return;
-  const met = store.process !== null || store.metNone;
-  store.process = key;
-  store.metNone = key === null;
-  store.peak = peakNew();
-  store.peakExact = met;
-  if (key === null || met) return;
-  const answer = await fetch('/api/calls').then((a) => a.json()).catch(() => ({calls: []}));
-  const began = answer.calls.find((c) => c.pid === process.pid && (c.call === 'CAM_FOCUS_CONFIG' || c.call === 'open'));
-  const first = store.samples[0];
-  store.peakExact = Boolean(began) && (!first || first.number === 1 || first.time <= began.time_s);
-  replayPeak(began ? began.time_s : 0);
+  if (key === null) following.apartAt = state.time_s;
+  if (key !== store.process) {
+    // The page has seen that there was none, or another one: this one begins now.
+    following.metAt = store.process !== null ? state.time_s - 1 : following.apartAt || null;
+    following.after = 0;
+    store.process = key;
+    store.peak = peakNew();
+    store.began = null;
+    store.beganKnown = false;
+  }
+  if (key === null || store.began !== null || following.busy) return;
+
+  following.busy = true;
+  const {calls} = await fetch(`/api/calls?after=${following.after}`).then((a) => a.json()).catch(() => ({calls: []}));
+  following.busy = false;
+  if (key !== store.process) return;
+  const starts = calls.filter((c) => c.call === 'CAM_FOCUS_CONFIG' || c.call === 'open');
+  // What a shell started has another number than the shell.
+  const start = starts.find((c) => c.pid === process.pid) ?? starts.find((c) => following.metAt !== null && c.time_s >= following.metAt);
+  const lost = following.after === 0 && calls.length > 0 && calls[0].number > 1 && following.metAt === null;
+  if (calls.length) following.after = calls[calls.length - 1].number;
+  if (!start && !lost) return; // it is starting
+  store.began = start ? start.time_s : 0;
+  store.beganKnown = Boolean(start);
+  replayPeak();
 }
 
 function mark(text) {
@@ -206,11 +234,13 @@ function mark(text) {
 function showReadout() {
   const m = store.latest;
   const kept = store.process !== null && !store.apart; // whether there is somebody who keeps a peak
+  const exact = peakIsExact();
   const percent = m && kept ? percentOf(m.value, store.peak.value) : 0;
-  const high = percent >= 85;
+  const high = exact && percent >= 85;
   $('current').textContent = m ? String(m.value) : '–';
-  $('peak').textContent = !kept ? '–' : store.peak.value ? `${store.peakExact ? '' : '≥ '}${store.peak.value}` : '---';
-  $('percent').textContent = kept && store.peak.value ? `${percent} %` : '–';
+  $('current').dataset.number = store.lastMeasurement; // for whoever follows the page from outside
+  $('peak').textContent = !kept ? '–' : store.peak.value ? `${exact ? '' : '≥ '}${store.peak.value}` : '---';
+  $('percent').textContent = kept && store.peak.value ? `${exact ? '' : '≤ '}${percent} %` : '–';
   document.querySelector('.readout').classList.toggle('high', high);
   $('meter').querySelector('.fill').style.width = `${Math.min(100, percent)}%`;
   $('meter').setAttribute('aria-valuenow', String(Math.min(100, percent)));
@@ -220,13 +250,13 @@ function showReadout() {
   else if (store.apart) cue = {kind: 'none', text: 'The process has no session, so nothing shows a peak.'};
   else if (m) {
     const back = store.samples[Math.max(0, store.samples.length - 10)];
-    cue = cueFor(m.value, store.peak, m.ring, m.ring - back.ring);
+    cue = cueFor(m.value, store.peak, m.ring, m.ring - back.ring, exact);
   }
   if ($('cue').textContent !== cue.text) $('cue').textContent = cue.text;
   $('cue').className = `cue ${cue.kind}`;
-  const note = !kept ? ''
-    : store.peakExact ? 'The peak is the page’s estimate by the overlay’s rule; the picture has the real one.'
-    : 'The peak is at least this: the overlay ran before the page looked on.';
+  const note = !kept || store.began === null ? ''
+    : exact ? 'The peak is the page’s estimate by the overlay’s rule; the picture has the real one.'
+    : 'The peak is at least this: the page has not seen all that the overlay has.';
   if ($('peak-note').textContent !== note) $('peak-note').textContent = note;
   ring.showPeak(kept && store.peak.value ? store.peak.ring : null);
 }
@@ -275,7 +305,8 @@ async function restartPost(post) {
 // One thing at a time that keeps the readout from being drawn.
 function showNotice(s, running) {
   const view = viewer.view;
-  const still = running ? drawnText.findIndex((text, i) => text.shows >= 0 && s.time_s - text.since > STILL_S && (view === String(i) || view === 'all')) : -1;
+  const standing = running ? [0, 1, 2, 3].filter((i) => drawnText[i].shows >= 0 && s.time_s - drawnText[i].since > STILL_S) : [];
+  const still = standing.find((i) => view === String(i) || view === 'all');
   const p = s.process;
   let text = '';
   let label = '';
@@ -287,11 +318,11 @@ function showNotice(s, running) {
     text = 'The process runs without a session with the camera and will not draw. Start it again.';
     label = 'Start again';
     noticeAction = restartProcess;
-  } else if (still >= 0) {
+  } else if (still !== undefined) {
     const left = p.starts > 1 ? ' Its planes were left open by the process before.' : '';
     text = `The text of post ${still} has stood still for ${Math.floor(s.time_s - drawnText[still].since)} s.${left}`;
-    label = 'Restart the post';
-    noticeAction = () => restartPost(still);
+    label = standing.length > 1 ? `Restart ${standing.length} posts` : 'Restart the post';
+    noticeAction = () => standing.forEach(restartPost);
   }
   $('notice').hidden = !text || !store.connected;
   $('notice').querySelector('span').textContent = text;
@@ -328,6 +359,16 @@ function showState() {
     if (button.firstChild.textContent !== text) button.firstChild.textContent = text;
   });
   $('sweep').setAttribute('aria-pressed', String(s.sweep));
+  showPeriod(s.sweep_period_s);
+}
+
+let period = 0; // that the camera had last
+function showPeriod(seconds) {
+  if (seconds === period) return;
+  period = seconds;
+  const select = $('sweep-period');
+  if (![...select.options].some((option) => Number(option.value) === seconds)) select.append(new Option(`${seconds} s`, String(seconds)));
+  select.value = [...select.options].find((option) => Number(option.value) === seconds).value;
 }
 
 const panels = panelsMake({store, send, toast, mark});
@@ -366,12 +407,12 @@ function listen() {
     const {session} = JSON.parse(event.data);
     store.connected = true;
     if (store.session && session !== store.session) { // another camera: its numbers begin anew
-      store.lastMeasurement = store.lastOutput = 0;
+      store.lastMeasurement = store.lastOutput = store.seenFrom = 0;
       store.samples = [];
       store.marks = [];
       store.curve = curveNew();
       store.process = null;
-      store.metNone = false;
+      following.apartAt = 0;
       without.since = null;
       drawnText.forEach((text) => { text.shows = -1; });
       panels.reset();
@@ -388,8 +429,7 @@ function listen() {
       mark(what);
       store.curve = curveNew();
     }
-    if (store.lastMeasurement === 0 && store.state.latest.number > 1) pending = true;
-    if (!pending) followProcess(store.state.process);
+    followProcess(store.state);
     watchText(store.state);
     watchSession(store.state);
     panels.showState(store.state);
@@ -399,10 +439,6 @@ function listen() {
     const m = JSON.parse(event.data);
     addMeasurement(m);
     playTone(); // here and not where things are drawn: nothing is drawn while the page is in the background
-    if (pending && store.state && m.number >= store.state.latest.number) { // the past is in
-      pending = false;
-      followProcess(store.state.process);
-    }
   });
   source.addEventListener('output', (event) => {
     const chunk = JSON.parse(event.data);
@@ -419,7 +455,6 @@ function listen() {
     }
   });
 }
-let pending = false; // measurements of the past are still coming in
 
 // A page that nobody sees lets go of its connections: a browser has only six for all its pages.
 document.addEventListener('visibilitychange', () => {

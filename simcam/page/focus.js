@@ -28,12 +28,13 @@ export function pitchOf(value) {
   return 180 * 2 ** (2.6 * Math.min(1, Math.log2(1 + value) / 10));
 }
 
-// What to tell the person at the ring. travel is the ring's way over the last moment.
-export function cueFor(current, peak, ring, travel) {
+// What to tell the person at the ring. travel is the ring's way over the last moment; exact: whether
+// the peak is known to be the overlay's.
+export function cueFor(current, peak, ring, travel, exact) {
   if (!peak.value) return {kind: 'none', text: 'Turn the ring: a peak is kept from the first clear change on.'};
   const percent = percentOf(current, peak.value);
   const away = ring - peak.ring;
-  if (percent >= 97) return {kind: 'good', text: 'At the peak'};
+  if (percent >= 97) return exact ? {kind: 'good', text: 'At the peak'} : {kind: 'none', text: 'As sharp as this page has seen it'};
   const near = Math.abs(away) < 0.006;
   if (near) return {kind: 'none', text: 'Where the peak was, but less sharp now: light or scene have changed.'};
   const back = away > 0 ? '◀ turn back to the left' : 'turn back to the right ▶';
