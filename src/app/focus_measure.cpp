@@ -15,8 +15,8 @@ uint8_t peak_hold = 1;
 void focus_measure_configure(int device)
 {
     CamFocusConfig config = {};
-    config.word[0] = 0x028004FF;  // last column 1279, half width 640
-    config.word[1] = 0x016802CF;  // last line 719, half height 360
+    config.word[0] = 0x028004FF;  // last column 1279, half of the width 640
+    config.word[1] = 0x016802CF;  // last line 719, half of the height 360
     config.word[14] = 0x003FFFFF; // all of 22 bits
     config.word[16] = 0x3FFF3FFF; // all of 14 bits, in each half
     config.word[17] = 0x3FFF3FFF;

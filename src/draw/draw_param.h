@@ -33,7 +33,11 @@ struct OsdRegion {
     uint32_t resolution; // resolution index
 };
 static_assert(sizeof(OsdRegion) == 24, "six words");
+static_assert(offsetof(OsdRegion, height) == 2, "six words");
 static_assert(offsetof(OsdRegion, depth_code) == 4, "six words");
+static_assert(offsetof(OsdRegion, x) == 8, "six words");
+static_assert(offsetof(OsdRegion, y) == 12, "six words");
+static_assert(offsetof(OsdRegion, colour) == 16, "six words");
 static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
 
 // Fills params and the post's four regions from geometry; does nothing where params is initialised

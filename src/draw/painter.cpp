@@ -101,7 +101,7 @@ static void paint_interior_line(uint8_t *line, size_t columns, int32_t pitch, in
 {
     // The order of these operations, in double precision, decides on which column a bound falls.
     const int32_t width = pitch - 2 * frame;
-    const double marker = frame + width * 0.01 * 85.0;
+    const double marker = frame + width * 0.01 * FOCUS_THRESHOLD_PERCENT;
     const double marker_begin = marker - frame; // the marker lies strictly between
     const double marker_end = marker + frame;
     const double filled_end = frame + percent * (width * 0.01); // the first column not filled

@@ -25,7 +25,14 @@ struct DrawRect {
     uint32_t resolution; // resolution index; only the bar's painter reads it
 };
 static_assert(sizeof(DrawRect) == 40, "ten words");
+static_assert(offsetof(DrawRect, height) == 4, "ten words");
+static_assert(offsetof(DrawRect, depth) == 8, "ten words");
+static_assert(offsetof(DrawRect, x) == 12, "ten words");
+static_assert(offsetof(DrawRect, y) == 16, "ten words");
 static_assert(offsetof(DrawRect, fg_color) == 20, "ten words");
+static_assert(offsetof(DrawRect, bg_color) == 24, "ten words");
+static_assert(offsetof(DrawRect, cell_width) == 28, "ten words");
+static_assert(offsetof(DrawRect, pitch) == 32, "ten words");
 static_assert(offsetof(DrawRect, resolution) == 36, "ten words");
 
 // Whether depth is one that can be painted: 2, 4 or 8.
@@ -39,8 +46,9 @@ bool draw_depth_is_valid(uint32_t depth);
 // Writes nothing beyond target_size bytes. An invalid depth is logged and paints nothing.
 void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size);
 
-// Paints the bar: a frame, an interior filled up to percent of its width, a marker at 85 %. One
-// byte a pixel whatever the depth, over the whole pitch; width is not read.
+// Paints the bar: a frame, an interior filled up to percent of its width and in bg_color behind it,
+// a marker at FOCUS_THRESHOLD_PERCENT. Up to percent 0 nothing is filled, from 100 on all of it.
+// One byte a pixel whatever the depth, over the whole pitch; width is not read.
 //
 // Writes nothing beyond target_size bytes. An invalid depth is logged and paints nothing.
 void draw_rectangle_bitmap(uint8_t *target, const DrawRect *rect, int32_t percent,

@@ -17,8 +17,9 @@ const DrawRect *make_string_rect(const OsdRegion *region, const PostState *post,
                                  uint32_t osd_number);
 
 // The update of the text: fetches a buffer of the plane, clears it, draws "FOCUS ASSIST cur/best"
-// into it and shows it at the place that target names. percent decides the colour. What does not
-// fit the buffer is not drawn.
+// into it and shows it at the place that target names; a peak of 0 is "---". percent decides the
+// colour. What does not fit the buffer is not drawn. A glyph of engine's cache that cannot be drawn
+// is released.
 //
 // Returns 0 or STATUS_FAULT. Failures of the library are printed on standard output, those of
 // drawing logged; a fetched buffer is not handed back.

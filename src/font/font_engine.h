@@ -20,11 +20,14 @@ struct GlyphCacheEntry {
     FT_Glyph glyph;     // an FT_BitmapGlyph of one bit per pixel, the cache's; null: none
 };
 static_assert(sizeof(void *) != 4 || sizeof(GlyphCacheEntry) == 8, "two words");
+static_assert(sizeof(void *) != 4 || offsetof(GlyphCacheEntry, glyph) == 4, "two words");
 
 struct GlyphCache {
     uint32_t count;           // entries
     GlyphCacheEntry *entries; // heap array, or null: no entry, whatever count says
 };
+static_assert(sizeof(void *) != 4 || sizeof(GlyphCache) == 8, "two words");
+static_assert(sizeof(void *) != 4 || offsetof(GlyphCache, entries) == 4, "two words");
 
 // One engine. It is alive while library is not null; face then is not null either.
 struct FontEngine {
@@ -33,6 +36,7 @@ struct FontEngine {
     GlyphCache cache;
 };
 static_assert(sizeof(void *) != 4 || sizeof(FontEngine) == 16, "four words");
+static_assert(sizeof(void *) != 4 || offsetof(FontEngine, face) == 4, "four words");
 static_assert(sizeof(void *) != 4 || offsetof(FontEngine, cache) == 8, "four words");
 
 // The engines by resolution index, zero until osd_init_font.

@@ -9,9 +9,8 @@
 
 // Draws text into buffer, of buffer_size bytes: the background of target, then the characters in
 // cells of target->cell_width on one baseline, in target->fg_color or, with highlight not 0, in
-// palette index
-// 20. A character that the cache lacks is rendered for the occasion. Nothing is written outside
-// buffer; what would lie there is dropped.
+// PALETTE_HIGHLIGHT. A character that the cache lacks is rendered for the occasion. Nothing is
+// written outside buffer; what would lie there is dropped.
 //
 // Returns 0; STATUS_INVALID for a null argument or an invalid depth; STATUS_FAULT where the text is
 // wider than a line (nothing is drawn then) or a character fails (those before it stay drawn). All

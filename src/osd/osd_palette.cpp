@@ -2,7 +2,6 @@
 
 #include "osd/osd_palette.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>

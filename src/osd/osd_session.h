@@ -21,6 +21,8 @@ struct PostNotifyState {
     std::atomic<uint16_t> stopped_mask;            // likewise
 };
 static_assert(sizeof(PostNotifyState) == 20, "four words and two halves");
+static_assert(offsetof(PostNotifyState, started_mask) == 16, "four words and two halves");
+static_assert(offsetof(PostNotifyState, stopped_mask) == 18, "four words and two halves");
 
 // Output size of a post. All zero: not known.
 struct PostGeometry {
