@@ -4,6 +4,7 @@
 # here. The sysroot is unpacked first where it is not there. Exit status 77: skipped.
 set -eu
 source=$1 prefix=$2 sysroot=$3 architecture=$4
+unset CXXFLAGS # those of the build that asks are for another processor
 
 command -v "${prefix}g++" >/dev/null || { echo "skipped: ${prefix}g++ is not installed"; exit 77; }
 "$source/scripts/sysroot" "$sysroot" "$architecture"
