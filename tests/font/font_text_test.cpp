@@ -21,7 +21,7 @@
 #include "reference.h"
 #include "status.h"
 
-#ifdef FOCUS_TEST_EMULATED
+#ifdef FOCUS_TEST_THINNED
 static constexpr int STRIDE = 7;
 #else
 static constexpr int STRIDE = 1;
