@@ -173,7 +173,7 @@ static std::vector<Route> make_routes()
          JSON,
          "lets the lens rack through focus and back",
          {{"on", Kind::FLAG, 0, 1, nullptr, "whether it moves"},
-          {"period_s", Kind::NUMBER, 1, 600, "12", "seconds there and back"}}},
+          {"period_s", Kind::NUMBER, 0.5, 3600, "12", "seconds there and back"}}},
         {RouteId::SCENE,
          "POST",
          "/api/scene",

@@ -48,6 +48,18 @@ TEST(HttpRoute, BodyMembersArriveByKind)
     EXPECT_EQ(r.number.at("delay_ms"), 250);
 }
 
+TEST(HttpRoute, SweepPeriodsAreThoseOfTheCommandLine)
+{
+    for (const double period_s : {0.5, 3600.0}) {
+        const std::string body = R"({"on":true,"period_s":)" + std::to_string(period_s) + "}";
+
+        const RoutedRequest r = post("/api/sweep", body);
+
+        ASSERT_EQ(r.status, 200) << r.error;
+        EXPECT_EQ(r.number.at("period_s"), period_s);
+    }
+}
+
 TEST(HttpRoute, SizeBecomesTwoNumbers)
 {
     const RoutedRequest r = post("/api/posts/0/start", R"({"size":"1920x1080"})");
@@ -145,7 +157,10 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"POST", "/api/ring", JSON, "{\"ring\":0.5,\"rang\":1}", 400, "no parameter"},
         Refusal{"POST", "/api/ring?ring=0.5", JSON, "{\"ring\":0.5}", 400, "into its body"},
         Refusal{"POST", "/api/sweep", JSON, "{\"on\":1}", 400, "true or false"},
-        Refusal{"POST", "/api/sweep", JSON, "{\"on\":true,\"period_s\":0}", 400, "period_s"},
+        Refusal{"POST", "/api/sweep", JSON, "{\"on\":true,\"period_s\":0.4}", 400,
+                "from 0.5 to 3600"},
+        Refusal{"POST", "/api/sweep", JSON, "{\"on\":true,\"period_s\":3601}", 400,
+                "from 0.5 to 3600"},
         Refusal{"POST", "/api/gain", JSON, "{\"gain\":9}", 400, "from 0.1 to 8"},
         Refusal{"POST", "/api/scene", JSON, "{\"scene\":\"\"}", 400, "characters"},
         Refusal{"POST", "/api/scene", JSON, "{\"scene\":\"a\\u0000b\"}", 400, "characters"},
