@@ -121,7 +121,19 @@ export function panelsMake({store, send, toast, mark}) {
     event.preventDefault();
     if ($('scene-path').value.trim()) setScene($('scene-path').value.trim());
   });
-  const setGain = (stops) => send('POST', '/api/gain', {gain: Math.min(8, Math.max(0.125, 2 ** stops))});
+  // One request at a time, then the last one wanted: side by side they may arrive in another order.
+  const gain = {wanted: null, busy: false};
+  async function setGain(stops) {
+    gain.wanted = Math.min(8, Math.max(0.125, 2 ** stops));
+    if (gain.busy) return;
+    gain.busy = true;
+    while (gain.wanted !== null) {
+      const wanted = gain.wanted;
+      gain.wanted = null;
+      await send('POST', '/api/gain', {gain: wanted});
+    }
+    gain.busy = false;
+  }
   $('gain').addEventListener('input', () => { $('gain-value').textContent = `${(2 ** Number($('gain').value)).toFixed(2)}×`; });
   $('gain').addEventListener('change', () => setGain(Number($('gain').value)));
   $('gain-reset').addEventListener('click', () => setGain(0));

@@ -87,6 +87,7 @@ class Page(unittest.TestCase):
         describe = self.describe
         self.request("DELETE", "/api/faults")
         self.request("POST", "/api/sweep", {"on": False})
+        self.request("POST", "/api/gain", {"gain": 1})
         self.request("POST", "/api/ring", {"ring": 0.2})
         for post, size in enumerate(["1280x720", "1920x1080", "720x480", "352x240"]):
             self.request("POST", f"/api/posts/{post}/stop")  # closes planes that were left open
