@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "http_json.h"
-#include "http_route.h"
+#include "web/http_json.h"
+#include "web/http_route.h"
 
 using namespace simcam;
 

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "board.h"
+#include "board/board.h"
 #include "input.h"
-#include "request.h"
+#include "link/request.h"
 
 using namespace simcam;
 

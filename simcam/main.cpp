@@ -8,9 +8,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "camera.h"
-#include "http.h"
-#include "snapshot.h"
+#include "camera/camera.h"
+#include "web/http.h"
+#include "camera/snapshot.h"
 
 using namespace simcam;
 

@@ -16,9 +16,9 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "camera.h"
-#include "optics.h"
-#include "osd_color.h"
+#include "camera/camera.h"
+#include "picture/optics.h"
+#include "picture/osd_color.h"
 
 using namespace simcam;
 

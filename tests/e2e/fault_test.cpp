@@ -4,7 +4,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
-#include "optics.h"
+#include "picture/optics.h"
 #include "overlay.h"
 
 using namespace simcam;

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "camera.h"
+#include "camera/camera.h"
 #include "reference.h"
 
 struct Overlay {

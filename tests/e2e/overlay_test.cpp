@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <thread>
 
-#include "optics.h"
+#include "picture/optics.h"
 #include "overlay.h"
 
 using namespace simcam;

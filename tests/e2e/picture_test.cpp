@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <set>
 
-#include "optics.h"
+#include "picture/optics.h"
 #include "overlay.h"
 
 using namespace simcam;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "camera_types.h"
+#include "board/camera_types.h"
 
 // What is the same for every output of one width.
 struct ReferenceLayout {

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "codec/qm7codec.h"
-#include "server.h"
+#include "link/server.h"
 
 using namespace simcam;
 

@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <thread>
 
-#include "camera.h"
+#include "camera/camera.h"
 
 using namespace simcam;
 

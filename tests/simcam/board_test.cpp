@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "board.h"
+#include "board/board.h"
 
 using namespace simcam;
 

@@ -14,9 +14,9 @@
 #include <thread>
 #include <unistd.h>
 
-#include "camera.h"
-#include "optics.h"
-#include "run_directory.h"
+#include "camera/camera.h"
+#include "picture/optics.h"
+#include "process/run_directory.h"
 
 using namespace simcam;
 

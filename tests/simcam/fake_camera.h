@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "camera.h"
+#include "camera/camera.h"
 
 namespace simcam
 {

@@ -1,5 +1,5 @@
 // Pictures of views and planes, and the sharing of frames.
-#include "http_picture.h"
+#include "web/http_picture.h"
 
 #include <thread>
 

@@ -1,12 +1,12 @@
 // Requests and what is read out of them; no socket takes part.
-#include "http_route.h"
+#include "web/http_route.h"
 
 #include <random>
 #include <set>
 
 #include <gmock/gmock.h>
 
-#include "http_json.h"
+#include "web/http_json.h"
 
 using namespace simcam;
 using testing::HasSubstr;

@@ -1,5 +1,5 @@
 // The server over real sockets, on a camera of records.
-#include "http.h"
+#include "web/http.h"
 
 #include <atomic>
 #include <filesystem>
@@ -18,7 +18,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "fake_camera.h"
-#include "http_route.h"
+#include "web/http_route.h"
 
 using namespace simcam;
 using testing::ElementsAre;

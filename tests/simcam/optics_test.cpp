@@ -1,5 +1,5 @@
 // Scenes, lens, sensor, measurement and compositor against literal references.
-#include "optics.h"
+#include "picture/optics.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 #include <opencv2/videoio.hpp>
 #endif
 
-#include "osd_color.h"
+#include "picture/osd_color.h"
 
 using namespace simcam;
 

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "request.h"
+#include "link/request.h"
 
 using namespace simcam;
 

@@ -10,7 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "server.h"
+#include "link/server.h"
 
 using namespace simcam;
 
