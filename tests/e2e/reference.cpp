@@ -12,6 +12,8 @@
 #include FT_FREETYPE_H
 #include FT_GLYPH_H
 
+#include "difference.h"
+
 static const char FONT[] = "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf";
 
 namespace
@@ -161,13 +163,25 @@ static std::string read_text(const ReferenceLayout &layout, int pitch,
     return text;
 }
 
-static bool read_bar(const ReferenceLayout &layout, int pitch, const std::vector<uint8_t> &bytes,
-                     int *percent)
+// The lowest percentage whose bar differs from bytes in the fewest places. problem gets the first
+// difference, and stays empty if there is none.
+static int read_bar(const ReferenceLayout &layout, int pitch, const std::vector<uint8_t> &bytes,
+                    std::string *problem)
 {
-    for (*percent = 0; *percent <= 100; ++*percent)
-        if (reference_bar(layout, pitch, *percent) == bytes)
-            return true;
-    return false;
+    int nearest = 0;
+    size_t fewest = SIZE_MAX;
+    for (int percent = 0; percent <= 100; percent++) {
+        const size_t count = differing_bytes(bytes, reference_bar(layout, pitch, percent));
+        if (count < fewest) {
+            fewest = count;
+            nearest = percent;
+        }
+    }
+    if (fewest != 0)
+        *problem =
+            "the bar is nearest to " + std::to_string(nearest) + " %; " +
+            difference(bytes, reference_bar(layout, pitch, nearest), static_cast<size_t>(pitch));
+    return nearest;
 }
 
 Readout readout_read(int width, int height, const simcam::PlaneImage &bar,
@@ -181,15 +195,16 @@ Readout readout_read(int width, int height, const simcam::PlaneImage &bar,
     const ReferenceLayout layout = reference_layout(width, height);
     const int bar_pitch = static_cast<int>(bar.state.pitch);
     const int text_pitch = static_cast<int>(text.state.pitch);
-    if (!read_bar(layout, bar_pitch, bar.bytes, &readout.percent)) {
-        readout.problem = "the bar is none of any percentage";
+    readout.percent = read_bar(layout, bar_pitch, bar.bytes, &readout.problem);
+    if (!readout.problem.empty())
         return readout;
-    }
     readout.highlight =
         std::find(text.bytes.begin(), text.bytes.end(), HIGHLIGHT) != text.bytes.end();
     readout.text = read_text(layout, text_pitch, text.bytes, readout.highlight);
-    if (reference_text(layout, text_pitch, readout.text, readout.highlight) != text.bytes) {
-        readout.problem = "the text is not \"" + readout.text + "\"";
+    const auto drawn = reference_text(layout, text_pitch, readout.text, readout.highlight);
+    if (drawn != text.bytes) {
+        readout.problem = "the text is nearest to \"" + readout.text + "\"; " +
+                          difference(text.bytes, drawn, static_cast<size_t>(text_pitch));
         return readout;
     }
     readout.current = std::atoi(readout.text.substr(13, 3).c_str());

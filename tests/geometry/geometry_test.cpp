@@ -1,8 +1,8 @@
-// The readout on outputs and in plane memory of every kind that a library could report: nothing
-// faults, nothing is written outside of the memory, and inside every byte is that of the literal
-// reference. Memory lies between unmapped pages.
+// Draws the readout on outputs and into plane memory of every kind that a library could report, and
+// compares every byte with the literal reference. The memory lies between unmapped pages, so that
+// an access outside of it ends the test.
 //
-// The short form takes a sample; FOCUS_LONG=1 in the environment walks every height.
+// FOCUS_LONG=1 in the environment tries every height instead of a sample.
 
 #include <climits>
 #include <cstdio>
@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "difference.h"
 #include "font/font_engine.h"
 #include "font/font_text.h"
 #include "osd/osd_plane.h"
@@ -290,12 +291,20 @@ TEST(Geometry, MemoryOfFourGigabytes)
     draw_rectangle_bitmap(memory, &rect, 50, (uint32_t)SIZE);
     std::vector<uint8_t> expected(2 * 720);
     reference::paint_bar(expected, rect, 50);
-    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), memory));
+    EXPECT_EQ(difference({memory, expected.size()}, expected, 720), "");
     munmap(memory, SIZE + 1 + PIECE);
     close(file);
 }
 
 // ---- painters and text by themselves: all depths, and records that no pass makes ---------------
+
+// What is wrong with memory, in words.
+std::string explained(const GuardedMemory &memory, const std::vector<uint8_t> &expected,
+                      int32_t pitch)
+{
+    const std::string text = difference(memory.bytes(), expected, pitch > 0 ? (size_t)pitch : 0);
+    return text.empty() ? "bytes changed outside of the memory" : text;
+}
 
 using Painter = void (*)(uint8_t *memory, const DrawRect *rect, uint32_t size);
 using Reference = void (*)(std::span<uint8_t> memory, const DrawRect &rect);
@@ -311,7 +320,8 @@ using Reference = void (*)(std::span<uint8_t> memory, const DrawRect &rect);
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure()
            << "width " << rect.width << " height " << rect.height << " depth " << rect.depth
-           << " pitch " << rect.pitch << " resolution " << rect.resolution << " size " << size;
+           << " pitch " << rect.pitch << " resolution " << rect.resolution << " size " << size
+           << ": " << explained(memory, expected, rect.pitch);
 }
 
 TEST(Geometry, PaintersAtEveryDepth)
@@ -386,8 +396,9 @@ TEST(Geometry, TextAtEveryDepth)
                             ASSERT_EQ(result, fits ? 0 : -14);
                             ASSERT_TRUE(memory.bytes() == expected &&
                                         memory.surroundings_are_whole())
-                                << depth << " " << engine << " " << height << " " << pitch << " "
-                                << cell << " " << size;
+                                << "depth " << depth << " engine " << engine << " height " << height
+                                << " pitch " << pitch << " cell " << cell << " size " << size
+                                << ": " << explained(memory, expected, pitch);
                         }
                     }
                 }
@@ -430,7 +441,8 @@ TEST(Geometry, GlyphsAtEveryPlace)
                             ASSERT_TRUE(memory.bytes() == expected &&
                                         memory.surroundings_are_whole())
                                 << "depth " << depth << " glyph " << cols << "x" << rows << " at "
-                                << left << "," << top << " pitch " << pitch;
+                                << left << "," << top << " pitch " << pitch << ": "
+                                << explained(memory, expected, pitch);
                         }
                     }
                 }

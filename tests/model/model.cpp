@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 
+#include "difference.h"
 #include "reference.h"
 
 using namespace world;
@@ -40,7 +41,13 @@ static std::string described(const Event &event)
     std::string text = std::string(name_of(event.fn)) + "(";
     for (const int64_t value : event.in)
         text += std::to_string(value) + " ";
-    return text + event.text + ")" + (event.failed ? " failed" : "");
+    text += event.text + ")";
+    if (event.failed) {
+        char code[32];
+        snprintf(code, sizeof code, " failed, errno 0x%08X", (unsigned)event.error);
+        text += code;
+    }
+    return text;
 }
 
 void Model::begin()
@@ -106,29 +113,39 @@ int32_t Model::fault(const char *operation, const char *call, const Event &event
     return FAULT;
 }
 
-Model::Buffer *Model::adopt(const Event &event)
+Model::Buffer *Model::adopt(const Event &event, uint32_t pitch)
 {
     if (!event.memory)
         return nullptr;
-    buffers.push_back({event.memory, event.memory->bytes()});
+    buffers.push_back({event.memory, event.memory->bytes(), pitch});
     Buffer &buffer = buffers.back();
     std::fill(buffer.expected.begin(), buffer.expected.end(), GuardedMemory::JUNK);
     return &buffer;
 }
 
 void Model::compare(const Buffer &buffer, const std::vector<uint8_t> &actual,
-                    const char *when) const
+                    const std::string &when)
 {
-    if (actual == buffer.expected)
-        return;
-    if (actual.size() != buffer.expected.size())
-        throw Mismatch(std::string(when) + ": other memory than was handed out");
-    const auto [expected, found] =
-        std::mismatch(buffer.expected.begin(), buffer.expected.end(), actual.begin());
-    throw Mismatch(std::string(when) + ": byte " +
-                   std::to_string(expected - buffer.expected.begin()) + " of " +
-                   std::to_string(actual.size()) + " is " + std::to_string(*found) + ", not " +
-                   std::to_string(*expected));
+    if (actual != buffer.expected)
+        throw Mismatch(when + ": " + difference(actual, buffer.expected, buffer.pitch));
+}
+
+// The percentage whose bar differs in the fewest bytes.
+static std::string nearest_percent(const std::vector<uint8_t> &actual, const DrawRect &rect)
+{
+    int32_t nearest = 0;
+    size_t fewest = SIZE_MAX;
+    for (int32_t percent = 0; percent <= 100; percent++) {
+        std::vector<uint8_t> bar(actual.size());
+        reference::paint_bar(bar, rect, percent);
+        const size_t count = differing_bytes(actual, bar);
+        if (count < fewest) {
+            fewest = count;
+            nearest = percent;
+        }
+    }
+    return "nearest to the bar of " + std::to_string(nearest) + " %, from which " +
+           std::to_string(fewest) + " bytes differ";
 }
 
 static void compare_text(const char *stream, const std::string &actual, const std::string &expected)
@@ -187,12 +204,12 @@ int32_t Model::library_process()
     if (color.failed)
         return undo(fault(SELF, "qm7_cl_post_get_osd_color_mem", color));
 
-    Buffer *buffer = adopt(color);
+    Buffer *buffer = adopt(color, 0);
     fill_color(buffer, (uint32_t)color.out[0]);
 
     const Event &apply = expect(SET_COLOR);
     if (buffer)
-        compare(*buffer, apply.bytes, "colours applied");
+        compare(*buffer, apply.bytes, "colors applied");
     if (apply.failed)
         return undo(fault(SELF, "qm7_cl_post_set_osd_color", apply));
     return OK;
@@ -441,7 +458,7 @@ int32_t Model::show_bar(const Post &post, uint32_t id, uint32_t percent)
         print("postResId=0x%08X, OSD num=%d, osdId=0x%08x", id, 0, osd_id);
         return FAULT;
     }
-    Buffer *buffer = adopt(fetch);
+    Buffer *buffer = adopt(fetch, post.pitch[0]);
     if (size < post.pitch[0] * post.region.height) {
         print("osd memory over: mem.size=%d pitch=%d height=%d", (int32_t)size, rect.pitch,
               rect.height);
@@ -455,7 +472,10 @@ int32_t Model::show_bar(const Post &post, uint32_t id, uint32_t percent)
     const Event &show =
         expect(SET_OSD, {id, osd_id, post.region.x & 0xFFFF, post.region.y & 0xFFFF});
     if (buffer)
-        compare(*buffer, show.bytes, "bar shown");
+        compare(
+            *buffer, show.bytes,
+            "bar of " + std::to_string((int32_t)percent) + " %" +
+                (show.bytes == buffer->expected ? "" : ", " + nearest_percent(show.bytes, rect)));
     if (show.failed) {
         print("qm7_cl_post_set_osd() failed. errno=0x%08X", (unsigned)show.error);
         print("postResId=0x%08X", id);
@@ -555,7 +575,7 @@ int32_t Model::show_string(const Post &post, uint32_t id, uint32_t percent)
         print("postResId=0x%08X, OSD num=%d, osdId=0x%08X\n", id, 1, osd_id);
         return FAULT;
     }
-    Buffer *buffer = adopt(fetch);
+    Buffer *buffer = adopt(fetch, post.pitch[1]);
     if (buffer)
         std::fill(buffer->expected.begin(), buffer->expected.end(), 0);
     if (target_bitmap(post, cut, target, buffer, highlight) != OK) {
@@ -564,7 +584,7 @@ int32_t Model::show_string(const Post &post, uint32_t id, uint32_t percent)
     }
 
     const Event &show = expect(SET_OSD, {id, osd_id, x & 0xFFFF, y & 0xFFFF});
-    compare(*buffer, show.bytes, "text shown");
+    compare(*buffer, show.bytes, "text \"" + cut + "\"");
     if (show.failed) {
         print("qm7_cl_post_set_osd() failed. errno=0x%08X", (unsigned)show.error);
         print("postResId=0x%08X", id);

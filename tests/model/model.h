@@ -85,6 +85,7 @@ class Model
     struct Buffer {
         std::shared_ptr<GuardedMemory> memory;
         std::vector<uint8_t> expected;
+        uint32_t pitch; // bytes a line, for messages; 0: no lines
     };
 
     size_t next = 0; // event of the record
@@ -99,8 +100,9 @@ class Model
     void error_line(const char *operation, const char *format, ...)
         __attribute__((format(printf, 3, 4)));
     int32_t fault(const char *operation, const char *call, const world::Event &event);
-    Buffer *adopt(const world::Event &event);
-    void compare(const Buffer &buffer, const std::vector<uint8_t> &actual, const char *when) const;
+    Buffer *adopt(const world::Event &event, uint32_t pitch);
+    static void compare(const Buffer &buffer, const std::vector<uint8_t> &actual,
+                        const std::string &when);
 
     void fill_color(Buffer *buffer, uint32_t size);
     int32_t init_engine(Engine *engine, uint32_t pixel_size);

@@ -8,6 +8,8 @@
 
 #include <png.h>
 
+#include "difference.h"
+
 static constexpr size_t PRINTED_COLUMNS = 200; // wider pictures are cut in messages
 static constexpr size_t PRINTED_LINES = 120;
 
@@ -61,19 +63,9 @@ testing::AssertionResult same_picture(std::span<const uint8_t> actual,
     if (std::equal(actual.begin(), actual.end(), expected.begin(), expected.end()))
         return testing::AssertionSuccess();
 
-    const auto [a, e] =
-        std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-    const size_t offset = (size_t)(a - actual.begin());
-    testing::AssertionResult result = testing::AssertionFailure();
-    if (a == actual.end() || e == expected.end())
-        result << actual.size() << " bytes, expected " << expected.size();
-    else
-        result << "byte " << offset << " (line " << offset / std::max(pitch, (size_t)1)
-               << ", column " << offset % std::max(pitch, (size_t)1) << ") is " << (int)*a
-               << ", expected " << (int)*e;
-    return result << "\nactual:\n"
-                  << shown(actual, pitch) << "expected:\n"
-                  << shown(expected, pitch);
+    return testing::AssertionFailure() << difference(actual, expected, pitch) << "\nactual:\n"
+                                       << shown(actual, pitch) << "expected:\n"
+                                       << shown(expected, pitch);
 }
 
 // ---- images ------------------------------------------------------------------------------------

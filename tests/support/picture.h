@@ -12,15 +12,15 @@
 // '|' marker, 'H' highlight, '?' memory as it was handed out, '*' any other.
 std::string picture_of(std::span<const uint8_t> bytes, size_t pitch);
 
-// Whether the pictures are equal to the byte; where not, the message names the first difference
-// and shows both.
+// Compares two pictures byte by byte. The failure message names line, column and index of the first
+// difference and shows both pictures.
 testing::AssertionResult same_picture(std::span<const uint8_t> actual,
                                       std::span<const uint8_t> expected, size_t pitch);
 
-// Whether the picture is that of tests/golden/NAME.png. A missing image is a difference. What was
-// drawn is left in the build folder under golden_actual/.
+// Compares a picture with tests/golden/NAME.png; a missing image is a failure. The actual picture
+// is written to golden_actual/ in the build folder.
 testing::AssertionResult same_as_golden(std::span<const uint8_t> actual, size_t pitch,
                                         const std::string &name);
 
-// Writes a picture as an image with a palette; its pixels are the bytes as they stand.
+// Writes a picture as a palette image whose pixels are the bytes themselves.
 void write_image(const std::string &path, std::span<const uint8_t> bytes, size_t pitch);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "difference.h"
 #include "fake_codec.h"
 #include "guarded_memory.h"
 
@@ -92,4 +93,21 @@ TEST(FakeCodec, KeepsWhatWasShownWithItsPlace)
     EXPECT_EQ(codec.shown[0].y, 6u);
     EXPECT_EQ(codec.shown[0].bytes, (std::vector<uint8_t>{0xA5, 0x11, 0xA5}));
     EXPECT_EQ(codec.calls[1], "qm7_cl_post_set_osd(7, 1001, {5, 6})");
+}
+
+TEST(Difference, NamesLineColumnAndIndexOfTheFirstByte)
+{
+    std::vector<uint8_t> expected(3 * 10, 17);
+    std::vector<uint8_t> actual = expected;
+    EXPECT_EQ(difference(actual, expected, 10), "");
+
+    actual[14] = 19;
+    actual[29] = 0xA5;
+
+    EXPECT_EQ(difference(actual, expected, 10),
+              "line 1, column 4: marker (19), expected box (17); 2 of 30 bytes differ");
+    EXPECT_EQ(difference(actual, expected, 0),
+              "byte 14: marker (19), expected box (17); 2 of 30 bytes differ");
+    EXPECT_EQ(difference({actual.data(), 29}, expected, 10), "29 bytes, expected 30");
+    EXPECT_EQ(differing_bytes({actual.data(), 29}, expected), 2u); // one of them is missing
 }

@@ -233,7 +233,8 @@ void sweep(const Operation &operation, const Counts &counts, uint64_t known_cras
                     const Point point = try_one(operation, fn, n, code, for_ever);
                     ASSERT_NE(point, Point::FAILED)
                         << operation.name << ", " << name_of(fn) << " call " << n
-                        << (for_ever ? " and all later" : " once") << ", code " << code;
+                        << (for_ever ? " and all later" : " once") << ", errno 0x" << std::hex
+                        << (unsigned)code;
                     crashes += point == Point::FREETYPE_CRASHED ? 1 : 0;
                     if (point == Point::NOT_MET)
                         break;
