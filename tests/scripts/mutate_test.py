@@ -1,4 +1,4 @@
-"""How a mutation run is judged: which survivors are explained, and what the lists have wrong."""
+"""How scripts/mutate names mutants, judges a run and checks its lists."""
 import importlib.machinery
 import importlib.util
 import sys
@@ -53,7 +53,7 @@ class Lists(unittest.TestCase):
         there = [mutant(i) for i in ("a", "b", "c")]
         self.assertEqual(mutate.wrong_entries({"a": "why"}, {"b": "why"}, there), [])
         self.assertEqual(mutate.wrong_entries({"x": "why"}, {"y": "why"}, there),
-                         ["listed but no mutant: x", "listed but no mutant: y"])
+                         ["listed but no mutant: x why", "listed but no mutant: y why"])
         self.assertEqual(mutate.wrong_entries({"a": ""}, {}, there), ["listed without a reason: a"])
         self.assertEqual(mutate.wrong_entries({"a": "why"}, {"a": "why"}, there), ["in both lists: a"])
 
@@ -65,6 +65,44 @@ class Lists(unittest.TestCase):
         self.assertEqual(outdated(s="killed"), ["listed as a survivor but killed: s src/a.cpp:3"])
         self.assertEqual(outdated(s="equivalent"),
                          ["listed as a survivor but equivalent: s src/a.cpp:3"])
+
+
+SOURCE = """static int first(int a)
+{
+    if (a < 3) // a remark
+        return a + 1;
+    return 0;
+}
+
+static int second(int a)
+{
+    return a + 1;
+}
+"""
+
+
+class Identities(unittest.TestCase):
+    def identities(self, source):
+        mutants = mutate.mutants_of("src/a.cpp", source)
+        mutate.number_mutants(mutants)
+        return {m.identity: m for m in mutants}
+
+    def test_every_mutant_has_its_own(self):
+        mutants = mutate.mutants_of("src/a.cpp", SOURCE)
+        self.assertEqual(len(self.identities(SOURCE)), len(mutants))
+        self.assertGreater(len(mutants), 10)
+
+    def test_layout_comments_and_names_elsewhere_change_none(self):
+        edited = SOURCE.replace(" // a remark", "").replace("    return a + 1", "  return a  +\n 1")
+        self.assertEqual(set(self.identities(edited)), set(self.identities(SOURCE)))
+        longer = SOURCE + "static int third(int b)\n{\n    return b - 7;\n}\n"
+        self.assertLess(set(self.identities(SOURCE)), set(self.identities(longer)))
+
+    def test_only_mutants_near_an_edit_change(self):
+        gone = set(self.identities(SOURCE)) - set(self.identities(SOURCE.replace("a < 3", "a < 4")))
+        self.assertTrue(gone)
+        for identity in gone:
+            self.assertEqual(self.identities(SOURCE)[identity].line, 3)
 
 
 if __name__ == "__main__":
