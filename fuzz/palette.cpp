@@ -1,4 +1,4 @@
-// A palette file of any content on colour memory of any size, read whole or cut short, and the
+// A palette file of any content on color memory of any size, read whole or cut short, and the
 // session around it failing anywhere.
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Entries of the OSD colour table that the readout draws with. Their colours come from the palette
+// Entries of the OSD color table that the readout draws with. Their colors come from the palette
 // file; of 16 to 19 the program forces some bytes (osd_palette.h).
 #pragma once
 

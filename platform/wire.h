@@ -191,8 +191,8 @@ constexpr uint32_t wire_reply_size(uint32_t call)
 // ---- error codes of the library; the top byte of each is 0x81
 
 constexpr uint32_t CODEC_NO_CAMERA = 0x81E00001;       // there is no camera, or it has gone
-constexpr uint32_t CODEC_NOT_INITIALISED = 0x81E00002; // qm7_cl_library_init comes first
-constexpr uint32_t CODEC_INITIALISED = 0x81E00003;     // is initialised already
+constexpr uint32_t CODEC_NOT_INITIALIZED = 0x81E00002; // qm7_cl_library_init comes first
+constexpr uint32_t CODEC_INITIALIZED = 0x81E00003;     // is initialized already
 constexpr uint32_t CODEC_DEVICE_CLOSED = 0x81E00004;   // qm7_cl_sys_open_device comes first
 constexpr uint32_t CODEC_DEVICE_OPEN = 0x81E00005;     // is open already
 constexpr uint32_t CODEC_BAD_ARGUMENT = 0x81E00006;    // a null pointer, a number out of range

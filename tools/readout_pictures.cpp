@@ -196,7 +196,7 @@ static void make_states()
         const uint8_t *entry = palette.data() + index * PALETTE_ENTRY_BYTES;
         const BgrColor color = osd_color_to_bgr({entry[0], entry[1], entry[2], entry[3]});
         const cv::Mat swatch(16, 40, CV_8UC3, cv::Scalar(color.b, color.g, color.r));
-        save("colour-" + std::to_string(index), swatch);
+        save("color-" + std::to_string(index), swatch);
     }
     camera_stop(*camera);
 }

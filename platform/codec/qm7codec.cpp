@@ -31,14 +31,14 @@ struct PlaneMappings {
 };
 
 struct Library {
-    bool initialised;
+    bool initialized;
     bool dead;      // the camera went away; only library_exit succeeds
-    int connection; // valid while initialised
-    int events;     // what WireNotify records arrive on; valid while initialised
+    int connection; // valid while initialized
+    int events;     // what WireNotify records arrive on; valid while initialized
     bool thread_runs;
     pthread_t thread;
     PostNotifyCallback callback;
-    Mapping colour;
+    Mapping color;
     PlaneMappings plane[WIRE_POSTS][WIRE_PLANES];
 };
 
@@ -54,8 +54,8 @@ static int32_t fail(uint32_t code)
 // Makes the call and turns its outcome into a library result. The lock is held.
 static int32_t call_camera(uint32_t call, const void *request, void *reply, int *fd)
 {
-    if (!library.initialised)
-        return fail(CODEC_NOT_INITIALISED);
+    if (!library.initialized)
+        return fail(CODEC_NOT_INITIALIZED);
     if (library.dead)
         return fail(CODEC_NO_CAMERA);
     uint32_t error = 0;
@@ -124,7 +124,7 @@ static OsdMem lent(const Mapping *mapping)
 
 static void unmap_all()
 {
-    unmap(&library.colour);
+    unmap(&library.color);
     for (uint32_t post = 0; post < WIRE_POSTS; post++)
         for (uint32_t number = 0; number < WIRE_PLANES; number++)
             for (uint32_t i = 0; i < WIRE_BUFFERS; i++)
@@ -186,8 +186,8 @@ int32_t qm7_cl_library_init()
     uint32_t error = 0;
     int connection = -1;
     int events = -1;
-    if (library.initialised)
-        error = CODEC_INITIALISED;
+    if (library.initialized)
+        error = CODEC_INITIALIZED;
     else if ((connection = client_connect()) < 0 ||
              client_call(connection, WIRE_LIBRARY_INIT, nullptr, nullptr, &events, &error) != 0)
         error = CODEC_NO_CAMERA;
@@ -195,7 +195,7 @@ int32_t qm7_cl_library_init()
         error = CODEC_NO_CAMERA;
 
     if (error == 0) {
-        library.initialised = true;
+        library.initialized = true;
         library.connection = connection;
         library.events = events;
     } else {
@@ -213,8 +213,8 @@ int32_t qm7_cl_library_exit()
 {
     pthread_mutex_lock(&lock);
     int32_t result = 0;
-    if (!library.initialised)
-        result = fail(CODEC_NOT_INITIALISED);
+    if (!library.initialized)
+        result = fail(CODEC_NOT_INITIALIZED);
     else if (!library.dead)
         result = call_camera(WIRE_LIBRARY_EXIT, nullptr, nullptr, nullptr);
     if (result != 0 && !library.dead) {
@@ -276,10 +276,10 @@ int32_t qm7_cl_post_get_osd_color_mem(OsdMem *mem)
     WireMemory memory = {};
     int fd = -1;
     int32_t result = call_camera(WIRE_POST_GET_OSD_COLOR_MEM, nullptr, &memory, &fd);
-    if (result == 0 && !library.colour.base && !map(&library.colour, &memory, fd))
+    if (result == 0 && !library.color.base && !map(&library.color, &memory, fd))
         result = fail(CODEC_NO_MEMORY);
     if (result == 0)
-        *mem = lent(&library.colour);
+        *mem = lent(&library.color);
     close_received(fd);
     pthread_mutex_unlock(&lock);
     return result;

@@ -1,4 +1,4 @@
-// Posts, planes, colours and measurements, and the calls on them.
+// Posts, planes, colors and measurements, and the calls on them.
 
 #include "board/board.h"
 
@@ -26,7 +26,7 @@ bool board_init(Board &board, uint64_t seed, uint32_t pitch_align)
     board.pitch_align = pitch_align;
     constexpr uint32_t size = PALETTE_ENTRIES * PALETTE_ENTRY_BYTES;
     board.palette.assign(size, 0);
-    return shared_memory_make(size, seed, &board.colour);
+    return shared_memory_make(size, seed, &board.color);
 }
 
 double board_time(const Board &board)
@@ -153,16 +153,16 @@ static uint32_t set_notify(Board &board, Session &session, uint32_t mask)
     return 0;
 }
 
-static uint32_t get_colours(Board &board, Reply *reply)
+static uint32_t get_colors(Board &board, Reply *reply)
 {
-    put(reply, board.colour.memory);
-    reply->fd = board.colour.fd;
+    put(reply, board.color.memory);
+    reply->fd = board.color.fd;
     return 0;
 }
 
-static uint32_t apply_colours(Board &board)
+static uint32_t apply_colors(Board &board)
 {
-    board.palette.assign(board.colour.bytes(), board.colour.bytes() + board.colour.memory.size);
+    board.palette.assign(board.color.bytes(), board.color.bytes() + board.color.memory.size);
     return 0;
 }
 
@@ -341,20 +341,20 @@ static uint32_t execute(Board &board, Session &session, const Request &request, 
 {
     const uint32_t call = request.header.call;
     if (call == WIRE_LIBRARY_INIT) {
-        if (session.initialised)
-            return CODEC_INITIALISED;
-        session.initialised = true;
+        if (session.initialized)
+            return CODEC_INITIALIZED;
+        session.initialized = true;
         return 0;
     }
-    if (call < WIRE_DEVICE_OPEN && !session.initialised)
-        return CODEC_NOT_INITIALISED;
+    if (call < WIRE_DEVICE_OPEN && !session.initialized)
+        return CODEC_NOT_INITIALIZED;
     if (needs_library_device(call) && !session.device_open)
         return CODEC_DEVICE_CLOSED;
 
     switch (call) {
     case WIRE_LIBRARY_EXIT:
         take_back_buffers(board, session);
-        session.initialised = session.device_open = session.callback = false;
+        session.initialized = session.device_open = session.callback = false;
         session.mask = 0;
         return 0;
     case WIRE_SYS_OPEN_DEVICE:
@@ -375,9 +375,9 @@ static uint32_t execute(Board &board, Session &session, const Request &request, 
     case WIRE_POST_SET_NOTIFY:
         return set_notify(board, session, request_record<WireWord>(request).word);
     case WIRE_POST_GET_OSD_COLOR_MEM:
-        return get_colours(board, reply);
+        return get_colors(board, reply);
     case WIRE_POST_SET_OSD_COLOR:
-        return apply_colours(board);
+        return apply_colors(board);
     case WIRE_POST_THREAD_GET_STATUS:
         return get_status(board, request_record<WireWord>(request).word, reply);
     case WIRE_POST_OPEN_OSD:
@@ -520,7 +520,7 @@ void board_state(Board &board, CameraState *state)
     state->dropped_reports = board.dropped_reports;
     state->process.attached = false;
     for (const Session *session : board.sessions)
-        state->process.attached |= session->initialised;
+        state->process.attached |= session->initialized;
 }
 
 static PlaneImage plane_image(const Plane &plane)

@@ -1,4 +1,4 @@
-// The camera's board: posts, OSD planes, colour table, the device's measurements, and what the
+// The camera's board: posts, OSD planes, color table, the device's measurements, and what the
 // calls of the codec library and the requests of the device do with them. Knows no sockets, threads
 // or pictures.
 //
@@ -29,7 +29,7 @@ constexpr uint32_t POST_SIZE_MIN = 16, POST_SIZE_MAX = 4096;
 struct Session {
     uint64_t id = 0; // never 0 on a board
     int pid = 0;
-    bool initialised = false;
+    bool initialized = false;
     bool device_open = false; // the library's device
     bool callback = false;
     uint32_t mask = 0;
@@ -65,7 +65,7 @@ struct Board {
     std::array<Post, POST_COUNT> post;
     uint32_t osd_serial = 0;
     uint32_t epochs = 0;
-    SharedMemory colour;
+    SharedMemory color;
     std::vector<uint8_t> palette; // as applied last
 
     bool focus_configured = false;
@@ -87,7 +87,7 @@ struct Reply {
     int fd = -1;                               // borrowed from the board: send before unlocking
 };
 
-// False where the system has no memory for the colour table.
+// False where the system has no memory for the color table.
 bool board_init(Board &board, uint64_t seed, uint32_t pitch_align);
 double board_time(const Board &board);
 
@@ -116,7 +116,7 @@ std::string board_set_fault(Board &board, const Fault &fault);
 
 // Fills what a board knows of a camera's state.
 void board_state(Board &board, CameraState *state);
-// A post with copies of its shown planes, empty bytes where nothing is shown, and the colour table.
+// A post with copies of its shown planes, empty bytes where nothing is shown, and the color table.
 struct PostImage {
     PostState state;
     std::array<PlaneImage, PLANE_COUNT> plane;

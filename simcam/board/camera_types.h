@@ -63,7 +63,7 @@ struct PostState {
 struct ProcessState {
     bool configured = false; // a program was named
     bool running = false;
-    bool attached = false; // an overlay process (ours or another) has initialised the library
+    bool attached = false; // an overlay process (ours or another) has initialized the library
     int pid = 0;
     uint64_t starts = 0;
     double cpu_percent = 0;

@@ -200,7 +200,7 @@ static std::string prepare(Camera &camera)
     if (!error.empty())
         return error;
     if (!board_init(camera.board, options.seed, options.pitch_align))
-        return "there is no memory for the colour table";
+        return "there is no memory for the color table";
     camera.lens.ring = options.ring;
     camera.lens.sweep = options.sweep;
     camera.lens.sweep_period_s = options.sweep_period_s;

@@ -62,7 +62,7 @@ cv::Mat camera_picture(Camera &camera, int post, bool with_planes);
 // The sensor's picture through the lens, 1280 x 720, 8-bit BGR, without planes.
 cv::Mat camera_sensor_picture(Camera &camera);
 PlaneImage camera_plane(Camera &camera, int post, int plane);
-// The colour table as applied last: 256 entries of 4 bytes.
+// The color table as applied last: 256 entries of 4 bytes.
 std::vector<uint8_t> camera_palette(Camera &camera);
 
 } // namespace simcam

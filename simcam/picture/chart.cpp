@@ -129,7 +129,7 @@ static void draw_text_lines(const Sheet &sheet, double x, double y)
     }
 }
 
-static void draw_grey_steps(const Sheet &sheet, double x, double y, double width, double height)
+static void draw_gray_steps(const Sheet &sheet, double x, double y, double width, double height)
 {
     constexpr int STEPS = 16;
     for (int i = 0; i < STEPS; i++)
@@ -163,7 +163,7 @@ cv::Mat chart_draw(int width, int height)
     draw_checker(sheet, 224, 380, 6, 8, 15);
     draw_text_lines(sheet, 868, 84);
     draw_checker(sheet, 960, 380, 11, 14, 9);
-    draw_grey_steps(sheet, 110, 664, 1060, 26);
+    draw_gray_steps(sheet, 110, 664, 1060, 26);
     write(sheet, "LENS CHART", 60, 606, 16, ACCENT);
     write(sheet, "1280 x 720", 60, 634, 12);
 

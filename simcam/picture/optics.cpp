@@ -71,7 +71,7 @@ struct RimPair {
     int weight[2];
 };
 
-// How much of the pixel whose centre is (dx, dy) off the disc's lies inside it.
+// How much of the pixel whose center is (dx, dy) off the disc's lies inside it.
 static double disc_coverage(double radius, int dx, int dy)
 {
     constexpr int STRIPS = 64;
@@ -352,7 +352,7 @@ uint32_t sharpness_measure(const cv::Mat &picture, const cv::Rect &window)
     cv::Mat luma, across, down;
     cv::cvtColor(picture(inside), luma, cv::COLOR_BGR2GRAY);
     cv::spatialGradient(luma, across, down);
-    // Only where all eight neighbours lie inside the window.
+    // Only where all eight neighbors lie inside the window.
     const cv::Rect inner(1, 1, inside.width - 2, inside.height - 2);
     const double energy =
         cv::norm(across(inner), cv::NORM_L2SQR) + cv::norm(down(inner), cv::NORM_L2SQR);

@@ -48,7 +48,7 @@ void sensor_expose(const cv::Mat &blurred, double gain, uint64_t seed, uint64_t 
 // the middle. The whole sensor picture where that does not fit, and so before any configuration.
 cv::Rect sharpness_window(uint32_t columns, uint32_t lines);
 
-// Mean squared Sobel gradient of the luma over the pixels whose eight neighbours lie inside window
+// Mean squared Sobel gradient of the luma over the pixels whose eight neighbors lie inside window
 // too, times 16: the raw value of /dev/cam (display value = raw / 100; about 290 at the peak on the
 // default scene). 0 for less than 3 x 3.
 uint32_t sharpness_measure(const cv::Mat &picture, const cv::Rect &window);

@@ -1,5 +1,5 @@
-// The colour format of the simulated camera's OSD: what the four bytes of a palette entry mean.
-// Pictures get their colours here. focus-palette has the same formula of its own: it is built for
+// The color format of the simulated camera's OSD: what the four bytes of a palette entry mean.
+// Pictures get their colors here. focus-palette has the same formula of its own: it is built for
 // the building machine, from its own folder only.
 #pragma once
 
@@ -14,13 +14,13 @@ constexpr uint32_t PALETTE_ENTRY_BYTES = 4;
 constexpr uint32_t PALETTE_ENTRIES = 256;
 constexpr uint32_t OSD_OPAQUE = 8; // eighths; everything above is opaque too
 
-// A palette entry as it lies in the colour memory: full-range BT.601 and an opacity.
+// A palette entry as it lies in the color memory: full-range BT.601 and an opacity.
 struct OsdColor {
     uint8_t y;
-    uint8_t cb, cr;  // 128: no colour
+    uint8_t cb, cr;  // 128: no color
     uint8_t opacity; // eighths: 0 invisible .. 8 opaque
 };
-static_assert(sizeof(OsdColor) == PALETTE_ENTRY_BYTES, "an entry of the colour memory");
+static_assert(sizeof(OsdColor) == PALETTE_ENTRY_BYTES, "an entry of the color memory");
 
 struct BgrColor {
     uint8_t b, g, r;

@@ -14,7 +14,7 @@ struct RunDirectory {
 };
 
 // Makes the directory (a fresh one where path is empty) and in it the folders, the font and the
-// colour table that a camera has. Files that are there already are kept. False with *error on
+// color table that a camera has. Files that are there already are kept. False with *error on
 // failure. Fresh ones that cameras left behind which were killed are removed first.
 //
 // Its path goes into the lists of the program's loader. One with a character that separates there

@@ -153,7 +153,7 @@ static HttpReply get_plane(Camera &camera, const RoutedRequest &request)
     }
     const bool indices = request.route->id == RouteId::PLANE_INDICES;
     const cv::Mat picture = indices ? picture_plane_indices(plane)
-                                    : picture_plane_colours(plane, camera_palette(camera));
+                                    : picture_plane_colors(plane, camera_palette(camera));
     if (picture.empty())
         return reply_error(404, "this plane has no pixels");
     HttpReply reply = reply_png(picture);
@@ -237,7 +237,7 @@ HttpReply reply_answer(HttpServer &server, const RoutedRequest &request)
     case RouteId::PLANE:
     case RouteId::PLANE_RAW:
     case RouteId::PLANE_INDICES:
-    case RouteId::PLANE_COLOURS:
+    case RouteId::PLANE_COLORS:
         return get_plane(camera, request);
     case RouteId::PALETTE:
         return reply_json(json_palette(camera_palette(camera)));

@@ -123,26 +123,26 @@ cv::Mat picture_plane_indices(const PlaneImage &plane)
     return indices;
 }
 
-static cv::Vec4b entry_colour(const uint8_t *entry)
+static cv::Vec4b entry_color(const uint8_t *entry)
 {
     const BgrColor color = osd_color_to_bgr({entry[0], entry[1], entry[2], entry[3]});
     return {color.b, color.g, color.r, static_cast<uchar>(color.opacity * 255 / OSD_OPAQUE)};
 }
 
-cv::Mat picture_plane_colours(const PlaneImage &plane, const std::vector<uint8_t> &palette)
+cv::Mat picture_plane_colors(const PlaneImage &plane, const std::vector<uint8_t> &palette)
 {
     const cv::Mat indices = picture_plane_indices(plane);
-    cv::Mat colours = cv::Mat::zeros(indices.size(), CV_8UC4);
+    cv::Mat colors = cv::Mat::zeros(indices.size(), CV_8UC4);
     for (int y = 0; y < indices.rows; ++y) {
         const uint8_t *from = indices.ptr<uint8_t>(y);
-        cv::Vec4b *to = colours.ptr<cv::Vec4b>(y);
+        cv::Vec4b *to = colors.ptr<cv::Vec4b>(y);
         for (int x = 0; x < indices.cols; ++x) {
             const size_t entry = size_t{from[x]} * 4;
             if (entry + 4 <= palette.size())
-                to[x] = entry_colour(&palette[entry]);
+                to[x] = entry_color(&palette[entry]);
         }
     }
-    return colours;
+    return colors;
 }
 
 // ---- frames for several viewers ----

@@ -28,10 +28,10 @@ cv::Mat picture_view(Camera &camera, const PictureRequest &request);
 std::string picture_png(const cv::Mat &picture);
 std::string picture_jpeg(const cv::Mat &picture, int quality);
 
-// The index of every pixel as its grey value; empty while nothing is shown.
+// The index of every pixel as its gray value; empty while nothing is shown.
 cv::Mat picture_plane_indices(const PlaneImage &plane);
-// The pixels in their colours, BGRA.
-cv::Mat picture_plane_colours(const PlaneImage &plane, const std::vector<uint8_t> &palette);
+// The pixels in their colors, BGRA.
+cv::Mat picture_plane_colors(const PlaneImage &plane, const std::vector<uint8_t> &palette);
 
 // JPEGs of the latest frame, shared by the viewers that asked for the same thing.
 struct PictureCache;

@@ -30,7 +30,7 @@ enum class RouteId {
     PLANE,
     PLANE_RAW,
     PLANE_INDICES,
-    PLANE_COLOURS,
+    PLANE_COLORS,
     PALETTE,
     PALETTE_RAW,
     RING,

@@ -41,7 +41,7 @@ void init_osd_region(OsdRegion *region, uint32_t resolution)
         region->height = REGION_SIZES[resolution].height;
     }
     region->depth_code = DEPTH_CODE_8_BITS;
-    region->colour = PALETTE_BOX;
+    region->color = PALETTE_BOX;
 }
 
 int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
@@ -50,7 +50,7 @@ int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const 
     (void)font_path; // the engines have it open already
     (void)spare;     // of no use yet
 
-    if (params->initialised != 0)
+    if (params->initialized != 0)
         return STATUS_OK;
 
     params->font_size = font_pixel_size(geometry->height);
@@ -71,7 +71,7 @@ int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const 
         params->engine = font_engines[resolution];
     params->cell_width = font_cell_width(&params->engine);
 
-    params->initialised = 1;
+    params->initialized = 1;
     return STATUS_OK;
 }
 

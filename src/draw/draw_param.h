@@ -12,7 +12,7 @@
 
 // Drawing parameters of one post. All zero: not computed yet.
 struct DrawParams {
-    uint32_t initialised; // 0 or 1; nothing clears it when the post stops
+    uint32_t initialized; // 0 or 1; nothing clears it when the post stops
     uint32_t font_size;   // height of the text box, lines
     int32_t cell_width;   // pixels
     FontEngine engine;    // a copy: shares its handles with font_engines and owns none of them
@@ -29,7 +29,7 @@ struct OsdRegion {
     uint32_t depth_code; // bits per pixel = 2 << depth_code
     uint32_t x;          // left edge, pixels
     uint32_t y;          // top edge, lines
-    uint32_t colour;     // palette index of the background
+    uint32_t color;      // palette index of the background
     uint32_t resolution; // resolution index
 };
 static_assert(sizeof(OsdRegion) == 24, "six words");
@@ -37,10 +37,10 @@ static_assert(offsetof(OsdRegion, height) == 2, "six words");
 static_assert(offsetof(OsdRegion, depth_code) == 4, "six words");
 static_assert(offsetof(OsdRegion, x) == 8, "six words");
 static_assert(offsetof(OsdRegion, y) == 12, "six words");
-static_assert(offsetof(OsdRegion, colour) == 16, "six words");
+static_assert(offsetof(OsdRegion, color) == 16, "six words");
 static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
 
-// Fills params and the post's four regions from geometry; does nothing where params is initialised
+// Fills params and the post's four regions from geometry; does nothing where params is initialized
 // already, whatever geometry says now. font_path and spare are ignored.
 //
 // A width of no resolution index is logged, leaves width and height of the regions as they were and
@@ -50,7 +50,7 @@ static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
 int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
                         uint32_t spare, OsdRegion regions[OSD_PLANE_COUNT]);
 
-// Sets size, depth code and colour of region; an index of no resolution leaves the size as it was.
+// Sets size, depth code and color of region; an index of no resolution leaves the size as it was.
 void init_osd_region(OsdRegion *region, uint32_t resolution);
 
 // Fills the one request record of the process from region and returns it: to be handed on before

@@ -28,7 +28,7 @@ const DrawRect *make_bar_rect(const OsdRegion *region, uint32_t pitch)
     bar_target.x = region->x;
     bar_target.y = region->y;
     bar_target.fg_color = 0;
-    bar_target.bg_color = region->colour;
+    bar_target.bg_color = region->color;
     bar_target.cell_width = 0;
     bar_target.pitch = (int32_t)pitch;
     bar_target.resolution = region->resolution;
@@ -43,13 +43,13 @@ const DrawRect *make_string_rect(const OsdRegion *region, const PostState *post,
     string_target.width = TEXT_CELLS * params->cell_width;
     string_target.height = (int32_t)params->font_size;
     string_target.depth = 2u << region->depth_code;
-    if (region->resolution <= RESOLUTION_1280) // centred over the bar; may be wider than it
+    if (region->resolution <= RESOLUTION_1280) // centerd over the bar; may be wider than it
         string_target.x = region->x + (uint32_t)((region->width - string_target.width) / 2);
     else
         string_target.x = region->x + 1;
     string_target.y = region->y - params->font_size; // ends where the bar begins
     string_target.fg_color = PALETTE_TEXT;
-    string_target.bg_color = region->colour;
+    string_target.bg_color = region->color;
     string_target.cell_width = params->cell_width;
     string_target.pitch = (int32_t)post->planes[osd_number].pitch;
     return &string_target;

@@ -18,7 +18,7 @@ const DrawRect *make_string_rect(const OsdRegion *region, const PostState *post,
 
 // The update of the text: fetches a buffer of the plane, clears it, draws "FOCUS ASSIST cur/best"
 // into it and shows it at the place that target names; a peak of 0 is "---". percent decides the
-// colour. What does not fit the buffer is not drawn. A glyph of engine's cache that cannot be drawn
+// color. What does not fit the buffer is not drawn. A glyph of engine's cache that cannot be drawn
 // is released.
 //
 // Returns 0 or STATUS_FAULT. Failures of the library are printed on standard output, those of

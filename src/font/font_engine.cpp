@@ -104,10 +104,10 @@ int32_t font_clear_engine(FontEngine *engine)
 
 void font_release_slot(DrawParams *slot)
 {
-    if (slot->initialised == 0)
+    if (slot->initialized == 0)
         return;
     (void)font_clear_engine(&slot->engine); // there is no status to hand on
-    slot->initialised = 0;
+    slot->initialized = 0;
 }
 
 int32_t font_init_engine(FontEngine *engine, const char *font_path, uint32_t pixel_size)

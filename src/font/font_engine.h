@@ -80,7 +80,7 @@ void font_free_cache(GlyphCache *cache);
 // Returns FreeType's result of giving up the library; 0 for a null or dead engine.
 int32_t font_clear_engine(FontEngine *engine);
 
-// Tears down the engine in slot, where that is initialised, and marks it not initialised.
+// Tears down the engine in slot, where that is initialized, and marks it not initialized.
 void font_release_slot(DrawParams *slot);
 
 // The glyph of the first entry with char_code, or null. The cache keeps it.

@@ -44,7 +44,7 @@ static const uint8_t NIBBLE_MASKS[16][4] = {
     {0xFF, 0xFF, 0x00, 0x00}, {0xFF, 0xFF, 0x00, 0xFF}, {0xFF, 0xFF, 0xFF, 0x00},
     {0xFF, 0xFF, 0xFF, 0xFF}};
 
-// Gives the pixels at dest that the nibble's bits select the colour of colors, which holds it four
+// Gives the pixels at dest that the nibble's bits select the color of colors, which holds it four
 // times.
 static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
 {

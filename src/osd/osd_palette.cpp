@@ -1,4 +1,4 @@
-// The palette file and the forced entries of the colour table. No state.
+// The palette file and the forced entries of the color table. No state.
 
 #include "osd/osd_palette.h"
 
@@ -11,7 +11,7 @@
 #include "palette_index.h"
 #include "status.h"
 
-// A forced byte of the colour table.
+// A forced byte of the color table.
 struct ForcedByte {
     uint32_t entry;
     uint32_t byte;

@@ -1,4 +1,4 @@
-// The OSD colour table: the palette file is copied into it byte for byte, then some bytes are
+// The OSD color table: the palette file is copied into it byte for byte, then some bytes are
 // forced. Display thread only.
 #pragma once
 
@@ -25,6 +25,6 @@ int32_t osd_open_file(const char *path, uint32_t *size_out);
 // read whole (what came stays in buffer). The reason is printed.
 int32_t osd_load_file(const char *path, void *buffer, uint32_t buffer_len);
 
-// Fills the colour memory: zeros, the palette file, the forced bytes, as far as they lie within
+// Fills the color memory: zeros, the palette file, the forced bytes, as far as they lie within
 // mem->size. A file that cannot be loaded changes nothing of that.
 void osd_fill_color_mem(const OsdMem *mem);

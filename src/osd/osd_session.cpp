@@ -81,7 +81,7 @@ static void undo_device()
 
 int32_t OSD_Library_Process()
 {
-    OsdMem colour_mem = {};
+    OsdMem color_mem = {};
 
     if (qm7_cl_library_init() != 0)
         return start_failed("qm7_cl_library_init", (uint32_t)errno);
@@ -104,13 +104,13 @@ int32_t OSD_Library_Process()
         return status;
     }
 
-    if (qm7_cl_post_get_osd_color_mem(&colour_mem) != 0) {
+    if (qm7_cl_post_get_osd_color_mem(&color_mem) != 0) {
         const int32_t status = start_failed("qm7_cl_post_get_osd_color_mem", (uint32_t)errno);
         undo_device();
         return status;
     }
 
-    osd_fill_color_mem(&colour_mem);
+    osd_fill_color_mem(&color_mem);
 
     if (qm7_cl_post_set_osd_color() != 0) {
         const int32_t status = start_failed("qm7_cl_post_set_osd_color", (uint32_t)errno);

@@ -36,7 +36,7 @@ static_assert(offsetof(PostGeometry, height) == 8, "three words");
 
 extern PostNotifyState post_notify_state;
 
-// Opens the session: library, device, notify callback and mask, colour table. A palette file that
+// Opens the session: library, device, notify callback and mask, color table. A palette file that
 // cannot be loaded is no failure.
 //
 // Returns 0, or STATUS_FAULT with an error line written and everything undone.

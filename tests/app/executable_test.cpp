@@ -207,7 +207,7 @@ TEST_F(Executable, AppliesThePaletteFileWithTheForcedBytes)
     expected.replace(
         67, 12,
         {'\x08', '\xEF', '\x28', '\x6D', 'Z', '\x4C', '\x54', '\xFF', 'Z', '\xB2', '\xAA', '\0'});
-    EXPECT_EQ(content(root / "colours"), expected);
+    EXPECT_EQ(content(root / "colors"), expected);
 }
 
 TEST_F(Executable, ArgumentsAndEnvironmentChangeNothing)

@@ -45,7 +45,7 @@ static constexpr uint32_t BUFFER_ID = 0xB0; // and the plane's number
 
 static void (*notify)(Report);
 static std::vector<uint8_t> planes[2];
-static std::vector<uint8_t> colours(1024);
+static std::vector<uint8_t> colors(1024);
 
 static std::string in_root(const char *name)
 {
@@ -120,13 +120,13 @@ LIBRARY_CALL qm7_cl_post_set_notify(uint32_t mask)
 
 LIBRARY_CALL qm7_cl_post_get_osd_color_mem(Memory *memory)
 {
-    *memory = {colours.data(), (uint32_t)colours.size()};
+    *memory = {colors.data(), (uint32_t)colors.size()};
     return call(__func__, "%s", "");
 }
 
 LIBRARY_CALL qm7_cl_post_set_osd_color()
 {
-    write_file("colours", "w", colours.data(), colours.size());
+    write_file("colors", "w", colors.data(), colors.size());
     return call(__func__, "%s", "");
 }
 

@@ -63,7 +63,7 @@ TEST_F(InitDrawParam, GivesTheWorkedValues)
 
         EXPECT_EQ(init(row.width, row.height), "");
 
-        EXPECT_EQ(params.initialised, 1u);
+        EXPECT_EQ(params.initialized, 1u);
         EXPECT_EQ(params.font_size, row.font_size);
         EXPECT_EQ(params.cell_width, row.cell_width);
         EXPECT_EQ(memcmp(&params.engine, &font_engines[row.index], sizeof params.engine), 0);
@@ -73,7 +73,7 @@ TEST_F(InitDrawParam, GivesTheWorkedValues)
             EXPECT_EQ(region.depth_code, 2u);
             EXPECT_EQ(region.x, row.x);
             EXPECT_EQ(region.y, row.y);
-            EXPECT_EQ(region.colour, 17u);
+            EXPECT_EQ(region.color, 17u);
             EXPECT_EQ(region.resolution, row.index);
         }
     }
@@ -144,13 +144,13 @@ TEST_F(InitDrawParam, SecondCallChangesNothingWhateverTheGeometry)
     EXPECT_EQ(memcmp(regions, regions_before, sizeof regions), 0);
 }
 
-TEST_F(InitDrawParam, AnyFlagButZeroCountsAsInitialised)
+TEST_F(InitDrawParam, AnyFlagButZeroCountsAsInitialized)
 {
-    params.initialised = 0x80000000;
+    params.initialized = 0x80000000;
 
     EXPECT_EQ(init(640, 480), "");
 
-    EXPECT_EQ(params.initialised, 0x80000000);
+    EXPECT_EQ(params.initialized, 0x80000000);
     EXPECT_EQ(params.font_size, 0u);
 }
 
@@ -167,7 +167,7 @@ TEST_F(InitDrawParam, UnknownWidthIsLoggedOnceAndLeavesSizesAsTheyWere)
         EXPECT_EQ(init(width, 480), INVALID_RESOLUTION) << width;
         EXPECT_EQ(init(width, 480), "") << width;
 
-        EXPECT_EQ(params.initialised, 1u);
+        EXPECT_EQ(params.initialized, 1u);
         EXPECT_EQ(params.font_size, 28u);
         EXPECT_EQ(params.cell_width, 0); // there is no face to take it from
         EXPECT_EQ(params.engine.library, nullptr);
@@ -177,7 +177,7 @@ TEST_F(InitDrawParam, UnknownWidthIsLoggedOnceAndLeavesSizesAsTheyWere)
             EXPECT_EQ(region.width, 300);
             EXPECT_EQ(region.height, 40);
             EXPECT_EQ(region.depth_code, 2u);
-            EXPECT_EQ(region.colour, 17u);
+            EXPECT_EQ(region.color, 17u);
             EXPECT_EQ(region.resolution, 4u);
             EXPECT_EQ(region.x, (width - 300) / 2);
             EXPECT_EQ(region.y, 384u);
@@ -204,7 +204,7 @@ TEST_F(InitDrawParam, DeadEngineGivesNoCellAndIsNotRead)
     for (const uint32_t width : {1920u, 1280u, 720u, 352u}) {
         params = {};
         EXPECT_EQ(init(width, 240), "");
-        EXPECT_EQ(params.initialised, 1u);
+        EXPECT_EQ(params.initialized, 1u);
         EXPECT_EQ(params.cell_width, 0);
         EXPECT_EQ(params.engine.library, nullptr);
     }
@@ -216,13 +216,13 @@ TEST_F(InitDrawParam, PathAndSpareAreIgnored)
 
     EXPECT_EQ(init_draw_param(&params, &geometry, nullptr, 0xFFFFFFFF, regions), 0);
 
-    EXPECT_EQ(params.initialised, 1u);
+    EXPECT_EQ(params.initialized, 1u);
     EXPECT_EQ(params.cell_width, 7);
 }
 
 // ---- regions and requests ----------------------------------------------------------------------
 
-TEST(InitOsdRegion, SetsSizeDepthAndColourOnly)
+TEST(InitOsdRegion, SetsSizeDepthAndColorOnly)
 {
     const uint16_t sizes[4][2] = {{720, 108}, {480, 72}, {280, 48}, {132, 24}};
     for (uint32_t index = 0; index < 4; index++) {
@@ -234,7 +234,7 @@ TEST(InitOsdRegion, SetsSizeDepthAndColourOnly)
         EXPECT_EQ(region.width, sizes[index][0]);
         EXPECT_EQ(region.height, sizes[index][1]);
         EXPECT_EQ(region.depth_code, 2u);
-        EXPECT_EQ(region.colour, 17u);
+        EXPECT_EQ(region.color, 17u);
         EXPECT_EQ(region.x, 0xA5A5A5A5);
         EXPECT_EQ(region.y, 0xA5A5A5A5);
         EXPECT_EQ(region.resolution, 0xA5A5A5A5);
@@ -252,7 +252,7 @@ TEST(InitOsdRegion, AnotherIndexLeavesTheSizeAsItWas)
         EXPECT_EQ(region.width, 0xA5A5);
         EXPECT_EQ(region.height, 0xA5A5);
         EXPECT_EQ(region.depth_code, 2u);
-        EXPECT_EQ(region.colour, 17u);
+        EXPECT_EQ(region.color, 17u);
     }
 }
 

@@ -92,11 +92,11 @@ TEST(DrawRectangle, TrailingPartOfAByteStaysUnpainted)
         EXPECT_TRUE(std::equal(line.begin(), line.end(), bytes.begin() + (ptrdiff_t)(4 * i)));
 }
 
-TEST(DrawRectangle, ColourIsCutToTheDepth)
+TEST(DrawRectangle, ColorIsCutToTheDepth)
 {
     struct Case {
         uint32_t depth;
-        uint32_t colour;
+        uint32_t color;
         uint8_t byte;
     };
     const Case cases[] = {{4, 0x1F, 0xFF}, {4, 0x12, 0x22},  {2, 17, 0x55},
@@ -104,12 +104,12 @@ TEST(DrawRectangle, ColourIsCutToTheDepth)
     for (const Case &c : cases) {
         DrawRect rect = rect_of(8, 2, 8);
         rect.depth = c.depth;
-        rect.bg_color = c.colour;
+        rect.bg_color = c.color;
 
         const std::vector<uint8_t> bytes = painted_rectangle(rect, 2 * 8);
 
-        EXPECT_EQ(bytes[0], c.byte) << "depth " << c.depth << " colour " << c.colour;
-        EXPECT_EQ(bytes[8], c.byte) << "depth " << c.depth << " colour " << c.colour;
+        EXPECT_EQ(bytes[0], c.byte) << "depth " << c.depth << " color " << c.color;
+        EXPECT_EQ(bytes[8], c.byte) << "depth " << c.depth << " color " << c.color;
     }
 }
 
@@ -128,13 +128,13 @@ TEST(DrawRectangle, EqualsTheReferenceAtEveryDepthWidthHeightPitchAndSize)
 {
     const GuardedMemory memory(256);
     for (const uint32_t depth : {2u, 4u, 8u}) {
-        for (const uint32_t colour : {0u, 1u, 17u, 0x1Fu, 0xFFFFFFFFu}) {
+        for (const uint32_t color : {0u, 1u, 17u, 0x1Fu, 0xFFFFFFFFu}) {
             for (int32_t width = -9; width <= 45; width += 1 + (STRIDE > 1)) {
                 for (int32_t height = -1; height <= 4; height++) {
                     for (int32_t pitch = -1; pitch <= 13; pitch++) {
                         DrawRect rect = rect_of(width, height, pitch);
                         rect.depth = depth;
-                        rect.bg_color = colour;
+                        rect.bg_color = color;
                         for (const size_t size : {0u, 1u, 7u, 26u, 38u, 256u}) {
                             uint8_t *target = memory.data() + (256 - size);
                             std::fill_n(memory.data(), 256, JUNK);
@@ -144,7 +144,7 @@ TEST(DrawRectangle, EqualsTheReferenceAtEveryDepthWidthHeightPitchAndSize)
 
                             reference::paint_rectangle({&expected[0] + (256 - size), size}, rect);
                             ASSERT_TRUE(same_picture(memory.bytes(), expected, 64))
-                                << "depth " << depth << " colour " << colour << " width " << width
+                                << "depth " << depth << " color " << color << " width " << width
                                 << " height " << height << " pitch " << pitch << " size " << size;
                         }
                     }
@@ -212,7 +212,7 @@ TEST(DrawRectangle, ReadsItsRectangleOnly)
 
 TEST(DrawBar, FrameInteriorMarkerAndFillStandWhereTheyShould)
 {
-    // 44 wide: the interior is 40, columns 2 to 41; the marker's centre is 2 + 34, its bounds 34
+    // 44 wide: the interior is 40, columns 2 to 41; the marker's center is 2 + 34, its bounds 34
     // and 38, both excluded; half of the interior ends before column 22.
     DrawRect rect = rect_of(0, 6, 44);
     rect.resolution = 3;
@@ -277,7 +277,7 @@ TEST(DrawBar, MarkerIsNeverReplacedByTheFill)
         return std::count(bytes.begin(), bytes.end(), 19);
     };
 
-    // 290 wide inside, centre 5 + 246.5: columns 247 to 256 on 20 lines.
+    // 290 wide inside, center 5 + 246.5: columns 247 to 256 on 20 lines.
     for (int32_t percent = 0; percent <= 110; percent++)
         EXPECT_EQ(markers(percent), 10 * 20) << percent;
 }

@@ -79,7 +79,7 @@ TEST(MakeStringRect, IsABoxOf21CellsThatEndsWhereTheBarBegins)
         int32_t width;
         uint32_t x, y;
     } table[] = {
-        {{720, 108, 2, 600, 864, 17, 0}, 63, 33, 693, 613, 801}, // centred: (720 - 693) / 2
+        {{720, 108, 2, 600, 864, 17, 0}, 63, 33, 693, 613, 801}, // centerd: (720 - 693) / 2
         {{480, 72, 2, 400, 576, 17, 1}, 42, 22, 462, 409, 534},
         {{280, 48, 2, 220, 384, 17, 2}, 28, 14, 294, 221, 356}, // one to the right of the bar
         {{280, 48, 2, 220, 460, 17, 2}, 33, 14, 294, 221, 427},
@@ -107,7 +107,7 @@ TEST(MakeStringRect, IsABoxOf21CellsThatEndsWhereTheBarBegins)
     }
 }
 
-TEST(MakeStringRect, TakesDepthColourAndPitchFromRegionAndPlane)
+TEST(MakeStringRect, TakesDepthColorAndPitchFromRegionAndPlane)
 {
     PostState post = post_of(14, 7, 0);
     for (uint32_t number = 0; number < OSD_PLANE_COUNT; number++)

@@ -159,15 +159,15 @@ class Page(unittest.TestCase):
             return high - low;""", identifier)
 
     def columns_drawn(self, identifier, legend):
-        """How many columns of a plot have a dot in the colour that the page's legend gives a line."""
+        """How many columns of a plot have a dot in the color that the page's legend gives a line."""
         return self.browser.execute_script("""
             const c = document.getElementById(arguments[0]);
             const line = getComputedStyle(document.querySelector('.legend .' + arguments[1])).borderTopColor;
-            const colour = line.match(/\\d+/g).map(Number);
+            const color = line.match(/\\d+/g).map(Number);
             const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
             const columns = new Set();
             for (let i = 0; i < d.length; i += 4)
-                if (d[i + 3] > 60 && colour.every((level, k) => Math.abs(level - d[i + k]) < 16)) columns.add(i / 4 % c.width);
+                if (d[i + 3] > 60 && color.every((level, k) => Math.abs(level - d[i + k]) < 16)) columns.add(i / 4 % c.width);
             return columns.size;""", identifier, legend)
 
     # ---- the tests ----

@@ -72,7 +72,7 @@ int clamped(double value)
 }
 
 // Full-range BT.601, from its definition by the weights of red and blue.
-Rgb colour_of(const std::vector<uint8_t> &palette, uint8_t index)
+Rgb color_of(const std::vector<uint8_t> &palette, uint8_t index)
 {
     const uint8_t *entry = palette.data() + size_t{4} * index;
     const double kr = 0.299, kb = 0.114, kg = 1 - kr - kb;
@@ -102,10 +102,10 @@ cv::Mat composed(const Overlay &overlay, int post, const cv::Mat &bare)
                 if (px >= picture.cols || py >= picture.rows)
                     continue;
                 const uint8_t index = plane.bytes[size_t{y} * plane.state.pitch + x];
-                const Rgb colour = colour_of(palette, index);
+                const Rgb color = color_of(palette, index);
                 const int opacity = opacity_of(palette, index);
                 cv::Vec3b &pixel = picture.at<cv::Vec3b>(py, px);
-                const int parts[3] = {colour.b, colour.g, colour.r};
+                const int parts[3] = {color.b, color.g, color.r};
                 for (int c = 0; c < 3; c++)
                     pixel[c] = static_cast<uint8_t>(
                         (parts[c] * opacity + pixel[c] * (8 - opacity) + 4) / 8);
@@ -155,7 +155,7 @@ TEST(OverlayPicture, IsThePictureWithThePlanesLaidOverIt)
     }
 }
 
-TEST(OverlayPicture, ColoursAreTheForcedOnes)
+TEST(OverlayPicture, ColorsAreTheForcedOnes)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0, 2);

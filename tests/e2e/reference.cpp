@@ -79,7 +79,7 @@ std::vector<uint8_t> reference_bar(const ReferenceLayout &layout, int pitch, int
     const int height = layout.bar_height;
     const int frame = FRAME[layout.index];
     const double interior = pitch - 2 * frame;
-    const double centre = frame + interior * 0.01 * 85.0;
+    const double center = frame + interior * 0.01 * 85.0;
     const double end = frame + percent * (interior * 0.01);
     std::vector<uint8_t> bytes;
     for (int y = 0; y < height; y++) {
@@ -87,7 +87,7 @@ std::vector<uint8_t> reference_bar(const ReferenceLayout &layout, int pitch, int
             const bool inside =
                 x >= frame && x <= pitch - frame - 1 && y >= frame && y <= height - frame - 1;
             uint8_t pixel = BAR_FRAME;
-            if (inside && x > centre - frame && x < centre + frame)
+            if (inside && x > center - frame && x < center + frame)
                 pixel = MARKER;
             else if (inside)
                 pixel = end <= x ? BOX : BAR_FILL;

@@ -640,10 +640,10 @@ TEST_F(FontClearEngine, ReturnsWhatFreeTypeSaysOfTheLibrary)
     EXPECT_EQ(engines[0].library, nullptr);
 }
 
-TEST_F(FontReleaseSlot, TearsDownAnInitialisedSlotOnce)
+TEST_F(FontReleaseSlot, TearsDownAnInitializedSlotOnce)
 {
     DrawParams slot = {};
-    slot.initialised = 1;
+    slot.initialized = 1;
     build(&slot.engine);
 
     const Captured captured = capture([&] {
@@ -652,12 +652,12 @@ TEST_F(FontReleaseSlot, TearsDownAnInitialisedSlotOnce)
     });
 
     EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(slot.initialised, 0u);
+    EXPECT_EQ(slot.initialized, 0u);
     EXPECT_EQ(slot.engine.library, nullptr);
     EXPECT_TRUE(freetype().nothing_is_out());
 }
 
-TEST_F(FontReleaseSlot, LeavesAnUninitialisedSlotAlone)
+TEST_F(FontReleaseSlot, LeavesAnUninitializedSlotAlone)
 {
     DrawParams slot = {};
     build(&slot.engine);
@@ -673,12 +673,12 @@ TEST_F(FontReleaseSlot, LeavesAnUninitialisedSlotAlone)
 TEST_F(FontReleaseSlot, SlotWithADeadEngineIsLoggedAndMarked)
 {
     DrawParams slot = {};
-    slot.initialised = 7;
+    slot.initialized = 7;
 
     const Captured captured = capture([&] { font_release_slot(&slot); });
 
     EXPECT_EQ(captured.err, error_line("invalid param", "font_clear_engine"));
-    EXPECT_EQ(slot.initialised, 0u);
+    EXPECT_EQ(slot.initialized, 0u);
 }
 
 // ---- metrics -----------------------------------------------------------------------------------

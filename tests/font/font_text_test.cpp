@@ -29,7 +29,7 @@ static constexpr int STRIDE = 1;
 
 static constexpr uint8_t JUNK = GuardedMemory::JUNK;
 
-// A text target 8 bits deep, in the colours of the readout.
+// A text target 8 bits deep, in the colors of the readout.
 static DrawRect target_of(int32_t height, int32_t cell_width, int32_t pitch)
 {
     DrawRect target = {};
@@ -162,7 +162,7 @@ TEST(FontDrawTarget, OnlyTheBitsOfThePixelAreReplaced)
 TEST(FontDrawTarget, HighlightIsAFixedIndexCutToTheDepth)
 {
     MadeGlyph glyph({"X"}, 0, 1);
-    for (const uint32_t colour : {0u, 3u, 16u, 0xFFFFFFFFu}) {
+    for (const uint32_t color : {0u, 3u, 16u, 0xFFFFFFFFu}) {
         for (const uint8_t highlight : {uint8_t{1}, uint8_t{2}, uint8_t{255}}) {
             const struct {
                 uint32_t depth;
@@ -171,7 +171,7 @@ TEST(FontDrawTarget, HighlightIsAFixedIndexCutToTheDepth)
             for (const auto &[depth, byte] : cases) {
                 DrawRect target = target_of(1, 0, 1);
                 target.depth = depth;
-                target.fg_color = colour;
+                target.fg_color = color;
                 uint8_t memory = 0xFF;
 
                 (void)font_draw_target(&memory, &target, glyph.handle(), 0, 0, highlight, 1);
@@ -187,18 +187,18 @@ TEST(FontDrawTarget, ForegroundIsCutToTheDepth)
     MadeGlyph glyph({"X"}, 0, 1);
     const struct {
         uint32_t depth;
-        uint32_t colour;
+        uint32_t color;
         uint8_t byte; // on memory of zeros
     } cases[] = {{2, 0x1F, 3}, {2, 0x1D, 1}, {4, 0x1F, 0xF}, {8, 0x11F, 0x1F}, {8, 16, 16}};
-    for (const auto &[depth, colour, byte] : cases) {
+    for (const auto &[depth, color, byte] : cases) {
         DrawRect target = target_of(1, 0, 1);
         target.depth = depth;
-        target.fg_color = colour;
+        target.fg_color = color;
         uint8_t memory = 0;
 
         (void)font_draw_target(&memory, &target, glyph.handle(), 0, 0, 0, 1);
 
-        EXPECT_EQ(memory, byte) << "depth " << depth << " colour " << colour;
+        EXPECT_EQ(memory, byte) << "depth " << depth << " color " << color;
     }
 }
 
@@ -500,13 +500,13 @@ TEST_F(FontGetTargetBitmap, EqualsTheReferenceAtEveryResolutionAndDepth)
     }
 }
 
-TEST_F(FontGetTargetBitmap, EqualsTheReferenceInEveryColour)
+TEST_F(FontGetTargetBitmap, EqualsTheReferenceInEveryColor)
 {
     for (const uint32_t depth : {2u, 4u, 8u}) {
-        for (const uint32_t colour : {0u, 1u, 0x1Fu, 255u, 0xFFFFFFFFu}) {
+        for (const uint32_t color : {0u, 1u, 0x1Fu, 255u, 0xFFFFFFFFu}) {
             DrawRect target = readout_target(3, 140);
             target.depth = depth;
-            target.fg_color = colour;
+            target.fg_color = color;
             target.bg_color = 0x2B;
             for (const bool highlight : {false, true})
                 expect_as_reference(3, "FOCUS ASSIST   7/ 85", target, highlight, 140 * 14);

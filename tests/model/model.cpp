@@ -606,7 +606,7 @@ void Model::display_start()
 
 void Model::init_draw_param(Post *post)
 {
-    if (post->initialised)
+    if (post->initialized)
         return;
     post->font_size = std::max(post->height / 17, 8u);
     static const struct {
@@ -630,7 +630,7 @@ void Model::init_draw_param(Post *post)
     post->region.y = post->height * 4 / 5;
     post->cell_width =
         post->engine && post->engine->library ? pixels_of(post->engine->max_advance) : 0;
-    post->initialised = true;
+    post->initialized = true;
 }
 
 bool Model::draw_post(uint32_t p, uint32_t percent)

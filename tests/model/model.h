@@ -45,7 +45,7 @@ struct Post {
     bool valid = false;
     uint32_t width = 0;
     uint32_t height = 0;
-    bool initialised = false;
+    bool initialized = false;
     uint32_t font_size = 0;
     int32_t cell_width = 0;
     const Engine *engine = nullptr;

@@ -23,7 +23,7 @@ class OsdSession : public testing::Test
         files.put(PALETTE, Bytes(1024, 0x5A));
     }
 
-    // The palette's bytes as they lie in a colour memory of 1024 bytes.
+    // The palette's bytes as they lie in a color memory of 1024 bytes.
     static Bytes table(uint8_t value)
     {
         Bytes bytes(1024, value);
@@ -92,7 +92,7 @@ TEST_F(OsdSession, UnreadablePaletteFileIsNoFailure)
     EXPECT_EQ(captured.err, std::string(PALETTE) + ": Input/output error\n");
 }
 
-TEST_F(OsdSession, PaletteFileLargerThanTheColourMemoryIsNoFailure)
+TEST_F(OsdSession, PaletteFileLargerThanTheColorMemoryIsNoFailure)
 {
     files.put(PALETTE, Bytes(1025, 0x5A));
 
@@ -103,7 +103,7 @@ TEST_F(OsdSession, PaletteFileLargerThanTheColourMemoryIsNoFailure)
     EXPECT_EQ(captured.out, "size=1025\nbuffer_len=1024\nfile too large\n");
 }
 
-TEST_F(OsdSession, ColourMemoryTooShortForTheForcedEntriesIsNotOverrun)
+TEST_F(OsdSession, ColorMemoryTooShortForTheForcedEntriesIsNotOverrun)
 {
     codec.color_size = 70;
 
@@ -117,7 +117,7 @@ TEST_F(OsdSession, ColourMemoryTooShortForTheForcedEntriesIsNotOverrun)
     EXPECT_TRUE(codec.surroundings_are_whole());
 }
 
-TEST_F(OsdSession, ColourMemoryAtNullIsNotWritten)
+TEST_F(OsdSession, ColorMemoryAtNullIsNotWritten)
 {
     codec.no_color_memory = true;
     files.put(PALETTE, {});

@@ -29,7 +29,7 @@ case $claim in
         font=$box/stage/usr/local/morvel/import/font/dejavu
         [ "$(od -A n -t x1 -N 4 "$font/font/DejaVuSansMono.ttf" | tr -d ' ')" = 00010000 ] ||
             fail "the font is not a TrueType file"
-        grep -q "Bitstream Vera" "$font/LICENSE" || fail "the licence is not that of the font"
+        grep -q "Bitstream Vera" "$font/LICENSE" || fail "the license is not that of the font"
         ! LC_ALL=C grep -q "$build" "$box/stage/usr/local/bin/focus_assist" ||
             fail "the executable names the build folder"
         DESTDIR=$box/busybox cmake --install "$build" --component busybox >"$box/log"

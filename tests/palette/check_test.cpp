@@ -1,4 +1,4 @@
-// Whether the readout can be read with a colour table.
+// Whether the readout can be read with a color table.
 
 #include "check.h"
 
@@ -41,16 +41,16 @@ TEST(PaletteCheck, ContrastIsOneToTwentyOne)
 {
     EXPECT_DOUBLE_EQ(palette::contrast_ratio({0, 0, 0}, {255, 255, 255}), 21.0);
     EXPECT_DOUBLE_EQ(palette::contrast_ratio({9, 9, 9}, {9, 9, 9}), 1.0);
-    // 0x77 grey on white is the well-known pair just short of 4.5, 0x76 the one just above.
+    // 0x77 gray on white is the well-known pair just short of 4.5, 0x76 the one just above.
     EXPECT_NEAR(palette::contrast_ratio({0x77, 0x77, 0x77}, {255, 255, 255}), 4.478, 0.001);
     EXPECT_NEAR(palette::contrast_ratio({0x76, 0x76, 0x76}, {255, 255, 255}), 4.542, 0.001);
 }
 
-TEST(PaletteCheck, ColourDifferenceOfKnownPairs)
+TEST(PaletteCheck, ColorDifferenceOfKnownPairs)
 {
-    EXPECT_NEAR(palette::colour_difference({0, 0, 0}, {255, 255, 255}), 100.0, 0.01);
+    EXPECT_NEAR(palette::color_difference({0, 0, 0}, {255, 255, 255}), 100.0, 0.01);
     // Red is L 53.24, a 80.09, b 67.20 and green L 87.73, a -86.18, b 83.18 under D65.
-    EXPECT_NEAR(palette::colour_difference({255, 0, 0}, {0, 255, 0}), 170.6, 0.1);
+    EXPECT_NEAR(palette::color_difference({255, 0, 0}, {0, 255, 0}), 170.6, 0.1);
 }
 
 TEST(PaletteCheck, LegibleTableHasNoComplaint)
@@ -101,10 +101,10 @@ TEST(PaletteCheck, PaleTextIsRefusedBothTimes)
     EXPECT_THAT(texts[1], testing::StartsWith("entry 20 "));
 }
 
-TEST(PaletteCheck, PaintedAreaNeedsContrastOrAnotherColour)
+TEST(PaletteCheck, PaintedAreaNeedsContrastOrAnotherColor)
 {
     Table table = good_table();
-    EXPECT_THAT(complaints(table), IsEmpty()) << "the cyan marker passes by its colour alone";
+    EXPECT_THAT(complaints(table), IsEmpty()) << "the cyan marker passes by its color alone";
 
     table[11].ycc = {230, 60, 110}; // nearly the box
 

@@ -1,4 +1,4 @@
-// The two forms of a colour table.
+// The two forms of a color table.
 
 #include "palette.h"
 
@@ -6,12 +6,12 @@
 
 using palette::Table;
 
-// 256 lines; line i + 1 is entry i, all of one colour.
-static std::string plain_table(const std::string &colour = "#808080")
+// 256 lines; line i + 1 is entry i, all of one color.
+static std::string plain_table(const std::string &color = "#808080")
 {
     std::string text;
     for (int i = 0; i < 256; ++i)
-        text += std::to_string(i) + " name-" + std::to_string(i) + " " + colour + " 8\n";
+        text += std::to_string(i) + " name-" + std::to_string(i) + " " + color + " 8\n";
     return text;
 }
 
@@ -33,7 +33,7 @@ static void expect_refused(const std::string &text, int line, const std::string 
     EXPECT_EQ(refusal->reason, reason);
 }
 
-TEST(PaletteColour, PrimariesHaveTheirFullRangeBytes)
+TEST(PaletteColor, PrimariesHaveTheirFullRangeBytes)
 {
     using Bytes = std::array<uint8_t, 3>;
 
@@ -44,7 +44,7 @@ TEST(PaletteColour, PrimariesHaveTheirFullRangeBytes)
     EXPECT_EQ(palette::ycc_of({0, 0, 255}), (Bytes{29, 255, 107}));
 }
 
-TEST(PaletteColour, BytesOutsideOfTheRgbCubeAreCutToIt)
+TEST(PaletteColor, BytesOutsideOfTheRgbCubeAreCutToIt)
 {
     const palette::Rgb box = palette::rgb_of({0xEF, 0x28, 0x6D});
 
@@ -94,11 +94,11 @@ TEST(PaletteTable, BadInputIsRefusedWithLineAndReason)
     expect_refused(with_line(3, "4 name #000000 8"), 3,
                    "index 4 where 2 was expected: every index once, in order");
     expect_refused(with_line(3, "2"), 3, "the name is missing");
-    expect_refused(with_line(3, "2 name"), 3, "the colour is missing");
-    for (const std::string colour :
+    expect_refused(with_line(3, "2 name"), 3, "the color is missing");
+    for (const std::string color :
          {"#00000", "#0000000", "#00000G", "#-00001", "ycc:0000", "red", "0x1234"})
-        expect_refused(with_line(3, "2 name " + colour + " 8"), 3,
-                       "colour '" + colour + "' is neither #RRGGBB nor ycc:YYBBRR");
+        expect_refused(with_line(3, "2 name " + color + " 8"), 3,
+                       "color '" + color + "' is neither #RRGGBB nor ycc:YYBBRR");
     expect_refused(with_line(3, "2 name #000000"), 3, "the opacity is missing");
     for (const std::string opacity : {"256", "-1", "8x", "99999999999"})
         expect_refused(with_line(3, "2 name #000000 " + opacity), 3,
@@ -147,7 +147,7 @@ TEST(PaletteImage, SizesThatNoTableHasAreRefused)
     const auto odd_one = palette::unpack(std::vector<uint8_t>(7), &table);
 
     ASSERT_TRUE(long_one && odd_one);
-    EXPECT_EQ(long_one->reason, "1028 bytes; a colour table has at most 1024");
+    EXPECT_EQ(long_one->reason, "1028 bytes; a color table has at most 1024");
     EXPECT_EQ(odd_one->reason, "7 bytes end in the middle of an entry of 4 bytes");
 }
 
@@ -167,7 +167,7 @@ TEST(PaletteImage, EveryByteSurvivesTheWayThroughTheTable)
     }
 }
 
-TEST(PaletteImage, ColoursOfTheRgbCubeAreWrittenAsSuch)
+TEST(PaletteImage, ColorsOfTheRgbCubeAreWrittenAsSuch)
 {
     Table table;
     ASSERT_FALSE(palette::unpack({76, 85, 255, 8, 0xEF, 0x28, 0x6D, 8}, &table).has_value());

@@ -108,7 +108,7 @@ TEST_F(PaletteProgram, BadTableIsNamedWithFileLineAndReason)
     const Outcome packed = run("pack bad.txt bad.plt");
 
     EXPECT_EQ(packed.status, 1);
-    EXPECT_EQ(packed.err, "bad.txt:2: colour '#00000' is neither #RRGGBB nor ycc:YYBBRR\n");
+    EXPECT_EQ(packed.err, "bad.txt:2: color '#00000' is neither #RRGGBB nor ycc:YYBBRR\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "bad.plt"));
 }
 

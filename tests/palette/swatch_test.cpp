@@ -1,4 +1,4 @@
-// The picture of a colour table, as a PNG reader sees it.
+// The picture of a color table, as a PNG reader sees it.
 
 #include "swatch.h"
 
@@ -41,7 +41,7 @@ std::array<int, 3> pixel(const Picture &picture, unsigned x, unsigned y)
 
 } // namespace
 
-TEST(PaletteSwatch, CellShowsTheColourOfItsEntry)
+TEST(PaletteSwatch, CellShowsTheColorOfItsEntry)
 {
     palette::Table table;
     table[17] = {{0xEF, 0x28, 0x6D}, 8, "", "", 0};

@@ -128,25 +128,25 @@ struct CodecDeathTest : CodecTest {
 
 } // namespace
 
-TEST_F(CodecTest, CallsBeforeInitialisationFail)
+TEST_F(CodecTest, CallsBeforeInitializationFail)
 {
     OsdMem mem = {};
     PostStatus status;
     uint32_t word = 0;
     const OsdOpenParam param = {0, 132, 24, 2};
-    EXPECT_FAILS(qm7_cl_library_exit(), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_sys_open_device(), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_notify_callback(remember), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_set_notify(15), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_get_osd_color_mem(&mem), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_set_osd_color(), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_thread_get_status(1, &status), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_open_osd(1, &param, &word, &word), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_clear_osd(1, 0), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_close_osd(1, 0), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_get_osd_mem(1, 0, &word, &mem), CODEC_NOT_INITIALISED);
-    EXPECT_FAILS(qm7_cl_post_set_osd(1, 0, {0, 0}), CODEC_NOT_INITIALISED);
+    EXPECT_FAILS(qm7_cl_library_exit(), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_sys_open_device(), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_notify_callback(remember), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_set_notify(15), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_get_osd_color_mem(&mem), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_set_osd_color(), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_thread_get_status(1, &status), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_open_osd(1, &param, &word, &word), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_clear_osd(1, 0), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_close_osd(1, 0), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_get_osd_mem(1, 0, &word, &mem), CODEC_NOT_INITIALIZED);
+    EXPECT_FAILS(qm7_cl_post_set_osd(1, 0, {0, 0}), CODEC_NOT_INITIALIZED);
 }
 
 TEST_F(CodecTest, NullPointersAreRefused)
@@ -217,15 +217,15 @@ TEST_F(CodecTest, ExitEndsTheThreadAndGivesTheMemoryBack)
         open_session();
         ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
         ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
-        OsdMem colours = {};
+        OsdMem colors = {};
         uint32_t osd_id = 0;
-        ASSERT_EQ(qm7_cl_post_get_osd_color_mem(&colours), 0);
-        EXPECT_EQ(colours.size, 1024u);
+        ASSERT_EQ(qm7_cl_post_get_osd_color_mem(&colors), 0);
+        EXPECT_EQ(colors.size, 1024u);
         plane_memory(res_id, &osd_id);
         ASSERT_EQ(qm7_cl_library_exit(), 0);
     }
     EXPECT_EQ(threads(), threads_before);
-    // What is mapped now is the board's: its colours and the last plane's one buffer.
+    // What is mapped now is the board's: its colors and the last plane's one buffer.
     EXPECT_EQ(lines_with("/proc/self/maps", "memfd:simcam"), 2u);
 }
 
@@ -240,7 +240,7 @@ TEST_F(CodecTest, ReopenedPlanesDoNotPileUpMappings)
         EXPECT_EQ(qm7_cl_post_clear_osd(res_id, 1), 0);
         EXPECT_EQ(qm7_cl_post_close_osd(res_id, 1), 0);
     }
-    EXPECT_LE(lines_with("/proc/self/maps", "memfd:simcam"), 3u); // colours, the last buffer twice
+    EXPECT_LE(lines_with("/proc/self/maps", "memfd:simcam"), 3u); // colors, the last buffer twice
 }
 
 TEST_F(CodecTest, DrawnMemoryIsSeenWhenItIsShownAndNotBefore)
@@ -280,7 +280,7 @@ TEST_F(CodecDeathTest, TheByteBehindPlaneMemoryFaults)
     EXPECT_DEATH(bytes[mem.size] = 1, "");
 }
 
-TEST_F(CodecDeathTest, TheByteBehindTheColoursFaults)
+TEST_F(CodecDeathTest, TheByteBehindTheColorsFaults)
 {
     open_session();
     OsdMem mem = {};
@@ -361,7 +361,7 @@ TEST_F(CodecTest, WhenTheCameraGoesCallsFailAtOnceAndTheNextSessionWorks)
     open_session();
 }
 
-TEST_F(CodecTest, WithoutARunDirectoryInitialisationFails)
+TEST_F(CodecTest, WithoutARunDirectoryInitializationFails)
 {
     unsetenv("SIMCAM_RUN_DIR");
     EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
@@ -369,7 +369,7 @@ TEST_F(CodecTest, WithoutARunDirectoryInitialisationFails)
     EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
     setenv("SIMCAM_RUN_DIR", directory.c_str(), 1);
     EXPECT_EQ(qm7_cl_library_init(), 0);
-    EXPECT_FAILS(qm7_cl_library_init(), CODEC_INITIALISED);
+    EXPECT_FAILS(qm7_cl_library_init(), CODEC_INITIALIZED);
 }
 
 TEST_F(CodecTest, SeveralThreadsMayCallAtTheSameTime)

@@ -1,4 +1,4 @@
-// The board without sockets: posts, planes, colours, measurements, faults.
+// The board without sockets: posts, planes, colors, measurements, faults.
 
 #include <cerrno>
 #include <cstring>
@@ -114,13 +114,13 @@ constexpr WireOpenOsd bar(uint32_t res_id, uint32_t number = 0)
 
 } // namespace
 
-TEST_F(BoardTest, CallsBeforeInitialisationFail)
+TEST_F(BoardTest, CallsBeforeInitializationFail)
 {
     TestClient client(board);
     const uint32_t res_id = start(0);
 
     for (uint32_t call = WIRE_LIBRARY_EXIT; call < WIRE_DEVICE_OPEN; call++)
-        EXPECT_EQ(client.call(call, bar(res_id)), CODEC_NOT_INITIALISED) << call;
+        EXPECT_EQ(client.call(call, bar(res_id)), CODEC_NOT_INITIALIZED) << call;
 }
 
 TEST_F(BoardTest, CallsOnAClosedDeviceFail)
@@ -131,13 +131,13 @@ TEST_F(BoardTest, CallsOnAClosedDeviceFail)
 
     for (uint32_t call = WIRE_SYS_CLOSE_DEVICE; call < WIRE_DEVICE_OPEN; call++)
         EXPECT_EQ(client.call(call, bar(res_id)), CODEC_DEVICE_CLOSED) << call;
-    EXPECT_EQ(client.call(WIRE_LIBRARY_INIT), CODEC_INITIALISED);
+    EXPECT_EQ(client.call(WIRE_LIBRARY_INIT), CODEC_INITIALIZED);
     EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), 0u);
     EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_DEVICE_OPEN);
     EXPECT_EQ(client.call(WIRE_SYS_CLOSE_DEVICE), 0u);
     EXPECT_EQ(client.call(WIRE_POST_GET_OSD_COLOR_MEM), CODEC_DEVICE_CLOSED);
     EXPECT_EQ(client.call(WIRE_LIBRARY_EXIT), 0u);
-    EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_NOT_INITIALISED);
+    EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_NOT_INITIALIZED);
 }
 
 TEST_F(BoardTest, NotificationTellsOfRunningPostsAndThenOfChanges)
@@ -423,7 +423,7 @@ TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersComeFree)
     EXPECT_EQ(next.call(WIRE_POST_OPEN_OSD, bar(fresh)), 0u);
 }
 
-TEST_F(BoardTest, ColoursApplyWhenToldTo)
+TEST_F(BoardTest, ColorsApplyWhenToldTo)
 {
     TestClient client(board);
     client.open_session();
@@ -521,7 +521,7 @@ TEST_F(BoardTest, AForcedErrorChangesNothingAndIsLogged)
     EXPECT_EQ(client.reply.head.result, -1);
     EXPECT_EQ(client.reply.head.error, 0x81E00099u);
     EXPECT_EQ(client.reply.head.number, 9u);
-    EXPECT_FALSE(client.session.initialised);
+    EXPECT_FALSE(client.session.initialized);
     const auto calls = records_after(board.calls, 0, 10);
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].call, "qm7_cl_library_init");

@@ -213,7 +213,7 @@ std::vector<OutputChunk> camera_output(Camera &camera, uint64_t after, size_t li
     return newer(camera, camera.output, after, limit);
 }
 
-// Grey (post + 1) * 40, with a white spot where planes are asked for.
+// Gray (post + 1) * 40, with a white spot where planes are asked for.
 cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
 {
     const std::lock_guard lock(camera.mutex);
@@ -241,7 +241,7 @@ PlaneImage camera_plane(Camera &camera, int post, int plane)
     return camera.planes[static_cast<size_t>(post)][static_cast<size_t>(plane)];
 }
 
-// Entry i: Y = i, Cb and Cr without colour, opaque; entry 0 transparent, entry 18 red.
+// Entry i: Y = i, Cb and Cr without color, opaque; entry 0 transparent, entry 18 red.
 std::vector<uint8_t> camera_palette(Camera &)
 {
     std::vector<uint8_t> palette;

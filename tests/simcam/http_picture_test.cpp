@@ -140,10 +140,10 @@ TEST(PicturePlane, MemoryThatEndsEarlyLeavesZeros)
 TEST(PicturePlane, NothingShownIsNoPicture)
 {
     EXPECT_TRUE(picture_plane_indices({}).empty());
-    EXPECT_TRUE(picture_plane_colours({}, {}).empty());
+    EXPECT_TRUE(picture_plane_colors({}, {}).empty());
 }
 
-TEST(PicturePlane, ColoursComeFromThePalette)
+TEST(PicturePlane, ColorsComeFromThePalette)
 {
     const auto camera = camera_with("");
     PlaneState state;
@@ -152,13 +152,13 @@ TEST(PicturePlane, ColoursComeFromThePalette)
     state.pitch = 3;
     state.depth_code = 2;
 
-    const cv::Mat colours = picture_plane_colours({state, {0, 18, 200}}, camera_palette(*camera));
+    const cv::Mat colors = picture_plane_colors({state, {0, 18, 200}}, camera_palette(*camera));
 
-    EXPECT_EQ(colours.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 cannot be seen";
+    EXPECT_EQ(colors.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 cannot be seen";
     // Y 76, Cb 84, Cr 255: red = 76 + 1.402 * 127 = 254, green = 76 + 15.1 - 90.7 = 0, blue = 76 -
     // 78 = 0
-    EXPECT_EQ(colours.at<cv::Vec4b>(0, 1), cv::Vec4b(0, 0, 254, 255));
-    EXPECT_EQ(colours.at<cv::Vec4b>(0, 2), cv::Vec4b(200, 200, 200, 255));
+    EXPECT_EQ(colors.at<cv::Vec4b>(0, 1), cv::Vec4b(0, 0, 254, 255));
+    EXPECT_EQ(colors.at<cv::Vec4b>(0, 2), cv::Vec4b(200, 200, 200, 255));
 }
 
 static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};

@@ -75,7 +75,7 @@ TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
         EXPECT_EQ(outcome.text.find(std::string(" ") + jargon), std::string::npos) << jargon;
 }
 
-// How much neighbouring dots differ, squared: what the lens's blur takes away.
+// How much neighboring dots differ, squared: what the lens's blur takes away.
 static double steps(const std::filesystem::path &file)
 {
     cv::Mat picture;

@@ -223,9 +223,9 @@ TEST(Sensor, SameSeedAndNumberMakeTheSamePicture)
 
 TEST(Sensor, NoiseHasNoMeanAndADeviationOfTwoLevels)
 {
-    const cv::Mat grey(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
+    const cv::Mat gray(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
     cv::Mat picture;
-    sensor_expose(grey, 1.0, 1, 1, &picture);
+    sensor_expose(gray, 1.0, 1, 1, &picture);
 
     cv::Scalar mean, deviation;
     cv::meanStdDev(picture, mean, deviation);
@@ -237,10 +237,10 @@ TEST(Sensor, NoiseHasNoMeanAndADeviationOfTwoLevels)
 
 TEST(Sensor, NoiseOfTwoPicturesIsUnrelated)
 {
-    const cv::Mat grey(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
+    const cv::Mat gray(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
     cv::Mat one, two, difference;
-    sensor_expose(grey, 1.0, 1, 1, &one);
-    sensor_expose(grey, 1.0, 1, 2, &two);
+    sensor_expose(gray, 1.0, 1, 1, &one);
+    sensor_expose(gray, 1.0, 1, 2, &two);
 
     cv::subtract(one, two, difference, cv::noArray(), CV_16S);
     cv::Scalar mean, deviation;
@@ -276,18 +276,18 @@ TEST(Sharpness, OfAStepEdgeIsItsSquaredGradient)
 
 TEST(Sharpness, IsTheMeanSquaredGradientOverTheWindow)
 {
-    const cv::Mat colour = random_picture(40, 30, 3);
-    cv::Mat grey(colour.size(), CV_8UC3);
-    for (int y = 0; y < grey.rows; y++)
-        for (int x = 0; x < grey.cols; x++)
-            grey.at<cv::Vec3b>(y, x) = cv::Vec3b::all(colour.at<cv::Vec3b>(y, x)[0]);
+    const cv::Mat color = random_picture(40, 30, 3);
+    cv::Mat gray(color.size(), CV_8UC3);
+    for (int y = 0; y < gray.rows; y++)
+        for (int x = 0; x < gray.cols; x++)
+            gray.at<cv::Vec3b>(y, x) = cv::Vec3b::all(color.at<cv::Vec3b>(y, x)[0]);
     const cv::Rect window(5, 4, 20, 17);
 
     double sum = 0;
     for (int y = window.y + 1; y < window.y + window.height - 1; y++)
         for (int x = window.x + 1; x < window.x + window.width - 1; x++) {
             const auto level = [&](int dx, int dy) {
-                return static_cast<double>(grey.at<cv::Vec3b>(y + dy, x + dx)[0]);
+                return static_cast<double>(gray.at<cv::Vec3b>(y + dy, x + dx)[0]);
             };
             const double across = level(1, -1) + 2 * level(1, 0) + level(1, 1) - level(-1, -1) -
                                   2 * level(-1, 0) - level(-1, 1);
@@ -295,16 +295,16 @@ TEST(Sharpness, IsTheMeanSquaredGradientOverTheWindow)
                                 2 * level(0, -1) - level(1, -1);
             sum += across * across + down * down;
         }
-    EXPECT_EQ(sharpness_measure(grey, window), std::lround(sum / (18 * 15) * 16));
+    EXPECT_EQ(sharpness_measure(gray, window), std::lround(sum / (18 * 15) * 16));
 }
 
-TEST(Sharpness, WeighsColoursAsLuma)
+TEST(Sharpness, WeighsColorsAsLuma)
 {
-    const cv::Scalar colours[3] = {{200, 0, 0}, {0, 200, 0}, {0, 0, 200}};
+    const cv::Scalar colors[3] = {{200, 0, 0}, {0, 200, 0}, {0, 0, 200}};
     const int luma[3] = {23, 117, 60}; // 0.114, 0.587, 0.299 of 200, rounded
     for (int i = 0; i < 3; i++) {
         cv::Mat edge(8, 8, CV_8UC3, cv::Scalar(0, 0, 0));
-        edge(cv::Rect(4, 0, 4, 8)).setTo(colours[i]);
+        edge(cv::Rect(4, 0, 4, 8)).setTo(colors[i]);
         const double gradient = 4.0 * luma[i];
         EXPECT_EQ(sharpness_measure(edge, {0, 0, 8, 8}),
                   std::lround(gradient * gradient * 2 / 6 * 16));
@@ -485,11 +485,11 @@ TEST(SceneFile, ThatIsTallerThanTheSensorLosesItsTopAndBottomEvenly)
 TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
 {
     const TestFolder folder;
-    const std::string grey = folder.file("grey.png");
-    cv::imwrite(grey, cv::Mat(9, 5, CV_8UC1, cv::Scalar(90)));
+    const std::string gray = folder.file("gray.png");
+    cv::imwrite(gray, cv::Mat(9, 5, CV_8UC1, cv::Scalar(90)));
     const std::string deep = folder.file("deep.png");
     cv::imwrite(deep, cv::Mat(3, 4000, CV_16UC4, cv::Scalar(1000, 2000, 3000, 4000)));
-    for (const std::string &path : {grey, deep}) {
+    for (const std::string &path : {gray, deep}) {
         std::string error;
         const std::shared_ptr<Scene> scene = scene_open(path, &error);
         ASSERT_TRUE(scene) << error;
@@ -558,9 +558,9 @@ std::vector<uint8_t> palette_of(std::initializer_list<OsdColor> entries)
 
 const cv::Vec3b BLACK(0, 0, 0);
 const cv::Vec3b WHITE(255, 255, 255);
-const cv::Vec3b GREY(100, 100, 100);
-// 0 invisible, 1 black, 2 white, 3 grey, all without colour.
-const std::vector<uint8_t> GREYS =
+const cv::Vec3b GRAY(100, 100, 100);
+// 0 invisible, 1 black, 2 white, 3 gray, all without color.
+const std::vector<uint8_t> GRAYS =
     palette_of({{50, 9, 9, 0}, {0, 128, 128, 8}, {255, 128, 128, 8}, {100, 128, 128, 8}});
 const cv::Scalar BEHIND(7, 8, 9);
 
@@ -569,7 +569,7 @@ cv::Mat picture_behind(int width, int height)
     return {height, width, CV_8UC3, BEHIND};
 }
 
-TEST(Compose, ColoursAreFullRangeYCbCr)
+TEST(Compose, ColorsAreFullRangeYCbCr)
 {
     const std::vector<uint8_t> palette = palette_of(
         {{0xEF, 0x28, 0x6D, 8}, {0x4C, 0x54, 0xFF, 8}, {0xB2, 0xAA, 0x00, 8}, {16, 128, 128, 8}});
@@ -609,25 +609,25 @@ TEST(Compose, FirstPixelOfAByteLiesInItsLowestBits)
 {
     cv::Mat two_bits = picture_behind(5, 1);
     const uint8_t quarters[2] = {0b00111001, 0b11111110}; // 1, 2, 3, 0 and then 2
-    compose_plane({quarters, 2, 5, 1, 2, 0, 0, 0}, GREYS, &two_bits);
+    compose_plane({quarters, 2, 5, 1, 2, 0, 0, 0}, GRAYS, &two_bits);
     EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 0), BLACK);
     EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 1), WHITE);
-    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 2), GREY);
+    EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 2), GRAY);
     EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 3), cv::Vec3b(7, 8, 9));
     EXPECT_EQ(two_bits.at<cv::Vec3b>(0, 4), WHITE);
 
     cv::Mat four_bits = picture_behind(3, 1);
     const uint8_t halves[2] = {0x21, 0x43};
-    compose_plane({halves, 2, 3, 1, 2, 1, 0, 0}, GREYS, &four_bits);
+    compose_plane({halves, 2, 3, 1, 2, 1, 0, 0}, GRAYS, &four_bits);
     EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 0), BLACK);
     EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 1), WHITE);
-    EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 2), GREY);
+    EXPECT_EQ(four_bits.at<cv::Vec3b>(0, 2), GRAY);
 }
 
 // The same by its plain description, for planes of one byte a pixel.
 cv::Mat compose_pixel_by_pixel(const cv::Mat &behind, const ShownPlane &plane)
 {
-    const cv::Vec3b colours[4] = {{0, 0, 0}, BLACK, WHITE, GREY};
+    const cv::Vec3b colors[4] = {{0, 0, 0}, BLACK, WHITE, GRAY};
     cv::Mat picture = behind.clone();
     for (uint32_t y = 0; y < plane.height; y++)
         for (uint32_t x = 0; x < plane.width && x < plane.pitch; x++) {
@@ -636,7 +636,7 @@ cv::Mat compose_pixel_by_pixel(const cv::Mat &behind, const ShownPlane &plane)
             const uint32_t at = y * plane.pitch + x;
             if (inside && at < plane.size && plane.bytes[at] != 0)
                 picture.at<cv::Vec3b>(static_cast<int>(plane.y + y),
-                                      static_cast<int>(plane.x + x)) = colours[plane.bytes[at]];
+                                      static_cast<int>(plane.x + x)) = colors[plane.bytes[at]];
         }
     return picture;
 }
@@ -660,7 +660,7 @@ TEST(Compose, ShowsWidthPixelsOfEachLineClippedAtPictureAndMemory)
         cv::Mat picture = picture_behind(32, 24);
         const cv::Mat expected = compose_pixel_by_pixel(picture, plane);
 
-        compose_plane(plane, GREYS, &picture);
+        compose_plane(plane, GRAYS, &picture);
 
         ASSERT_EQ(largest_difference(picture, expected), 0) << "round " << round;
     }
@@ -677,11 +677,11 @@ TEST(Compose, PlacesAndSizesBeyondAllBoundsShowNothing)
           ShownPlane{bytes.data(), 16, 4, 4, 4, 3, 0, 0}, ShownPlane{nullptr, 0, 4, 4, 4, 2, 0, 0},
           ShownPlane{bytes.data(), 0, 4, 4, 4, 2, 0, 0}}) {
         cv::Mat picture = picture_behind(8, 6);
-        compose_plane(plane, GREYS, &picture);
+        compose_plane(plane, GRAYS, &picture);
         EXPECT_EQ(largest_difference(picture, picture_behind(8, 6)), 0);
     }
     cv::Mat picture = picture_behind(8, 6);
-    compose_plane({bytes.data(), 16, HUGE_NUMBER, HUGE_NUMBER, 8, 2, 0, 0}, GREYS, &picture);
+    compose_plane({bytes.data(), 16, HUGE_NUMBER, HUGE_NUMBER, 8, 2, 0, 0}, GRAYS, &picture);
     EXPECT_EQ(picture.at<cv::Vec3b>(1, 7), WHITE);
     EXPECT_EQ(picture.at<cv::Vec3b>(2, 0), cv::Vec3b(7, 8, 9)); // the memory ends after two lines
 }

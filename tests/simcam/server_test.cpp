@@ -133,7 +133,7 @@ TEST_F(ServerTest, AnswersCarryTheNumberOfTheirRequest)
         EXPECT_EQ(reply.version, WIRE_VERSION);
         EXPECT_EQ(reply.number, number);
         EXPECT_EQ(reply.call, uint32_t{WIRE_SYS_OPEN_DEVICE});
-        EXPECT_EQ(reply.error, CODEC_NOT_INITIALISED);
+        EXPECT_EQ(reply.error, CODEC_NOT_INITIALIZED);
     }
     close(fd);
 }

@@ -66,7 +66,7 @@ class FakeCodec
     // ---- the camera's side ----
     FakePlane &plane(uint32_t postResId, int32_t number);
     void set_status(uint32_t postResId, uint16_t width, uint16_t height);
-    uint32_t color_size = 1024;   // bytes of colour memory
+    uint32_t color_size = 1024;   // bytes of color memory
     bool no_color_memory = false; // hand out NULL, with color_size all the same
 
     // Calls the registered callback, as the library does when a post starts or stops.
@@ -78,7 +78,7 @@ class FakeCodec
     Calls take_calls();       // the calls so far, and forgets them
     std::vector<Shown> shown; // in the order of showing
     PostNotifyCallback callback = nullptr;
-    std::vector<uint8_t> color() const;  // the colour memory as it stands
+    std::vector<uint8_t> color() const;  // the color memory as it stands
     std::vector<uint8_t> applied_color;  // as it stood when it was applied
     bool surroundings_are_whole() const; // of all memory handed out
 

@@ -74,7 +74,7 @@ using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 
 void write_image(const std::string &path, std::span<const uint8_t> bytes, size_t pitch)
 {
-    // Colours for the eye only; comparisons look at the indices.
+    // Colors for the eye only; comparisons look at the indices.
     png_color palette[32];
     for (int i = 0; i < 32; i++)
         palette[i] = {(png_byte)(i * 8), (png_byte)(i * 8), (png_byte)(i * 8)};

@@ -13,12 +13,12 @@ static constexpr uint32_t REGION_WIDTH[] = {720, 480, 280, 132};
 static constexpr uint32_t REGION_HEIGHT[] = {108, 72, 48, 24};
 static constexpr uint32_t FONT_PIXELS[] = {63, 42, 28, 14};
 
-static constexpr int COLOUR_FRAME = 11;
-static constexpr int COLOUR_TEXT = 16;
-static constexpr int COLOUR_BOX = 17;
-static constexpr int COLOUR_FILL = 18;
-static constexpr int COLOUR_MARKER = 19;
-static constexpr int COLOUR_HIGHLIGHT = 20;
+static constexpr int COLOR_FRAME = 11;
+static constexpr int COLOR_TEXT = 16;
+static constexpr int COLOR_BOX = 17;
+static constexpr int COLOR_FILL = 18;
+static constexpr int COLOR_MARKER = 19;
+static constexpr int COLOR_HIGHLIGHT = 20;
 
 static void put_byte(std::span<uint8_t> memory, int64_t offset, uint8_t value)
 {
@@ -35,7 +35,7 @@ void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect)
 {
     const int64_t pitch = rect.pitch;
     const int64_t depth = rect.depth;
-    const uint32_t colour = rect.bg_color & ((1u << rect.depth) - 1);
+    const uint32_t color = rect.bg_color & ((1u << rect.depth) - 1);
 
     const int64_t size = (int64_t)memory.size(); // there is nothing to be done outside
 
@@ -44,7 +44,7 @@ void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect)
 
     for (int64_t b = 0; b < rect.width * depth / 8 && b < size; b++)
         for (int64_t p = 0; p < 8 / depth; p++)
-            put_byte(memory, b, (uint8_t)(get_byte(memory, b) | (colour << (p * depth))));
+            put_byte(memory, b, (uint8_t)(get_byte(memory, b) | (color << (p * depth))));
 
     for (int64_t line = 1; pitch > 0 && line < rect.height && line * pitch < size; line++)
         for (int64_t b = 0; b < pitch && line * pitch + b < size; b++)
@@ -71,18 +71,18 @@ static int bar_pixel(const DrawRect &rect, int i, int j, int percent)
 {
     const int t = frame_thickness(rect.resolution);
     if (i < t || i > rect.height - t - 1 || j < t || j > rect.pitch - t - 1)
-        return COLOUR_FRAME;
+        return COLOR_FRAME;
 
     const int w = rect.pitch - 2 * t;
     const double m = w * 0.01 * 85.0;
     const double c = t + m;
     if (j > c - t && j < c + t)
-        return COLOUR_MARKER;
+        return COLOR_MARKER;
 
     const double f = t + percent * (w * 0.01);
     if (f <= j)
         return (int)(rect.bg_color & ((1u << rect.depth) - 1));
-    return COLOUR_FILL;
+    return COLOR_FILL;
 }
 
 void paint_bar(std::span<uint8_t> memory, const DrawRect &rect, int32_t percent)
@@ -123,7 +123,7 @@ void paint_glyph(std::span<uint8_t> memory, const DrawRect &target, const FT_Bit
         cols = line_pixels - x0;
 
     const uint32_t mask = (1u << target.depth) - 1;
-    const uint32_t value = mask & (highlight ? COLOUR_HIGHLIGHT : target.fg_color);
+    const uint32_t value = mask & (highlight ? COLOR_HIGHLIGHT : target.fg_color);
     for (int64_t r = 0; r < rows && r < bitmap.rows; r++) {
         for (int64_t c = 0; c < cols && c < bitmap.width; c++) {
             const int bits = bitmap.buffer[r * bitmap.pitch + c / 8];
@@ -231,7 +231,7 @@ Plane bar_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch, i
     DrawRect rect = {};
     rect.height = (int32_t)plane.height;
     rect.depth = 8;
-    rect.bg_color = COLOUR_BOX;
+    rect.bg_color = COLOR_BOX;
     rect.pitch = (int32_t)pitch;
     rect.resolution = resolution_index(output_width);
     paint_bar(plane.bytes, rect, percent);
@@ -250,8 +250,8 @@ Plane text_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch,
     target.width = 21 * font.cell_width();
     target.height = (int32_t)font_size;
     target.depth = 8;
-    target.fg_color = COLOUR_TEXT;
-    target.bg_color = COLOUR_BOX;
+    target.fg_color = COLOR_TEXT;
+    target.bg_color = COLOR_BOX;
     target.cell_width = font.cell_width();
     target.pitch = (int32_t)pitch;
     paint_text(plane.bytes, target, font, text, highlight);

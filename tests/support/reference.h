@@ -61,7 +61,7 @@ class Font
 void paint_text(std::span<uint8_t> memory, const DrawRect &target, const Font &font,
                 const std::string &text, bool highlight);
 
-// A plane of the readout as it stands on an output of the given size: sizes, places and colours by
+// A plane of the readout as it stands on an output of the given size: sizes, places and colors by
 // the tables, the whole memory cleared first.
 struct Plane {
     std::vector<uint8_t> bytes; // region height lines of pitch bytes

@@ -538,7 +538,7 @@ TEST(Sweep, PaletteReadStopsAtEveryByte)
     }
 }
 
-TEST(Sweep, ColourMemoryOfEverySize)
+TEST(Sweep, ColorMemoryOfEverySize)
 {
     for (uint32_t size = 0; size <= 100; size++) {
         for (const bool none : {false, true}) {

@@ -47,4 +47,4 @@ case $architecture in
         grep -qx ' *Tag_CPU_arch: v7' "$box/attributes" || fail "is not of the flags: $(cat "$box/attributes")"
         ;;
 esac
-[ -f "$box/stage/usr/local/morvel/app/conf/data/osd/osd_def_color.plt" ] || fail "no colour table"
+[ -f "$box/stage/usr/local/morvel/app/conf/data/osd/osd_def_color.plt" ] || fail "no color table"

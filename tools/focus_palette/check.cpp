@@ -92,16 +92,16 @@ Finding check_contrast(const Table &table, int index, double least, double least
     const Rgb front = rgb_of(entry_of(table, index).ycc);
     const Rgb back = rgb_of(entry_of(table, BOX).ycc);
     const double ratio = contrast_ratio(front, back);
-    const double difference = colour_difference(front, back);
+    const double difference = color_difference(front, back);
     char text[128];
-    std::snprintf(text, sizeof text, ": contrast %.2f on entry %d, colour difference %.0f", ratio,
+    std::snprintf(text, sizeof text, ": contrast %.2f on entry %d, color difference %.0f", ratio,
                   BOX, difference);
     Finding finding = {ratio >= least, index, name_of(table, index) + text};
     if (finding.good)
         return finding;
     if (least_difference > 0 && difference >= least_difference) {
         finding.good = true;
-        finding.text += " (told apart by its colour)";
+        finding.text += " (told apart by its color)";
     } else if (least_difference > 0) {
         std::snprintf(text, sizeof text, "; wanted a contrast of %.1f or a difference of %.0f",
                       least, least_difference);
@@ -121,7 +121,7 @@ double contrast_ratio(const Rgb &a, const Rgb &b)
     return (std::fmax(first, second) + 0.05) / (std::fmin(first, second) + 0.05);
 }
 
-double colour_difference(const Rgb &a, const Rgb &b)
+double color_difference(const Rgb &a, const Rgb &b)
 {
     const auto first = lab_of(a), second = lab_of(b);
     return std::hypot(first[0] - second[0], first[1] - second[1], first[2] - second[2]);

@@ -12,11 +12,11 @@ namespace
 {
 
 constexpr char USAGE[] =
-    "usage: focus-palette pack TABLE IMAGE      readable table to raw colour table\n"
-    "       focus-palette unpack IMAGE TABLE    raw colour table to readable table\n"
+    "usage: focus-palette pack TABLE IMAGE      readable table to raw color table\n"
+    "       focus-palette unpack IMAGE TABLE    raw color table to readable table\n"
     "       focus-palette check FILE            whether the readout can be read with it\n"
     "       focus-palette swatch FILE PICTURE   a PNG picture of it\n"
-    "FILE is a raw colour table where its name ends in .plt, and a readable table elsewhere.\n"
+    "FILE is a raw color table where its name ends in .plt, and a readable table elsewhere.\n"
     "Exit status: 0 done, 1 refused or not to be read with, 2 wrong usage.\n";
 
 bool refuse(const std::string &path, const palette::Refusal &refusal)
@@ -53,7 +53,7 @@ bool write_file(const std::string &path, const void *bytes, size_t count)
         return true;
     const int failed = errno;
     if (std::filesystem::is_regular_file(path))
-        std::remove(path.c_str()); // half a colour table would be loaded without a word
+        std::remove(path.c_str()); // half a color table would be loaded without a word
     return refuse(path, {0, std::strerror(failed)});
 }
 

@@ -1,4 +1,4 @@
-// Reading and writing of the two forms of a colour table.
+// Reading and writing of the two forms of a color table.
 
 #include "palette.h"
 
@@ -65,7 +65,7 @@ bool parse_three_bytes(std::string_view digits, std::array<uint8_t, 3> *bytes)
     return true;
 }
 
-bool parse_colour(std::string_view word, std::array<uint8_t, 3> *ycc)
+bool parse_color(std::string_view word, std::array<uint8_t, 3> *ycc)
 {
     std::array<uint8_t, 3> bytes = {};
     if (word.starts_with("#") && parse_three_bytes(word.substr(1), &bytes)) {
@@ -75,13 +75,13 @@ bool parse_colour(std::string_view word, std::array<uint8_t, 3> *ycc)
     return word.starts_with("ycc:") && parse_three_bytes(word.substr(4), ycc);
 }
 
-std::string format_colour(const std::array<uint8_t, 3> &ycc)
+std::string format_color(const std::array<uint8_t, 3> &ycc)
 {
     const Rgb rgb = rgb_of(ycc);
     char text[16];
     if (ycc_of(rgb) == ycc)
         std::snprintf(text, sizeof text, "#%02X%02X%02X", rgb.r, rgb.g, rgb.b);
-    else // no RGB colour gives these bytes back
+    else // no RGB color gives these bytes back
         std::snprintf(text, sizeof text, "ycc:%02X%02X%02X", ycc[0], ycc[1], ycc[2]);
     return text;
 }
@@ -104,11 +104,11 @@ std::string parse_entry(std::string_view line, unsigned expected, Table *table)
     if (entry.name.empty())
         return "the name is missing";
 
-    const std::string_view colour = next_word(&line);
-    if (colour.empty())
-        return "the colour is missing";
-    if (!parse_colour(colour, &entry.ycc))
-        return "colour " + quoted(colour) + " is neither #RRGGBB nor ycc:YYBBRR";
+    const std::string_view color = next_word(&line);
+    if (color.empty())
+        return "the color is missing";
+    if (!parse_color(color, &entry.ycc))
+        return "color " + quoted(color) + " is neither #RRGGBB nor ycc:YYBBRR";
 
     const std::string_view opacity_word = next_word(&line);
     unsigned opacity = 0;
@@ -171,14 +171,14 @@ std::optional<Refusal> parse_table(std::string_view text, Table *table)
 
 std::string format_table(const Table &table)
 {
-    std::string text = "# index  name  colour  opacity in eighths  use\n";
+    std::string text = "# index  name  color  opacity in eighths  use\n";
     for (int index = 0; index < ENTRY_COUNT; ++index) {
         const Entry &entry = table[static_cast<size_t>(index)];
         char numbers[32];
         std::snprintf(numbers, sizeof numbers, "%3d  ", index);
         std::string line = numbers + entry.name;
         line.resize(std::max<size_t>(line.size() + 2, 22), ' ');
-        line += format_colour(entry.ycc);
+        line += format_color(entry.ycc);
         line.resize(std::max<size_t>(line.size() + 2, 34), ' ');
         std::snprintf(numbers, sizeof numbers, "%d", entry.opacity);
         line += numbers;
@@ -192,7 +192,7 @@ std::string format_table(const Table &table)
 std::optional<Refusal> unpack(const std::vector<uint8_t> &image, Table *table)
 {
     if (image.size() > ENTRY_COUNT * ENTRY_BYTES)
-        return Refusal{0, std::to_string(image.size()) + " bytes; a colour table has at most 1024"};
+        return Refusal{0, std::to_string(image.size()) + " bytes; a color table has at most 1024"};
     if (image.size() % ENTRY_BYTES != 0)
         return Refusal{0, std::to_string(image.size()) +
                               " bytes end in the middle of an entry of 4 bytes"};

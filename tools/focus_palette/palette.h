@@ -1,12 +1,12 @@
-// A colour table of the on-screen display, as a readable table and as the raw image that a camera
+// A color table of the on-screen display, as a readable table and as the raw image that a camera
 // loads.
 //
 // Raw image: 4 bytes an entry, Y, Cb, Cr (BT.601, full range) and the opacity in eighths, of which
 // 8 and more are opaque. It may end early; the entries behind its end are 0.
 //
 // Table: one entry a line, in the order of the indices, all 256 of them:
-//     index  name  colour  opacity  what it is used for
-// The colour is #RRGGBB, or ycc:YYBBRR for the three bytes themselves. Blank lines and lines that
+//     index  name  color  opacity  what it is used for
+// The color is #RRGGBB, or ycc:YYBBRR for the three bytes themselves. Blank lines and lines that
 // begin with # say nothing.
 #pragma once
 

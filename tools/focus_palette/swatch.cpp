@@ -22,8 +22,8 @@ constexpr unsigned DIGITS[10] = {075557, 026227, 071747, 071717, 055711,
 
 Rgb ground_at(int x, int y)
 {
-    const uint8_t grey = ((x / CHECK + y / CHECK) & 1) != 0 ? 0xC0 : 0x60;
-    return {grey, grey, grey};
+    const uint8_t gray = ((x / CHECK + y / CHECK) & 1) != 0 ? 0xC0 : 0x60;
+    return {gray, gray, gray};
 }
 
 Rgb mix(const Rgb &front, const Rgb &back, int eighths)
@@ -57,11 +57,10 @@ Rgb pixel_at(const Table &table, int x, int y)
 {
     const int index = y / SWATCH_CELL * CELLS + x / SWATCH_CELL;
     const Entry &entry = table[static_cast<size_t>(index)];
-    const Rgb colour =
-        mix(rgb_of(entry.ycc), ground_at(x, y), std::min<int>(entry.opacity, OPAQUE));
+    const Rgb color = mix(rgb_of(entry.ycc), ground_at(x, y), std::min<int>(entry.opacity, OPAQUE));
     if (!number_at(index, x % SWATCH_CELL, y % SWATCH_CELL))
-        return colour;
-    const int brightness = 299 * colour.r + 587 * colour.g + 114 * colour.b;
+        return color;
+    const int brightness = 299 * color.r + 587 * color.g + 114 * color.b;
     return brightness < 128000 ? Rgb{255, 255, 255} : Rgb{0, 0, 0};
 }
 

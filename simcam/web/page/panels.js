@@ -250,20 +250,20 @@ export function panelsMake({store, send, toast, mark}) {
 
   // ---- planes ----
 
-  const plane = {paint: 'colours', palette: null, indices: null, width: 0, height: 0};
+  const plane = {paint: 'colors', palette: null, indices: null, width: 0, height: 0};
 
   // Indices apart at a glance: the same index has the same hue everywhere.
-  function indexColour(index) {
-    return index === 0 ? [0, 0, 0, 0] : hueColour((index * 47) % 360);
+  function indexColor(index) {
+    return index === 0 ? [0, 0, 0, 0] : hueColor((index * 47) % 360);
   }
-  function hueColour(hue) {
+  function hueColor(hue) {
     const part = (n) => {
       const k = (n + hue / 30) % 12;
       return Math.round(255 * (0.6 - 0.32 * Math.max(-1, Math.min(k - 3, 9 - k, 1))));
     };
     return [part(0), part(8), part(4), 255];
   }
-  function paletteColour(index) {
+  function paletteColor(index) {
     const [y, cb, cr, opacity] = plane.palette?.[index] ?? [0, 128, 128, 8];
     const clamp = (value) => Math.max(0, Math.min(255, Math.round(value)));
     return [clamp(y + 1.402 * (cr - 128)), clamp(y - 0.344136 * (cb - 128) - 0.714136 * (cr - 128)), clamp(y + 1.772 * (cb - 128)), Math.round(Math.min(opacity, 8) * 255 / 8)];
@@ -283,15 +283,15 @@ export function panelsMake({store, send, toast, mark}) {
     const used = new Map();
     for (let i = 0; i < plane.indices.length; i += 1) {
       const index = plane.indices[i];
-      if (!used.has(index)) used.set(index, {count: 0, colour: plane.paint === 'colours' ? paletteColour(index) : indexColour(index)});
+      if (!used.has(index)) used.set(index, {count: 0, color: plane.paint === 'colors' ? paletteColor(index) : indexColor(index)});
       const entry = used.get(index);
       entry.count += 1;
-      image.data.set(entry.colour, i * 4);
+      image.data.set(entry.color, i * 4);
     }
     context.putImageData(image, 0, 0);
     $('plane-used').replaceChildren(...[...used].sort((a, b) => a[0] - b[0]).map(([index, entry]) => {
       const box = element('i');
-      box.style.background = css(entry.colour);
+      box.style.background = css(entry.color);
       return element('span', {title: `${entry.count} dots`}, box, String(index));
     }));
   }

@@ -2,7 +2,7 @@
 
 const SECONDS = 30;
 const BINS = 500;
-const COLOURS = {value: '#58c4dd', peak: '#f0b45a', line: '#7fcf8a', grid: '#232a31', text: '#8d99a5'};
+const COLORS = {value: '#58c4dd', peak: '#f0b45a', line: '#7fcf8a', grid: '#232a31', text: '#8d99a5'};
 
 function prepare(canvas) {
   const ratio = window.devicePixelRatio || 1;
@@ -31,16 +31,16 @@ function drawValueAxis(context, area, top) {
   context.textBaseline = 'middle';
   for (let i = 0; i <= 2; i += 1) {
     const y = Math.round(area.bottom - (area.bottom - area.top) * i / 2) + .5;
-    context.strokeStyle = COLOURS.grid;
+    context.strokeStyle = COLORS.grid;
     context.lineWidth = 1;
     context.beginPath(); context.moveTo(area.left, y); context.lineTo(area.right, y); context.stroke();
-    context.fillStyle = COLOURS.text;
+    context.fillStyle = COLORS.text;
     context.fillText(String(Math.round(top * i / 2)), area.left - 5, y);
   }
 }
 
 function drawLabels(context, area, labels) {
-  context.fillStyle = COLOURS.text;
+  context.fillStyle = COLORS.text;
   context.textBaseline = 'alphabetic';
   for (const [at, text] of labels) {
     context.textAlign = at <= 0 ? 'left' : at >= 1 ? 'right' : 'center';
@@ -48,8 +48,8 @@ function drawLabels(context, area, labels) {
   }
 }
 
-function drawLevel(context, area, y, colour, dash) {
-  context.strokeStyle = colour;
+function drawLevel(context, area, y, color, dash) {
+  context.strokeStyle = color;
   context.lineWidth = 1.2;
   context.setLineDash(dash);
   context.beginPath(); context.moveTo(area.left, y); context.lineTo(area.right, y); context.stroke();
@@ -79,13 +79,13 @@ export function drawTime(canvas, samples, marks) {
     context.setLineDash([2, 3]);
     context.beginPath(); context.moveTo(x, area.top); context.lineTo(x, area.bottom); context.stroke();
     context.setLineDash([]);
-    context.fillStyle = COLOURS.text;
+    context.fillStyle = COLORS.text;
     context.textAlign = x > area.right - 60 ? 'right' : 'left';
     context.textBaseline = 'top';
     context.fillText(mark.text, x + (x > area.right - 60 ? -3 : 3), area.top);
   }
-  const trace = (colour, width, dash, of) => {
-    context.strokeStyle = colour;
+  const trace = (color, width, dash, of) => {
+    context.strokeStyle = color;
     context.lineWidth = width;
     context.setLineDash(dash);
     context.beginPath();
@@ -100,9 +100,9 @@ export function drawTime(canvas, samples, marks) {
     context.stroke();
     context.setLineDash([]);
   };
-  trace(COLOURS.peak, 1.4, [], (s) => s.peak || null);
-  trace(COLOURS.line, 1.2, [5, 4], (s) => (s.peak ? s.peak * .85 : null));
-  trace(COLOURS.value, 1.8, [], (s) => s.value);
+  trace(COLORS.peak, 1.4, [], (s) => s.peak || null);
+  trace(COLORS.line, 1.2, [5, 4], (s) => (s.peak ? s.peak * .85 : null));
+  trace(COLORS.value, 1.8, [], (s) => s.value);
 }
 
 export function curveNew() {
@@ -125,15 +125,15 @@ export function drawCurve(canvas, curve, now, peak) {
   drawValueAxis(context, area, top);
   drawLabels(context, area, [[0, '0 near'], [.5, '50'], [1, 'far 100']]);
   if (peak.value) {
-    drawLevel(context, area, py(peak.value * .85), COLOURS.line, [5, 4]);
-    drawLevel(context, area, py(peak.value), COLOURS.peak, []);
+    drawLevel(context, area, py(peak.value * .85), COLORS.line, [5, 4]);
+    drawLevel(context, area, py(peak.value), COLORS.peak, []);
   }
   let before = -1;
   for (let bin = 0; bin <= BINS; bin += 1) {
     if (curve.value[bin] < 0) continue;
     const age = now.time - curve.when[bin];
     context.globalAlpha = Math.max(.35, 1 - age / 60); // older readings fade
-    context.strokeStyle = context.fillStyle = COLOURS.value;
+    context.strokeStyle = context.fillStyle = COLORS.value;
     const x = px(bin / BINS);
     const y = py(curve.value[bin]);
     if (before >= 0 && bin - before <= 20) {
@@ -146,7 +146,7 @@ export function drawCurve(canvas, curve, now, peak) {
   }
   context.globalAlpha = 1;
   if (peak.ring !== null) {
-    context.fillStyle = COLOURS.peak;
+    context.fillStyle = COLORS.peak;
     context.beginPath();
     context.moveTo(px(peak.ring), area.bottom); context.lineTo(px(peak.ring) - 4, area.bottom + 7); context.lineTo(px(peak.ring) + 4, area.bottom + 7);
     context.fill();

@@ -60,7 +60,7 @@ export function ringMake(canvas, onTurn) {
   }
   function shade(height, top, stops) {
     const gradient = context.createLinearGradient(0, top, 0, top + height);
-    stops.forEach(([at, colour]) => gradient.addColorStop(at, colour));
+    stops.forEach(([at, color]) => gradient.addColorStop(at, color));
     return gradient;
   }
 
