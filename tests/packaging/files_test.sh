@@ -19,6 +19,7 @@ camera_files="./usr/local/bin/focus_assist
 ./usr/local/morvel/app/conf/data/osd/osd_def_color.plt
 ./usr/local/morvel/import/font/dejavu/LICENSE
 ./usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf"
+license_file=./usr/share/doc/focus-assist/copyright
 
 case $claim in
     layout)
@@ -37,6 +38,8 @@ case $claim in
         [ -x "$box/busybox/etc/init.d/S80focus_assist" ] || fail "the init script cannot be run"
         DESTDIR=$box/systemd cmake --install "$build" --component systemd >"$box/log"
         same "$(files "$box/systemd")" ./usr/lib/systemd/system/focus-assist.service
+        DESTDIR=$box/license cmake --install "$build" --component license >"$box/log"
+        same "$(files "$box/license")" "$license_file"
         ;;
     unit_folder)
         cmake -S "$source" -B "$box/build" -G Ninja -D FOCUS_BUILD_SIMCAM=OFF -D FOCUS_BUILD_TESTS=OFF \
@@ -72,11 +75,14 @@ Architecture: $architecture"
             esac
         done
         same "$(files "$box/deb")" "./usr/lib/systemd/system/focus-assist.service
-$camera_files"
+$camera_files
+$license_file"
+        cmp "$box/deb/$license_file" "$source/LICENSE"
         mkdir "$box/archive"
         tar xzf "$archive" -C "$box/archive"
         same "$(files "$box/archive")" "./etc/init.d/S80focus_assist
-$camera_files"
+$camera_files
+$license_file"
         ;;
     version)
         need strings
@@ -99,12 +105,14 @@ cmake-package = $(info is a cmake-package)
 include $(BR2_EXTERNAL_FOCUS_ASSIST_PATH)/external.mk
 all:
 	@echo "$(FOCUS_ASSIST_VERSION)"
+	@echo "$(FOCUS_ASSIST_LICENSE) $(FOCUS_ASSIST_LICENSE_FILES)"
 	@echo "$(FOCUS_ASSIST_SITE)"
 	@echo "$(FOCUS_ASSIST_CONF_OPTS)"
 END
         make -s -f "$box/Makefile" BR2_EXTERNAL_FOCUS_ASSIST_PATH="$source/packaging/buildroot" \
             >"$box/said" 2>&1 || fail "$(cat "$box/said")"
         grep -qx "is a cmake-package" "$box/said" || fail "not evaluated: $(cat "$box/said")"
+        grep -qx "MIT LICENSE" "$box/said" || fail "license: $(cat "$box/said")"
         grep -qx "$version" "$box/said" || fail "version: $(cat "$box/said")"
         grep -qx "$(realpath "$source")" "$box/said" || fail "site: $(cat "$box/said")"
         grep -q -- "-DFOCUS_CODEC_LIBRARY=/stage/libqm7codec.so.2.0 " "$box/said" ||
@@ -128,6 +136,10 @@ END
         # shellcheck disable=SC2016
         grep -qF -- '-DFOCUS_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} ' "$recipe" ||
             fail "the unit goes elsewhere than the recipe packages"
+        grep -qx 'LICENSE = "MIT"' "$recipe" || fail "the recipe does not name the license"
+        sum=$(md5sum <"$source/LICENSE" | cut -d ' ' -f 1)
+        grep -qx "LIC_FILES_CHKSUM = \"file://LICENSE;md5=$sum\"" "$recipe" ||
+            fail "the recipe has not the checksum of LICENSE, $sum"
         # One word, whatever the build has around its compiler.
         sed -n 's/.*-DFOCUS_HOST_CXX=${@\(.*\)} .*/\1/p' "$recipe" >"$box/host.py"
         for compiler in "g++" "ccache g++ " "/host/ccache g++ -m64"; do

@@ -2,7 +2,8 @@ SUMMARY = "Focus-assist overlay of an embedded camera"
 DESCRIPTION = "Draws a sharpness bar and a line of numbers over the live video while an operator \
 turns the lens."
 SECTION = "multimedia"
-LICENSE = "CLOSED"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=f7f91550c717c65dcdc91f62f1630910"
 
 inherit cmake systemd update-rc.d externalsrc
 
