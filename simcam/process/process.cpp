@@ -3,6 +3,7 @@
 
 #include "process/process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -50,7 +51,7 @@ struct Process {
     int child_end =
         -1; // becomes readable when the child has ended; -1 where the system has no such
     int pipes[2] = {-1, -1}; // standard output, standard error
-    uint64_t ticks = 0;      // processor time at the last look
+    double cpu_s = 0;        // processor time at the last look
     Clock::time_point looked;
 
     ~Process()
@@ -60,6 +61,12 @@ struct Process {
 };
 
 // ---- starting
+
+// A child that represents a process of another machine writes that one's numbers into this file.
+static std::string usage_path(const Process &process)
+{
+    return process.options.run_directory + "/process";
+}
 
 // The machine that an ELF file is for; 0 where it is none.
 static uint16_t elf_machine(const std::string &path)
@@ -189,6 +196,7 @@ static std::string start(Process &process)
     const int ends[2] = {out[1], err[1]};
     const pid_t parent = getpid();
 
+    unlink(usage_path(process).c_str()); // of a child before
     const pid_t child = fork();
     if (child == 0)
         become(path.c_str(), const_cast<char **>(arguments.data()),
@@ -211,7 +219,7 @@ static std::string start(Process &process)
     process.child_end = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     process.pipes[0] = out[0];
     process.pipes[1] = err[0];
-    process.ticks = 0;
+    process.cpu_s = 0;
     process.looked = Clock::now();
     const std::lock_guard guard(process.lock);
     process.state.running = true;
@@ -281,13 +289,16 @@ static void reap(Process &process)
     process.state.last_end = describe_end(status);
 }
 
-// Once a second: processor time and memory of the child.
-static void look(Process &process)
+struct Usage {
+    int pid;
+    double cpu_s; // since the process started
+    uint64_t resident_bytes;
+};
+
+// What the kernel says about the child.
+static bool read_usage(pid_t child, Usage *usage)
 {
-    const double passed = std::chrono::duration<double>(Clock::now() - process.looked).count();
-    if (!process.child || passed < 1.0)
-        return;
-    std::ifstream file("/proc/" + std::to_string(process.child) + "/stat");
+    std::ifstream file("/proc/" + std::to_string(child) + "/stat");
     std::string text;
     std::getline(file, text);
     const size_t name_end = text.rfind(')'); // the name may hold anything
@@ -298,15 +309,38 @@ static void look(Process &process)
                     " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %*d %*d %*d %*d %*d %*d"
                     " %*u %*u %ld",
                     &user, &system, &pages) != 3)
+        return false;
+    *usage = {child, static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK)),
+              static_cast<uint64_t>(pages) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE))};
+    return true;
+}
+
+static bool read_usage_file(const std::string &path, Usage *usage)
+{
+    std::ifstream file(path);
+    uint64_t cpu_ms = 0, resident_kib = 0;
+    if (!(file >> usage->pid >> cpu_ms >> resident_kib))
+        return false;
+    usage->cpu_s = static_cast<double>(cpu_ms) / 1000;
+    usage->resident_bytes = resident_kib * 1024;
+    return true;
+}
+
+// Once a second: processor time and memory.
+static void look(Process &process)
+{
+    const double passed = std::chrono::duration<double>(Clock::now() - process.looked).count();
+    Usage usage = {};
+    if (!process.child || passed < 1.0 ||
+        (!read_usage_file(usage_path(process), &usage) && !read_usage(process.child, &usage)))
         return;
-    const uint64_t ticks = user + system;
-    const double seconds =
-        static_cast<double>(ticks - process.ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
     const std::lock_guard guard(process.lock);
-    process.state.cpu_percent = process.ticks ? 100.0 * seconds / passed : 0;
-    process.state.resident_bytes =
-        static_cast<uint64_t>(pages) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    process.ticks = ticks;
+    const bool same = process.state.pid == usage.pid && process.cpu_s > 0;
+    const double seconds = std::max(0.0, usage.cpu_s - process.cpu_s);
+    process.state.pid = usage.pid;
+    process.state.cpu_percent = same ? 100.0 * seconds / passed : 0;
+    process.state.resident_bytes = usage.resident_bytes;
+    process.cpu_s = usage.cpu_s;
     process.looked = Clock::now();
 }
 
