@@ -16,12 +16,11 @@ using namespace simcam;
 
 static const char DESCRIPTION[] =
     "A simulated camera for focus_assist.\n"
-    "It shows a picture through a lens that you turn in a browser, measures how sharp it is, and "
-    "lays\n"
-    "what the overlay process draws over the live picture.\n"
-    "  simcam -- build/run/focus_assist                    four outputs, address printed\n"
-    "  simcam --post 0=1280x720 --sweep -- PROGRAM         one output, the lens moves by itself\n"
-    "  simcam --snapshot pictures -- PROGRAM               a few PNGs, no browser";
+    "Shows a scene through a lens that you turn in a browser, measures its sharpness, and draws\n"
+    "the planes of the overlay process over the live picture.\n"
+    "  simcam -- build/run/focus_assist                    four outputs; prints the address\n"
+    "  simcam --post 0=1280x720 --sweep -- PROGRAM         one output, the ring turns by itself\n"
+    "  simcam --snapshot pictures -- PROGRAM               five PNGs per output, no browser";
 
 struct HelpFormatter : CLI::Formatter {
     std::string make_usage(const CLI::App *, std::string) const override
@@ -47,7 +46,7 @@ struct Options {
     std::string snapshot;
 };
 
-// Ends with the message and the exit status of wrong use.
+// Prints the message and exits with status 2, wrong usage.
 [[noreturn]] static void refuse(const std::string &message)
 {
     std::fprintf(stderr, "simcam: %s\n", message.c_str());
@@ -63,14 +62,15 @@ static void parse_posts(Options *options)
         sizes = {"1280x720", "1920x1080", "720x480", "352x240"};
     for (const std::string &post : options->posts) {
         if (post.size() < 3 || post[0] < '0' || post[0] > '3' || post[1] != '=')
-            refuse("--post " + post + ": give a post 0 to 3 and its size, such as 0=1280x720");
+            refuse("--post " + post +
+                   ": must be an output 0 to 3 and its size, such as 0=1280x720");
         sizes[static_cast<size_t>(post[0] - '0')] = post.substr(2) == "off" ? "" : post.substr(2);
     }
 }
 
 static void parse(int argc, char **argv, Options *options)
 {
-    // What follows "--" is the program's, options included.
+    // Arguments after "--" belong to the program.
     int own = argc;
     for (int i = 1; i < argc && own == argc; i++)
         if (std::string(argv[i]) == "--")
@@ -87,41 +87,42 @@ static void parse(int argc, char **argv, Options *options)
         ->type_name("NAME")
         ->capture_default_str();
     app.add_option("--post", options->posts,
-                   "output N (0 to 3) runs at that size; N=off: it does not.\n"
-                   "May be repeated; then only the named ones run, or with\n"
-                   "nothing but N=off all others. Without it all four run:\n"
+                   "start output N (0 to 3) with this size; N=off leaves it\n"
+                   "off. May be repeated: only the named outputs run, or, if\n"
+                   "all values are N=off, all others. Without it all four run:\n"
                    "0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
         ->type_name("N=WIDTHxHEIGHT")
         ->allow_extra_args(false);
-    app.add_option("--ring", camera.ring, "the lens's focus ring, 0 (near) to 1 (far)")
+    app.add_option("--ring", camera.ring, "focus ring of the lens, 0 (near stop) to 1 (far stop)")
         ->type_name("X")
         ->capture_default_str();
-    app.add_flag("--sweep", camera.sweep, "the ring turns by itself, to and fro");
-    app.add_option("--sweep-period", camera.sweep_period_s, "once to and fro, 0.5 to 3600")
+    app.add_flag("--sweep", camera.sweep, "turn the ring back and forth");
+    app.add_option("--sweep-period", camera.sweep_period_s,
+                   "time of one turn back and forth, 0.5 to 3600")
         ->type_name("SECONDS")
         ->capture_default_str();
-    app.add_option("--seed", camera.seed, "of the noise: same seed, same numbers")
-        ->check([](const std::string &text) { return text[0] == '-' ? "it is 0 or more" : ""; })
+    app.add_option("--seed", camera.seed, "seed of the noise; same seed, same numbers")
+        ->check([](const std::string &text) { return text[0] == '-' ? "must be 0 or more" : ""; })
         ->type_name("N")
         ->capture_default_str();
     app.add_option("--pitch-align", camera.pitch_align,
-                   "what a line is rounded up to: 1, 8, 16, 32 or 64")
+                   "pad plane lines to a multiple of 1, 8, 16, 32 or 64")
         ->type_name("BYTES")
         ->capture_default_str();
-    app.add_option("--rate", camera.rate_hz, "measurements a second, 1 to 240")
+    app.add_option("--rate", camera.rate_hz, "measurements per second, 1 to 240")
         ->type_name("HZ")
         ->capture_default_str();
-    app.add_option("--listen", options->listen, "of the page; port 0 takes a free one")
+    app.add_option("--listen", options->listen, "address of the page; port 0 chooses a free port")
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
     app.add_option("--snapshot", options->snapshot,
-                   "write pictures at a few ring positions there, and end")
+                   "write PNGs of every output at five ring positions, then exit")
         ->type_name("DIRECTORY");
     app.add_option("--run-dir", camera.run_directory,
-                   "what stands behind the camera's fixed paths\n(default: a fresh one)")
+                   "directory that replaces the camera's fixed paths\n(default: a new one)")
         ->type_name("DIRECTORY");
     app.add_option("--platform", camera.platform_directory,
-                   "where libqm7codec.so.2.0 and libsimcam_preload.so for the\nprogram are "
+                   "directory of the program's libqm7codec.so.2.0 and\nlibsimcam_preload.so "
                    "(default: those built with simcam)")
         ->type_name("DIRECTORY");
 
@@ -136,7 +137,7 @@ static void parse(int argc, char **argv, Options *options)
     parse_posts(options);
 }
 
-// The signals that end simcam are blocked before any thread starts, and waited for here.
+// Blocks the signals that end simcam before any thread starts; main waits for them.
 static sigset_t block_signals()
 {
     sigset_t signals;

@@ -45,7 +45,7 @@ void expect_refused(const std::string &arguments, const std::string &words)
 TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
 {
     expect_refused("--post 4=1280x720", "--post 4=1280x720");
-    expect_refused("--post 1280x720", "give a post 0 to 3");
+    expect_refused("--post 1280x720", "must be an output 0 to 3");
     expect_refused("--post 0=big", "\"big\" is no size");
     expect_refused("--post 0=8x8", "between 16 and 4096");
     expect_refused("--pitch-align 5", "1, 8, 16, 32 or 64");
@@ -55,7 +55,7 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
     expect_refused("--scene /no/such/picture.png", "/no/such/picture.png");
     expect_refused("--unknown", "--unknown");
     expect_refused("-- /no/such/program", "/no/such/program");
-    expect_refused("--seed -1", "--seed: it is 0 or more");
+    expect_refused("--seed -1", "--seed: must be 0 or more");
     expect_refused("--platform /no/such/folder -- /bin/true", "/no/such/folder/libqm7codec.so.2.0");
 }
 
