@@ -1,7 +1,7 @@
 # The camera's architecture with the distribution's compiler: 32-bit ARM, hard float, glibc.
 #
-# What is linked against is unpacked into build/sysroot-armhf by scripts/sysroot when it is wanted
-# first. Programs run here under qemu-arm.
+# scripts/sysroot unpacks the headers and libraries for it into the folder sysroot-armhf beside the
+# build folder, unless they are there. Programs run here under qemu-arm.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -9,13 +9,13 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi") # remarks on how GCC 6 passed arguments
 
-
-cmake_path(SET CMAKE_SYSROOT NORMALIZE "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf")
-get_property(is_probe GLOBAL PROPERTY IN_TRY_COMPILE)
-if(NOT is_probe)
-    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/sysroot" "${CMAKE_SYSROOT}"
+if(NOT FOCUS_SYSROOT_ARMHF) # set in the compiler checks, whose build folder is another one
+    cmake_path(SET FOCUS_SYSROOT_ARMHF NORMALIZE "${CMAKE_BINARY_DIR}/../sysroot-armhf")
+    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/sysroot" "${FOCUS_SYSROOT_ARMHF}"
         COMMAND_ERROR_IS_FATAL ANY)
 endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES FOCUS_SYSROOT_ARMHF)
+set(CMAKE_SYSROOT "${FOCUS_SYSROOT_ARMHF}")
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

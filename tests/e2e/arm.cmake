@@ -1,7 +1,7 @@
 # The camera's own 32-bit program, emulated, on the simulated camera of this machine. The camera and
 # the tests are programs of preset host, which is brought up to date first.
 
-set(host_build ${PROJECT_SOURCE_DIR}/build/host)
+set(host_build ${PROJECT_BINARY_DIR}/../host)
 add_test(NAME e2e_arm.simulated_camera COMMAND ${CMAKE_COMMAND}
     -D SOURCE=${PROJECT_SOURCE_DIR} -P ${CMAKE_CURRENT_LIST_DIR}/host_build.cmake)
 set_tests_properties(e2e_arm.simulated_camera PROPERTIES
