@@ -36,12 +36,12 @@ static const Size SIZES[POST_COUNT] = {{"1920x1080", 1920, 1080},
 // Does step once, counted under name.
 template <typename Step> static void count(const std::string &name, Step step)
 {
-    const long before = allocations_made();
+    const int64_t before = allocations().calls;
     CALLGRIND_ZERO_STATS;
     CALLGRIND_TOGGLE_COLLECT;
     step();
     CALLGRIND_TOGGLE_COLLECT;
-    const long made = allocations_made() - before;
+    const long made = (long)(allocations().calls - before);
     CALLGRIND_DUMP_STATS_AT(name.c_str());
     printf("%s %ld\n", name.c_str(), made);
 }

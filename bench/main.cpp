@@ -181,9 +181,9 @@ static std::function<void()> make_copy(size_t bytes)
 static long allocations_of(const std::function<void()> &action)
 {
     action(); // what is made once
-    const long before = allocations_made();
+    const int64_t before = allocations().calls;
     action();
-    return allocations_made() - before;
+    return (long)(allocations().calls - before);
 }
 
 // A multiple, or a dash where nothing was measured.

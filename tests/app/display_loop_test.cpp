@@ -18,7 +18,6 @@
 #include "fake_codec.h"
 #include "fake_files.h"
 #include "font/font_engine.h"
-#include "freetype_wrap.h"
 #include "osd/osd_session.h"
 #include "product_state.h"
 
@@ -28,7 +27,6 @@ using Strings = std::vector<std::string>;
 static const char PALETTE[] = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
 static const char FONT[] = "/usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf";
 
-static constexpr uint32_t REFUSED = 0x81E03246;
 static constexpr uint32_t OTHER = 0x81E0ABCD;
 
 // ---- calls on their way ------------------------------------------------------------------------
@@ -59,10 +57,6 @@ struct ParamCall {
 };
 
 struct Script {
-    Strings font_calls; // beside the number of library calls made before
-    FT_Error font_error = 0;
-    int failing_engine = -1; // whose face cannot be had
-
     std::vector<BarCall> bars;
     std::vector<StringCall> strings;
     std::vector<ParamCall> params;
@@ -111,15 +105,6 @@ int32_t REAL(SHOW_STRING)(uint32_t, uint32_t, FontEngine *, const DrawRect *, in
                           int32_t);
 int32_t WRAP(SHOW_STRING)(uint32_t, uint32_t, FontEngine *, const DrawRect *, int32_t, int32_t,
                           int32_t);
-
-FT_Error __wrap_FT_New_Face(FT_Library library, const char *path, FT_Long index, FT_Face *face)
-{
-    script->font_calls.push_back(std::string(path) + ", " + std::to_string(index) + ", after " +
-                                 std::to_string(script->codec->calls.size()));
-    if ((int)script->font_calls.size() == script->failing_engine + 1)
-        return FT_Err_Cannot_Open_Resource;
-    return __real_FT_New_Face(library, TEST_FONT_PATH, index, face);
-}
 
 int __wrap_usleep(useconds_t microseconds)
 {
@@ -186,8 +171,7 @@ int32_t WRAP(SHOW_STRING)(uint32_t postResId, uint32_t number, FontEngine *engin
 
 // ---- the scene ---------------------------------------------------------------------------------
 
-// Four outputs that can start, ids 100 to 103: two of 1920 x 1080, 1280 x 720, 720 x 480,
-// 352 x 240.
+// Four outputs that can start, ids 100 to 103: 1920 x 1080, 1280 x 720, 720 x 480 and 352 x 240.
 class DisplayLoop : public testing::Test
 {
   protected:
@@ -315,60 +299,16 @@ TEST_F(DisplayLoop, StartOpensTheSessionBeforeTheFontEngines)
 
     EXPECT_EQ(codec.calls,
               Calls({"qm7_cl_library_init()", "qm7_cl_sys_open_device()",
-                     "qm7_cl_post_notify_callback(callback)", "qm7_cl_post_set_notify(15)",
+                     "qm7_cl_post_notify_callback(osd_post_notify)", "qm7_cl_post_set_notify(15)",
                      "qm7_cl_post_get_osd_color_mem()", "qm7_cl_post_set_osd_color()"}));
-    EXPECT_EQ(noted.font_calls, Strings(4, std::string(FONT) + ", 0, after 6"));
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(DisplayLoop, StartGoesOnWithoutASession)
-{
-    codec.fail("qm7_cl_sys_open_device", OTHER);
-
-    const Captured captured = capture([&] { display_start(display.get()); });
-    const Calls calls = codec.take_calls();
-    const Captured idle = pass();
-
-    EXPECT_EQ(calls, Calls({"qm7_cl_library_init()", "qm7_cl_sys_open_device()",
-                            "qm7_cl_library_exit()"}));
-    EXPECT_EQ(noted.font_calls.size(), 4u);
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_sys_open_device() failed. "
-                            "errno=0x81E0ABCD(OSD_Library_Process)\n"); // nothing added to it
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(codec.calls, Calls());
-    EXPECT_EQ(idle.out + idle.err, "");
-}
-
-TEST_F(DisplayLoop, MissingFontIsReportedByEachLevelAndTheNameStandsOnItsOwnLine)
-{
-    noted.failing_engine = 0;
-
-    const Captured captured = capture([&] { display_start(display.get()); });
-
-    EXPECT_EQ(captured.err, std::string("ERR:#qm7osd:[(null)]=New_Face error. font file: ") + FONT +
-                                "(font_init_engine)\n"
-                                "ERR:#qm7osd:[(null)]=font_init_engine() failed(osd_init_font)\n"
-                                "ERR:#qm7osd:[(null)]=osd_init_font() failed\n"
-                                "(osd_Focus_Assist_run)\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(noted.font_calls.size(), 1u);
-}
-
-TEST_F(DisplayLoop, BarIsDrawnWithoutAFontAndTheTextFailsPassAfterPass)
-{
-    noted.failing_engine = 1; // that of 1280: of the engines only the first lives
-    capture([&] { start_display(); });
-    codec.start(1, 101);
-
-    for (int i = 0; i < 3; i++) {
-        const Captured captured = pass();
-
-        EXPECT_EQ(bars_drawn(), Ids({101}));
-        ASSERT_EQ(codec.shown.size(), 1u);
-        EXPECT_EQ(codec.shown[0].number, 0);
-        EXPECT_EQ(captured.out, "show_string() failed\n");
-        EXPECT_NE(captured.err.find("=get target bitmap failed(show_string)\n"), std::string::npos);
+    Strings fonts;
+    for (const world::Event &event : world::record) {
+        if (event.fn == world::FONT_NEW_FACE)
+            fonts.push_back(event.text + ", " + std::to_string(event.in[1]));
+        EXPECT_TRUE(event.fn > world::SET_OSD || fonts.empty()) << "after a font engine";
     }
+    EXPECT_EQ(fonts, Strings(4, std::string(FONT) + ", 0"));
+    EXPECT_EQ(captured.out + captured.err, "");
 }
 
 // ---- a pass ------------------------------------------------------------------------------------
@@ -660,18 +600,17 @@ TEST_F(DisplayLoop, StopAndStartBetweenPassesReopensThePlanesWithNewPitches)
     codec.start(1, 101);
     quiet_pass();
     codec.stop(1, 101);
-    codec.start(1, 111);
-    codec.set_status(111, 1280, 720);
-    codec.plane(111, 0).pitch = 512;
+    codec.start(1, 105);
+    codec.plane(105, 0).pitch = 512;
 
     const Calls calls = quiet_pass();
 
     EXPECT_EQ(
         calls,
-        Calls({"qm7_cl_post_thread_get_status(111)", "qm7_cl_post_open_osd(111, {0, 480, 72, 2})",
-               "qm7_cl_post_get_osd_mem(111, 0)", "qm7_cl_post_set_osd(111, 1003, {400, 576})",
-               "qm7_cl_post_open_osd(111, {1, 480, 72, 2})", "qm7_cl_post_get_osd_mem(111, 1)",
-               "qm7_cl_post_set_osd(111, 1004, {409, 534})"}));
+        Calls({"qm7_cl_post_thread_get_status(105)", "qm7_cl_post_open_osd(105, {0, 480, 72, 2})",
+               "qm7_cl_post_get_osd_mem(105, 0)", "qm7_cl_post_set_osd(105, 1003, {400, 576})",
+               "qm7_cl_post_open_osd(105, {1, 480, 72, 2})", "qm7_cl_post_get_osd_mem(105, 1)",
+               "qm7_cl_post_set_osd(105, 1004, {409, 534})"}));
     EXPECT_EQ(noted.bars[0].rect.pitch, 512);
 }
 
@@ -727,8 +666,6 @@ TEST_F(DisplayLoop, SecondStartOfARunningPostOnlyChangesItsId)
 // The library reports from a thread of its own, also while a pass looks at the two masks.
 TEST_F(DisplayLoop, RestartReportedBetweenTwoLooksIsNotLost)
 {
-    codec.set_status(110, 1920, 1080);
-    codec.set_status(111, 1280, 720);
     for (int look = 1; look <= 8; look++) { // two looks a post
         SCOPED_TRACE(look);
         reset_product_state();
@@ -744,41 +681,19 @@ TEST_F(DisplayLoop, RestartReportedBetweenTwoLooksIsNotLost)
                 return;
             for (uint32_t post = 0; post < 2; post++) {
                 codec.stop(post, 100 + post);
-                codec.start(post, 110 + post);
+                codec.start(post, 104 + post);
             }
         };
         pass();
         noted.after_look = nullptr;
         quiet_pass();
 
-        EXPECT_EQ(bars_drawn(), Ids({110, 111}));
-        EXPECT_EQ(texts_drawn(), Ids({110, 111}));
+        EXPECT_EQ(bars_drawn(), Ids({104, 105}));
+        EXPECT_EQ(texts_drawn(), Ids({104, 105}));
     }
 }
 
 // ---- failures ----------------------------------------------------------------------------------
-
-TEST_F(DisplayLoop, FailedGeometryEndsThePassAndWaitsForTheNextStart)
-{
-    start_display();
-    for (uint32_t post = 0; post < 4; post++)
-        codec.start(post, 100 + post);
-    codec.fail_nth("qm7_cl_post_thread_get_status", 2, OTHER);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.out, "POST1 get_post_geometry() failed");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(texts_drawn(), Ids({100}));
-    EXPECT_EQ(post_notify_state.started_mask, 0x1100); // not looked at yet
-
-    quiet_pass(); // not tried again, and the others not kept waiting
-    EXPECT_EQ(texts_drawn(), Ids({100, 102, 103}));
-
-    codec.start(1, 101);
-    quiet_pass();
-    EXPECT_EQ(texts_drawn(), Ids({100, 101, 102, 103}));
-}
 
 TEST_F(DisplayLoop, FailedGeometryLeavesRunningPostsBehindItUndrawnInThatPass)
 {
@@ -814,153 +729,6 @@ TEST_F(DisplayLoop, FailedParametersAreLoggedAndTheNextPostIsDrawn)
     }
 }
 
-TEST_F(DisplayLoop, FailedBarLeavesItsTextUndrawnAndTheNextPostDrawn)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.start(1, 101);
-    codec.fail("qm7_cl_post_get_osd_mem", OTHER);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.out, "qm7_cl_post_get_osd_mem() failed. errno=0x81E0ABCD"
-                            "postResId=0x00000064, OSD num=0, osdId=0x00000000show_bar() failed");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(texts_drawn(), Ids({101}));
-
-    quiet_pass();
-    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
-}
-
-TEST_F(DisplayLoop, BarThatCannotBeShownSaysSoWithoutALineEnd)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.fail("qm7_cl_post_set_osd", OTHER);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.out, "qm7_cl_post_set_osd() failed. errno=0x81E0ABCD"
-                            "postResId=0x00000064show_bar() failed");
-    EXPECT_EQ(texts_drawn(), Ids());
-}
-
-TEST_F(DisplayLoop, BarPlaneThatCannotBeOpenedIsDrawnAllTheSame)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.fail("qm7_cl_post_open_osd", REFUSED);
-    codec.plane(100, 0).size = 5000;
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
-                            "errno=0x81E03246(osd_open_osd)\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(bars_drawn(), Ids({100}));
-    EXPECT_EQ(texts_drawn(), Ids({100}));
-    ASSERT_EQ(codec.shown.size(), 2u);
-    EXPECT_EQ(codec.shown[0].bytes, Bytes(5000, 0)); // pitch 0: cleared and shown
-    EXPECT_EQ(display->posts[0].planes[0].opened, 0u);
-
-    codec.plane(100, 0).size.reset();
-    quiet_pass();
-    EXPECT_EQ(display->posts[0].planes[0].opened, 1u);
-}
-
-TEST_F(DisplayLoop, RefusedTextPlaneEndsThePostWithALine)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.start(1, 101);
-    codec.fail_nth("qm7_cl_post_open_osd", 2, REFUSED);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.out, "osd_open_osd() failed\n");
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
-                            "errno=0x81E03246(osd_open_osd)\n");
-    EXPECT_EQ(bars_drawn(), Ids({100, 101}));
-    EXPECT_EQ(texts_drawn(), Ids({101}));
-
-    quiet_pass();
-    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
-}
-
-TEST_F(DisplayLoop, TextPlaneThatFailsToOpenOtherwiseIsStillDrawn)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.fail_nth("qm7_cl_post_open_osd", 2, OTHER);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(texts_drawn(), Ids({100}));
-    EXPECT_EQ(captured.out.find("osd_open_osd() failed"), std::string::npos);
-    EXPECT_EQ(captured.err.substr(0, captured.err.find('\n') + 1),
-              "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
-              "errno=0x81E0ABCD(osd_open_osd)\n");
-}
-
-TEST_F(DisplayLoop, FailedTextIsALineAndTheNextPostIsDrawn)
-{
-    start_display();
-    codec.start(0, 100);
-    codec.start(1, 101);
-    codec.fail_nth("qm7_cl_post_set_osd", 2, OTHER);
-
-    const Captured captured = pass();
-
-    EXPECT_EQ(captured.out, "qm7_cl_post_set_osd() failed. errno=0x81E0ABCD"
-                            "postResId=0x00000064show_string() failed\n");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(texts_drawn(), Ids({100, 101}));
-
-    quiet_pass();
-    EXPECT_EQ(codec.shown.size(), 4u);
-}
-
-TEST_F(DisplayLoop, OutputOfNoKnownWidthIsLoggedOnceAndItsTextFailsEachPass)
-{
-    start_display();
-    codec.set_status(100, 640, 480);
-    codec.start(0, 100);
-
-    const Captured first = pass();
-    const Captured second = pass();
-
-    EXPECT_EQ(first.err.substr(0, first.err.find('\n') + 1),
-              "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n");
-    EXPECT_EQ(second.err, first.err.substr(first.err.find('\n') + 1));
-    EXPECT_EQ(first.out, "show_string() failed\n");
-    EXPECT_EQ(second.out, "show_string() failed\n");
-    ASSERT_EQ(codec.shown.size(), 1u); // the bar, empty
-    EXPECT_EQ(codec.shown[0].bytes, Bytes());
-}
-
-// Every library call of a pass fails once, the first, then the second, and so on.
-TEST_F(DisplayLoop, AfterAFailureAnywhereTheNextPassesDrawEverything)
-{
-    start_display();
-    int failures = 0;
-    for (bool failed = true; failed && failures < 100; failures++) {
-        for (uint32_t post = 0; post < 4; post++) {
-            codec.stop(post, 100 + post);
-            codec.start(post, 100 + post);
-        }
-        codec.fail_nth_call(failures + 1, OTHER);
-        const Captured captured = pass();
-        failed = (captured.out + captured.err).size() > 0;
-        codec.heal();
-
-        for (uint32_t post = 0; post < 4; post++)
-            codec.start(post, 100 + post); // for those whose geometry failed
-        quiet_pass();
-        EXPECT_EQ(codec.shown.size(), 8u) << failures;
-    }
-    EXPECT_EQ(failures, 4 * 7 + 1); // seven calls a post, then none failed
-}
-
 // ---- the loop ----------------------------------------------------------------------------------
 
 TEST_F(DisplayLoop, RunStartsOnceAndSleepsHalfASecondAfterEachPass)
@@ -974,7 +742,7 @@ TEST_F(DisplayLoop, RunStartsOnceAndSleepsHalfASecondAfterEachPass)
 
     EXPECT_EQ(noted.sleeps, std::vector<useconds_t>(3, 500000));
     EXPECT_EQ(noted.library_calls_at_sleep, std::vector<size_t>(3, 6)); // those of the start
-    EXPECT_EQ(noted.font_calls.size(), 4u);
+    EXPECT_EQ(world::calls[world::FONT_NEW_FACE], 4u);
     EXPECT_EQ(captured.out + captured.err, "");
 }
 

@@ -153,16 +153,6 @@ TEST_F(FocusMeasure, ConfigurationIsTheseWords)
     EXPECT_EQ(fake.requests[0].bytes, expected);
 }
 
-TEST_F(FocusMeasure, RefusedConfigurationGoesUnnoticed)
-{
-    fake.config_fails = true;
-
-    const Captured captured = capture([] { focus_measure_configure(DEVICE); });
-
-    EXPECT_EQ(captured.out + captured.err, "");
-    EXPECT_EQ(fake.requests.size(), 1u);
-}
-
 // ---- one cycle ---------------------------------------------------------------------------------
 
 TEST_F(FocusMeasure, CycleIsOneReadRequestOfTheGivenRecord)
@@ -337,19 +327,6 @@ TEST_F(FocusMeasure, LargestJumpsCountBothWays)
     expect(42949672, 42949672);
 }
 
-TEST_F(FocusMeasure, FailedRequestRepeatsTheValueWithoutAMessage)
-{
-    read(5000);
-    const Captured captured = capture([&] {
-        fail_to_read();
-        fail_to_read();
-    });
-
-    expect(50, 0);
-    EXPECT_EQ(fake.requests.size(), 3u);
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
 TEST_F(FocusMeasure, FailedRequestBeforeAnyReadingTakesTheRecordAsItIs)
 {
     fail_to_read();
@@ -420,18 +397,4 @@ TEST_F(FocusMeasure, RecordBeginsAsZeros)
 
     EXPECT_EQ(fake.requests[1].bytes, Bytes(244, 0));
     expect(0, 0);
-}
-
-TEST_F(FocusMeasure, DeviceThatCannotBeOpenedEndsTheProcessSilently)
-{
-    FakeFiles files;
-    files.fail_open("/dev/cam", ENODEV);
-    int how = 0;
-
-    const Captured captured = capture([&] { how = run(&fake, &state); });
-
-    EXPECT_EQ(how, EXITED);
-    EXPECT_EQ(fake.exit_status, 1);
-    EXPECT_EQ(fake.requests.size(), 0u);
-    EXPECT_EQ(captured.out + captured.err, "");
 }

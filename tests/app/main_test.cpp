@@ -158,39 +158,6 @@ TEST_F(Main, ThreadFindsTheFocusStateCleared)
     EXPECT_EQ(state.peak_at_start, 0u);
 }
 
-TEST_F(Main, MissingDeviceEndsTheProcessWithNothingWritten)
-{
-    const Captured captured = capture([&] { EXPECT_EQ(run(), 1000); });
-
-    EXPECT_EQ(state.exit_status, 1);
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(Main, PidFileThatCannotBeWrittenGoesUnnoticed)
-{
-    state.pid_result = -1;
-
-    const Captured captured = capture([&] { EXPECT_EQ(run(), 1000); });
-
-    EXPECT_EQ(state.calls, std::vector<std::string>({PID_CALL, "pthread_create"}));
-    EXPECT_EQ(state.exit_status, 1);
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(Main, ThreadThatCannotBeCreatedIsReportedAndNothingMeasured)
-{
-    state.thread_error = EAGAIN; // 11
-    int result = 0;
-
-    const Captured captured = capture([&] { result = run(); });
-
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(captured.err, "OSD Process Thread returns: 11\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(state.calls, std::vector<std::string>({PID_CALL, "pthread_create"}));
-    EXPECT_EQ(files.calls, std::vector<std::string>());
-}
-
 TEST_F(Main, ReturnsZeroShouldTheMeasurementEverReturn)
 {
     state.measurement_returns = true;

@@ -3,9 +3,10 @@ add_library(e2e_fast_sleep SHARED fast_sleep.cpp)
 target_link_libraries(e2e_fast_sleep PRIVATE focus_base) # no sanitizer: it is loaded before their runtime
 
 add_executable(e2e_overlay_test
-    fault_test.cpp overlay.cpp overlay_test.cpp picture_test.cpp reference.cpp
-    ../support/difference.cpp)
-target_include_directories(e2e_overlay_test PRIVATE ../support)
+    fault_test.cpp overlay.cpp overlay_test.cpp picture_test.cpp readout.cpp
+    ../support/difference.cpp ../support/reference.cpp)
+target_include_directories(e2e_overlay_test PRIVATE
+    ../support ${PROJECT_SOURCE_DIR}/src)
 target_link_libraries(e2e_overlay_test PRIVATE
     focus_options simcam_core Freetype::Freetype GTest::gtest_main)
 target_compile_definitions(e2e_overlay_test PRIVATE

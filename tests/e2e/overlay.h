@@ -6,7 +6,7 @@
 #include <string>
 
 #include "camera/camera.h"
-#include "reference.h"
+#include "readout.h"
 
 struct Overlay {
     std::shared_ptr<simcam::Camera> camera;

@@ -47,12 +47,12 @@ TEST(OverlayProcess, DrawsOnAllFourSizesAtOnce)
         EXPECT_EQ(readout.peak, 0); // nothing has moved: "---"
         EXPECT_EQ(readout.percent, 0);
         EXPECT_FALSE(readout.highlight);
-        const ReferenceLayout layout =
-            reference_layout(static_cast<int>(state.post[static_cast<size_t>(post)].width),
-                             static_cast<int>(state.post[static_cast<size_t>(post)].height));
+        const reference::Plane text =
+            readout_text_plane(static_cast<int>(state.post[static_cast<size_t>(post)].width),
+                               static_cast<int>(state.post[static_cast<size_t>(post)].height),
+                               state.post[static_cast<size_t>(post)].plane[1].pitch, "", false);
         // Cut to 16 bits, as the position is.
-        EXPECT_EQ(state.post[static_cast<size_t>(post)].plane[1].x,
-                  static_cast<uint32_t>(layout.text_x) & 0xFFFF);
+        EXPECT_EQ(state.post[static_cast<size_t>(post)].plane[1].x, text.x & 0xFFFF);
         EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[2].open);
         EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[3].open);
     }

@@ -12,7 +12,7 @@
 
 #include "capture.h"
 #include "draw/draw_param.h"
-#include "freetype_script.h"
+#include "font_calls.h"
 #include "painting.h"
 #include "reference.h"
 #include "status.h"
@@ -29,30 +29,36 @@ static bool same_bitmap(const FT_BitmapGlyphRec &a, const FT_BitmapGlyphRec &b)
            (x.rows == 0 || memcmp(x.buffer, y.buffer, x.rows * (size_t)x.pitch) == 0);
 }
 
-// Every test begins with no notes and no faults and ends with nothing left out.
+// Every test begins with an empty record and ends without an object left.
 class FontEngineTest : public testing::Test
 {
   protected:
     FontEngineTest()
     {
-        reset_freetype_script();
+        world::reset();
     }
 
     void TearDown() override
     {
-        reset_freetype_script_faults();
+        world::script.fails = nullptr;
         for (FontEngine &engine : engines) {
             if (engine.library)
                 font_clear_engine(&engine);
         }
-        EXPECT_TRUE(freetype().nothing_is_out());
+        expect_nothing_left();
     }
 
-    static void reset_freetype_script_faults()
+    static void expect_nothing_left()
     {
-        freetype().fail_at.clear();
-        freetype().fail_any_at = 0;
-        freetype().done_library_result = 0;
+        EXPECT_EQ(world::objects_alive(), 0u);
+        EXPECT_EQ(world::wrong_releases, 0);
+    }
+
+    // The next call of fn fails.
+    static void fail(world::Fn failing)
+    {
+        world::clear_record();
+        world::script.fails = [=](world::Fn fn, uint64_t n) { return fn == failing && n == 1; };
     }
 
     void build(FontEngine *engine, uint32_t pixel_size = 28)
@@ -96,7 +102,7 @@ TEST_F(OsdInitFont, BuildsFourEnginesLargestFirst)
     EXPECT_EQ(captured.err, "");
     EXPECT_EQ(captured.out, "");
     std::vector<std::string> sizes;
-    for (const std::string &call : freetype().calls) {
+    for (const std::string &call : font_calls()) {
         if (call.starts_with("FT_Request_Size"))
             sizes.push_back(call);
     }
@@ -108,52 +114,9 @@ TEST_F(OsdInitFont, BuildsFourEnginesLargestFirst)
         EXPECT_NE(engine.library, nullptr);
         EXPECT_EQ(engine.cache.count, 65u);
     }
-    EXPECT_EQ(freetype().libraries.size(), 4u);
-    EXPECT_EQ(freetype().faces.size(), 4u);
-    EXPECT_EQ(freetype().glyphs.size(), 4 * 65u);
-}
-
-TEST_F(OsdInitFont, StopsAtTheEngineThatFailsAndKeepsThoseBefore)
-{
-    for (int failing = 0; failing < 4; failing++) {
-        freetype().fail_at["FT_New_Face"] = failing + 1;
-
-        int32_t status = 0;
-        const Captured captured = capture([&] { status = osd_init_font(TEST_FONT_PATH, engines); });
-
-        EXPECT_EQ(status, STATUS_FAULT);
-        EXPECT_EQ(captured.err,
-                  error_line("New_Face error. font file: " TEST_FONT_PATH, "font_init_engine") +
-                      error_line("font_init_engine() failed", "osd_init_font"));
-        EXPECT_EQ(captured.out, "");
-        for (int i = 0; i < 4; i++)
-            EXPECT_EQ(engines[i].library != nullptr, i < failing) << i << " of " << failing;
-        for (FontEngine &engine : engines) {
-            if (engine.library)
-                font_clear_engine(&engine);
-            engine = {};
-        }
-        EXPECT_TRUE(freetype().nothing_is_out());
-        freetype().calls.clear();
-    }
-}
-
-TEST_F(OsdInitFont, GlyphFailureShowsAsAChainOfLines)
-{
-    freetype().fail_at["FT_Load_Glyph"] = 2 * 65 + 7; // of engine 2
-
-    const Captured captured =
-        capture([&] { EXPECT_EQ(osd_init_font(TEST_FONT_PATH, engines), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err, error_line("load glyph failed", "font_get_glyph") +
-                                error_line("set glyph failed", "font_create_cache") +
-                                error_line("create buffer error", "font_init_engine") +
-                                error_line("font_init_engine() failed", "osd_init_font"));
-    EXPECT_NE(engines[0].library, nullptr);
-    EXPECT_NE(engines[1].library, nullptr);
-    EXPECT_EQ(engines[2].library, nullptr);
-    EXPECT_EQ(engines[3].library, nullptr);
-    EXPECT_EQ(freetype().glyphs.size(), 2 * 65u);
+    EXPECT_EQ(world::objects_alive(world::FONT_INIT), 4u);
+    EXPECT_EQ(world::objects_alive(world::FONT_NEW_FACE), 4u);
+    EXPECT_EQ(world::objects_alive(world::FONT_GET_GLYPH), 4 * 65u);
 }
 
 TEST_F(OsdInitFont, NullPathFailsAtEngineZero)
@@ -163,7 +126,7 @@ TEST_F(OsdInitFont, NullPathFailsAtEngineZero)
 
     EXPECT_EQ(captured.err, error_line("invalid parameter", "font_init_engine") +
                                 error_line("font_init_engine() failed", "osd_init_font"));
-    EXPECT_TRUE(freetype().calls.empty());
+    EXPECT_TRUE(font_calls().empty());
 }
 
 TEST_F(OsdInitFont, NumberOutsideTheTableIsLoggedAndKeepsTheSize)
@@ -230,7 +193,7 @@ TEST_F(FontInitEngine, CallsFreeTypeInOrderWithItsArguments)
 {
     build(&engines[0], 42);
 
-    const std::vector<std::string> &calls = freetype().calls;
+    const std::vector<std::string> calls = font_calls();
     ASSERT_EQ(calls.size(), 4 + 65 * 4u);
     EXPECT_EQ(calls[0], "FT_Init_FreeType()");
     EXPECT_EQ(calls[1], "FT_New_Face(" TEST_FONT_PATH ", 0)");
@@ -262,14 +225,14 @@ TEST_F(FontInitEngine, NullArgumentIsInvalidAndTouchesNothing)
     const std::string line = error_line("invalid parameter", "font_init_engine");
     EXPECT_EQ(captured.err, line + line);
     EXPECT_EQ(memcmp(&engine, &before, sizeof engine), 0);
-    EXPECT_TRUE(freetype().calls.empty());
+    EXPECT_TRUE(font_calls().empty());
 }
 
 TEST_F(FontInitEngine, WipesWhatStoodInTheRecord)
 {
     FontEngine engine;
     memset(&engine, 0xA5, sizeof engine);
-    freetype().fail_at["FT_Init_FreeType"] = 1;
+    fail(world::FONT_INIT);
 
     const Captured captured =
         capture([&] { EXPECT_EQ(font_init_engine(&engine, TEST_FONT_PATH, 28), STATUS_FAULT); });
@@ -279,21 +242,7 @@ TEST_F(FontInitEngine, WipesWhatStoodInTheRecord)
     EXPECT_EQ(engine.face, nullptr);
     EXPECT_EQ(engine.cache.count, 0u);
     EXPECT_EQ(engine.cache.entries, nullptr);
-    EXPECT_EQ(freetype().calls, std::vector<std::string>({"FT_Init_FreeType()"}));
-}
-
-TEST_F(FontInitEngine, MissingFontFileIsNamed)
-{
-    const Captured captured = capture(
-        [&] { EXPECT_EQ(font_init_engine(&engines[0], "/no/such/font.ttf", 28), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err,
-              error_line("New_Face error. font file: /no/such/font.ttf", "font_init_engine"));
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(engines[0].library, nullptr);
-    EXPECT_EQ(freetype().calls,
-              std::vector<std::string>({"FT_Init_FreeType()", "FT_New_Face(/no/such/font.ttf, 0)",
-                                        "FT_Done_FreeType()"}));
+    EXPECT_EQ(font_calls(), std::vector<std::string>({"FT_Init_FreeType()"}));
 }
 
 TEST_F(FontInitEngine, FileThatIsNoFontIsNamed)
@@ -306,96 +255,6 @@ TEST_F(FontInitEngine, FileThatIsNoFontIsNamed)
 
     EXPECT_EQ(captured.err, error_line("New_Face error. font file: " + path, "font_init_engine"));
     EXPECT_EQ(engines[0].library, nullptr);
-}
-
-TEST_F(FontInitEngine, RefusedSizeUndoesFaceAndLibrary)
-{
-    freetype().fail_at["FT_Request_Size"] = 1;
-
-    const Captured captured = capture(
-        [&] { EXPECT_EQ(font_init_engine(&engines[0], TEST_FONT_PATH, 28), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err, error_line("request size error", "font_init_engine"));
-    EXPECT_EQ(engines[0].library, nullptr);
-    EXPECT_EQ(freetype().calls,
-              std::vector<std::string>({"FT_Init_FreeType()", "FT_New_Face(" TEST_FONT_PATH ", 0)",
-                                        "FT_Request_Size(REAL_DIM, 0 x 1792, at 0 x 0)",
-                                        "FT_Done_Face()", "FT_Done_FreeType()"}));
-}
-
-TEST_F(FontInitEngine, FailedAllocationUndoesFaceAndLibrary)
-{
-    freetype().fail_at["calloc"] = 1;
-
-    const Captured captured = capture(
-        [&] { EXPECT_EQ(font_init_engine(&engines[0], TEST_FONT_PATH, 28), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err, error_line("calloc failed", "font_create_cache") +
-                                error_line("create buffer error", "font_init_engine"));
-    EXPECT_EQ(engines[0].library, nullptr);
-    EXPECT_EQ(engines[0].cache.count, 0u);
-    EXPECT_EQ(engines[0].cache.entries, nullptr);
-    EXPECT_EQ(freetype().count("FT_Done_Glyph()"), 0);
-    EXPECT_EQ(freetype().count("FT_Done_Glyph(null)"), 0);
-    EXPECT_TRUE(freetype().nothing_is_out());
-}
-
-TEST_F(FontInitEngine, FailedCharacterUndoesEverything)
-{
-    struct Step {
-        const char *function;
-        const char *message;
-        bool leaves_outline; // for the caller to release
-    };
-    const Step steps[] = {{"FT_Load_Glyph", "load glyph failed", false},
-                          {"FT_Get_Glyph", "get glyph failed", false},
-                          {"FT_Glyph_To_Bitmap", "glyph to bitmap failed", true}};
-    for (const Step &step : steps) {
-        for (const int nth : {1, 2, 33, 65}) {
-            reset_freetype_script();
-            freetype().fail_at[step.function] = nth;
-
-            const Captured captured = capture([&] {
-                EXPECT_EQ(font_init_engine(&engines[0], TEST_FONT_PATH, 28), STATUS_FAULT);
-            });
-
-            EXPECT_EQ(captured.err, error_line(step.message, "font_get_glyph") +
-                                        error_line("set glyph failed", "font_create_cache") +
-                                        error_line("create buffer error", "font_init_engine"));
-            EXPECT_EQ(engines[0].library, nullptr);
-            EXPECT_EQ(engines[0].cache.count, 0u);
-            EXPECT_EQ(engines[0].cache.entries, nullptr);
-            EXPECT_TRUE(freetype().nothing_is_out()) << step.function << " " << nth;
-            const long released = nth - 1 + (step.leaves_outline ? 1 : 0);
-            EXPECT_EQ(freetype().count("FT_Done_Glyph()"), released) << step.function << " " << nth;
-            EXPECT_EQ(freetype().count("FT_Done_Glyph(null)"), 65 - released);
-        }
-    }
-}
-
-TEST_F(FontInitEngine, FailsCleanlyAtEveryCallAndThenWorks)
-{
-    bool failed = true;
-    for (int n = 1; failed; n++) {
-        ASSERT_LT(n, 1000);
-        freetype().fail_any_at = n;
-
-        int32_t status = 0;
-        const Captured captured =
-            capture([&] { status = font_init_engine(&engines[0], TEST_FONT_PATH, 14); });
-
-        failed = status != STATUS_OK;
-        if (failed) {
-            EXPECT_EQ(status, STATUS_FAULT) << n;
-            EXPECT_NE(captured.err, "") << n;
-            EXPECT_EQ(engines[0].library, nullptr) << n;
-            EXPECT_TRUE(freetype().nothing_is_out()) << n;
-        } else {
-            EXPECT_EQ(captured.err, "");
-            EXPECT_EQ(n, 4 + 3 * 65 + 1); // it has as many calls that can fail
-        }
-    }
-    EXPECT_EQ(engines[0].cache.count, 65u);
 }
 
 // ---- cache -------------------------------------------------------------------------------------
@@ -438,7 +297,7 @@ TEST_F(FontCache, CharacterThatTheFontLacksIsItsBoxAndNoError)
 TEST_F(FontCache, FailedAllocationKeepsTheCountWithoutAnArray)
 {
     build(&engines[0]);
-    freetype().fail_at["calloc"] = 1;
+    fail(world::HEAP_CALLOC);
     GlyphCache cache = {};
 
     const Captured captured = capture(
@@ -453,41 +312,20 @@ TEST_F(FontCache, FailedAllocationKeepsTheCountWithoutAnArray)
     EXPECT_EQ(cache.entries, nullptr);
 }
 
-TEST_F(FontCache, FailedCharacterReleasesThoseBeforeItAndTheArray)
-{
-    build(&engines[0]);
-    const std::set<FT_Glyph> glyphs = freetype().glyphs;
-    const std::set<void *> arrays = freetype().arrays;
-    freetype().released.clear();
-    freetype().fail_at["FT_Load_Glyph"] = 3;
-    GlyphCache cache = {};
-
-    const Captured captured = capture(
-        [&] { EXPECT_EQ(font_create_cache(engines[0].face, &cache, "ABCD"), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err, error_line("load glyph failed", "font_get_glyph") +
-                                error_line("set glyph failed", "font_create_cache"));
-    EXPECT_EQ(cache.count, 0u);
-    EXPECT_EQ(cache.entries, nullptr);
-    EXPECT_EQ(freetype().released.size(), 2u);
-    EXPECT_EQ(freetype().glyphs, glyphs);
-    EXPECT_EQ(freetype().arrays, arrays);
-    EXPECT_EQ(freetype().wrong_releases, 0);
-}
-
 TEST_F(FontCache, IsReleasedInOrderOnce)
 {
     build(&engines[0]);
     GlyphCache cache = {};
     ASSERT_EQ(font_create_cache(engines[0].face, &cache, "XYZ"), STATUS_OK);
-    const std::vector<FT_Glyph> order = {cache.entries[0].glyph, cache.entries[1].glyph,
-                                         cache.entries[2].glyph};
-    freetype().released.clear();
+    std::vector<int64_t> order;
+    for (const GlyphCacheEntry &entry : {cache.entries[0], cache.entries[1], cache.entries[2]})
+        order.push_back(world::number_of(entry.glyph));
+    world::clear_record();
 
     font_free_cache(&cache);
     font_free_cache(&cache);
 
-    EXPECT_EQ(freetype().released, order);
+    EXPECT_EQ(released_glyphs(), order);
     EXPECT_EQ(cache.count, 0u);
     EXPECT_EQ(cache.entries, nullptr);
 }
@@ -540,40 +378,6 @@ TEST_F(FontGetGlyph, RendersANewGlyphThatIsTheCallers)
     FT_Done_Glyph(glyph);
 }
 
-TEST_F(FontGetGlyph, FailuresNameTheirStep)
-{
-    build(&engines[0]);
-    const char *steps[][2] = {{"FT_Load_Glyph", "load glyph failed"},
-                              {"FT_Get_Glyph", "get glyph failed"},
-                              {"FT_Glyph_To_Bitmap", "glyph to bitmap failed"}};
-    for (const auto &[function, message] : steps) {
-        freetype().fail_at[function] = 1;
-        freetype().calls.clear();
-        FT_Glyph glyph = nullptr;
-
-        const Captured captured =
-            capture([&] { EXPECT_EQ(font_get_glyph(engines[0].face, 'A', &glyph), STATUS_FAULT); });
-
-        EXPECT_EQ(captured.err, error_line(message, "font_get_glyph"));
-        ASSERT_FALSE(freetype().calls.empty());
-        EXPECT_TRUE(freetype().calls.back().starts_with(function)) << "it goes on to nothing else";
-        EXPECT_EQ(glyph != nullptr, std::string(function) == "FT_Glyph_To_Bitmap")
-            << "only the outline is left for the caller";
-        FT_Done_Glyph(glyph);
-    }
-}
-
-TEST_F(FontGetGlyph, NoFaceFailsToLoad)
-{
-    FT_Glyph glyph = nullptr;
-
-    const Captured captured =
-        capture([&] { EXPECT_EQ(font_get_glyph(nullptr, 'A', &glyph), STATUS_FAULT); });
-
-    EXPECT_EQ(captured.err, error_line("load glyph failed", "font_get_glyph"));
-    EXPECT_EQ(glyph, nullptr);
-}
-
 // ---- teardown ----------------------------------------------------------------------------------
 
 TEST_F(FontClearEngine, ReleasesGlyphsThenFaceThenLibrary)
@@ -581,23 +385,23 @@ TEST_F(FontClearEngine, ReleasesGlyphsThenFaceThenLibrary)
     FontEngine &engine = engines[0];
     build(&engine);
     const FT_Face face = engine.face;
-    std::vector<FT_Glyph> order;
+    std::vector<int64_t> order;
     for (uint32_t i = 0; i < engine.cache.count; i++)
-        order.push_back(engine.cache.entries[i].glyph);
-    reset_freetype_script();
+        order.push_back(world::number_of(engine.cache.entries[i].glyph));
+    world::clear_record();
 
     EXPECT_EQ(font_clear_engine(&engine), 0);
 
-    EXPECT_EQ(freetype().released, order);
+    EXPECT_EQ(released_glyphs(), order);
     std::vector<std::string> calls(65, "FT_Done_Glyph()");
     calls.push_back("FT_Done_Face()");
     calls.push_back("FT_Done_FreeType()");
-    EXPECT_EQ(freetype().calls, calls);
+    EXPECT_EQ(font_calls(), calls);
     EXPECT_EQ(engine.library, nullptr);
     EXPECT_EQ(engine.face, face); // not cleared: library alone marks an engine dead
     EXPECT_EQ(engine.cache.count, 0u);
     EXPECT_EQ(engine.cache.entries, nullptr);
-    EXPECT_TRUE(freetype().nothing_is_out());
+    expect_nothing_left();
 }
 
 TEST_F(FontClearEngine, NullOrDeadEngineIsLoggedAndSucceeds)
@@ -614,7 +418,7 @@ TEST_F(FontClearEngine, NullOrDeadEngineIsLoggedAndSucceeds)
     const std::string line = error_line("invalid param", "font_clear_engine");
     EXPECT_EQ(captured.err, line + line);
     EXPECT_EQ(dead.cache.count, 65u);
-    EXPECT_TRUE(freetype().calls.empty());
+    EXPECT_TRUE(font_calls().empty());
 }
 
 TEST_F(FontClearEngine, TwiceIsHarmless)
@@ -627,15 +431,15 @@ TEST_F(FontClearEngine, TwiceIsHarmless)
     });
 
     EXPECT_EQ(captured.err, error_line("invalid param", "font_clear_engine"));
-    EXPECT_TRUE(freetype().nothing_is_out());
+    expect_nothing_left();
 }
 
 TEST_F(FontClearEngine, ReturnsWhatFreeTypeSaysOfTheLibrary)
 {
     build(&engines[0]);
-    freetype().done_library_result = 0x21;
+    fail(world::FONT_DONE_FREETYPE);
 
-    EXPECT_EQ(font_clear_engine(&engines[0]), 0x21);
+    EXPECT_EQ(font_clear_engine(&engines[0]), world::FONT_FAILED);
 
     EXPECT_EQ(engines[0].library, nullptr);
 }
@@ -654,18 +458,18 @@ TEST_F(FontReleaseSlot, TearsDownAnInitializedSlotOnce)
     EXPECT_EQ(captured.err, "");
     EXPECT_EQ(slot.initialized, 0u);
     EXPECT_EQ(slot.engine.library, nullptr);
-    EXPECT_TRUE(freetype().nothing_is_out());
+    expect_nothing_left();
 }
 
 TEST_F(FontReleaseSlot, LeavesAnUninitializedSlotAlone)
 {
     DrawParams slot = {};
     build(&slot.engine);
-    freetype().calls.clear();
+    world::clear_record();
 
     font_release_slot(&slot);
 
-    EXPECT_TRUE(freetype().calls.empty());
+    EXPECT_TRUE(font_calls().empty());
     EXPECT_NE(slot.engine.library, nullptr);
     font_clear_engine(&slot.engine);
 }

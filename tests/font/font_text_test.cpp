@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
-#include "freetype_script.h"
+#include "font_calls.h"
 #include "guarded_memory.h"
 #include "painting.h"
 #include "picture.h"
@@ -419,12 +419,12 @@ class FontGetTargetBitmap : public testing::Test
             font_clear_engine(&engine);
         for (std::unique_ptr<reference::Font> &font : fonts)
             font.reset();
-        EXPECT_TRUE(freetype().nothing_is_out());
+        EXPECT_EQ(world::objects_alive(), 0u);
     }
 
     void SetUp() override
     {
-        reset_freetype_script();
+        world::reset();
     }
 
     // A target as the readout has it: the font's height, its cells, room for 21 of them.
@@ -441,6 +441,7 @@ class FontGetTargetBitmap : public testing::Test
                                     const DrawRect &target, bool highlight, size_t size,
                                     Guard guard = Guard::BEHIND)
     {
+        world::clear_record();
         const GuardedMemory memory(size, guard);
         std::vector<uint8_t> expected(size, JUNK);
         reference::paint_text(expected, target, *fonts[resolution], text, highlight);
@@ -639,14 +640,14 @@ TEST_F(FontGetTargetBitmap, OnlyWhatIsNotCachedIsRenderedAndEachTimeReleased)
                                      160 * 14),
               STATUS_OK);
 
+    const std::vector<std::string> calls = font_calls();
     const std::string index = std::to_string(FT_Get_Char_Index(engines[3].face, '/'));
-    freetype().calls.pop_back(); // the test's own
     const std::vector<std::string> once = {
         "FT_Get_Char_Index(47)", "FT_Load_Glyph(" + index + ", 0)", "FT_Get_Glyph()",
         "FT_Glyph_To_Bitmap(mode 2, no origin, destroy 1)", "FT_Done_Glyph()"};
     std::vector<std::string> twice = once;
     twice.insert(twice.end(), once.begin(), once.end());
-    EXPECT_EQ(freetype().calls, twice);
+    EXPECT_EQ(calls, twice);
     EXPECT_EQ(engines[3].cache.count, 65u);
     EXPECT_EQ(font_find_glyph(&engines[3].cache, '/'), nullptr);
 }
@@ -666,44 +667,14 @@ TEST_F(FontGetTargetBitmap, ReadsItsTargetOnly)
 
 // ---- failures ----------------------------------------------------------------------------------
 
-TEST_F(FontGetTargetBitmap, CharacterThatCannotBeRenderedEndsTheTextWhereItStands)
-{
-    const char *const steps[][2] = {{"FT_Load_Glyph", "load glyph failed"},
-                                    {"FT_Get_Glyph", "get glyph failed"},
-                                    {"FT_Glyph_To_Bitmap", "glyph to bitmap failed"}};
-    for (const auto &[function, message] : steps) {
-        const DrawRect target = readout_target(2, 112);
-        std::vector<uint8_t> expected(112 * 28, JUNK);
-        reference::paint_text(expected, target, *fonts[2], "AB/", false); // the second "/" fails
-        reset_freetype_script();
-        freetype().fail_at[function] = 2;
-        const size_t out_before = freetype().glyphs.size();
-        const GuardedMemory memory(112 * 28);
-
-        const Captured captured = capture([&] {
-            EXPECT_EQ(
-                font_get_target_bitmap(&engines[2], "AB//CD", &target, memory.data(), 0, 112 * 28),
-                STATUS_FAULT);
-        });
-
-        EXPECT_EQ(captured.err, error_line(message, "font_get_glyph") +
-                                    error_line("set glyph failed", "font_get_target_bitmap"));
-        EXPECT_TRUE(same_picture(memory.bytes(), expected, 112));
-        EXPECT_EQ(freetype().glyphs.size(), out_before) << "whatever was produced is released";
-        EXPECT_EQ(freetype().wrong_releases, 0);
-        const bool outline = std::string(function) == "FT_Glyph_To_Bitmap";
-        EXPECT_EQ(freetype().calls.back(), outline ? "FT_Done_Glyph()" : "FT_Done_Glyph(null)");
-    }
-}
-
 TEST_F(FontGetTargetBitmap, UncachedGlyphThatCannotBeDrawnIsReleased)
 {
     const DrawRect target = readout_target(2, 112);
     std::vector<uint8_t> expected(112 * 28, JUNK);
     reference::paint_text(expected, target, *fonts[2], "AB", false);
-    reset_freetype_script();
-    freetype().render_gray = true;
-    const size_t out_before = freetype().glyphs.size();
+    world::clear_record();
+    world::script.render_gray = true;
+    const size_t glyphs_before = world::objects_alive(world::FONT_GET_GLYPH);
     const GuardedMemory memory(112 * 28);
 
     const Captured captured = capture([&] {
@@ -714,9 +685,9 @@ TEST_F(FontGetTargetBitmap, UncachedGlyphThatCannotBeDrawnIsReleased)
     EXPECT_EQ(captured.err, error_line("invalid pixel_mode", "font_draw_target") +
                                 error_line("draw target failed", "font_get_target_bitmap"));
     EXPECT_TRUE(same_picture(memory.bytes(), expected, 112));
-    EXPECT_EQ(freetype().released.size(), 1u);
-    EXPECT_EQ(freetype().glyphs.size(), out_before);
-    EXPECT_EQ(freetype().wrong_releases, 0);
+    EXPECT_EQ(released_glyphs().size(), 1u);
+    EXPECT_EQ(world::objects_alive(world::FONT_GET_GLYPH), glyphs_before);
+    EXPECT_EQ(world::wrong_releases, 0);
 }
 
 TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgotten)
@@ -730,14 +701,15 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     }
     ASSERT_NE(entry, nullptr);
     FT_Done_Glyph(entry->glyph);
-    freetype().render_gray = true;
+    world::script.render_gray = true;
     ASSERT_EQ(font_get_glyph(engine.face, 'B', &entry->glyph), STATUS_OK);
-    const FT_Glyph gray = entry->glyph;
+    world::script.render_gray = false;
+    const int64_t gray = world::number_of(entry->glyph);
     const DrawRect target = readout_target(2, 112);
     std::vector<uint8_t> expected(112 * 28, JUNK);
-    reset_freetype_script();
+    world::clear_record();
     reference::paint_text(expected, target, *fonts[2], "AA", false);
-    reset_freetype_script();
+    world::clear_record();
     GuardedMemory memory(112 * 28);
 
     const Captured captured = capture([&] {
@@ -748,7 +720,7 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     EXPECT_EQ(captured.err, error_line("invalid pixel_mode", "font_draw_target") +
                                 error_line("draw target failed", "font_get_target_bitmap"));
     EXPECT_TRUE(same_picture(memory.bytes(), expected, 112));
-    EXPECT_EQ(freetype().released, std::vector<FT_Glyph>({gray}));
+    EXPECT_EQ(released_glyphs(), std::vector<int64_t>({gray}));
     EXPECT_EQ(entry->glyph, nullptr);
     EXPECT_EQ(engine.cache.count, 65u);
 
@@ -760,7 +732,7 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     EXPECT_TRUE(same_picture(memory.bytes(), expected, 112));
 
     font_clear_engine(&engine);
-    EXPECT_EQ(freetype().wrong_releases, 0);
+    EXPECT_EQ(world::wrong_releases, 0);
 }
 
 TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
@@ -769,9 +741,9 @@ TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
     const GuardedMemory memory_of_entries(sizeof(GlyphCacheEntry));
     GlyphCacheEntry *entry = (GlyphCacheEntry *)(void *)memory_of_entries.data();
     *entry = {'B', nullptr};
-    freetype().render_gray = true;
+    world::script.render_gray = true;
     ASSERT_EQ(font_get_glyph(engines[2].face, 'B', &entry->glyph), STATUS_OK);
-    freetype().render_gray = false;
+    world::script.render_gray = false;
     FontEngine engine = {engines[2].library, engines[2].face, {1, entry}};
     const DrawRect target = readout_target(2, 112);
     const GuardedMemory memory(112 * 28);
@@ -785,7 +757,7 @@ TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
     EXPECT_EQ(captured.err, error_line("invalid pixel_mode", "font_draw_target") +
                                 error_line("draw target failed", "font_get_target_bitmap"));
     EXPECT_EQ(entry->glyph, nullptr);
-    EXPECT_EQ(freetype().wrong_releases, 0);
+    EXPECT_EQ(world::wrong_releases, 0);
 }
 
 TEST_F(FontGetTargetBitmap, DeadEngineFailsAtTheFirstCharacter)

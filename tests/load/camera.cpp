@@ -9,7 +9,9 @@
 #include "font/font_engine.h"
 #include "freetype_wrap.h"
 #include "osd/osd_palette.h"
-#include "osd/qm7_codec.h"
+#include "world.h"
+
+using namespace world;
 
 std::atomic<uint64_t> camera_readings;
 std::atomic<uint64_t> camera_shown;
@@ -18,11 +20,7 @@ std::atomic<uint64_t> camera_last_reading;
 
 static constexpr int DEVICE = 10000;
 static constexpr uint32_t POSTS = 4;
-static std::atomic<PostNotifyCallback> registered;
 static Random library_random = {12345}; // of the display thread
-static uint8_t color_table[1024];
-static uint8_t planes[POSTS][2][1u << 17];
-static uint32_t sizes[POSTS][2];
 
 uint32_t Random::next()
 {
@@ -30,123 +28,45 @@ uint32_t Random::next()
     return (uint32_t)(state >> 33);
 }
 
-void camera_report(Random *random)
-{
-    const PostNotifyCallback callback = registered;
-    if (!callback)
-        return;
-    const uint32_t post = random->below(POSTS + 1); // one more than there are
-    callback({random->next(), 0x51000000 + 8 * random->below(1000) + post, post,
-              random->below(3) == 0 ? 0u : 1u});
-}
-
-// Now and then a call fails.
-static int32_t answer()
-{
-    static const uint32_t CODES[] = {0x81E03204, 0x81E04507, 0x81003209,
-                                     0x81E0250C, 0x81E03246, 0x81E03201};
-    if (library_random.below(1000) != 0)
-        return 0;
-    errno = (int)CODES[library_random.below(6)];
-    return -1;
-}
-
-static uint32_t plane_of(uint32_t postResId)
-{
-    return postResId % 8 % POSTS;
-}
-
-extern "C" {
-
-int32_t qm7_cl_library_init(void)
-{
-    return 0;
-}
-
-int32_t qm7_cl_library_exit(void)
-{
-    registered = nullptr;
-    return 0;
-}
-
-int32_t qm7_cl_sys_open_device(void)
-{
-    return 0;
-}
-
-int32_t qm7_cl_sys_close_device(void)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback)
-{
-    registered = callback;
-    return 0;
-}
-
-int32_t qm7_cl_post_set_notify(uint32_t)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_get_osd_color_mem(OsdMem *mem)
-{
-    *mem = {color_table, sizeof color_table};
-    return 0;
-}
-
-int32_t qm7_cl_post_set_osd_color(void)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_thread_get_status(uint32_t postResId, PostStatus *status)
+void camera_prepare()
 {
     static const uint16_t SIZES[][2] = {{1920, 1080}, {1280, 720}, {720, 480},
                                         {352, 240},   {720, 576},  {640, 480}};
-    const uint16_t *size = SIZES[postResId / 8 % 6];
-    status->width = size[0];
-    status->height = size[1];
-    return answer();
+    static const uint32_t CODES[] = {0x81E03204, 0x81E04507, 0x81003209,
+                                     0x81E0250C, 0x81E03246, 0x81E03201};
+    script.records = false;
+    script.fails = [](Fn fn, uint64_t) { // now and then, once posts run
+        if (fn < GET_STATUS || fn > SET_OSD || library_random.below(1000) != 0)
+            return false;
+        script.code = (int)CODES[library_random.below(6)];
+        return true;
+    };
+    script.begun = [](const Event &event) {
+        if (event.fn != GET_STATUS)
+            return;
+        const uint32_t id = (uint32_t)event.in[0];
+        script.width[id % 4] = SIZES[id / 8 % 6][0];
+        script.height[id % 4] = SIZES[id / 8 % 6][1];
+    };
+    script.ended = [](const Event &event) {
+        if (event.fn == SET_OSD)
+            camera_shown++;
+        if (event.fn == LIBRARY_EXIT)
+            callback = nullptr;
+    };
 }
 
-int32_t qm7_cl_post_open_osd(uint32_t postResId, const OsdOpenParam *param, uint32_t *extra_out,
-                             uint32_t *pitch)
+void camera_report(Random *random)
 {
-    *extra_out = 0;
-    const int32_t result = answer();
-    if (result == 0) {
-        *pitch = (param->width + 15u) / 16 * 16;
-        sizes[plane_of(postResId)][param->number] = *pitch * param->height;
-    }
-    return result;
+    const PostNotifyCallback registered = callback;
+    if (!registered)
+        return;
+    const uint32_t post = random->below(POSTS + 1); // one more than there are
+    registered({random->next(), 0x51000000 + 8 * random->below(1000) + post, post,
+                random->below(3) == 0 ? 0u : 1u});
 }
 
-int32_t qm7_cl_post_clear_osd(uint32_t, uint32_t)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_close_osd(uint32_t, uint32_t)
-{
-    return 0;
-}
-
-int32_t qm7_cl_post_get_osd_mem(uint32_t postResId, int32_t osd_number, uint32_t *osdId,
-                                OsdMem *mem)
-{
-    const uint32_t post = plane_of(postResId);
-    *osdId = post * 2 + (uint32_t)osd_number;
-    *mem = {planes[post][osd_number], sizes[post][osd_number]};
-    return answer();
-}
-
-int32_t qm7_cl_post_set_osd(uint32_t, uint32_t, OsdPosition)
-{
-    camera_shown++;
-    return answer();
-}
+extern "C" {
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...);

@@ -1,9 +1,12 @@
-// A camera that answers at once: its codec library with posts that start and stop at random, and
-// its device with readings that come and go.
+// A camera that answers at once: the codec library of world.h, where calls fail at random, and a
+// device that never blocks.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+
+// Sets world::script. Call this before the program starts.
+void camera_prepare();
 
 // Readings handed out by the device.
 extern std::atomic<uint64_t> camera_readings;
@@ -12,9 +15,9 @@ constexpr uint32_t CAMERA_HIGHEST = 1234;
 // Planes shown.
 extern std::atomic<uint64_t> camera_shown;
 
-// Where the device's read request ends: a reading after the last one calls this.
+// Called by a read request after the last reading.
 extern void (*camera_after_last)();
-extern std::atomic<uint64_t> camera_last_reading; // 0: there is no last
+extern std::atomic<uint64_t> camera_last_reading; // 0: no last reading
 
 // Random numbers of one thread.
 struct Random {

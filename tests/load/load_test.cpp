@@ -21,12 +21,12 @@
 #include <thread>
 #include <unistd.h>
 
+#include "allocations.h"
 #include "app/display_loop.h"
 #include "app/focus_measure.h"
 #include "app/focus_state.h"
 #include "camera.h"
 #include "font/font_engine.h"
-#include "heap.h"
 #include "osd/osd_session.h"
 
 int focus_assist_main(int argc, char **argv);
@@ -56,7 +56,7 @@ struct Usage {
 Usage usage()
 {
     Usage now = {};
-    now.heap = heap_blocks();
+    now.heap = allocations().blocks;
     std::ifstream statm("/proc/self/statm");
     uint64_t pages = 0;
     statm >> pages >> now.resident;
@@ -304,6 +304,7 @@ int main(int argc, char **argv)
     if (!freopen("/dev/null", "w", stdout))
         return 1;
     printf(" "); // the stream's buffer is made now
+    camera_prepare();
     if (option == "--process") {
         if (!freopen("/dev/null", "w", stderr))
             return 1;

@@ -53,44 +53,6 @@ TEST(OsdOpenFile, SizeNeedsNoPlace)
     close(descriptor);
 }
 
-TEST(OsdOpenFile, MissingFileIsReportedUnderItsPath)
-{
-    FakeFiles files;
-    files.fail_open(PATH, ENOENT);
-    int32_t result = 0;
-
-    const Captured captured = capture([&] { result = osd_open_file(PATH, nullptr); });
-
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(files.calls, FileCalls({OPEN}));
-}
-
-TEST(OsdOpenFile, UnreadableFileIsReportedUnderItsPath)
-{
-    FakeFiles files;
-    files.fail_open(PATH, EACCES);
-
-    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, nullptr), -1); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": Permission denied\n");
-}
-
-TEST(OsdOpenFile, FileThatCannotBeMeasuredIsReportedAndClosed)
-{
-    FakeFiles files;
-    files.put(PATH, {7});
-    files.fstat_error = EIO;
-    uint32_t size = 0;
-
-    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, &size), -1); });
-
-    EXPECT_EQ(captured.err, "fstat: Input/output error\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "close"}));
-}
-
 // ---- osd_load_file -----------------------------------------------------------------------------
 
 TEST(OsdLoadFile, ReadsTheWholeFileAtOnceAndClosesIt)
@@ -148,21 +110,6 @@ TEST(OsdLoadFile, FileAsLongAsTheBufferLoads)
     EXPECT_EQ(buffer, numbered(80));
 }
 
-TEST(OsdLoadFile, FileOneByteLongerIsRejectedUnread)
-{
-    FakeFiles files;
-    files.put(PATH, numbered(81));
-    Bytes buffer(80, 0xA5);
-
-    const Captured captured =
-        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 80), -1); });
-
-    EXPECT_EQ(captured.out, "size=81\nbuffer_len=80\nfile too large\n");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(buffer, Bytes(80, 0xA5));
-    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "close"}));
-}
-
 TEST(OsdLoadFile, SizesAreComparedUnsignedAndPrintedSigned)
 {
     FakeFiles files;
@@ -190,49 +137,6 @@ TEST(OsdLoadFile, LargeBufferLengthIsPrintedSigned)
         capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 0xFFFFFFFE), -1); });
 
     EXPECT_EQ(captured.out, "size=-1\nbuffer_len=-2\nfile too large\n");
-}
-
-TEST(OsdLoadFile, ShortReadIsReportedNotRepeatedAndLeavesWhatCame)
-{
-    FakeFiles files;
-    files.put(PATH, {7, 8, 9});
-    files.read_at_most = 2;
-    Bytes buffer(4, 0xA5);
-
-    const Captured captured =
-        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 4), -1); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": Success\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(buffer, Bytes({7, 8, 0xA5, 0xA5}));
-    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(3)", "close"}));
-}
-
-TEST(OsdLoadFile, FailedReadIsReportedAndTheFileClosed)
-{
-    FakeFiles files;
-    files.put(PATH, {7, 8, 9});
-    files.read_error = EISDIR;
-    Bytes buffer(4, 0xA5);
-
-    const Captured captured =
-        capture([&] { EXPECT_EQ(osd_load_file(PATH, buffer.data(), 4), -1); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": Is a directory\n");
-    EXPECT_EQ(buffer, Bytes(4, 0xA5));
-    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(3)", "close"}));
-}
-
-TEST(OsdLoadFile, FileThatCannotBeOpenedIsReportedOnce)
-{
-    FakeFiles files;
-    files.fail_open(PATH, ENOENT);
-    uint8_t byte = 0xA5;
-
-    const Captured captured = capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 1), -1); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
-    EXPECT_EQ(captured.out, "");
 }
 
 // ---- osd_fill_color_mem ------------------------------------------------------------------------
@@ -311,62 +215,6 @@ TEST(OsdFillColorMem, EmptyFileLeavesZerosAndTheForcedBytes)
 
     const Captured captured =
         capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
-
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST(OsdFillColorMem, MissingFileLeavesZerosAndTheForcedBytes)
-{
-    FakeFiles files;
-    files.fail_open(PATH, ENOENT);
-
-    const Captured captured =
-        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": No such file or directory\n");
-    EXPECT_EQ(captured.out, "");
-}
-
-TEST(OsdFillColorMem, FileThatIsTooLargeIsNotUsedAtAll)
-{
-    FakeFiles files;
-    files.put(PATH, numbered(1025));
-
-    const Captured captured =
-        capture([] { EXPECT_EQ(filled(1024), with_forced_bytes(Bytes(1024, 0))); });
-
-    EXPECT_EQ(captured.out, "size=1025\nbuffer_len=1024\nfile too large\n");
-}
-
-TEST(OsdFillColorMem, ShortReadKeepsWhatCameUnderTheForcedBytes)
-{
-    FakeFiles files;
-    files.put(PATH, numbered(200));
-    files.read_at_most = 70;
-
-    const Captured captured =
-        capture([] { EXPECT_EQ(filled(200), with_forced_bytes(resized(numbered(70), 200))); });
-
-    EXPECT_EQ(captured.err, std::string(PATH) + ": Success\n");
-}
-
-TEST(OsdFillColorMem, MemoryOfAnySizeTakesTheForcedBytesThatFit)
-{
-    FakeFiles files;
-    files.put(PATH, {});
-    for (uint32_t size = 0; size <= 84; size++) {
-        SCOPED_TRACE(size);
-        EXPECT_EQ(filled(size), with_forced_bytes(Bytes(size, 0)));
-    }
-}
-
-TEST(OsdFillColorMem, WithoutMemoryNothingIsWritten)
-{
-    FakeFiles files;
-    files.put(PATH, {});
-    const OsdMem mem = {nullptr, 1024};
-
-    const Captured captured = capture([&] { osd_fill_color_mem(&mem); });
 
     EXPECT_EQ(captured.out + captured.err, "");
 }

@@ -62,74 +62,6 @@ TEST(OsdOpenOsd, OpenPlaneIsLeftAlone)
     EXPECT_EQ(plane.pitch, 123u);
 }
 
-TEST(OsdOpenOsd, ToleratedCodeCountsAsOpenWithPitchZero)
-{
-    for (const uint32_t code : TOLERATED) {
-        SCOPED_TRACE(code);
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_open_osd", code);
-        codec.plane(7, 1).failed_pitch = 0xBEEF;
-        OsdPlane plane = {1, 0, 0xDEAD};
-
-        const Captured captured = capture([&] { EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), 0); });
-        EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), 0);
-
-        EXPECT_EQ(plane.opened, 1u);
-        EXPECT_EQ(plane.pitch, 0u);
-        EXPECT_EQ(captured.out + captured.err, "");
-        EXPECT_EQ(codec.calls.size(), 1u); // not tried again
-    }
-}
-
-TEST(OsdOpenOsd, RefusedOpenIsLoggedAndReported)
-{
-    FakeCodec codec;
-    codec.fail("qm7_cl_post_open_osd", REFUSED);
-    OsdPlane plane = {1, 0, 0};
-
-    const Captured captured = capture([&] { EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), -14); });
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. "
-                            "errno=0x81E03246(osd_open_osd)\n");
-    EXPECT_EQ(captured.out, "");
-    EXPECT_EQ(plane.opened, 0u);
-}
-
-TEST(OsdOpenOsd, OtherFailureIsLoggedButNotReported)
-{
-    for (const uint32_t code : {OTHER, 0u, 14u}) {
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_open_osd", code);
-        OsdPlane plane = {1, 0, 0};
-
-        const Captured captured = capture([&] { EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), 0); });
-
-        char line[128];
-        snprintf(line, sizeof line,
-                 "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. errno=0x%08X(osd_open_osd)\n",
-                 code);
-        EXPECT_EQ(captured.err, line);
-        EXPECT_EQ(captured.out, "");
-        EXPECT_EQ(plane.opened, 0u);
-    }
-}
-
-TEST(OsdOpenOsd, IsTriedAgainAfterAFailure)
-{
-    for (const uint32_t code : {REFUSED, OTHER}) {
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_open_osd", code);
-        OsdPlane plane = {1, 0, 0};
-        capture([&] { (void)osd_open_osd(7, &plane, &PARAM); });
-
-        EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), 0);
-
-        EXPECT_EQ(plane.opened, 1u);
-        EXPECT_EQ(plane.pitch, 720u);
-        EXPECT_EQ(codec.calls.size(), 2u);
-    }
-}
-
 // ---- osd_close_osd -----------------------------------------------------------------------------
 
 TEST(OsdCloseOsd, ClearsThenClosesAndKeepsThePitch)
@@ -154,65 +86,6 @@ TEST(OsdCloseOsd, ClosedPlaneIsLeftAlone)
 
     EXPECT_EQ(codec.calls, Calls());
     EXPECT_EQ(plane.pitch, 123u);
-}
-
-TEST(OsdCloseOsd, ToleratedCodeOfTheClearIsIgnored)
-{
-    for (const uint32_t code : TOLERATED) {
-        SCOPED_TRACE(code);
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_clear_osd", code);
-        OsdPlane plane = {3, 1, 123};
-
-        const Captured captured = capture([&] { EXPECT_EQ(osd_close_osd(&plane, 7), 0); });
-
-        EXPECT_EQ(codec.calls.size(), 2u);
-        EXPECT_EQ(plane.opened, 0u);
-        EXPECT_EQ(captured.out + captured.err, "");
-    }
-}
-
-TEST(OsdCloseOsd, FailedClearIsLoggedInTwoLinesAndStopsTheClose)
-{
-    for (const uint32_t code : {REFUSED, OTHER}) {
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_clear_osd", code);
-        OsdPlane plane = {3, 1, 123};
-
-        const Captured captured =
-            capture([&] { EXPECT_EQ(osd_close_osd(&plane, 0x8000ABCD), -14); });
-
-        const std::string number = code == REFUSED ? "81E03246" : "81E0ABCD";
-        EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_post_clear_osd() failed. errno=0x" +
-                                    number +
-                                    "(osd_close_osd)\n"
-                                    "ERR:#qm7osd:[(null)]=postResId=0x8000ABCD, Number=0x00000003"
-                                    "(osd_close_osd)\n");
-        EXPECT_EQ(captured.out, "");
-        EXPECT_EQ(codec.calls, Calls({"qm7_cl_post_clear_osd(2147527629, 3)"}));
-        EXPECT_EQ(plane.opened, 1u);
-        EXPECT_EQ(plane.pitch, 123u);
-    }
-}
-
-TEST(OsdCloseOsd, FailedCloseIsLoggedWhateverItsCodeAndLeavesThePlaneOpen)
-{
-    const std::pair<uint32_t, const char *> codes[] = {
-        {0x81E03204, "81E03204"}, {0x81E04507, "81E04507"}, {0x81003209, "81003209"},
-        {0x81E0250C, "81E0250C"}, {REFUSED, "81E03246"},    {OTHER, "81E0ABCD"}};
-    for (const auto &[code, digits] : codes) {
-        FakeCodec codec;
-        codec.fail("qm7_cl_post_close_osd", code);
-        OsdPlane plane = {3, 1, 123};
-
-        const Captured captured = capture([&] { EXPECT_EQ(osd_close_osd(&plane, 7), -14); });
-
-        EXPECT_EQ(captured.err,
-                  std::string("ERR:#qm7osd:[(null)]=qm7_cl_post_close_osd() failed. errno=0x") +
-                      digits + "(osd_close_osd)\n");
-        EXPECT_EQ(captured.out, "");
-        EXPECT_EQ(plane.opened, 1u);
-    }
 }
 
 TEST(OsdCloseOsd, LaterTryStartsAgainFromTheClear)
@@ -415,18 +288,6 @@ TEST_F(ShowBar, NumbersUpToThreeAndNegativeOnesGoToTheLibrary)
                      "qm7_cl_post_get_osd_mem(7, -1)", "qm7_cl_post_get_osd_mem(7, -2147483648)"}));
 }
 
-TEST_F(ShowBar, FailedFetchIsPrintedWithoutLineEnds)
-{
-    codec.fail("qm7_cl_post_get_osd_mem", OTHER);
-
-    const Captured captured = capture([] { EXPECT_EQ(show_bar(0x8000ABCD, -1, &BAR, 50), -14); });
-
-    EXPECT_EQ(captured.out, "qm7_cl_post_get_osd_mem() failed. errno=0x81E0ABCD"
-                            "postResId=0x8000ABCD, OSD num=-1, osdId=0x00000000");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(codec.calls.size(), 1u);
-}
-
 TEST_F(ShowBar, FailedFetchPrintsTheIdThatTheLibraryLeft)
 {
     codec.fail("qm7_cl_post_get_osd_mem", 0xE);
@@ -436,25 +297,6 @@ TEST_F(ShowBar, FailedFetchPrintsTheIdThatTheLibraryLeft)
 
     EXPECT_EQ(captured.out, "qm7_cl_post_get_osd_mem() failed. errno=0x0000000E"
                             "postResId=0x00000007, OSD num=0, osdId=0xfedcba98");
-}
-
-TEST_F(ShowBar, MemoryOfJustTheRightSizeIsEnough)
-{
-    show(0, BAR);
-
-    EXPECT_EQ(codec.shown.size(), 1u);
-}
-
-TEST_F(ShowBar, MemoryOneByteShorterIsRefusedUntouched)
-{
-    codec.plane(7, 0).size = PITCH * HEIGHT - 1;
-
-    const Captured captured = show(-14, BAR);
-
-    EXPECT_EQ(captured.out, "osd memory over: mem.size=119 pitch=20 height=6");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(codec.calls, Calls({"qm7_cl_post_get_osd_mem(7, 0)"})); // and not handed back
-    EXPECT_EQ(codec.plane(7, 0).memory->bytes(), Bytes(119, GuardedMemory::JUNK));
 }
 
 TEST_F(ShowBar, SizesAreComparedUnsignedAndPrintedAs32Bits)
@@ -468,53 +310,6 @@ TEST_F(ShowBar, SizesAreComparedUnsignedAndPrintedAs32Bits)
     const Captured captured = show(-14, rect);
 
     EXPECT_EQ(captured.out, "osd memory over: mem.size=-2147483648 pitch=65536 height=36864");
-}
-
-TEST_F(ShowBar, ProductThatWrapsPassesAndPaintsWhatFits)
-{
-    codec.plane(7, 0).size = 64;
-    DrawRect rect = BAR;
-    rect.pitch = 0x10000;
-    rect.height = 0x10000;
-
-    show(0, rect);
-
-    ASSERT_EQ(codec.shown.size(), 1u);
-    EXPECT_EQ(codec.shown[0].bytes, Bytes(64, 11)); // all of it frame
-    EXPECT_TRUE(codec.surroundings_are_whole());
-}
-
-TEST_F(ShowBar, BufferAtNullIsShownUnpainted)
-{
-    codec.plane(7, 0).no_memory = true;
-
-    const Captured captured = show(0, BAR);
-
-    EXPECT_EQ(codec.shown.size(), 1u);
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(ShowBar, PitchZeroPaintsNothingAndShowsAClearedBuffer)
-{
-    DrawRect rect = BAR;
-    rect.pitch = 0;
-
-    const Captured captured = show(0, rect);
-
-    ASSERT_EQ(codec.shown.size(), 1u);
-    EXPECT_EQ(codec.shown[0].bytes, Bytes(PITCH * HEIGHT, 0));
-    EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(ShowBar, EmptyBufferWithPitchZeroIsShown)
-{
-    codec.plane(7, 0).size = 0;
-    DrawRect rect = BAR;
-    rect.pitch = 0;
-
-    show(0, rect);
-
-    EXPECT_EQ(codec.shown.size(), 1u);
 }
 
 TEST_F(ShowBar, OtherDepthsPaintOneByteAPixelAllTheSame)
@@ -560,30 +355,4 @@ TEST_F(ShowBar, SizeIsCheckedBeforeTheDepth)
     const Captured captured = show(-14, rect);
 
     EXPECT_EQ(captured.out, "osd memory over: mem.size=1 pitch=20 height=6");
-}
-
-TEST_F(ShowBar, FailedShowIsPrintedWithoutLineEnds)
-{
-    codec.fail("qm7_cl_post_set_osd", OTHER);
-    codec.plane(0x8000ABCD, 0).size = PITCH * HEIGHT;
-
-    const Captured captured = show(-14, BAR, 50, 0x8000ABCD);
-
-    EXPECT_EQ(captured.out, "qm7_cl_post_set_osd() failed. errno=0x81E0ABCDpostResId=0x8000ABCD");
-    EXPECT_EQ(captured.err, "");
-    EXPECT_EQ(codec.calls.size(), 2u);
-    EXPECT_EQ(picture(codec.plane(0x8000ABCD, 0).memory->bytes(), PITCH), HALF_FILLED);
-}
-
-TEST_F(ShowBar, NextUpdateFetchesAnewAfterAFailure)
-{
-    codec.fail("qm7_cl_post_set_osd", OTHER);
-    show(-14, BAR);
-    codec.take_calls();
-
-    show(0, BAR);
-
-    EXPECT_EQ(codec.calls,
-              Calls({"qm7_cl_post_get_osd_mem(7, 0)", "qm7_cl_post_set_osd(7, 1002, {110, 192})"}));
-    EXPECT_EQ(shown_picture(), HALF_FILLED);
 }

@@ -41,7 +41,7 @@ class OsdSession : public testing::Test
 static const Calls OPENING = {
     "qm7_cl_library_init()",
     "qm7_cl_sys_open_device()",
-    "qm7_cl_post_notify_callback(callback)",
+    "qm7_cl_post_notify_callback(osd_post_notify)",
     "qm7_cl_post_set_notify(15)",
     "qm7_cl_post_get_osd_color_mem()",
     "qm7_cl_post_set_osd_color()",
@@ -57,7 +57,6 @@ TEST_F(OsdSession, OpensInOrderAndIsLeftOpen)
 
     EXPECT_EQ(result, 0);
     EXPECT_EQ(codec.calls, OPENING);
-    EXPECT_EQ(codec.callback, &osd_post_notify);
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
@@ -70,145 +69,6 @@ TEST_F(OsdSession, AppliesThePaletteFileWithTheForcedBytes)
     EXPECT_TRUE(codec.surroundings_are_whole());
 }
 
-TEST_F(OsdSession, MissingPaletteFileIsNoFailure)
-{
-    files.fail_open(PALETTE, ENOENT);
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), 0); });
-
-    EXPECT_EQ(codec.calls, OPENING);
-    EXPECT_EQ(codec.applied_color, table(0));
-    EXPECT_EQ(captured.err, std::string(PALETTE) + ": No such file or directory\n");
-}
-
-TEST_F(OsdSession, UnreadablePaletteFileIsNoFailure)
-{
-    files.read_error = EIO;
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), 0); });
-
-    EXPECT_EQ(codec.calls, OPENING);
-    EXPECT_EQ(codec.applied_color, table(0));
-    EXPECT_EQ(captured.err, std::string(PALETTE) + ": Input/output error\n");
-}
-
-TEST_F(OsdSession, PaletteFileLargerThanTheColorMemoryIsNoFailure)
-{
-    files.put(PALETTE, Bytes(1025, 0x5A));
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), 0); });
-
-    EXPECT_EQ(codec.calls, OPENING);
-    EXPECT_EQ(codec.applied_color, table(0));
-    EXPECT_EQ(captured.out, "size=1025\nbuffer_len=1024\nfile too large\n");
-}
-
-TEST_F(OsdSession, ColorMemoryTooShortForTheForcedEntriesIsNotOverrun)
-{
-    codec.color_size = 70;
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), 0); });
-
-    Bytes expected(70, 0);
-    expected[67] = 0x08;
-    expected[68] = 0xEF;
-    expected[69] = 0x28;
-    EXPECT_EQ(codec.applied_color, expected);
-    EXPECT_TRUE(codec.surroundings_are_whole());
-}
-
-TEST_F(OsdSession, ColorMemoryAtNullIsNotWritten)
-{
-    codec.no_color_memory = true;
-    files.put(PALETTE, {});
-
-    EXPECT_EQ(OSD_Library_Process(), 0);
-
-    EXPECT_EQ(codec.calls, OPENING);
-}
-
-// A step of the opening that fails, and what is called to undo those before it.
-struct FailedStep {
-    size_t step; // index in OPENING
-    const char *function;
-    Calls undo;
-};
-
-static const Calls UNDO = {"qm7_cl_sys_close_device()", "qm7_cl_library_exit()"};
-
-class OsdSessionFailure : public OsdSession, public testing::WithParamInterface<FailedStep>
-{
-  protected:
-    Calls expected_calls() const
-    {
-        Calls expected(OPENING.begin(), OPENING.begin() + (std::ptrdiff_t)GetParam().step + 1);
-        expected.insert(expected.end(), GetParam().undo.begin(), GetParam().undo.end());
-        return expected;
-    }
-
-    std::string expected_line(const char *code) const
-    {
-        return std::string("ERR:#qm7osd:[(null)]=") + GetParam().function + "() failed. errno=0x" +
-               code + "(OSD_Library_Process)\n";
-    }
-};
-
-TEST_P(OsdSessionFailure, IsLoggedWithItsCodeAndUndone)
-{
-    codec.fail(GetParam().function, 0x81E0ABCD);
-    int32_t result = 0;
-
-    const Captured captured = capture([&] { result = OSD_Library_Process(); });
-
-    EXPECT_EQ(result, -14);
-    EXPECT_EQ(codec.calls, expected_calls());
-    EXPECT_EQ(captured.err, expected_line("81E0ABCD"));
-    EXPECT_EQ(captured.out, "");
-}
-
-TEST_P(OsdSessionFailure, SmallCodeIsPrintedWithEightDigits)
-{
-    codec.fail(GetParam().function, 0xE);
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), -14); });
-
-    EXPECT_EQ(captured.err, expected_line("0000000E"));
-}
-
-TEST_P(OsdSessionFailure, FailuresOfTheUndoAreNeitherLoggedNorMinded)
-{
-    codec.fail(GetParam().function, 0x81E0ABCD);
-    codec.fail_always("qm7_cl_sys_close_device", 0x81000001);
-    codec.fail_always("qm7_cl_library_exit", 0x81000002);
-
-    const Captured captured = capture([] { EXPECT_EQ(OSD_Library_Process(), -14); });
-
-    EXPECT_EQ(codec.calls, expected_calls());
-    EXPECT_EQ(captured.err, expected_line("81E0ABCD"));
-    EXPECT_EQ(captured.out, "");
-}
-
-TEST_P(OsdSessionFailure, LeavesTheNextTryToWork)
-{
-    codec.fail(GetParam().function, 0x81E0ABCD);
-    capture([] { EXPECT_EQ(OSD_Library_Process(), -14); });
-    codec.take_calls();
-
-    EXPECT_EQ(OSD_Library_Process(), 0);
-
-    EXPECT_EQ(codec.calls, OPENING);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EachStep, OsdSessionFailure,
-    testing::Values(FailedStep{0, "qm7_cl_library_init", {}},
-                    FailedStep{1, "qm7_cl_sys_open_device", {"qm7_cl_library_exit()"}},
-                    FailedStep{2, "qm7_cl_post_notify_callback", UNDO},
-                    FailedStep{3, "qm7_cl_post_set_notify", UNDO},
-                    FailedStep{4, "qm7_cl_post_get_osd_color_mem", UNDO},
-                    FailedStep{5, "qm7_cl_post_set_osd_color", UNDO}),
-    [](const auto &failure) { return std::string(failure.param.function); });
-
 // ---- osd_close_codec_lib -----------------------------------------------------------------------
 
 static const Calls CLOSING = {"qm7_cl_sys_close_device()", "qm7_cl_library_exit()"};
@@ -219,32 +79,6 @@ TEST_F(OsdSession, ClosesDeviceThenLibrary)
 
     EXPECT_EQ(codec.calls, CLOSING);
     EXPECT_EQ(captured.out + captured.err, "");
-}
-
-TEST_F(OsdSession, ClosingGoesOnAfterADeviceThatDoesNotClose)
-{
-    codec.fail("qm7_cl_sys_close_device", 0x81E00001);
-
-    const Captured captured = capture([] { osd_close_codec_lib(); });
-
-    EXPECT_EQ(codec.calls, CLOSING);
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_sys_close_device() failed. "
-                            "errno=0x81E00001(osd_close_codec_lib)\n");
-    EXPECT_EQ(captured.out, "");
-}
-
-TEST_F(OsdSession, ClosingLogsEachFailure)
-{
-    codec.fail("qm7_cl_sys_close_device", 0x81E00001);
-    codec.fail("qm7_cl_library_exit", 0x81E00002);
-
-    const Captured captured = capture([] { osd_close_codec_lib(); });
-
-    EXPECT_EQ(codec.calls, CLOSING);
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=qm7_cl_sys_close_device() failed. "
-                            "errno=0x81E00001(osd_close_codec_lib)\n"
-                            "ERR:#qm7osd:[(null)]=qm7_cl_library_exit() failed. "
-                            "errno=0x81E00002(osd_close_codec_lib)\n");
 }
 
 // ---- get_post_geometry -------------------------------------------------------------------------
@@ -283,21 +117,6 @@ TEST_F(OsdSession, ValidGeometryIsNotAskedForAgain)
     EXPECT_EQ(codec.calls, Calls());
     EXPECT_EQ(geometry.width, 1280u);
     EXPECT_EQ(geometry.height, 720u);
-}
-
-TEST_F(OsdSession, FailedStatusLeavesTheGeometryAndSaysNothing)
-{
-    codec.fail("qm7_cl_post_thread_get_status", 0x81E00001);
-    PostGeometry geometry = {0, 11, 22};
-    int32_t result = 0;
-
-    const Captured captured = capture([&] { result = get_post_geometry(&geometry, 7); });
-
-    EXPECT_EQ(result, -14);
-    EXPECT_EQ(geometry.valid, 0u);
-    EXPECT_EQ(geometry.width, 11u);
-    EXPECT_EQ(geometry.height, 22u);
-    EXPECT_EQ(captured.out + captured.err, "");
 }
 
 // ---- reports -----------------------------------------------------------------------------------

@@ -1,6 +1,5 @@
-// What the painters and the text must give, worked out pixel by pixel and the slow way round: no
-// line is copied, no column kept, no glyph cached. The pictures of the product are compared with
-// these byte for byte.
+// The literal reference of the painters and of the text: pixel by pixel, without copied lines, kept
+// columns or cached glyphs. All tests compare the program's planes with these, byte for byte.
 //
 // Memory is a span; a pixel outside of it is dropped.
 #pragma once
@@ -73,6 +72,8 @@ struct Plane {
 };
 
 Plane bar_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch, int32_t percent);
+Plane text_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch, const Font &font,
+                 const std::string &text, bool highlight);
 Plane text_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch,
                  const std::string &font_path, const std::string &text, bool highlight);
 

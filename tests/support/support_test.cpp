@@ -47,22 +47,17 @@ TEST(FakeCodec, FailsTheCallsItWasToldTo)
 {
     FakeCodec codec;
     codec.fail_nth("qm7_cl_library_init", 2, 0x81000001);
-    codec.fail_nth_call(4, 0x81000002);
 
     EXPECT_EQ(qm7_cl_library_init(), 0);
+    EXPECT_NE((uint32_t)errno, 0x81000001u);
     EXPECT_NE(qm7_cl_library_init(), 0);
     EXPECT_EQ((uint32_t)errno, 0x81000001u);
     EXPECT_EQ(qm7_cl_library_init(), 0);
-    EXPECT_NE(qm7_cl_sys_open_device(), 0);
-    EXPECT_EQ((uint32_t)errno, 0x81000002u);
-    EXPECT_EQ(codec.calls, Calls({"qm7_cl_library_init()", "qm7_cl_library_init()",
-                                  "qm7_cl_library_init()", "qm7_cl_sys_open_device()"}));
+    EXPECT_EQ(codec.calls, Calls(3, "qm7_cl_library_init()"));
 
     codec.fail_always("qm7_cl_library_exit", 7);
     EXPECT_NE(qm7_cl_library_exit(), 0);
     EXPECT_NE(qm7_cl_library_exit(), 0);
-    codec.heal();
-    EXPECT_EQ(qm7_cl_library_exit(), 0);
 }
 
 TEST(FakeCodec, NotesARecordThatWasNotZeroed)
@@ -79,7 +74,7 @@ TEST(FakeCodec, NotesARecordThatWasNotZeroed)
 TEST(FakeCodec, KeepsWhatWasShownWithItsPlace)
 {
     FakeCodec codec;
-    codec.plane(7, 1).size = 3;
+    FakeCodec::plane(7, 1).size = 3;
     OsdMem mem = {};
     uint32_t osdId = 0;
     ASSERT_EQ(qm7_cl_post_get_osd_mem(7, 1, &osdId, &mem), 0);

@@ -1,100 +1,51 @@
-// What FreeType calls in turn: memory and files. These definitions come before those of the
-// libraries; outside of FreeType they hand on, inside they count and fail as the world says.
+// What FreeType calls in turn: memory and files. While FreeType runs, these calls are counted and
+// fail as world::script says; all others go through.
 
-#include "inner_calls.h"
-
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstddef>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include "next_definition.h"
+#include "allocations.h"
 #include "world.h"
 
-static long blocks; // allocated inside FreeType and not freed
-
-long inner_blocks()
+static bool inside_freetype()
 {
-    return blocks;
+    return world::inside_freetype > 0;
 }
 
-// What the look-up allocates and frees is not FreeType's.
-template <typename Function> static Function next_outside(const char *name)
+static bool allocation_of_freetype_fails(bool is_realloc)
+{
+    return world::inner_call_fails(is_realloc ? world::INNER_REALLOC : world::INNER_MALLOC);
+}
+
+// The definition behind this one. dlsym's own allocations are not FreeType's.
+template <typename Function> static Function *next_of(const char *name)
 {
     const int kept = world::inside_freetype;
     world::inside_freetype = 0;
-    const auto function = next_of<Function>(name);
+    void *const found = dlsym(RTLD_NEXT, name);
     world::inside_freetype = kept;
+    Function *function;
+    memcpy(&function, &found, sizeof function);
     return function;
 }
 
-using Malloc = void *(*)(size_t);
-using Realloc = void *(*)(void *, size_t);
-using Free = void (*)(void *);
-static Malloc real_malloc;
-static Realloc real_realloc;
-static Free real_free;
-static bool looking;
-
-static bool found()
+// Before main, so that nothing of FreeType's is missed.
+__attribute__((constructor)) static void watch_allocations()
 {
-    if (!real_free && !looking) {
-        looking = true;
-        real_malloc = next_outside<Malloc>("malloc");
-        real_realloc = next_outside<Realloc>("realloc");
-        real_free = next_outside<Free>("free");
-        looking = false;
-    }
-    return real_free != nullptr;
+    allocation_counts = inside_freetype;
+    allocation_fails = allocation_of_freetype_fails;
 }
 
 extern "C" {
 
-void *malloc(size_t size)
-{
-    if (!found())
-        return early_malloc(size);
-    if (world::inner_call_fails(world::INNER_MALLOC)) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    void *memory = real_malloc(size);
-    if (world::inside_freetype > 0 && memory)
-        blocks++;
-    return memory;
-}
-
-void *realloc(void *memory, size_t size)
-{
-    if (!found() || is_early(memory)) {
-        void *moved = malloc(size);
-        if (moved && memory)
-            memcpy(moved, memory, size);
-        return moved;
-    }
-    if (world::inner_call_fails(world::INNER_REALLOC)) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return real_realloc(memory, size);
-}
-
-void free(void *memory)
-{
-    if (!memory || is_early(memory) || !found())
-        return;
-    if (world::inside_freetype > 0)
-        blocks--;
-    real_free(memory);
-}
-
 int open(const char *path, int flags, ...)
 {
-    static const auto real = next_outside<int (*)(const char *, int, ...)>("open");
+    static auto *const real = next_of<int(const char *, int, ...)>("open");
     if (world::inner_call_fails(world::INNER_OPEN)) {
         errno = EMFILE;
         return -1;
@@ -108,7 +59,7 @@ int open(const char *path, int flags, ...)
 
 int fstat(int file, struct stat *status)
 {
-    static const auto real = next_outside<int (*)(int, struct stat *)>("fstat");
+    static auto *const real = next_of<int(int, struct stat *)>("fstat");
     if (world::inner_call_fails(world::INNER_FSTAT)) {
         errno = EIO;
         return -1;
@@ -118,8 +69,7 @@ int fstat(int file, struct stat *status)
 
 void *mmap(void *address, size_t size, int protection, int flags, int file, off_t offset)
 {
-    using Mmap = void *(*)(void *, size_t, int, int, int, off_t);
-    static const Mmap real = next_outside<Mmap>("mmap");
+    static auto *const real = next_of<void *(void *, size_t, int, int, int, off_t)>("mmap");
     if (world::inner_call_fails(world::INNER_MMAP)) {
         errno = ENOMEM;
         return MAP_FAILED;

@@ -1,13 +1,14 @@
-// The world outside of the program, as its display thread meets it: the codec library, FreeType,
-// files and memory. Every call is recorded with its arguments, its answer and what happened beside
-// it; any call can be made to fail. The model (model.h) reads the record and says what the program
-// must have done.
+// What the display thread calls outside of the program: the codec library, FreeType, files and heap
+// memory. Every call is recorded with its arguments and its answer, and any call can be made to
+// fail. Everything that a test says of these calls is said through this one record: the model of
+// the program (model.h) reads it, FakeCodec shows it as text.
 //
-// FreeType and the files are the real ones behind a wrapper; memory handed out is guarded. One
-// thread.
+// FreeType and the files are the real ones behind a wrapper; memory of the codec library is
+// guarded. Only the display thread may call in.
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -70,7 +71,8 @@ enum Fn : uint8_t {
     REPORT, // of a post; in: post id, index, running
     FOCUS   // new values; in: current, peak
 };
-const char *name_of(Fn fn);
+constexpr FT_Error FONT_FAILED = 0x55; // result of FreeType's functions that fail
+const char *name_of(Fn fn);            // as in C: "qm7_cl_library_init", "FT_New_Face", "calloc"
 
 // A bitmap glyph as FreeType made it.
 struct Glyph {
@@ -100,8 +102,10 @@ struct Plane {
     bool no_memory = false;
     Guard guard = Guard::BEHIND;
 
-    uint32_t opened_pitch = 0;
-    uint32_t opened_height = 0;
+    uint32_t opened_pitch = 0;             // of the last open that worked
+    uint32_t opened_height = 0;            // of its request
+    uint32_t osd_id = 0;                   // of the memory fetched last; 0: none, or shown since
+    std::shared_ptr<GuardedMemory> memory; // fetched last
 };
 
 struct Script {
@@ -109,27 +113,38 @@ struct Script {
     std::function<bool(Fn fn, uint64_t index)> fails;
     int code = 5; // errno of failed calls
 
-    // What happens while a call of the codec library is under way.
+    // Called as a call of the codec library begins, ends, and while it is under way, which is the
+    // moment for reports and new focus values.
+    std::function<void(const Event &)> begun;
+    std::function<void(const Event &)> ended;
     std::function<void(Fn fn)> during;
+
+    // Otherwise only the last call is kept, shown bytes are not copied, and the memory of a plane
+    // is the same for every fetch: for long runs.
+    bool records = true;
 
     // By post id modulo 4.
     uint16_t width[4] = {1920, 1280, 720, 352};
     uint16_t height[4] = {1080, 720, 480, 240};
     Plane planes[4][4];
     uint32_t failed_osd_id = 0; // stored by a get_osd_mem that fails
+    uint32_t next_osd_id = 1001;
 
     uint32_t color_size = 1024;
-    bool no_color_memory = false;
+    bool no_color_memory = false; // hand out NULL, with color_size all the same
+    std::shared_ptr<GuardedMemory> color_memory;
     size_t short_read = 0; // bytes that a read leaves out
 
-    std::string font_path;    // what stands where the program looks for its font
-    std::string palette_path; // and for its palette
-    long largest_block = 0;   // bytes that FreeType gets in one piece; 0: any number
+    std::string font_path = TEST_FONT_PATH; // opened in place of the program's font
+    std::string palette_path = "/dev/null"; // opened in place of the program's palette
+    long largest_block = 0;   // the largest allocation of FreeType, in bytes; 0: no limit
+    bool render_gray = false; // FreeType renders 8 bits a pixel
 };
 
 extern Script script;
 extern std::vector<Event> record;
-extern uint64_t calls[FN_COUNT]; // since clear_record()
+extern uint64_t calls[FN_COUNT];                 // since clear_record()
+extern std::atomic<PostNotifyCallback> callback; // registered by the program
 
 // Forgets the record and the counts, not the objects that exist.
 void clear_record();
@@ -137,15 +152,21 @@ void clear_record();
 // A new script, no record, and the product's state as in a new process; live engines are torn down.
 void reset();
 
-// Objects of FreeType, heap memory and descriptors of the program's that exist.
+// Objects of FreeType, heap arrays and descriptors of the program that exist; those that one
+// function made; the number that an object has in the record.
 size_t objects_alive();
+size_t objects_alive(Fn maker);
+int64_t number_of(const void *object);
+
+// Releases of objects that did not exist, since reset().
+extern int64_t wrong_releases;
 
 // For script.during: records what happened; the caller makes it happen.
 void note_report(const PostNotifyInfo &info);
 void note_focus(uint32_t current, uint32_t peak);
 
-// For wrappers of what FreeType calls in turn: whether that is a call of FreeType's at all, and
-// whether it fails.
+// For wrappers of the functions that FreeType calls: whether FreeType is running, and whether its
+// call fails.
 extern int inside_freetype;
 bool inner_call_fails(Fn fn);
 
