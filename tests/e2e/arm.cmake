@@ -1,5 +1,5 @@
-# The camera's own 32-bit program, emulated, on the simulated camera of this machine. The camera and
-# the tests are programs of preset host, which is brought up to date first.
+# Runs the 32-bit ARM program in an emulator on the simulated camera of this machine. The camera and
+# the tests are programs of preset host, which is built first.
 
 set(host_build ${PROJECT_BINARY_DIR}/../host)
 add_test(NAME e2e_arm.simulated_camera COMMAND ${CMAKE_COMMAND}
@@ -7,19 +7,19 @@ add_test(NAME e2e_arm.simulated_camera COMMAND ${CMAKE_COMMAND}
 set_tests_properties(e2e_arm.simulated_camera PROPERTIES
     FIXTURES_SETUP simulated_camera TIMEOUT 3000 LABELS e2e)
 
-# By a name with a blank, as the path of a checkout may have one.
+# Its path contains a space to show that such a path works.
 set(sysroot "${PROJECT_BINARY_DIR}/the sysroot")
 file(CREATE_LINK ${CMAKE_SYSROOT} ${sysroot} SYMBOLIC)
 set(emulator qemu-arm -L ${sysroot})
-if(FOCUS_SANITIZE) # whose runtime the preload object comes before
+if(FOCUS_SANITIZE) # the preload object is loaded before the sanitizer's runtime
     list(PREPEND emulator env ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0)
 endif()
 string(REPLACE ";" "\t" emulator "${emulator}")
 
-# Left out is what needs another program than the overlay, or a helper of this machine's inside it.
+# Excludes tests that start another program or preload a library of this machine into the overlay.
 foreach(suite OverlayProcess OverlayPicture OverlayFault OverlaySession OverlayToleratedCode)
     add_test(NAME e2e_arm.${suite} COMMAND ${host_build}/tests/e2e/e2e_overlay_test
-        --gtest_filter=*${suite}.*-*AHundredRestarts*:*EveryFrame*:*AKillInThe*:*AConfiguration*)
+        --gtest_filter=*${suite}.*-*AHundredRestarts*:*HundredsOfFrames*:*AKillWhile*:*AFailedConfiguration*)
     set_tests_properties(e2e_arm.${suite} PROPERTIES
         FIXTURES_REQUIRED simulated_camera TIMEOUT 600 LABELS e2e
         FAIL_REGULAR_EXPRESSION "Running 0 tests"

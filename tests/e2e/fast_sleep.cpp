@@ -1,4 +1,4 @@
-// Loaded into the overlay process by tests that want many redraws: its half seconds take 20 ms.
+// Preloaded into the overlay process by tests that need many redraws: shortens its sleep to 20 ms.
 
 #include <ctime>
 #include <unistd.h>

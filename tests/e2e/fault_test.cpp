@@ -1,4 +1,4 @@
-// Every fault of the camera: what the overlay process says, and that it recovers by itself.
+// Every fault of the camera: the messages of the overlay process, and its recovery without help.
 
 #include <cerrno>
 #include <fstream>
@@ -15,7 +15,7 @@ static void arm(const Overlay &overlay, const std::string &call, uint32_t error,
     ASSERT_EQ(camera_set_fault(*overlay, {call, error, count, delay_ms, 0}), "");
 }
 
-// Starts the process anew with the fault armed, on a freshly started post.
+// Restarts the process with the fault armed, on a restarted post.
 static void restart_with(const Overlay &overlay, const std::string &call, uint32_t error,
                          uint32_t count)
 {
@@ -38,14 +38,14 @@ static void expect_recovery(const Overlay &overlay)
 
 struct SessionFault {
     const char *call;
-    const char *undo; // the first call of the undo; null for none
+    const char *undo; // first call of the undo; null: none
 };
 
 class OverlaySession : public testing::TestWithParam<SessionFault>
 {
 };
 
-TEST_P(OverlaySession, AFailureIsReportedUndoneAndMendedByTheNextStart)
+TEST_P(OverlaySession, AFailureIsReportedUndoneAndGoneAfterARestart)
 {
     const Overlay overlay(overlay_options());
     restart_with(overlay, GetParam().call, 0x81E0ABCD, 1);
@@ -57,7 +57,7 @@ TEST_P(OverlaySession, AFailureIsReportedUndoneAndMendedByTheNextStart)
         overlay.wait("the undo", [&] { return overlay.calls("qm7_cl_library_exit", 0) == 1; });
         EXPECT_EQ(overlay.calls(GetParam().undo, 0), 1u);
     }
-    EXPECT_TRUE(overlay.state().process.running); // it goes on, and never draws
+    EXPECT_TRUE(overlay.state().process.running); // keeps running, draws nothing
     EXPECT_FALSE(overlay.state().post[0].plane[0].open);
 
     EXPECT_EQ(camera_process_kill(*overlay), "");
@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
                     SessionFault{"qm7_cl_post_set_osd_color", "qm7_cl_sys_close_device"}),
     [](const auto &its) { return std::string(its.param.call); });
 
-TEST(OverlayFault, AnUndoThatFailsIsPassedOverInSilence)
+TEST(OverlayFault, AFailingUndoIsIgnoredSilently)
 {
     const Overlay overlay(overlay_options());
     arm(overlay, "qm7_cl_sys_close_device", 0x81E0ABCE, 1);
@@ -86,7 +86,7 @@ TEST(OverlayFault, AnUndoThatFailsIsPassedOverInSilence)
     EXPECT_EQ(overlay.calls("qm7_cl_sys_close_device", 0x81E0ABCE), 1u);
 
     EXPECT_EQ(camera_process_kill(*overlay), "");
-    overlay.wait_process_end(); // all that it wrote has arrived by then
+    overlay.wait_process_end(); // its whole output has arrived
     EXPECT_EQ(overlay.output(2), "ERR:#qm7osd:[(null)]=qm7_cl_post_set_notify() failed. "
                                  "errno=0x81E0ABCD(OSD_Library_Process)\n");
     EXPECT_EQ(camera_process_start(*overlay), "");
@@ -95,14 +95,14 @@ TEST(OverlayFault, AnUndoThatFailsIsPassedOverInSilence)
 
 // ---- planes
 
-TEST(OverlayFault, OfClearingAndClosingAreNeverMet)
+TEST(OverlayFault, FaultsOfClearAndCloseAreNeverTriggered)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
     arm(overlay, "qm7_cl_post_clear_osd", 0x81E0ABCD);
     arm(overlay, "qm7_cl_post_close_osd", 0x81E0ABCD);
 
-    EXPECT_EQ(camera_stop_post(*overlay, 0), ""); // the camera itself closes the planes
+    EXPECT_EQ(camera_stop_post(*overlay, 0), ""); // closes the planes
     EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
     expect_recovery(overlay);
     EXPECT_EQ(overlay.calls("qm7_cl_post_clear_osd", 0x81E0ABCD), 0u);
@@ -110,7 +110,7 @@ TEST(OverlayFault, OfClearingAndClosingAreNeverMet)
     EXPECT_EQ(overlay.output(2), "");
 }
 
-TEST(OverlayFault, AStatusThatFailsIsAskedForAgainAtTheNextStartOfThePost)
+TEST(OverlayFault, AFailedStatusIsRequestedAgainAtTheNextStartOfThePost)
 {
     const Overlay overlay(overlay_options());
     restart_with(overlay, "qm7_cl_post_thread_get_status", 0x81E0ABCD, 1);
@@ -123,11 +123,11 @@ TEST(OverlayFault, AStatusThatFailsIsAskedForAgainAtTheNextStartOfThePost)
     expect_recovery(overlay);
 }
 
-TEST(OverlayFault, AnOpenThatFailsIsTriedAgainWithEveryPass)
+TEST(OverlayFault, AFailedOpenIsRetriedInEveryPass)
 {
     for (const uint32_t code : {0x81E03246u, 0x81E0ABCDu}) {
         const Overlay overlay(overlay_options());
-        restart_with(overlay, "qm7_cl_post_open_osd", code, 4); // two passes of two planes, or more
+        restart_with(overlay, "qm7_cl_post_open_osd", code, 4); // at least two passes of two planes
         char line[128];
         std::snprintf(line, sizeof line,
                       "ERR:#qm7osd:[(null)]=qm7_cl_post_open_osd() failed. errno=0x%08X"
@@ -147,10 +147,10 @@ TEST_P(OverlayToleratedCode, CountsAsOpenUntilThePostStartsAgain)
 {
     const Overlay overlay(overlay_options());
     restart_with(overlay, "qm7_cl_post_open_osd", GetParam(), 1);
-    // The process takes the plane for open; the camera, which has none, refuses its memory.
+    // The process counts the plane as open; the camera has not opened it and refuses its memory.
     overlay.wait("a second pass without a bar",
                  [&] { return overlay.calls("qm7_cl_post_get_osd_mem", 0x81003209) >= 2; });
-    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", GetParam()), 1u); // not tried again
+    EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", GetParam()), 1u); // not retried
     EXPECT_EQ(overlay.output(2), "");
     EXPECT_NE(overlay.output(1).find("show_bar() failed"), std::string::npos);
 
@@ -161,7 +161,7 @@ TEST_P(OverlayToleratedCode, CountsAsOpenUntilThePostStartsAgain)
 INSTANTIATE_TEST_SUITE_P(Codes, OverlayToleratedCode,
                          testing::Values(0x81E03204u, 0x81E04507u, 0x81003209u, 0x81E0250Cu));
 
-TEST(OverlayFault, MemoryThatIsNotToBeHadLeavesTheLastReadoutShown)
+TEST(OverlayFault, WithoutPlaneMemoryTheLastReadoutStaysShown)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
@@ -181,7 +181,7 @@ TEST(OverlayFault, MemoryThatIsNotToBeHadLeavesTheLastReadoutShown)
     expect_recovery(overlay);
 }
 
-TEST(OverlayFault, AShowThatFailsLeavesTheLastReadoutShown)
+TEST(OverlayFault, AfterAFailedShowTheLastReadoutStaysShown)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
@@ -196,8 +196,8 @@ TEST(OverlayFault, AShowThatFailsLeavesTheLastReadoutShown)
     expect_recovery(overlay);
 }
 
-// Every call is slow from the start of the process on, and each of its kind is met.
-TEST(OverlayFault, SlowCallsOnlyMakeItSlow)
+// Delays every call from the start of the process on; each of them is called.
+TEST(OverlayFault, SlowCallsCauseNoFailure)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
@@ -218,8 +218,8 @@ TEST(OverlayFault, SlowCallsOnlyMakeItSlow)
     }
 }
 
-// Those that a test of this file fails and mends again.
-TEST(OverlayFault, EveryCallThatCanBeMadeToFailIsTried)
+// Calls for which a test of this file injects a fault.
+TEST(OverlayFault, EveryCallThatCanFailHasATest)
 {
     const std::vector<std::string> tried = {"qm7_cl_library_init",
                                             "qm7_cl_library_exit",
@@ -243,7 +243,7 @@ TEST(OverlayFault, EveryCallThatCanBeMadeToFailIsTried)
 
 // ---- device
 
-TEST(OverlayFault, ADeviceThatCannotBeOpenedEndsItWithStatusOne)
+TEST(OverlayFault, ADeviceThatCannotBeOpenedEndsTheProcessWithStatusOne)
 {
     const Overlay overlay(overlay_options());
     restart_with(overlay, "open", EACCES, 1);
@@ -255,7 +255,7 @@ TEST(OverlayFault, ADeviceThatCannotBeOpenedEndsItWithStatusOne)
     expect_recovery(overlay);
 }
 
-TEST(OverlayFault, ReadingsThatFailKeepTheLastValueOnTheScreen)
+TEST(OverlayFault, AfterFailedReadingsTheLastValueStaysOnTheScreen)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0, 2);
@@ -274,7 +274,7 @@ TEST(OverlayFault, ReadingsThatFailKeepTheLastValueOnTheScreen)
     });
 }
 
-TEST(OverlayFault, AConfigurationThatFailsIsNotRetriedAndLeavesItWithoutValues)
+TEST(OverlayFault, AFailedConfigurationIsNotRetriedAndNoReadingSucceeds)
 {
     CameraOptions options = overlay_options();
     options.program = {

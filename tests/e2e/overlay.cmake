@@ -1,6 +1,6 @@
-# Makes the half seconds between the redraws short where a test wants many of them.
+# Shortens the sleep between redraws for tests that need many of them.
 add_library(e2e_fast_sleep SHARED fast_sleep.cpp)
-target_link_libraries(e2e_fast_sleep PRIVATE focus_base) # no sanitizer: it is loaded before their runtime
+target_link_libraries(e2e_fast_sleep PRIVATE focus_base) # no sanitizer: loaded before its runtime
 
 add_executable(e2e_overlay_test
     fault_test.cpp overlay.cpp overlay_test.cpp picture_test.cpp readout.cpp

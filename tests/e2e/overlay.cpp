@@ -1,4 +1,4 @@
-// Starting, waiting, looking.
+// Starts the camera with the overlay process, waits for conditions and reads what is shown.
 
 #include "overlay.h"
 
@@ -10,10 +10,10 @@
 
 using namespace simcam;
 
-constexpr int PATIENCE_S = 60; // for a machine under load
+constexpr int PATIENCE_S = 60; // enough for a busy machine
 
-// The overlay process that this program was built with, or the words of FOCUS_TEST_PROGRAM in its
-// place, with tabs between them: an emulator and a program of the camera's architecture.
+// The overlay process of this build, or the tab-separated words of FOCUS_TEST_PROGRAM: an emulator
+// and a program for the camera's architecture.
 static void choose_program(CameraOptions *options)
 {
     options->program = {FOCUS_ASSIST};
@@ -47,7 +47,7 @@ CameraOptions overlay_options_all_posts()
 Overlay::Overlay(const CameraOptions &options)
 {
     std::string error;
-    // cppcheck-suppress useInitializationList ; error has to exist first
+    // cppcheck-suppress useInitializationList ; error must exist first
     camera = camera_start(options, &error);
     if (!camera)
         throw std::runtime_error(error);

@@ -1,4 +1,4 @@
-// A camera with the overlay process on it, for tests.
+// A simulated camera that runs the overlay process, for tests.
 #pragma once
 
 #include <functional>
@@ -22,14 +22,14 @@ struct Overlay {
         return *camera;
     }
     simcam::CameraState state() const;
-    // Waits, a minute at most, until the condition holds. what is said where it never does.
+    // Waits up to a minute until the condition holds; a failure names what.
     void wait(const char *what, const std::function<bool()> &condition) const;
-    // Waits until bar and text of the post have been shown anew, count times each.
+    // Waits until bar and text of the post have each been shown count more times.
     void wait_redraws(int post, uint64_t count = 1) const;
     void wait_process_end() const;
     // The readout that a post shows now.
     Readout readout(int post) const;
-    // What the process wrote on a stream so far.
+    // The output of the process on a stream so far.
     std::string output(int stream) const;
     std::string everything() const;
     size_t calls(const std::string &name, uint32_t error) const;

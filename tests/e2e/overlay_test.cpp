@@ -1,4 +1,5 @@
-// The overlay process on a camera that works: start, posts coming and going, restarts, the sweep.
+// The overlay process on a camera without faults: start, posts that start and stop, restarts, the
+// sweep.
 
 #include <algorithm>
 #include <chrono>
@@ -44,14 +45,14 @@ TEST(OverlayProcess, DrawsOnAllFourSizesAtOnce)
     for (int post = 0; post < 4; post++) {
         const Readout readout = overlay.readout(post);
         EXPECT_TRUE(readout.valid) << post << ": " << readout.problem;
-        EXPECT_EQ(readout.peak, 0); // nothing has moved: "---"
+        EXPECT_EQ(readout.peak, 0); // the value has not changed: "---"
         EXPECT_EQ(readout.percent, 0);
         EXPECT_FALSE(readout.highlight);
         const reference::Plane text =
             readout_text_plane(static_cast<int>(state.post[static_cast<size_t>(post)].width),
                                static_cast<int>(state.post[static_cast<size_t>(post)].height),
                                state.post[static_cast<size_t>(post)].plane[1].pitch, "", false);
-        // Cut to 16 bits, as the position is.
+        // Truncated to 16 bits like the position.
         EXPECT_EQ(state.post[static_cast<size_t>(post)].plane[1].x, text.x & 0xFFFF);
         EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[2].open);
         EXPECT_FALSE(state.post[static_cast<size_t>(post)].plane[3].open);
@@ -62,7 +63,7 @@ TEST(OverlayProcess, DrawsOnAllFourSizesAtOnce)
 TEST(OverlayProcess, ShowsTheLatestValue)
 {
     const Overlay overlay(overlay_options());
-    ASSERT_TRUE(camera_wait(*overlay, 0, 60)); // it draws without a measurement too
+    ASSERT_TRUE(camera_wait(*overlay, 0, 60)); // it also draws before the first measurement
     overlay.wait_redraws(0, 2);
     const auto measured = camera_measurements(*overlay, 0, 4096);
     const auto [low, high] =
@@ -99,7 +100,7 @@ TEST(OverlayProcess, FollowsPostsThatStopAndStart)
     EXPECT_EQ(camera_stop_post(*overlay, 0), "");
     EXPECT_FALSE(overlay.state().post[0].plane[0].open);
     overlay.wait_redraws(2, 3);
-    EXPECT_FALSE(overlay.state().post[0].plane[0].open); // nobody has opened it since
+    EXPECT_FALSE(overlay.state().post[0].plane[0].open); // not opened again
 
     EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
     overlay.wait_redraws(0, 2);
@@ -107,7 +108,7 @@ TEST(OverlayProcess, FollowsPostsThatStopAndStart)
     EXPECT_TRUE(overlay.readout(2).valid) << overlay.readout(2).problem;
 }
 
-TEST(OverlayProcess, AStopAndAStartBetweenTwoRedrawsReopenThePlanes)
+TEST(OverlayProcess, ARestartBetweenTwoRedrawsReopensThePlanes)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
@@ -122,7 +123,7 @@ TEST(OverlayProcess, AStopAndAStartBetweenTwoRedrawsReopenThePlanes)
     EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0), opened + 6);
 }
 
-TEST(OverlayProcess, APostThatComesBackSmallerKeepsItsFirstLayout)
+TEST(OverlayProcess, APostThatReturnsSmallerKeepsItsFirstLayout)
 {
     const Overlay overlay(overlay_options("1920x1080"));
     overlay.wait_redraws(0);
@@ -130,14 +131,14 @@ TEST(OverlayProcess, APostThatComesBackSmallerKeepsItsFirstLayout)
     EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
     overlay.wait_redraws(0, 2);
 
-    // Still where it belongs on 1920 x 1080: below the smaller picture's last line, so unseen.
+    // Still at its place for 1920 x 1080, below the last line of the smaller picture.
     expect_place(overlay.state().post[0].plane[0], 720, 108, 600, 864);
     const cv::Mat picture = camera_picture(*overlay, 0, true);
     EXPECT_EQ(picture.size(), cv::Size(1280, 720));
     EXPECT_EQ(overlay.output(2), "");
 }
 
-TEST(OverlayProcess, ASizeWithoutALayoutIsReportedOnceAndHarmsNoOtherPost)
+TEST(OverlayProcess, AnUnsupportedSizeIsReportedOnceAndAffectsNoOtherPost)
 {
     CameraOptions options = overlay_options("1280x720");
     options.post_size[1] = "640x480";
@@ -151,14 +152,14 @@ TEST(OverlayProcess, ASizeWithoutALayoutIsReportedOnceAndHarmsNoOtherPost)
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
 }
 
-TEST(OverlayProcess, WithoutPostsItWaitsWithoutACall)
+TEST(OverlayProcess, WithoutPostsItMakesNoCalls)
 {
     const Overlay overlay(overlay_options(""));
     overlay.wait("the session", [&] { return overlay.calls("qm7_cl_post_set_osd_color", 0) == 1; });
     const uint64_t calls = camera_calls(*overlay, 0, 100000).back().number;
-    camera_wait(*overlay, overlay.state().latest.number + 40, 60); // more than two of its passes
+    camera_wait(*overlay, overlay.state().latest.number + 40, 60); // more than two passes
 
-    // Only the measurement loop, which may open its device after that.
+    // Only the measurement loop may open its device later.
     for (const CallRecord &call : camera_calls(*overlay, calls, 100))
         EXPECT_TRUE(call.call == "open" || call.call.find("CAM_") == 0) << call.call;
     EXPECT_EQ(camera_start_post(*overlay, 3, 352, 240), "");
@@ -166,7 +167,7 @@ TEST(OverlayProcess, WithoutPostsItWaitsWithoutACall)
     EXPECT_TRUE(overlay.readout(3).valid);
 }
 
-TEST(OverlayProcess, ASweepEndsWithTheReadoutThatTheMeasuredValuesPredict)
+TEST(OverlayProcess, AfterASweepTheReadoutIsThatOfTheMeasuredValues)
 {
     CameraOptions options = overlay_options();
     options.sweep = true;
@@ -174,7 +175,7 @@ TEST(OverlayProcess, ASweepEndsWithTheReadoutThatTheMeasuredValuesPredict)
     const Overlay overlay(options);
     overlay.wait_redraws(0);
     const uint64_t first = overlay.state().latest.number;
-    camera_wait(*overlay, first + 6 * 30, 120); // once to and fro
+    camera_wait(*overlay, first + 6 * 30, 120); // once back and forth
     EXPECT_EQ(camera_set_ring(*overlay, lens_best_ring() + 0.05), "");
     const uint64_t settled = overlay.state().latest.number + 2;
     camera_wait(*overlay, settled + 10, 60);
@@ -197,16 +198,16 @@ TEST(OverlayProcess, ASweepEndsWithTheReadoutThatTheMeasuredValuesPredict)
     EXPECT_GE(readout.peak, best * 98 / 100); // a reading may be missed on a loaded machine
     EXPECT_GE(readout.current, low);
     EXPECT_LE(readout.current, high);
-    // The bar was drawn by the same pass or, where a value changed in between, by one like it. Two
-    // percentages beside the marker may look alike, and the lower is read.
+    // Bar and text may be of two passes with different values. Beside the marker two percentages
+    // can have the same pixels; the lower one is read.
     EXPECT_GE(readout.percent, low * 100 / readout.peak - 2);
     EXPECT_LE(readout.percent, high * 100 / readout.peak);
     EXPECT_EQ(readout.highlight, readout.current * 100 / readout.peak >= 85);
 }
 
-// ---- the end of the process and the next one
+// ---- restarts of the process
 
-TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
+TEST(OverlayProcess, AfterAKillThePlanesStayOpenAndTheNextProcessCannotOpenThem)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0, 2);
@@ -215,7 +216,7 @@ TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
     EXPECT_EQ(overlay.state().process.last_end, "signal 9 (Killed)");
     EXPECT_FALSE(overlay.state().process.attached);
     const Readout left = overlay.readout(0);
-    ASSERT_TRUE(left.valid) << left.problem; // its last readout is still on the screen, whole
+    ASSERT_TRUE(left.valid) << left.problem; // its last readout is still shown completely
     const std::vector<uint8_t> text = camera_plane(*overlay, 0, 1).bytes;
 
     EXPECT_EQ(camera_process_start(*overlay), "");
@@ -223,8 +224,8 @@ TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
         return overlay.state().post[0].plane[0].shows > 4 && overlay.output(2).size() > 0;
     });
 
-    // The library says with a tolerated code that the planes are open, and no pitch comes with it:
-    // the new process shows an empty bar, and its text never becomes a picture. The old text stays.
+    // The library reports with a tolerated code that the planes are open and returns no pitch. The
+    // new process shows an empty bar and no text; the old text stays.
     EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
     overlay.wait("an empty bar", [&] {
         const auto bar = camera_plane(*overlay, 0, 0).bytes;
@@ -234,15 +235,15 @@ TEST(OverlayProcess, ItsPlanesStayWhenItIsKilledAndTheNextOneIsRefusedThem)
     EXPECT_NE(overlay.output(2).find("target width is too small(font_get_target_bitmap)\n"),
               std::string::npos);
 
-    // A stop and a start of the post take the planes away; the next pass opens them anew.
+    // A restart of the post closes the planes; the next pass opens them again.
     EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
 }
 
-// ---- several of them
+// ---- several processes
 
-TEST(OverlayProcess, TwoCamerasEachWithItsOwnDoNotMeet)
+TEST(OverlayProcess, TwoCamerasWithAProcessEachAreIndependent)
 {
     CameraOptions sharp = overlay_options();
     sharp.ring = 0.55;
@@ -263,7 +264,7 @@ TEST(OverlayProcess, TwoCamerasEachWithItsOwnDoNotMeet)
     EXPECT_TRUE(near_focus.readout(0).valid) << near_focus.readout(0).problem;
 }
 
-// The words of a file of /proc/PID, each of which ends with a zero.
+// The NUL-terminated words of a file of /proc/PID.
 static std::vector<std::string> words_of(int pid, const char *file)
 {
     std::ifstream stream("/proc/" + std::to_string(pid) + "/" + file);
@@ -282,7 +283,7 @@ static std::vector<char *> pointers(std::vector<std::string> *words)
     return list;
 }
 
-TEST(OverlayProcess, ASecondOneOnTheSameCameraClearsTheBarOfTheFirstUntilItEnds)
+TEST(OverlayProcess, ASecondProcessOnTheSameCameraClearsTheBarOfTheFirstUntilItEnds)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0, 2);
@@ -305,7 +306,7 @@ TEST(OverlayProcess, ASecondOneOnTheSameCameraClearsTheBarOfTheFirstUntilItEnds)
     overlay.wait("a bar that was cleared again", bar_is_empty);
     EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
     EXPECT_TRUE(overlay.state().process.running);
-    EXPECT_EQ(overlay.output(2), ""); // the first one notices nothing
+    EXPECT_EQ(overlay.output(2), ""); // the first process gets no error
     EXPECT_EQ(waitpid(second, nullptr, WNOHANG), 0);
     kill(second, SIGKILL);
     EXPECT_EQ(waitpid(second, nullptr, 0), second);

@@ -1,5 +1,5 @@
-# The page in a real browser, on the real camera with the real overlay.
-find_program(E2E_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH) # the one with the distribution's modules
+# Tests the page in a browser, with the simulated camera and the overlay.
+find_program(E2E_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH) # has the distribution's modules
 find_program(E2E_PYTHON NAMES python3)
 find_program(E2E_CHROMIUM NAMES chromium)
 find_program(E2E_CHROMEDRIVER NAMES chromedriver)
@@ -15,6 +15,6 @@ add_test(NAME e2e_page
             --pictures ${CMAKE_CURRENT_BINARY_DIR}/page)
 set_tests_properties(e2e_page PROPERTIES
     LABELS e2e
-    RUN_SERIAL ON # browser, camera and overlay have enough to do on two cores
+    RUN_SERIAL ON # browser, camera and overlay keep two cores busy
     TIMEOUT 600
     SKIP_RETURN_CODE 77)

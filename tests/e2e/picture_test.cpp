@@ -1,4 +1,4 @@
-// What an output shows: readouts that are always whole, and pictures composited as they should be.
+// What an output shows: complete readouts in every frame, and the correct composition.
 
 #include <cmath>
 #include <cstdlib>
@@ -10,14 +10,14 @@
 
 using namespace simcam;
 
-// ---- no shown frame is cleared or half drawn
+// ---- complete frames
 
-TEST(OverlayPicture, EveryFrameOfSomeHundredIsWhole)
+TEST(OverlayPicture, HundredsOfFramesAreComplete)
 {
     setenv("LD_PRELOAD", FAST_SLEEP, 1);
     CameraOptions options = overlay_options_all_posts();
     options.sweep = true;
-    options.sweep_period_s = 3; // the readout changes with every redraw
+    options.sweep_period_s = 3; // so that the readout changes with every redraw
     const Overlay overlay(options);
     unsetenv("LD_PRELOAD");
     for (int post = 0; post < 4; post++)
@@ -29,7 +29,7 @@ TEST(OverlayPicture, EveryFrameOfSomeHundredIsWhole)
     uint64_t next = 0;
     overlay.wait("four hundred frames", [&] {
         const int post = static_cast<int>(next++ % 4);
-        // Between the two looks a redraw may go by: each plane is whole by itself.
+        // A redraw may happen between the two reads: each plane is checked alone.
         const PlaneImage bar = camera_plane(*overlay, post, 0);
         const PlaneImage text = camera_plane(*overlay, post, 1);
         const Readout readout = readout_read(widths[post], heights[post], bar, text);
@@ -38,10 +38,10 @@ TEST(OverlayPicture, EveryFrameOfSomeHundredIsWhole)
         texts.insert(readout.text);
         return frames.size() >= 400 || testing::Test::HasFailure();
     });
-    EXPECT_GT(texts.size(), 20u); // they did change
+    EXPECT_GT(texts.size(), 20u); // the text did change
 }
 
-TEST(OverlayPicture, AKillInTheMiddleOfDrawingLeavesWholeFrames)
+TEST(OverlayPicture, AKillWhileDrawingLeavesCompleteFrames)
 {
     setenv("LD_PRELOAD", FAST_SLEEP, 1);
     const Overlay overlay(overlay_options());
@@ -71,7 +71,7 @@ int clamped(double value)
     return static_cast<int>(std::fmin(255, std::fmax(0, std::floor(value + 0.5))));
 }
 
-// Full-range BT.601, from its definition by the weights of red and blue.
+// Full-range BT.601, computed from the weights of red and blue.
 Rgb color_of(const std::vector<uint8_t> &palette, uint8_t index)
 {
     const uint8_t *entry = palette.data() + size_t{4} * index;
@@ -88,7 +88,7 @@ int opacity_of(const std::vector<uint8_t> &palette, uint8_t index)
     return std::min<int>(8, palette[size_t{4} * index + 3]);
 }
 
-// The expected picture: planes 0, 1 over the output's own.
+// The expected picture: planes 0 and 1 over the picture without planes.
 cv::Mat composed(const Overlay &overlay, int post, const cv::Mat &bare)
 {
     const std::vector<uint8_t> palette = camera_palette(*overlay);
@@ -117,10 +117,10 @@ cv::Mat composed(const Overlay &overlay, int post, const cv::Mat &bare)
 
 } // namespace
 
-TEST(OverlayPicture, IsThePictureWithThePlanesLaidOverIt)
+TEST(OverlayPicture, IsThePictureUnderThePlanes)
 {
     CameraOptions options = overlay_options_all_posts();
-    options.rate_hz = 2; // pictures that stand for a while
+    options.rate_hz = 2; // long enough to read both pictures
     const Overlay overlay(options);
     for (int post = 0; post < 4; post++) {
         overlay.wait_redraws(post);
@@ -146,7 +146,7 @@ TEST(OverlayPicture, IsThePictureWithThePlanesLaidOverIt)
                 for (int c = 0; c < 3; c++) {
                     const int difference = std::abs(a[c] - b[c]);
                     worst = std::max(worst, difference);
-                    differing += difference > 1 ? 1 : 0; // the last bit may round either way
+                    differing += difference > 1 ? 1 : 0; // rounding of the last bit
                 }
             }
         }
@@ -171,7 +171,7 @@ TEST(OverlayPicture, ColorsAreTheForcedOnes)
     EXPECT_EQ(palette[76], 0xB2);
     EXPECT_EQ(palette[77], 0xAA);
     EXPECT_EQ(palette[78], 0x00);
-    // Nothing moved, so the bar is empty: a yellow-green box, inside its frame.
+    // The value has not changed, so the bar is empty: a yellow-green box in its frame.
     const cv::Mat picture = camera_picture(*overlay, 0, true);
     const auto box = picture.at<cv::Vec3b>(576 + 36, 400 + 100);
     EXPECT_GT(box[1], 200); // green
