@@ -1,4 +1,4 @@
-// Whether the readout can be read with a color table.
+// The legibility check of a color table.
 
 #include "check.h"
 
@@ -9,7 +9,7 @@ using palette::Table;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A table with which everything is well.
+// A table without findings.
 static Table good_table()
 {
     Table table;
@@ -41,7 +41,7 @@ TEST(PaletteCheck, ContrastIsOneToTwentyOne)
 {
     EXPECT_DOUBLE_EQ(palette::contrast_ratio({0, 0, 0}, {255, 255, 255}), 21.0);
     EXPECT_DOUBLE_EQ(palette::contrast_ratio({9, 9, 9}, {9, 9, 9}), 1.0);
-    // 0x77 gray on white is the well-known pair just short of 4.5, 0x76 the one just above.
+    // Gray 0x77 on white is just below 4.5, gray 0x76 just above.
     EXPECT_NEAR(palette::contrast_ratio({0x77, 0x77, 0x77}, {255, 255, 255}), 4.478, 0.001);
     EXPECT_NEAR(palette::contrast_ratio({0x76, 0x76, 0x76}, {255, 255, 255}), 4.542, 0.001);
 }
@@ -58,7 +58,7 @@ TEST(PaletteCheck, LegibleTableHasNoComplaint)
     EXPECT_THAT(complaints(good_table()), IsEmpty());
 }
 
-TEST(PaletteCheck, EachForcedByteIsHeldAgainstTheProgram)
+TEST(PaletteCheck, EachForcedByteIsComparedWithTheProgram)
 {
     Table table = good_table();
     table[16].opacity = 9;
@@ -73,7 +73,7 @@ TEST(PaletteCheck, EachForcedByteIsHeldAgainstTheProgram)
                             "entry 19 (e): byte 2 is 01, the overlay process writes 00"));
 }
 
-TEST(PaletteCheck, ReadoutMustCoverAndClearedMemoryMustNot)
+TEST(PaletteCheck, ReadoutMustBeOpaqueAndClearedMemoryTransparent)
 {
     Table table = good_table();
     table[0].opacity = 1;
@@ -87,7 +87,7 @@ TEST(PaletteCheck, ReadoutMustCoverAndClearedMemoryMustNot)
                             "entry 20 (e): opacity 0, wanted 8: it must cover the picture"));
 }
 
-TEST(PaletteCheck, PaleTextIsRefusedBothTimes)
+TEST(PaletteCheck, PaleTextIsReportedForBothTextEntries)
 {
     Table table = good_table();
     table[16].ycc = {255, 128, 128}; // white on the pale box

@@ -6,7 +6,7 @@
 
 using palette::Table;
 
-// 256 lines; line i + 1 is entry i, all of one color.
+// 256 lines of the same color; line i + 1 is entry i.
 static std::string plain_table(const std::string &color = "#808080")
 {
     std::string text;
@@ -28,7 +28,7 @@ static void expect_refused(const std::string &text, int line, const std::string 
 {
     Table table;
     const auto refusal = palette::parse_table(text, &table);
-    ASSERT_TRUE(refusal.has_value()) << "taken, wanted: " << reason;
+    ASSERT_TRUE(refusal.has_value()) << "accepted, expected: " << reason;
     EXPECT_EQ(refusal->line, line);
     EXPECT_EQ(refusal->reason, reason);
 }
@@ -44,12 +44,12 @@ TEST(PaletteColor, PrimariesHaveTheirFullRangeBytes)
     EXPECT_EQ(palette::ycc_of({0, 0, 255}), (Bytes{29, 255, 107}));
 }
 
-TEST(PaletteColor, BytesOutsideOfTheRgbCubeAreCutToIt)
+TEST(PaletteColor, BytesOutsideTheRgbCubeAreClamped)
 {
     const palette::Rgb box = palette::rgb_of({0xEF, 0x28, 0x6D});
 
     EXPECT_EQ(box.r, 212); // 239 - 1.402 * 19
-    EXPECT_EQ(box.g, 255); // 282.9 cut
+    EXPECT_EQ(box.g, 255); // 282.9, clamped
     EXPECT_EQ(box.b, 83);  // 239 - 1.772 * 88
 }
 
@@ -67,7 +67,7 @@ TEST(PaletteTable, EntryIsReadWithAllItsColumns)
     EXPECT_EQ(table[17].line, 18);
 }
 
-TEST(PaletteTable, CommentsAndBlankLinesCountAsLinesOnly)
+TEST(PaletteTable, CommentsAndBlankLinesOnlyCountAsLines)
 {
     Table table;
     ASSERT_FALSE(palette::parse_table("# head\n\n#\n  \n" + plain_table(), &table).has_value());
@@ -139,7 +139,7 @@ TEST(PaletteImage, ShortImageLeavesTheRestZero)
     EXPECT_EQ(table[2].opacity, 0);
 }
 
-TEST(PaletteImage, SizesThatNoTableHasAreRefused)
+TEST(PaletteImage, ImpossibleSizesAreRefused)
 {
     Table table;
 
@@ -151,7 +151,7 @@ TEST(PaletteImage, SizesThatNoTableHasAreRefused)
     EXPECT_EQ(odd_one->reason, "7 bytes end in the middle of an entry of 4 bytes");
 }
 
-TEST(PaletteImage, EveryByteSurvivesTheWayThroughTheTable)
+TEST(PaletteImage, EveryByteSurvivesARoundTrip)
 {
     std::vector<uint8_t> image(1024);
     uint32_t seed = 1;
@@ -167,7 +167,7 @@ TEST(PaletteImage, EveryByteSurvivesTheWayThroughTheTable)
     }
 }
 
-TEST(PaletteImage, ColorsOfTheRgbCubeAreWrittenAsSuch)
+TEST(PaletteImage, ColorsInsideTheRgbCubeAreWrittenAsRgb)
 {
     Table table;
     ASSERT_FALSE(palette::unpack({76, 85, 255, 8, 0xEF, 0x28, 0x6D, 8}, &table).has_value());

@@ -1,4 +1,4 @@
-// The program, as a person or a build calls it, and the table that is shipped.
+// The program focus-palette on its command line, and the shipped table.
 
 #include <sys/wait.h>
 
@@ -93,7 +93,7 @@ TEST_F(PaletteProgram, ShippedTablePassesTheCheck)
               std::string::npos);
 }
 
-TEST_F(PaletteProgram, ShippedImageGoesToATableAndBack)
+TEST_F(PaletteProgram, ShippedImageSurvivesARoundTrip)
 {
     ASSERT_EQ(run("unpack '" SHIPPED_IMAGE "' table.txt").status, 0);
     ASSERT_EQ(run("pack table.txt again.plt").status, 0);
@@ -101,7 +101,7 @@ TEST_F(PaletteProgram, ShippedImageGoesToATableAndBack)
     EXPECT_EQ(contents(folder / "again.plt"), contents(SHIPPED_IMAGE));
 }
 
-TEST_F(PaletteProgram, BadTableIsNamedWithFileLineAndReason)
+TEST_F(PaletteProgram, BadTableIsReportedWithFileLineAndReason)
 {
     write("bad.txt", "# a table\n0 clear #00000 0\n");
 
@@ -112,7 +112,7 @@ TEST_F(PaletteProgram, BadTableIsNamedWithFileLineAndReason)
     EXPECT_FALSE(std::filesystem::exists(folder / "bad.plt"));
 }
 
-TEST_F(PaletteProgram, IllegibleTableIsNamedWithTheLineOfTheEntry)
+TEST_F(PaletteProgram, IllegibleTableIsReportedWithTheLineOfTheEntry)
 {
     std::string table = contents(SHIPPED_TABLE);
     const size_t at = table.find(" 20  text-highlight   #B00040");
@@ -131,7 +131,7 @@ TEST_F(PaletteProgram, IllegibleTableIsNamedWithTheLineOfTheEntry)
         << checked.err;
 }
 
-TEST_F(PaletteProgram, FilesThatCannotBeReadOrWrittenAreNamed)
+TEST_F(PaletteProgram, UnreadableAndUnwritableFilesAreNamed)
 {
     const Outcome missing = run("check missing.plt");
     const Outcome nowhere = run("unpack '" SHIPPED_IMAGE "' no/such/folder.txt");
@@ -155,7 +155,7 @@ TEST_F(PaletteProgram, SwatchIsAPngFile)
     EXPECT_EQ(contents(folder / "swatch.png").substr(0, 8), "\x89PNG\r\n\x1A\n");
 }
 
-TEST_F(PaletteProgram, WrongUsageIsAnsweredWithTheUsage)
+TEST_F(PaletteProgram, WrongUsagePrintsTheUsage)
 {
     for (const char *arguments : {"", "pack", "pack a", "check", "check a b", "paint a b"}) {
         const Outcome wrong = run(arguments);

@@ -1,4 +1,4 @@
-// The picture of a color table, as a PNG reader sees it.
+// The picture of a color table, decoded by a PNG reader.
 
 #include "swatch.h"
 
@@ -45,7 +45,7 @@ TEST(PaletteSwatch, CellShowsTheColorOfItsEntry)
 {
     palette::Table table;
     table[17] = {{0xEF, 0x28, 0x6D}, 8, "", "", 0};
-    table[255] = {{255, 128, 128}, 200, "", "", 0}; // more than opaque is opaque
+    table[255] = {{255, 128, 128}, 200, "", "", 0}; // 200 counts as opaque
 
     const Picture picture = read_png(palette::swatch_png(table));
 
@@ -55,7 +55,7 @@ TEST(PaletteSwatch, CellShowsTheColorOfItsEntry)
     EXPECT_EQ(pixel(picture, 639, 639), (std::array{255, 255, 255}));
 }
 
-TEST(PaletteSwatch, GroundShowsThroughByTheOpacity)
+TEST(PaletteSwatch, BackgroundShowsThroughAccordingToTheOpacity)
 {
     palette::Table table;
     table[0] = {{0, 128, 128}, 0, "", "", 0};
@@ -66,8 +66,7 @@ TEST(PaletteSwatch, GroundShowsThroughByTheOpacity)
     EXPECT_EQ(pixel(picture, 32, 32), (std::array{0x60, 0x60, 0x60}));
     EXPECT_EQ(pixel(picture, 39, 31), (std::array{0xC0, 0xC0, 0xC0}));
     EXPECT_EQ(pixel(picture, 72, 32), (std::array{0x60, 0x60, 0x60}));
-    EXPECT_EQ(pixel(picture, 72, 31), (std::array{0x30, 0x30, 0x30}))
-        << "what is not there is clear";
+    EXPECT_EQ(pixel(picture, 72, 31), (std::array{0x30, 0x30, 0x30})) << "a missing entry is clear";
 }
 
 TEST(PaletteSwatch, IndexIsWrittenIntoTheCell)
@@ -78,7 +77,7 @@ TEST(PaletteSwatch, IndexIsWrittenIntoTheCell)
 
     const Picture picture = read_png(palette::swatch_png(table));
 
-    // Entry 17: a digit pixel is 2 by 2, the number begins 3 pixels from the corner of the cell.
+    // Entry 17: each pixel of a digit is 2 by 2; the number begins 3 pixels inside the cell.
     std::string drawn;
     for (unsigned y = 0; y < 5; ++y) {
         for (unsigned x = 0; x < 7; ++x)

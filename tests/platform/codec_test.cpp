@@ -1,4 +1,4 @@
-// The stand-in for the codec library, as a program sees it, on a board in the same process.
+// The substitute codec library, tested through its functions on a board in the same process.
 
 #include <atomic>
 #include <cerrno>
@@ -18,7 +18,7 @@ using namespace simcam;
 namespace
 {
 
-// ---- what the notify callback was told
+// ---- reports of the notify callback
 
 std::mutex told_lock;
 std::condition_variable told_more;
@@ -38,7 +38,7 @@ PostNotifyInfo told_at(size_t index)
 {
     std::unique_lock guard(told_lock);
     if (!told_more.wait_for(guard, std::chrono::seconds(60), [&] { return told.size() > index; })) {
-        ADD_FAILURE() << "report " << index << " never came";
+        ADD_FAILURE() << "report " << index << " did not arrive";
         return {};
     }
     return told[index];
@@ -61,7 +61,7 @@ size_t threads()
     return count;
 }
 
-// The code that a call fails with; 0 where it succeeds.
+// The error code of a call; 0 if it succeeds.
 template <typename Result> uint32_t code_of(Result result)
 {
     return result == 0 ? 0 : static_cast<uint32_t>(errno);
@@ -85,7 +85,7 @@ struct CodecTest : testing::Test {
     }
     ~CodecTest() override
     {
-        (void)qm7_cl_library_exit(); // fails where the test has done it already
+        (void)qm7_cl_library_exit(); // fails if the test has called it already
         server_stop(*server);
         std::filesystem::remove_all(directory);
     }
@@ -105,7 +105,7 @@ struct CodecTest : testing::Test {
         ASSERT_EQ(qm7_cl_library_init(), 0);
         ASSERT_EQ(qm7_cl_sys_open_device(), 0);
     }
-    // Opens plane 1 of the post, 132 x 24, and gives its memory.
+    // Opens plane 1 of the post, 132 x 24, and returns its memory.
     static OsdMem plane_memory(uint32_t res_id, uint32_t *osd_id)
     {
         const OsdOpenParam param = {1, 132, 24, 2};
@@ -122,7 +122,7 @@ struct CodecTest : testing::Test {
 struct CodecDeathTest : CodecTest {
     CodecDeathTest()
     {
-        GTEST_FLAG_SET(death_test_style, "threadsafe"); // the server's thread runs
+        GTEST_FLAG_SET(death_test_style, "threadsafe"); // because the server's thread runs
     }
 };
 
@@ -209,7 +209,7 @@ TEST_F(CodecTest, TheCallbackMayCallTheLibrary)
     EXPECT_EQ(called_back_result, 0);
 }
 
-TEST_F(CodecTest, ExitEndsTheThreadAndGivesTheMemoryBack)
+TEST_F(CodecTest, ExitEndsTheThreadAndUnmapsTheMemory)
 {
     const size_t threads_before = threads();
     for (int i = 0; i < 20; i++) {
@@ -225,11 +225,11 @@ TEST_F(CodecTest, ExitEndsTheThreadAndGivesTheMemoryBack)
         ASSERT_EQ(qm7_cl_library_exit(), 0);
     }
     EXPECT_EQ(threads(), threads_before);
-    // What is mapped now is the board's: its colors and the last plane's one buffer.
+    // Only the board's mappings are left: its colors and a buffer of the last plane.
     EXPECT_EQ(lines_with("/proc/self/maps", "memfd:simcam"), 2u);
 }
 
-TEST_F(CodecTest, ReopenedPlanesDoNotPileUpMappings)
+TEST_F(CodecTest, ReopeningPlanesLeaksNoMappings)
 {
     const uint32_t res_id = start_post(0);
     open_session();
@@ -240,10 +240,11 @@ TEST_F(CodecTest, ReopenedPlanesDoNotPileUpMappings)
         EXPECT_EQ(qm7_cl_post_clear_osd(res_id, 1), 0);
         EXPECT_EQ(qm7_cl_post_close_osd(res_id, 1), 0);
     }
-    EXPECT_LE(lines_with("/proc/self/maps", "memfd:simcam"), 3u); // colors, the last buffer twice
+    EXPECT_LE(lines_with("/proc/self/maps", "memfd:simcam"),
+              3u); // colors, the last buffer twice
 }
 
-TEST_F(CodecTest, DrawnMemoryIsSeenWhenItIsShownAndNotBefore)
+TEST_F(CodecTest, MemoryIsVisibleOnlyAfterTheShowCall)
 {
     const uint32_t res_id = start_post(0);
     open_session();
@@ -268,7 +269,7 @@ TEST_F(CodecTest, DrawnMemoryIsSeenWhenItIsShownAndNotBefore)
     EXPECT_EQ(board_plane_image(board, 0, 1).bytes, std::vector<uint8_t>(144 * 24, 17));
 }
 
-TEST_F(CodecDeathTest, TheByteBehindPlaneMemoryFaults)
+TEST_F(CodecDeathTest, TheByteAfterPlaneMemoryFaults)
 {
     const uint32_t res_id = start_post(0);
     open_session();
@@ -280,7 +281,7 @@ TEST_F(CodecDeathTest, TheByteBehindPlaneMemoryFaults)
     EXPECT_DEATH(bytes[mem.size] = 1, "");
 }
 
-TEST_F(CodecDeathTest, TheByteBehindTheColorsFaults)
+TEST_F(CodecDeathTest, TheByteAfterTheColorsFaults)
 {
     open_session();
     OsdMem mem = {};
@@ -291,7 +292,7 @@ TEST_F(CodecDeathTest, TheByteBehindTheColorsFaults)
     EXPECT_DEATH(bytes[mem.size] = 1, "");
 }
 
-TEST_F(CodecTest, EveryCallCanFailWithTheCodeOfAFaultAndSucceedAgain)
+TEST_F(CodecTest, EveryCallFailsWithAnInjectedCodeAndThenSucceeds)
 {
     OsdMem mem = {};
     uint32_t osd_id = 0, word = 0;
@@ -343,7 +344,7 @@ TEST_F(CodecTest, AFailedOpenLeavesThePitchAlone)
     EXPECT_EQ(pitch, 6u);
 }
 
-TEST_F(CodecTest, WhenTheCameraGoesCallsFailAtOnceAndTheNextSessionWorks)
+TEST_F(CodecTest, WhenTheCameraEndsCallsFailAtOnceAndANewSessionWorks)
 {
     const uint32_t res_id = start_post(0);
     open_session();
@@ -354,7 +355,7 @@ TEST_F(CodecTest, WhenTheCameraGoesCallsFailAtOnceAndTheNextSessionWorks)
 
     EXPECT_FAILS(qm7_cl_post_set_osd(res_id, osd_id, {0, 0}), CODEC_NO_CAMERA);
     EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NO_CAMERA);
-    std::memset(mem.addr, 1, mem.size); // still there to be drawn into
+    std::memset(mem.addr, 1, mem.size); // plane memory is still mapped
     EXPECT_EQ(qm7_cl_library_exit(), 0);
     EXPECT_FAILS(qm7_cl_library_init(), CODEC_NO_CAMERA);
     start_server();
@@ -372,7 +373,7 @@ TEST_F(CodecTest, WithoutARunDirectoryInitializationFails)
     EXPECT_FAILS(qm7_cl_library_init(), CODEC_INITIALIZED);
 }
 
-TEST_F(CodecTest, SeveralThreadsMayCallAtTheSameTime)
+TEST_F(CodecTest, ThreadsMayCallConcurrently)
 {
     const uint32_t res_id = start_post(0);
     open_session();

@@ -1,4 +1,4 @@
-// The preload object: the camera device and the fixed paths, as a program sees them.
+// The preload object: the camera device and the fixed paths, as a program uses them.
 
 #include <cerrno>
 #include <chrono>
@@ -42,11 +42,11 @@ std::vector<Line> parse(const std::string &text)
 }
 
 struct Outcome {
-    std::vector<Line> lines; // what the probe printed
+    std::vector<Line> lines; // printed by the probe
     std::string errors;
 };
 
-// Runs the probe on the camera to its end.
+// Runs the probe on the camera and waits for its end.
 struct ProbeCamera {
     std::string error;
     std::shared_ptr<Camera> camera;
@@ -60,7 +60,7 @@ struct ProbeCamera {
         options.program.insert(options.program.end(), actions.begin(), actions.end());
         camera = camera_start(options, &error);
         EXPECT_TRUE(camera) << error;
-        if (!faults.empty()) { // start over with them armed
+        if (!faults.empty()) { // restart with the faults armed
             wait();
             for (const Fault &fault : faults)
                 EXPECT_EQ(camera_set_fault(*camera, fault), "");
@@ -94,7 +94,7 @@ struct ProbeCamera {
     }
 };
 
-// Runs the probe without a camera; both streams come back as one.
+// Runs the probe without a camera; returns both streams in one text.
 std::string run_alone(const std::string &environment, const std::string &actions)
 {
     const std::string command =
@@ -119,7 +119,7 @@ size_t count_of(const std::string &text, const std::string &words)
 
 } // namespace
 
-TEST(Preload, ReadingsAreTheCamerasOwnOneAfterAnother)
+TEST(Preload, ReadingsAreConsecutiveMeasurementsOfTheCamera)
 {
     const ProbeCamera probe({"open", "config", "read", "read", "read", "read", "read"});
     const Outcome outcome = probe.outcome();
@@ -127,7 +127,7 @@ TEST(Preload, ReadingsAreTheCamerasOwnOneAfterAnother)
     ASSERT_EQ(outcome.lines.size(), 7u);
     for (const Line &line : outcome.lines)
         EXPECT_EQ(line.result, 0) << line.action;
-    // The five values stand in this order among the camera's.
+    // The camera measured the five values in this order.
     const auto measured = camera_measurements(*probe.camera, 0, 4096);
     size_t at = 0;
     for (size_t i = 2; i < 7; i++) {
@@ -139,7 +139,7 @@ TEST(Preload, ReadingsAreTheCamerasOwnOneAfterAnother)
     EXPECT_TRUE(camera_state(*probe.camera).focus_configured);
 }
 
-TEST(Preload, EveryWayToOpenLeadsToTheDevice)
+TEST(Preload, EveryOpenFunctionOpensTheDevice)
 {
     for (const char *way : {"open", "open64", "openat"}) {
         const Outcome outcome =
@@ -151,7 +151,7 @@ TEST(Preload, EveryWayToOpenLeadsToTheDevice)
     }
 }
 
-TEST(Preload, TheDeviceTakesItsTwoRequestsOnly)
+TEST(Preload, TheDeviceAcceptsItsTwoRequestsOnly)
 {
     const Outcome outcome =
         ProbeCamera({"open", "ioctl-other", "ioctl-null", "plain-read", "config", "read"})
@@ -160,20 +160,20 @@ TEST(Preload, TheDeviceTakesItsTwoRequestsOnly)
     EXPECT_EQ(outcome.lines[1].error, ENOTTY);
     EXPECT_EQ(outcome.lines[2].error, EFAULT);
     EXPECT_EQ(outcome.lines[3].error, EINVAL);
-    EXPECT_EQ(outcome.lines[5].result, 0); // unharmed by all that
+    EXPECT_EQ(outcome.lines[5].result, 0); // still works
 }
 
-TEST(Preload, ReadingsBeforeAConfigurationFailAndFillNothing)
+TEST(Preload, ReadingsBeforeAConfigurationFailAndWriteNothing)
 {
     const Outcome outcome = ProbeCamera({"open", "read", "read", "read"}).outcome();
     ASSERT_EQ(outcome.lines.size(), 4u);
     for (size_t i = 1; i < 4; i++) {
         EXPECT_EQ(outcome.lines[i].error, EINVAL);
-        EXPECT_EQ(outcome.lines[i].extra, 0); // the record is left as it was
+        EXPECT_EQ(outcome.lines[i].extra, 0); // the record is unchanged
     }
 }
 
-TEST(Preload, FixedPathsLieInTheRunDirectory)
+TEST(Preload, FixedPathsAreRedirectedToTheRunDirectory)
 {
     const ProbeCamera probe({"byte", PALETTE, "byte", FONT, "stream-byte", FONT, "write",
                              "/var/run/probe.pid", "byte", "/var/run/probe.pid", "byte",
@@ -210,7 +210,7 @@ TEST(Preload, FaultsOfTheDeviceReachTheProgram)
               1);
 }
 
-TEST(Preload, WithoutACameraThereIsOneExplanation)
+TEST(Preload, WithoutACameraOneLineGivesTheReason)
 {
     const std::string text = run_alone("env -u SIMCAM_RUN_DIR", "open open init init");
     EXPECT_EQ(count_of(text, "SIMCAM_RUN_DIR is not set"), 1u) << text;
@@ -222,22 +222,22 @@ TEST(Preload, WithoutACameraThereIsOneExplanation)
     EXPECT_EQ(count_of(elsewhere, "nothing answers at /nowhere/socket"), 1u) << elsewhere;
 }
 
-TEST(Preload, TheLibraryExplainsAMissingCameraWithoutACall)
+TEST(Preload, TheLibraryReportsAMissingCameraWhenItIsLoaded)
 {
     const std::string text = run_alone("env -u SIMCAM_RUN_DIR", "byte /etc/passwd");
     EXPECT_EQ(count_of(text, "SIMCAM_RUN_DIR is not set"), 1u) << text;
 }
 
-TEST(Preload, WithoutACameraTheFixedPathsStayEmpty)
+TEST(Preload, WithoutACameraTheFixedPathsDoNotExist)
 {
     const std::string text =
         run_alone("env -u SIMCAM_RUN_DIR", "write /var/run/probe.pid byte /etc/passwd");
     EXPECT_EQ(count_of(text, "write -1 " + std::to_string(ENOENT)), 1u) << text;
-    EXPECT_EQ(count_of(text, "byte 114 0"), 1u) << text; // "root:...": other paths are untouched
+    EXPECT_EQ(count_of(text, "byte 114 0"), 1u) << text; // "root:...": not redirected
     EXPECT_FALSE(std::filesystem::exists("/var/run/probe.pid"));
 }
 
-TEST(Preload, ReadingsFromALostCameraFailButDoNotSpin)
+TEST(Preload, ReadingsFromALostCameraFailAtThePaceOfReadings)
 {
     std::string name = (std::filesystem::temp_directory_path() / "preload-XXXXXX").string();
     const std::string directory = mkdtemp(name.data());

@@ -1,4 +1,4 @@
-// Does to the camera device and the fixed paths what its arguments say, one after another, and
+// Executes the actions given as arguments on the camera device and the fixed paths, in order, and
 // prints "ACTION RESULT ERRNO" for each; errno is 0 after success.
 
 #include <cerrno>
@@ -33,7 +33,7 @@ static int read_measurement(unsigned long request, uint32_t *raw)
     return result;
 }
 
-// Reads the first byte of a file by open; -1 where it cannot be opened.
+// Reads the first byte of a file with open; -1 if it cannot be opened.
 static int first_byte(const char *path)
 {
     const int file = open(path, O_RDONLY);
@@ -63,7 +63,7 @@ static int write_file(const char *path)
     return result;
 }
 
-// Returns the result; *extra is printed behind it where it is not negative.
+// Returns the result; *extra is printed after it unless negative.
 static int act(const std::string &action, const char *argument, long *extra)
 {
     uint32_t config[23] = {0x028004FF, 0x016802CF};
