@@ -1,40 +1,62 @@
-# Compile options, as targets: focus_options for everything, focus_product for what runs on a camera.
+# Compile options, as targets: focus_options for the simulated camera and the tests, focus_product for
+# what runs on a camera, focus_base for what both share.
+
+include(CheckCXXCompilerFlag)
 
 option(FOCUS_WERROR "Treat warnings as errors" OFF)
 set(FOCUS_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize=")
 option(FOCUS_COVERAGE "Instrument src/ for gcov" OFF)
 
-# What holds for everything, built with a sanitizer or not.
+# For everything, with and without sanitizers.
 add_library(focus_base INTERFACE)
-target_compile_features(focus_base INTERFACE cxx_std_20)
 target_compile_options(focus_base INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wundef
-    -Wcast-align -Wcast-qual -Wnull-dereference -Wdouble-promotion
-    # A fused multiply-add rounds once instead of twice and moves columns of the bar.
-    -ffp-contract=off)
-# The same sources give the same bytes in every folder.
-target_compile_options(focus_base INTERFACE
-    -ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+    -Wcast-align -Wcast-qual -Wdouble-promotion
+    # The bar's columns depend on IEEE 754 arithmetic in the order of the source. A fused
+    # multiply-add rounds once instead of twice. This order: clang's -fno-fast-math allows fusing.
+    -fno-fast-math -ffp-contract=off)
+# GCC has this one since version 6.
+check_cxx_compiler_flag(-Wnull-dereference FOCUS_HAS_NULL_DEREFERENCE)
+if(FOCUS_HAS_NULL_DEREFERENCE)
+    target_compile_options(focus_base INTERFACE -Wnull-dereference)
+endif()
+# The same sources give the same bytes in every folder. GCC 8 and clang 10 have the option.
+check_cxx_compiler_flag(-ffile-prefix-map=/from=to FOCUS_HAS_FILE_PREFIX_MAP)
+if(FOCUS_HAS_FILE_PREFIX_MAP)
+    target_compile_options(focus_base INTERFACE
+        -ffile-prefix-map=${PROJECT_BINARY_DIR}=build -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+endif()
 if(FOCUS_WERROR)
     target_compile_options(focus_base INTERFACE -Werror)
 endif()
 
-add_library(focus_options INTERFACE)
-target_link_libraries(focus_options INTERFACE focus_base)
+add_library(focus_sanitized INTERFACE)
+target_link_libraries(focus_sanitized INTERFACE focus_base)
 if(FOCUS_SANITIZE)
-    target_compile_options(focus_options INTERFACE
+    target_compile_options(focus_sanitized INTERFACE
         -fsanitize=${FOCUS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
-    target_link_options(focus_options INTERFACE -fsanitize=${FOCUS_SANITIZE})
+    target_link_options(focus_sanitized INTERFACE -fsanitize=${FOCUS_SANITIZE})
 endif()
 
+add_library(focus_options INTERFACE)
+target_link_libraries(focus_options INTERFACE focus_sanitized)
+target_compile_features(focus_options INTERFACE cxx_std_20)
+
 add_library(focus_product INTERFACE)
-target_link_libraries(focus_product INTERFACE focus_options)
+target_link_libraries(focus_product INTERFACE focus_sanitized)
 target_compile_options(focus_product INTERFACE
+    -pedantic-errors
     -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-threadsafe-statics
-    # The smallest build leaves out what nothing calls; the others keep it for a debugger.
+    # The smallest build leaves out unused functions; the others keep them for a debugger.
     "$<$<CONFIG:MinSizeRel>:-ffunction-sections;-fdata-sections>")
 target_link_options(focus_product INTERFACE $<$<CONFIG:MinSizeRel>:LINKER:--gc-sections>)
 if(FOCUS_COVERAGE)
     target_compile_options(focus_product INTERFACE --coverage -O0)
     target_link_options(focus_product INTERFACE --coverage)
 endif()
+
+# The language of the product: C++11 without extensions, so that an old compiler builds it.
+function(focus_cxx11 target)
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+endfunction()

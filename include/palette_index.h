@@ -1,5 +1,5 @@
-// Entries of the OSD color table that the readout draws with. Their colors come from the palette
-// file; of 16 to 19 the program forces some bytes (osd_palette.h).
+// Entries of the OSD color table that the readout uses. The palette file defines their colors; the
+// program overwrites some bytes of entries 16 to 19 (osd_palette.cpp).
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,4 @@ constexpr uint8_t PALETTE_TEXT = 16;      // text below the threshold
 constexpr uint8_t PALETTE_BOX = 17;       // box behind the text, unfilled part of the bar
 constexpr uint8_t PALETTE_FILL = 18;      // filled part of the bar
 constexpr uint8_t PALETTE_MARKER = 19;    // marker at the threshold
-constexpr uint8_t PALETTE_HIGHLIGHT = 20; // text from the threshold on
-
-// Percent of the peak from which the text is highlighted, and at which the bar's marker stands.
-constexpr int32_t FOCUS_THRESHOLD_PERCENT = 85;
+constexpr uint8_t PALETTE_HIGHLIGHT = 20; // text at or above the threshold

@@ -9,11 +9,4 @@ constexpr uint32_t RESOLUTION_1280 = 1;
 constexpr uint32_t RESOLUTION_720 = 2;
 constexpr uint32_t RESOLUTION_352 = 3;
 constexpr uint32_t RESOLUTION_COUNT = 4;
-constexpr uint32_t RESOLUTION_INVALID = 4; // no width of the table
-
-// Depth code of an OSD plane: bits per pixel = 2 << code.
-constexpr uint32_t DEPTH_CODE_8_BITS = 2;
-
-// Outputs of the video post-processor, and OSD planes of each.
-constexpr uint32_t POST_COUNT = 4;
-constexpr uint32_t OSD_PLANE_COUNT = 4;
+constexpr uint32_t RESOLUTION_INVALID = 4; // any other width

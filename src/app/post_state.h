@@ -7,7 +7,7 @@
 #include "draw/draw_param.h"
 #include "osd/osd_plane.h"
 #include "osd/osd_session.h"
-#include "resolution.h"
+#include "posts.h"
 
 // All zero but the numbers of the planes: the post has not been seen yet.
 struct PostState {

@@ -6,6 +6,7 @@
 
 #include "error_log.h"
 #include "palette_index.h"
+#include "resolution.h"
 #include "status.h"
 
 struct RegionSize {
@@ -73,6 +74,14 @@ int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const 
 
     params->initialized = 1;
     return STATUS_OK;
+}
+
+void font_release_slot(DrawParams *slot)
+{
+    if (slot->initialized == 0)
+        return;
+    (void)font_clear_engine(&slot->engine); // this function returns no status
+    slot->initialized = 0;
 }
 
 const OsdOpenParam *make_osd_open_param(uint32_t osd_number, const OsdRegion *region)

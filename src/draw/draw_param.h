@@ -8,7 +8,7 @@
 #include "font/font_engine.h"
 #include "osd/osd_session.h"
 #include "osd/qm7_codec.h"
-#include "resolution.h"
+#include "posts.h"
 
 // Drawing parameters of one post. All zero: not computed yet.
 struct DrawParams {
@@ -49,6 +49,9 @@ static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
 // Returns 0, always.
 int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
                         uint32_t spare, OsdRegion regions[OSD_PLANE_COUNT]);
+
+// Tears down slot's engine and marks slot as not initialized; does nothing if it is not.
+void font_release_slot(DrawParams *slot);
 
 // Sets size, depth code and color of region; an index of no resolution leaves the size as it was.
 void init_osd_region(OsdRegion *region, uint32_t resolution);

@@ -5,8 +5,13 @@
 #include <string.h>
 
 #include "error_log.h"
+#include "focus_threshold.h"
 #include "palette_index.h"
 #include "resolution.h"
+
+#ifdef __FAST_MATH__
+#error "-ffast-math moves columns of the bar: build with -fno-fast-math, placed after it"
+#endif
 
 static const int32_t FRAME_PIXELS[RESOLUTION_COUNT] = {5, 4, 3, 2}; // by resolution index
 

@@ -9,9 +9,11 @@
 
 #include "app/post_state.h"
 #include "error_log.h"
+#include "focus_threshold.h"
 #include "font/font_text.h"
 #include "osd/osd_plane.h"
 #include "palette_index.h"
+#include "resolution.h"
 #include "status.h"
 
 constexpr int32_t TEXT_CELLS = 21;      // room for one more than "FOCUS ASSIST 123/456"

@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "draw/draw_param.h"
 #include "error_log.h"
 #include "status.h"
 
@@ -100,14 +99,6 @@ int32_t font_clear_engine(FontEngine *engine)
     const int32_t result = FT_Done_FreeType(engine->library);
     engine->library = nullptr;
     return result;
-}
-
-void font_release_slot(DrawParams *slot)
-{
-    if (slot->initialized == 0)
-        return;
-    (void)font_clear_engine(&slot->engine); // there is no status to hand on
-    slot->initialized = 0;
 }
 
 int32_t font_init_engine(FontEngine *engine, const char *font_path, uint32_t pixel_size)

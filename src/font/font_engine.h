@@ -9,8 +9,6 @@
 #include FT_FREETYPE_H
 #include FT_GLYPH_H
 
-struct DrawParams;
-
 #define FONT_PATH "/usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf"
 
 constexpr uint32_t FONT_ENGINE_COUNT = 4; // one a resolution index
@@ -79,9 +77,6 @@ void font_free_cache(GlyphCache *cache);
 //
 // Returns FreeType's result of giving up the library; 0 for a null or dead engine.
 int32_t font_clear_engine(FontEngine *engine);
-
-// Tears down the engine in slot, where that is initialized, and marks it not initialized.
-void font_release_slot(DrawParams *slot);
 
 // The glyph of the first entry with char_code, or null. The cache keeps it.
 FT_Glyph font_find_glyph(const GlyphCache *cache, uint32_t char_code);

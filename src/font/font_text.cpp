@@ -144,12 +144,14 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
     const uint32_t mask = (1u << target->depth) - 1;
     const uint32_t value = (highlight != 0 ? PALETTE_HIGHLIGHT : target->fg_color) & mask;
 
-    const GlyphPlace place = {.bits = bitmap->buffer,
-                              .pitch = bitmap->pitch,
-                              .rows = (int32_t)rows,
-                              .cols = (int32_t)cols,
-                              .first = y0 * line_pixels + x0,
-                              .line_pixels = line_pixels};
+    GlyphPlace place;
+    place.bits = bitmap->buffer;
+    place.pitch = bitmap->pitch;
+    place.rows = (int32_t)rows;
+    place.cols = (int32_t)cols;
+    place.first = y0 * line_pixels + x0;
+    place.line_pixels = line_pixels;
+
     const int64_t pixels = (int64_t)buffer_size * pixels_per_byte(target->depth);
     const int64_t end = place.first + (rows - 1) * line_pixels + (cols + 7) / 8 * 8;
     if (target->depth == 8 && line_pixels >= 0 && place.first >= 0 && end <= pixels)

@@ -9,7 +9,7 @@
 #include "draw/painter.h"
 #include "error_log.h"
 #include "palette_index.h"
-#include "resolution.h"
+#include "posts.h"
 #include "status.h"
 
 // ---- open and close ----------------------------------------------------------------------------

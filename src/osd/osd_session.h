@@ -9,7 +9,7 @@
 #include <stdint.h>
 
 #include "osd/qm7_codec.h"
-#include "resolution.h"
+#include "posts.h"
 
 constexpr uint32_t OSD_NOTIFY_MASK = 15; // the library's bits; only ever this value
 
