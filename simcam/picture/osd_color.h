@@ -1,6 +1,6 @@
 // The color format of the simulated camera's OSD: what the four bytes of a palette entry mean.
-// Pictures get their colors here. focus-palette has the same formula of its own: it is built for
-// the building machine, from its own folder only.
+// Pictures get their colors here. tools/focus-palette has the same formula: the build runs it,
+// a cross build for a camera too, so it is a Python script.
 #pragma once
 
 #include <algorithm>

@@ -5,7 +5,7 @@ SECTION = "multimedia"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=f7f91550c717c65dcdc91f62f1630910"
 
-inherit cmake systemd update-rc.d externalsrc
+inherit cmake python3native systemd update-rc.d externalsrc
 
 # The sources are those that this layer lies in; the version is the newest of their changelog.
 EXTERNALSRC = "${FOCUS_ASSIST_LAYER}/../.."
@@ -29,14 +29,12 @@ FOCUS_CGI_LIBRARY ?= ""
 FOCUS_FONT ?= ""
 FOCUS_FONT_LICENSE ?= ""
 
-# /usr/local holds the fixed paths of the program; the executable goes beside them. The building
-# machine's compiler is one word: ccache may stand before it, options behind it.
+# /usr/local holds the fixed paths of the program; the executable goes beside them.
 EXTRA_OECMAKE = " \
     -DCMAKE_INSTALL_PREFIX:PATH=/usr/local \
     -DCMAKE_INSTALL_BINDIR:PATH=bin \
     -DFOCUS_BUILD_SIMCAM=OFF \
     -DFOCUS_BUILD_TESTS=OFF \
-    -DFOCUS_HOST_CXX=${@next(word for word in d.getVar('BUILD_CXX').split() if not word.endswith('ccache'))} \
     -DFOCUS_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
     -DFOCUS_CODEC_LIBRARY=${FOCUS_CODEC_LIBRARY} \
     -DFOCUS_CGI_LIBRARY=${FOCUS_CGI_LIBRARY} \
