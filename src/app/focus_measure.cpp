@@ -10,6 +10,13 @@
 constexpr uint32_t RAW_PER_DISPLAY_UNIT = 100;
 constexpr int32_t HOLD_THRESHOLD = 4; // display units; a change must exceed it
 
+// The type of ioctl's request: unsigned long in glibc and uClibc, int in musl.
+#ifdef __GLIBC__
+typedef unsigned long IoctlRequest;
+#else
+typedef int IoctlRequest;
+#endif
+
 uint8_t peak_hold = 1;
 
 void focus_measure_configure(int device)
@@ -21,13 +28,14 @@ void focus_measure_configure(int device)
     config.word[16] = 0x3FFF3FFF; // all of 14 bits, in each half
     config.word[17] = 0x3FFF3FFF;
     config.word[18] = 0x00003FFF;
-    (void)ioctl(device, CAM_FOCUS_CONFIG, &config); // the driver's own settings measure as well
+    // The driver's own settings measure as well.
+    (void)ioctl(device, (IoctlRequest)CAM_FOCUS_CONFIG, &config);
 }
 
 void focus_measure_step(FocusState *state, int device, CamFocusStats *stats)
 {
     stats->byte240 = 0;
-    (void)ioctl(device, CAM_FOCUS_READ, stats); // a failure repeats the last value
+    (void)ioctl(device, (IoctlRequest)CAM_FOCUS_READ, stats); // a failure repeats the last value
 
     const uint32_t value = stats->focus_value / RAW_PER_DISPLAY_UNIT;
     const uint32_t previous = state->current.load(std::memory_order_relaxed);

@@ -19,13 +19,18 @@ sed -n 's/^int32_t \(qm7_cl_[a-z_]*\)(.*/extern "C" int \1(void) { return -1; }/
     "$source/src/osd/qm7_codec.h" >"$box/codec.cpp"
 [ "$(wc -l <"$box/codec.cpp")" -eq 14 ] || fail "functions of the codec library: $(cat "$box/codec.cpp")"
 echo 'extern "C" int cgi_set_pid(const char *path) { return path != 0; }' >"$box/cgi.cpp"
+# Both use functions of other libraries that they are not linked with, as makers' libraries do.
+for library in codec cgi; do
+    echo "extern \"C\" int maker_private(); int use_$library() { return maker_private(); }" \
+        >>"$box/$library.cpp"
+done
 for library in codec:libqm7codec.so.2.0 cgi:libcgi.so; do
     "${prefix}g++" --sysroot="$sysroot" -shared -fPIC "-Wl,-soname,${library#*:}" \
         -o "$box/${library#*:}" "$box/${library%%:*}.cpp"
 done
 
 {
-    cmake -S "$source" -B "$box/build" -G Ninja --toolchain "$source/cmake/maker.cmake" \
+    cmake -S "$source" -B "$box/build" -G Ninja -D CMAKE_TOOLCHAIN_FILE="$source/cmake/maker.cmake" \
         -D CMAKE_BUILD_TYPE=MinSizeRel -D FOCUS_WERROR=ON \
         -D FOCUS_CROSS_PREFIX="$prefix" -D FOCUS_SYSROOT="$sysroot" -D FOCUS_TARGET_FLAGS="$flags" \
         -D FOCUS_CODEC_LIBRARY="$box/libqm7codec.so.2.0" -D FOCUS_CGI_LIBRARY="$box/libcgi.so"
