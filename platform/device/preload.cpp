@@ -19,6 +19,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -292,7 +293,7 @@ EXPORT int ioctl(int fd, unsigned long request, ...)
 }
 
 #if __SIZEOF_LONG__ == 4
-// What ioctl is for programs with 64-bit time on 32-bit machines.
+// What ioctl is called in programs with 64-bit time on 32-bit machines.
 EXPORT int __ioctl_time64(int fd, unsigned long request, ...)
 {
     static IoctlFunction *slot;
@@ -346,6 +347,31 @@ EXPORT int fstat64(int fd, struct stat64 *status)
     show_as_device(fd, result, &status->st_mode, &status->st_rdev);
     return result;
 }
+
+#if __SIZEOF_LONG__ == 4
+// The C library's record for programs with 64-bit time, as far as it is needed here. These records
+// have no public name where time has 32 bits.
+struct StatTime64 {
+    uint64_t st_dev;
+    uint64_t st_ino;
+    mode_t st_mode;
+    uint32_t st_nlink;
+    uint32_t st_uid;
+    uint32_t st_gid;
+    dev_t st_rdev;
+};
+static_assert(offsetof(StatTime64, st_mode) == 16 && offsetof(StatTime64, st_rdev) == 32,
+              "library record");
+
+// What fstat is called in programs with 64-bit time on 32-bit machines.
+EXPORT int __fstat64_time64(int fd, StatTime64 *status)
+{
+    static int (*slot)(int, StatTime64 *);
+    const int result = next(&slot, "__fstat64_time64")(fd, status);
+    show_as_device(fd, result, &status->st_mode, &status->st_rdev);
+    return result;
+}
+#endif
 
 // ---- output
 

@@ -3,6 +3,7 @@
 
 #include "app/display_loop.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csetjmp>
 #include <cstring>

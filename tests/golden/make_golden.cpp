@@ -27,7 +27,9 @@ int main(int argc, char **argv)
             const reference::Plane text =
                 reference::text_plane(output.width, output.height, pitch, TEST_FONT_PATH,
                                       values.text, values.percent >= 85);
-            write_image(folder + golden_text_name(output, values) + ".png", text.bytes, pitch);
+            write_image(folder + golden_text_name(output, values, golden_freetype_version()) +
+                            ".png",
+                        text.bytes, pitch);
         }
     }
     return 0;

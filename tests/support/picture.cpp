@@ -122,6 +122,11 @@ static std::vector<uint8_t> read_image(const std::string &path, size_t *pitch)
     return bytes;
 }
 
+bool has_golden(const std::string &name)
+{
+    return std::filesystem::exists(std::string(GOLDEN_FOLDER) + "/" + name + ".png");
+}
+
 testing::AssertionResult same_as_golden(std::span<const uint8_t> actual, size_t pitch,
                                         const std::string &name)
 {

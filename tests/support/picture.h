@@ -22,5 +22,8 @@ testing::AssertionResult same_picture(std::span<const uint8_t> actual,
 testing::AssertionResult same_as_golden(std::span<const uint8_t> actual, size_t pitch,
                                         const std::string &name);
 
+// Whether tests/golden has NAME.png.
+bool has_golden(const std::string &name);
+
 // Writes a picture as a palette image whose pixels are the bytes themselves.
 void write_image(const std::string &path, std::span<const uint8_t> bytes, size_t pitch);

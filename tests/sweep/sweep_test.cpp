@@ -4,6 +4,7 @@
 // every byte of memory, and nothing is left behind. How many faults there were to try is counted a
 // second way, from the steps as they are listed below.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>

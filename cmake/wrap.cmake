@@ -1,0 +1,45 @@
+# Lets __wrap_NAME in the sources of a target answer the program's calls of NAME, as --wrap=NAME does:
+#
+#     focus_wrap(TARGET PRIVATE|INTERFACE NAME...)
+#
+# A 32-bit program that is built with 64-bit file sizes and times calls open, fstat and ioctl by other
+# names. These are wrapped then, and the sources still say __wrap_open and __real_open.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("
+    #include <fcntl.h>
+    #if __SIZEOF_LONG__ != 4 || _FILE_OFFSET_BITS != 64
+    #error off_t is long
+    #endif
+    int main() { return 0; }" FOCUS_FILE64_NAMES)
+check_cxx_source_compiles("
+    #include <fcntl.h>
+    #if __SIZEOF_LONG__ != 4 || _TIME_BITS != 64
+    #error time_t is long
+    #endif
+    int main() { return 0; }" FOCUS_TIME64_NAMES)
+set(FOCUS_CALL_open open)
+set(FOCUS_CALL_fstat fstat)
+set(FOCUS_CALL_ioctl ioctl)
+if(FOCUS_FILE64_NAMES)
+    set(FOCUS_CALL_open open64)
+    set(FOCUS_CALL_fstat fstat64)
+endif()
+if(FOCUS_TIME64_NAMES)
+    set(FOCUS_CALL_fstat __fstat64_time64)
+    set(FOCUS_CALL_ioctl __ioctl_time64)
+endif()
+foreach(name IN ITEMS open fstat ioctl)
+    if(NOT "${FOCUS_CALL_${name}}" STREQUAL "${name}")
+        add_compile_definitions(
+            __wrap_${name}=__wrap_${FOCUS_CALL_${name}} __real_${name}=__real_${FOCUS_CALL_${name}})
+    endif()
+endforeach()
+
+function(focus_wrap target scope)
+    foreach(name IN LISTS ARGN)
+        if(DEFINED FOCUS_CALL_${name})
+            set(name ${FOCUS_CALL_${name}})
+        endif()
+        target_link_options(${target} ${scope} LINKER:--wrap=${name})
+    endforeach()
+endfunction()
