@@ -347,12 +347,13 @@ TEST(DrawBar, PitchZeroPaintsNothing)
     EXPECT_EQ(painted_bar(rect_of(720, 108, 0), 50, 100), std::vector<uint8_t>(100, JUNK));
 }
 
-// Every percent, every pitch, at the smallest height that shows two lines of the interior.
+// Every percent at every eleventh pitch, each time other ones, at the smallest height that shows
+// two lines of the interior. tests/exhaustive tries all by the bounds of the bar's parts.
 class DrawBarWhole : public testing::TestWithParam<uint32_t>
 {
 };
 
-TEST_P(DrawBarWhole, EqualsTheReferenceForEveryPercentAndPitch)
+TEST_P(DrawBarWhole, EqualsTheReferenceForEveryPercent)
 {
     static constexpr int32_t FRAMES[] = {5, 4, 3, 2, 0};
     const int32_t height = 2 * FRAMES[GetParam()] + 2;
@@ -360,7 +361,7 @@ TEST_P(DrawBarWhole, EqualsTheReferenceForEveryPercentAndPitch)
     std::vector<uint8_t> expected;
 
     for (int32_t percent = -10; percent <= 300; percent++) {
-        for (int32_t pitch = (percent + 10) % STRIDE; pitch <= 800; pitch += STRIDE) {
+        for (int32_t pitch = (percent + 10) % 11; pitch <= 800; pitch += 11 * STRIDE) {
             DrawRect rect = rect_of(720, height, pitch);
             rect.resolution = GetParam();
             const size_t size = (size_t)(pitch * height);
