@@ -1,4 +1,4 @@
-// Error lines. The only state is the tag, which nothing assigns.
+// Error lines. The only state is the tag, which nothing sets.
 
 #include "error_log.h"
 
@@ -12,7 +12,7 @@ const char *log_tag;
 constexpr size_t LINE_BYTES = 1024; // with the NUL
 constexpr size_t NAME_BYTES = 128;  // with the NUL
 
-// How many bytes stand in a buffer of room bytes after snprintf returned length.
+// Number of bytes in a buffer of room bytes after snprintf returned length.
 static size_t bytes_kept(int length, size_t room)
 {
     if (length < 0)
@@ -39,8 +39,8 @@ void log_error(const char *function, const char *format, ...)
     memcpy(line + bytes, name, name_bytes);
     bytes += name_bytes;
 
-    // One fwrite on an unbuffered stream is one write. What standard error cannot take is lost:
-    // there is nowhere else to say so.
+    // One fwrite on an unbuffered stream is one write. If standard error fails, the line is lost;
+    // there is no other place to report it.
     (void)fwrite(line, 1, bytes, stderr);
     (void)fflush(stderr);
 }

@@ -1,4 +1,4 @@
-// The display thread. All its state is a DisplayState in its own frame.
+// The display thread. Its whole state is a DisplayState in its stack frame.
 
 #include "app/display_loop.h"
 
@@ -16,7 +16,7 @@
 constexpr uint32_t BAR_PLANE = 0;
 constexpr uint32_t TEXT_PLANE = 1;
 
-static const char RUN_NAME[] = "osd_Focus_Assist_run"; // its steps report under its name
+static const char RUN_NAME[] = "osd_Focus_Assist_run"; // name in the error lines of its steps
 
 uint32_t focus_percent_of(uint32_t current, uint32_t peak)
 {
@@ -31,22 +31,22 @@ void display_start(DisplayState *display)
             post.planes[j].number = j;
     }
 
-    (void)OSD_Library_Process(); // without a session no post ever reports itself running
+    (void)OSD_Library_Process(); // without a session no post is ever reported as running
     if (osd_init_font(FONT_PATH, font_engines) != STATUS_OK)
         log_error(RUN_NAME, "osd_init_font() failed\n");
 }
 
-// Takes in what the library reported of post p since the last pass: a stop first, then a start.
+// Handles the reports of post p since the last pass: first a stop, then a start.
 static int32_t take_reports(uint32_t p, PostState *post)
 {
-    // Looked at in the opposite order: a start that is seen here brings along the stop before it,
-    // and no restart that comes between the two looks can lose its start to its own stop.
+    // Read the started bit first, but process the stop first: a restart reported between the two
+    // reads then keeps its start for the next pass instead of losing it to its own stop.
     const bool started = osd_take_started(p);
     const bool stopped = osd_take_stopped(p);
 
     if (stopped) {
         for (OsdPlane &plane : post->planes)
-            plane.opened = 0; // gone with the post: there is nothing to close
+            plane.opened = 0; // closed by the camera together with the post
         post->geometry.valid = 0;
     }
 
@@ -59,7 +59,7 @@ static int32_t draw_bar(uint32_t p, PostState *post, const OsdRegion *region, ui
 {
     OsdPlane *plane = &post->planes[BAR_PLANE];
 
-    // A plane that could not be opened is show_bar's to report.
+    // If the plane could not be opened, show_bar reports it.
     (void)osd_open_osd(osd_post_res_id(p), plane, make_osd_open_param(BAR_PLANE, region));
 
     const DrawRect *target = make_bar_rect(region, plane->pitch);
@@ -82,7 +82,7 @@ static int32_t draw_text(const FocusState *state, uint32_t p, PostState *post,
     }
 
     const DrawRect *target = make_string_rect(region, post, TEXT_PLANE);
-    // The values of this moment, which may be newer than those that percent was made of.
+    // The current values, which may be newer than those of percent.
     const uint32_t current = state->current.load(std::memory_order_relaxed);
     const uint32_t peak = state->peak.load(std::memory_order_relaxed);
     if (show_string(osd_post_res_id(p), TEXT_PLANE, &post->params.engine, target, (int32_t)current,
@@ -93,7 +93,7 @@ static int32_t draw_text(const FocusState *state, uint32_t p, PostState *post,
     return STATUS_OK;
 }
 
-// Draws the planes of a running post, the bar before the text; a failed step ends it.
+// Draws the planes of a running post, first the bar, then the text; stops at a failed step.
 static void draw_post(const FocusState *state, uint32_t p, PostState *post, OsdRegion *regions,
                       uint32_t percent)
 {

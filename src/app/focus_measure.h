@@ -10,7 +10,7 @@
 
 #define CAM_DEVICE_PATH "/dev/cam"
 
-// Configuration of the focus measurement. The layout is the camera driver's; some words hold two
+// Configuration of the focus measurement, in the layout of the camera driver; some words hold two
 // 16-bit halves.
 struct CamFocusConfig {
     uint32_t word[23];
@@ -20,7 +20,7 @@ static_assert(sizeof(CamFocusConfig) == 92, "driver record");
 // One measurement, filled by the driver.
 struct CamFocusStats {
     uint8_t reserved0[64];
-    uint32_t focus_value; // raw; display units are a hundredth of it
+    uint32_t focus_value; // raw; display units are raw / 100
     uint8_t reserved68[172];
     uint8_t byte240; // set to 0 before every request
     uint8_t reserved241[3];
@@ -34,17 +34,17 @@ constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;   // read a CamFocusStats
 static_assert(CAM_FOCUS_CONFIG == _IOW('p', 0, CamFocusConfig), "driver request");
 static_assert(CAM_FOCUS_READ == _IOR('p', 1, CamFocusStats), "driver request");
 
-// Not 0 while the peak is held at 0: from process start until the value first moves by more than 4
-// display units.
+// Not 0 while the peak is held at 0: from process start until the value first changes by more than
+// 4 display units.
 extern uint8_t peak_hold;
 
-// Configures the measurement on the open device; a refusal goes unnoticed.
+// Configures the measurement on the open device; a failure is ignored.
 void focus_measure_configure(int device);
 
-// One cycle: requests a record, publishes its value in state->current and raises state->peak. After
-// a failed request the value of the record's last content counts again.
+// One cycle: requests a record, stores its value in state->current and raises state->peak. After a
+// failed request the previous content of the record is used again.
 void focus_measure_step(FocusState *state, int device, CamFocusStats *stats);
 
-// Opens the device, configures it and measures for ever, at the pace of the device's read request.
-// Ends the process with status 1, silently, where the device cannot be opened.
+// Opens the device, configures it and measures in an endless loop, paced by the device's read
+// request. If the device cannot be opened, ends the process silently with status 1.
 void focus_measure_run(FocusState *state);

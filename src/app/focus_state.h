@@ -1,4 +1,4 @@
-// The record that joins the two threads of the process.
+// The record shared by the two threads of the process.
 #pragma once
 
 #include <atomic>
@@ -6,8 +6,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// The measurement loop writes current and peak, the display thread reads them, each word by itself:
-// one look may combine values of different measurements.
+// The measurement loop writes current and peak, the display thread reads them. Each word is atomic
+// on its own: a read of both may combine values of different measurements.
 struct FocusState {
     std::atomic<uint32_t> current; // focus value in display units: raw / 100
     std::atomic<uint32_t> peak;    // highest value since tracking began; 0: none yet

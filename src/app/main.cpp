@@ -1,6 +1,6 @@
-// The process: starts the display thread and becomes the measurement loop.
+// The process: starts the display thread, then runs the measurement loop.
 //
-// State: focus_state, shared by both threads; main clears it before the second exists.
+// State: focus_state, shared by both threads; main clears it before it starts the second.
 
 #include <pthread.h>
 #include <stdint.h>
@@ -14,7 +14,7 @@
 
 #define PID_FILE_PATH "/var/run/focus_assist.pid"
 
-// The camera's CGI support library: records the process id under path.
+// Of the camera's CGI support library: writes the process id to the file path.
 extern "C" int32_t cgi_set_pid(const char *path);
 
 static FocusState focus_state;
@@ -36,7 +36,7 @@ static void *display_thread_entry(void *argument)
 
 int main(int argc, char **argv)
 {
-    // FreeType would take settings from it that change the shapes of glyphs.
+    // FreeType reads it, and its settings would change the shapes of glyphs.
     (void)unsetenv("FREETYPE_PROPERTIES");
 
     init_focus_state(&focus_state, argc, argv);

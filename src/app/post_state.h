@@ -1,4 +1,4 @@
-// What the display loop keeps of a post. Display thread only.
+// The display loop's state of a post. Display thread only.
 #pragma once
 
 #include <stddef.h>
@@ -9,11 +9,11 @@
 #include "osd/osd_session.h"
 #include "posts.h"
 
-// All zero but the numbers of the planes: the post has not been seen yet.
+// All zero except the numbers of the planes: no report of the post yet.
 struct PostState {
     PostGeometry geometry;            // valid while the post runs
-    DrawParams params;                // of its first run, kept for all later ones
-    uint32_t spare;                   // handed to init_draw_param, which ignores it
+    DrawParams params;                // of the first run, kept for all later runs
+    uint32_t spare;                   // argument of init_draw_param, which ignores it
     OsdPlane planes[OSD_PLANE_COUNT]; // by OSD number: 0 the bar, 1 the text, 2 and 3 unused
 };
 static_assert(sizeof(void *) != 4 || sizeof(PostState) == 92, "23 words");

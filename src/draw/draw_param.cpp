@@ -1,6 +1,6 @@
 // Drawing parameters of a post.
 //
-// State: open_param, the request that make_osd_open_param hands out; display thread only.
+// State: open_param, the request that make_osd_open_param returns; display thread only.
 
 #include "draw/draw_param.h"
 
@@ -48,8 +48,8 @@ void init_osd_region(OsdRegion *region, uint32_t resolution)
 int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
                         uint32_t spare, OsdRegion regions[OSD_PLANE_COUNT])
 {
-    (void)font_path; // the engines have it open already
-    (void)spare;     // of no use yet
+    (void)font_path; // the engines have opened the font already
+    (void)spare;     // not used yet
 
     if (params->initialized != 0)
         return STATUS_OK;

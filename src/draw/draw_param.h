@@ -15,7 +15,7 @@ struct DrawParams {
     uint32_t initialized; // 0 or 1; nothing clears it when the post stops
     uint32_t font_size;   // height of the text box, lines
     int32_t cell_width;   // pixels
-    FontEngine engine;    // a copy: shares its handles with font_engines and owns none of them
+    FontEngine engine;    // copy; the handles belong to font_engines
 };
 static_assert(sizeof(void *) != 4 || sizeof(DrawParams) == 28, "seven words");
 static_assert(offsetof(DrawParams, font_size) == 4, "seven words");
@@ -40,22 +40,21 @@ static_assert(offsetof(OsdRegion, y) == 12, "six words");
 static_assert(offsetof(OsdRegion, color) == 16, "six words");
 static_assert(offsetof(OsdRegion, resolution) == 20, "six words");
 
-// Fills params and the post's four regions from geometry; does nothing where params is initialized
-// already, whatever geometry says now. font_path and spare are ignored.
+// Fills params and the post's four regions from geometry. Does nothing if params is already
+// initialized, even for another geometry. font_path and spare are ignored.
 //
-// A width of no resolution index is logged, leaves width and height of the regions as they were and
-// params without an engine; the text then fails by itself.
+// An unsupported width is logged; width and height of the regions stay unchanged and params has no
+// engine, so that drawing the text fails.
 //
-// Returns 0, always.
+// Always returns 0.
 int32_t init_draw_param(DrawParams *params, const PostGeometry *geometry, const char *font_path,
                         uint32_t spare, OsdRegion regions[OSD_PLANE_COUNT]);
 
 // Tears down slot's engine and marks slot as not initialized; does nothing if it is not.
 void font_release_slot(DrawParams *slot);
 
-// Sets size, depth code and color of region; an index of no resolution leaves the size as it was.
+// Sets size, depth code and color of region; an invalid resolution index leaves the size unchanged.
 void init_osd_region(OsdRegion *region, uint32_t resolution);
 
-// Fills the one request record of the process from region and returns it: to be handed on before
-// the next call.
+// Fills the process-wide request record from region and returns it; valid until the next call.
 const OsdOpenParam *make_osd_open_param(uint32_t osd_number, const OsdRegion *region);

@@ -26,7 +26,7 @@ static uint32_t background_of(const DrawRect *rect)
     return rect->bg_color & ((1u << rect->depth) - 1);
 }
 
-// How many of count bytes from offset on lie within size; offset is not negative.
+// Returns how many of the count bytes at offset lie within size; offset is not negative.
 static size_t bytes_within(int64_t offset, int64_t count, uint32_t size)
 {
     const int64_t room = (int64_t)size - offset;
@@ -35,8 +35,8 @@ static size_t bytes_within(int64_t offset, int64_t count, uint32_t size)
     return (size_t)(count < room ? count : room);
 }
 
-// Repeats the first line_bytes of lines until bytes are filled. What has been copied serves as the
-// source of the next copy up to a size that stays in the nearest cache.
+// Repeats the first line_bytes of lines until bytes are filled. Copies grow by using earlier copies
+// as their source, up to a size that fits the first-level cache.
 static void repeat_line(uint8_t *lines, size_t line_bytes, size_t bytes)
 {
     constexpr size_t SOURCE_BYTES = 4096;
@@ -60,7 +60,7 @@ void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
         return;
     }
 
-    uint32_t fill = 0; // a byte full of background pixels
+    uint32_t fill = 0; // a byte of background pixels
     for (uint32_t bit = 0; bit < 8; bit += rect->depth)
         fill |= background_of(rect) << bit;
 
@@ -73,7 +73,7 @@ void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
         memset(target + inside, 0, line - inside);
     }
     for (size_t byte = line; byte < filled; byte++)
-        target[byte] = (uint8_t)(target[byte] | fill); // beyond the pitch nothing was cleared
+        target[byte] = (uint8_t)(target[byte] | fill); // bytes beyond the pitch were not cleared
 
     const int64_t lines = (int64_t)rect->height * rect->pitch;
     if (line > 0)
@@ -82,14 +82,14 @@ void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
 
 // ---- bar ---------------------------------------------------------------------------------------
 
-// The first whole column at or behind a place.
+// The first whole column at or after place.
 static int64_t column_from(double place)
 {
-    const int64_t column = (int64_t)place; // towards 0
+    const int64_t column = (int64_t)place; // truncates toward 0
     return (double)column < place ? column + 1 : column;
 }
 
-// Sets the columns begin .. end - 1 that line has.
+// Sets columns begin .. end - 1, as far as the line has them.
 static void paint_columns(uint8_t *line, size_t columns, int64_t begin, int64_t end, uint8_t color)
 {
     if (begin < 0)
@@ -104,12 +104,12 @@ static void paint_columns(uint8_t *line, size_t columns, int64_t begin, int64_t 
 static void paint_interior_line(uint8_t *line, size_t columns, int32_t pitch, int32_t frame,
                                 int32_t percent, uint8_t fill)
 {
-    // The order of these operations, in double precision, decides on which column a bound falls.
+    // Keep the order of these double-precision operations: it decides the column of each bound.
     const int32_t width = pitch - 2 * frame;
     const double marker = frame + width * 0.01 * FOCUS_THRESHOLD_PERCENT;
-    const double marker_begin = marker - frame; // the marker lies strictly between
+    const double marker_begin = marker - frame; // the marker is strictly between the bounds
     const double marker_end = marker + frame;
-    const double filled_end = frame + percent * (width * 0.01); // the first column not filled
+    const double filled_end = frame + percent * (width * 0.01); // first column not filled
 
     const int64_t right = (int64_t)pitch - frame;
     const int64_t marker_first = -column_from(-marker_begin) + 1;
@@ -134,7 +134,7 @@ void draw_rectangle_bitmap(uint8_t *target, const DrawRect *rect, int32_t percen
     const size_t line = bytes_within(0, pitch, target_size);
     if (line == 0)
         return;
-    memset(target, PALETTE_CLEAR, line); // all there is to see of a bar without height
+    memset(target, PALETTE_CLEAR, line); // a bar without height shows only this line
 
     // Lines 0 .. top - 1 are frame, top .. bottom - 1 interior, bottom .. height - 1 frame.
     const int64_t height = rect->height > 0 ? rect->height : 0;

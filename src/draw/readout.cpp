@@ -16,8 +16,8 @@
 #include "resolution.h"
 #include "status.h"
 
-constexpr int32_t TEXT_CELLS = 21;      // room for one more than "FOCUS ASSIST 123/456"
-constexpr uint32_t TEXT_BYTES = 25 + 1; // longer texts are cut
+constexpr int32_t TEXT_CELLS = 21;      // one more than "FOCUS ASSIST 123/456" has
+constexpr uint32_t TEXT_BYTES = 25 + 1; // longer texts are truncated
 
 static DrawRect bar_target;
 static DrawRect string_target; // resolution stays 0
@@ -45,11 +45,11 @@ const DrawRect *make_string_rect(const OsdRegion *region, const PostState *post,
     string_target.width = TEXT_CELLS * params->cell_width;
     string_target.height = (int32_t)params->font_size;
     string_target.depth = 2u << region->depth_code;
-    if (region->resolution <= RESOLUTION_1280) // centerd over the bar; may be wider than it
+    if (region->resolution <= RESOLUTION_1280) // centered over the bar; may be wider than it
         string_target.x = region->x + (uint32_t)((region->width - string_target.width) / 2);
     else
         string_target.x = region->x + 1;
-    string_target.y = region->y - params->font_size; // ends where the bar begins
+    string_target.y = region->y - params->font_size; // directly above the bar
     string_target.fg_color = PALETTE_TEXT;
     string_target.bg_color = region->color;
     string_target.cell_width = params->cell_width;

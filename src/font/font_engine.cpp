@@ -32,7 +32,7 @@ int32_t font_get_glyph(FT_Face face, uint32_t char_code, FT_Glyph *glyph_out)
         log_error(__func__, "get glyph failed");
         return STATUS_FAULT;
     }
-    // 1: the outline is released once the bitmap has taken its place.
+    // 1: releases the outline when the bitmap replaces it.
     if (FT_Glyph_To_Bitmap(glyph_out, FT_RENDER_MODE_MONO, nullptr, 1) != 0) {
         log_error(__func__, "glyph to bitmap failed");
         return STATUS_FAULT;
@@ -44,7 +44,7 @@ void font_free_cache(GlyphCache *cache)
 {
     if (cache->entries) {
         for (uint32_t i = 0; i < cache->count; i++)
-            FT_Done_Glyph(cache->entries[i].glyph); // null where none was made
+            FT_Done_Glyph(cache->entries[i].glyph); // null if none was rendered
         free(cache->entries);
         cache->entries = nullptr;
     }
@@ -57,7 +57,7 @@ int32_t font_create_cache(FT_Face face, GlyphCache *cache, const char *charset)
     cache->entries = (GlyphCacheEntry *)calloc(cache->count, sizeof(GlyphCacheEntry));
     if (!cache->entries) {
         log_error(__func__, "calloc failed");
-        return STATUS_NOMEM; // the count stays: without an array it counts for nothing
+        return STATUS_NOMEM; // count stays set; without an array it is ignored
     }
 
     for (uint32_t i = 0; i < cache->count; i++) {
@@ -77,7 +77,7 @@ FT_Glyph font_find_glyph(const GlyphCache *cache, uint32_t char_code)
     if (!cache->entries)
         return nullptr;
     const GlyphCacheEntry *end = cache->entries + cache->count;
-#pragma GCC unroll 4 // half of what a short text costs is this search
+#pragma GCC unroll 4 // half of the time of a short text is this search
     for (const GlyphCacheEntry *entry = cache->entries; entry < end; entry++) {
         if (entry->char_code == char_code)
             return entry->glyph;
@@ -91,7 +91,7 @@ int32_t font_clear_engine(FontEngine *engine)
 {
     if (!engine || !engine->library) {
         log_error(__func__, "invalid param");
-        return STATUS_OK; // tearing down twice is harmless
+        return STATUS_OK; // a second call is harmless
     }
 
     font_free_cache(&engine->cache);
@@ -111,7 +111,7 @@ int32_t font_init_engine(FontEngine *engine, const char *font_path, uint32_t pix
 
     if (FT_Init_FreeType(&engine->library) != 0) {
         log_error(__func__, "Init_FreeType error");
-        engine->library = nullptr; // dead, whatever the failing call left there
+        engine->library = nullptr; // dead; the failed call may have written to it
         return STATUS_FAULT;
     }
 
@@ -127,13 +127,13 @@ int32_t font_init_engine(FontEngine *engine, const char *font_path, uint32_t pix
     request.height = (FT_Long)pixel_size * 64; // 26.6 fixed point
     if (FT_Request_Size(engine->face, &request) != 0) {
         log_error(__func__, "request size error");
-        (void)font_clear_engine(engine); // the failure is reported already
+        (void)font_clear_engine(engine); // the failure is already reported
         return STATUS_FAULT;
     }
 
     if (font_create_cache(engine->face, &engine->cache, CACHED_CHARACTERS) != STATUS_OK) {
         log_error(__func__, "create buffer error");
-        (void)font_clear_engine(engine); // the failure is reported already
+        (void)font_clear_engine(engine); // the failure is already reported
         return STATUS_FAULT;
     }
     return STATUS_OK;
@@ -160,7 +160,7 @@ void font_nominal_size(uint32_t osd_number, uint32_t *width, uint32_t *line_coun
 
 int32_t osd_init_font(const char *font_path, FontEngine engines[FONT_ENGINE_COUNT])
 {
-    uint32_t width = 0; // plays no part in the pixel size
+    uint32_t width = 0; // not used for the pixel size
     uint32_t line_count = 0;
 
     for (uint32_t osd_number = 0; osd_number < FONT_ENGINE_COUNT; osd_number++) {
@@ -176,8 +176,8 @@ int32_t osd_init_font(const char *font_path, FontEngine engines[FONT_ENGINE_COUN
 
 // ---- metrics -----------------------------------------------------------------------------------
 
-// A 26.6 value in pixels: positive ones rounded up, of negative ones the truncated quotient of one
-// unit less, plus 1.
+// A 26.6 value in whole pixels. Positive values are rounded up; for negative values the division
+// truncates toward 0 before 1 is added.
 static int32_t pixels_of(FT_Pos value)
 {
     return (int32_t)((value - 1) / 64 + 1);

@@ -1,4 +1,4 @@
-// Drawing a string. No state but the engine's cache, which is the caller's.
+// Drawing a string. No state except the cache of the caller's engine.
 
 #include "font/font_text.h"
 
@@ -9,18 +9,18 @@
 #include "palette_index.h"
 #include "status.h"
 
-// A glyph's bits and their place in the target. Pixels of the target are numbered through from its
-// first line on, so a run past the end of a line goes on in the next.
+// A glyph's bits and their position in the target. Pixels of the target are numbered consecutively
+// from its first line, so a run past the end of a line continues in the next.
 struct GlyphPlace {
     const uint8_t *bits; // rows of pitch bytes, most significant bit first
     int32_t pitch;       // bytes
     int32_t rows;
     int32_t cols;
-    int64_t first;       // pixel number of the first bit; may lie outside the target
+    int64_t first;       // pixel number of the first bit; may be outside the target
     int64_t line_pixels; // from one row to the next
 };
 
-// Of a valid depth. A division would be a call of dozens of instructions on the target.
+// For a valid depth. A division would be a library call of dozens of instructions on the target.
 static int32_t pixels_per_byte(uint32_t depth)
 {
     if (depth == 8)
@@ -35,7 +35,7 @@ static int64_t line_pixels_of(const DrawRect *target)
 
 // ---- glyph -------------------------------------------------------------------------------------
 
-// Four bits of a glyph as four bytes, each all ones where the bit is set.
+// Expands four bits of a glyph to four bytes; a set bit becomes 0xFF.
 static const uint8_t NIBBLE_MASKS[16][4] = {
     {0x00, 0x00, 0x00, 0x00}, {0x00, 0x00, 0x00, 0xFF}, {0x00, 0x00, 0xFF, 0x00},
     {0x00, 0x00, 0xFF, 0xFF}, {0x00, 0xFF, 0x00, 0x00}, {0x00, 0xFF, 0x00, 0xFF},
@@ -44,8 +44,7 @@ static const uint8_t NIBBLE_MASKS[16][4] = {
     {0xFF, 0xFF, 0x00, 0x00}, {0xFF, 0xFF, 0x00, 0xFF}, {0xFF, 0xFF, 0xFF, 0x00},
     {0xFF, 0xFF, 0xFF, 0xFF}};
 
-// Gives the pixels at dest that the nibble's bits select the color of colors, which holds it four
-// times.
+// Sets the pixels at dest for the set bits of the nibble; colors holds the color four times.
 static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
 {
     uint32_t mask;
@@ -56,7 +55,7 @@ static void paint_nibble(uint8_t *dest, uint32_t nibble, uint32_t colors)
     memcpy(dest, &pixels, sizeof pixels);
 }
 
-// The same for the eight bits of a byte.
+// Does the same for the eight bits of a byte.
 static void paint_byte(uint8_t *dest, uint32_t byte, uint32_t colors)
 {
     if (byte >> 4 != 0)
@@ -65,13 +64,13 @@ static void paint_byte(uint8_t *dest, uint32_t byte, uint32_t colors)
         paint_nibble(dest + 4, byte & 0x0F, colors);
 }
 
-// Draws at 8 bits per pixel, eight pixels at a time: all of them must lie within the buffer, the
-// last ones of a row up to 7 columns behind the glyph too.
+// Draws at 8 bits per pixel, eight pixels at a time. All of them must be inside the buffer, also up
+// to 7 columns after the last column of the glyph.
 static void draw_glyph_bytes(uint8_t *buffer, const GlyphPlace *place, uint8_t color)
 {
     const uint32_t colors = color * 0x01010101u;
     const int32_t last = (place->cols - 1) / 8;
-    const uint32_t last_bits = 0xFF00u >> (place->cols - 8 * last); // the rest is behind the glyph
+    const uint32_t last_bits = 0xFF00u >> (place->cols - 8 * last); // the rest is beyond the glyph
     const uint8_t *bits = place->bits;
     ptrdiff_t first = (ptrdiff_t)place->first;
 
@@ -85,7 +84,7 @@ static void draw_glyph_bytes(uint8_t *buffer, const GlyphPlace *place, uint8_t c
     }
 }
 
-// Draws at any depth and at any place, pixel by pixel.
+// Draws at any depth and position, pixel by pixel.
 static void draw_glyph_pixels(uint8_t *buffer, int64_t pixels, const GlyphPlace *place,
                               uint32_t depth, uint32_t value)
 {
@@ -125,14 +124,14 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
     const int64_t x0 = (int64_t)source->left + x_origin;
     const int64_t y0 = (int64_t)target->height - source->top + baseline_offset;
 
-    // Deliberately coarse: only a glyph larger than the whole target is clipped ...
+    // Deliberately coarse: clips only a glyph that is larger than the whole target ...
     int64_t rows = bitmap->rows;
     int64_t cols = bitmap->width;
     if (target->height < rows)
         rows = target->height - y0;
     if (cols > line_pixels)
         cols = line_pixels - x0;
-    // ... which can ask for more than the glyph has.
+    // ... so that more columns or rows may remain than the glyph has.
     if (rows > (int64_t)bitmap->rows)
         rows = bitmap->rows;
     if (cols > (int64_t)bitmap->width)
@@ -163,10 +162,9 @@ int32_t font_draw_target(uint8_t *buffer, const DrawRect *target, FT_Glyph glyph
 
 // ---- string ------------------------------------------------------------------------------------
 
-static const char BITMAP_NAME[] = "font_get_target_bitmap"; // its steps report under its name
+static const char BITMAP_NAME[] = "font_get_target_bitmap"; // name in the error lines of its steps
 
-// Draws a glyph of the cache. One that cannot be drawn is released, and its entry emptied so that
-// nothing uses it again.
+// Draws a glyph of the cache. If that fails, releases the glyph and clears its entry.
 static int32_t draw_cached(FontEngine *engine, FT_Glyph glyph, const DrawRect *target,
                            uint8_t *buffer, int32_t x_origin, uint8_t highlight,
                            uint32_t buffer_size)
@@ -184,13 +182,13 @@ static int32_t draw_cached(FontEngine *engine, FT_Glyph glyph, const DrawRect *t
     return STATUS_FAULT;
 }
 
-// Renders a character that the cache lacks, draws it and releases it.
+// Renders a character that is not cached, draws it and releases it.
 static int32_t draw_uncached(const FontEngine *engine, uint32_t char_code, const DrawRect *target,
                              uint8_t *buffer, int32_t x_origin, uint8_t highlight,
                              uint32_t buffer_size)
 {
     FT_Glyph glyph = nullptr;
-    const FT_Face face = engine->library ? engine->face : nullptr; // a dead engine's is stale
+    const FT_Face face = engine->library ? engine->face : nullptr; // stale without a library
     if (font_get_glyph(face, char_code, &glyph) != STATUS_OK) {
         log_error(BITMAP_NAME, "set glyph failed");
         FT_Done_Glyph(glyph);

@@ -18,7 +18,7 @@ struct ForcedByte {
     uint8_t value;
 };
 
-// In the order of writing.
+// In the order in which they are written.
 static const ForcedByte FORCED_BYTES[] = {
     {PALETTE_TEXT, 3, 0x08},   {PALETTE_BOX, 1, 0x28},    {PALETTE_BOX, 2, 0x6D},
     {PALETTE_BOX, 0, 0xEF},    {PALETTE_FILL, 1, 0x54},   {PALETTE_FILL, 2, 0xFF},
@@ -37,7 +37,7 @@ int32_t osd_open_file(const char *path, uint32_t *size_out)
     struct stat status;
     if (fstat(file, &status) != 0) {
         perror("fstat");
-        (void)close(file); // only read from: nothing can be lost
+        (void)close(file); // read-only: nothing can be lost
         return STATUS_FILE;
     }
 
@@ -57,18 +57,18 @@ int32_t osd_load_file(const char *path, void *buffer, uint32_t buffer_len)
         printf("size=%d\n", (int)size);
         printf("buffer_len=%d\n", (int)buffer_len);
         printf("file too large\n");
-        (void)close(file); // only read from
+        (void)close(file); // read-only
         return STATUS_FILE;
     }
 
     const ssize_t bytes = read(file, buffer, size);
     if (bytes < 0 || (size_t)bytes != size) {
         perror(path);
-        (void)close(file); // only read from
+        (void)close(file); // read-only
         return STATUS_FILE;
     }
 
-    (void)close(file); // only read from
+    (void)close(file); // read-only
     return STATUS_OK;
 }
 
@@ -78,7 +78,7 @@ void osd_fill_color_mem(const OsdMem *mem)
     if (table)
         memset(table, 0, mem->size);
 
-    // The session goes on with whatever the memory then holds; without memory the read fails.
+    // A failure is ignored: the session continues with the memory as it is then.
     (void)osd_load_file(OSD_PALETTE_PATH, table, mem->size);
 
     for (const ForcedByte &forced : FORCED_BYTES) {

@@ -1,4 +1,4 @@
-// OSD planes of a post. No state: planes are the caller's records.
+// OSD planes of a post. No state: the planes are records of the caller.
 
 #include "osd/osd_plane.h"
 
@@ -32,7 +32,7 @@ int32_t osd_open_osd(uint32_t postResId, OsdPlane *plane, const OsdOpenParam *pa
     if (plane->opened != 0)
         return STATUS_OK;
 
-    uint32_t extra_out = 0; // the library wants a place for it
+    uint32_t extra_out = 0; // an output of the library that nothing uses
     if (qm7_cl_post_open_osd(postResId, param, &extra_out, &plane->pitch) == 0) {
         plane->opened = 1;
         return STATUS_OK;
@@ -60,7 +60,7 @@ int32_t osd_close_osd(OsdPlane *plane, uint32_t postResId)
             log_error(__func__, "qm7_cl_post_clear_osd() failed. errno=0x%08X", code);
             log_error(__func__, "postResId=0x%08lX, Number=0x%08X", (unsigned long)postResId,
                       plane->number);
-            return STATUS_FAULT; // still open: a later close starts again from the clear
+            return STATUS_FAULT; // still open; the next close begins with the clear again
         }
     }
 
@@ -75,7 +75,7 @@ int32_t osd_close_osd(OsdPlane *plane, uint32_t postResId)
 
 // ---- frame update of the bar -------------------------------------------------------------------
 
-// Clears mem from byte begin on, which is not behind its end. Returns how many bytes mem has.
+// Clears mem from byte begin on, at most its size. Returns the number of bytes of mem.
 static uint32_t clear_from(const OsdMem *mem, uint32_t begin)
 {
     if (!mem->addr)
@@ -93,7 +93,7 @@ int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, i
 {
     const OsdPosition position = {(uint16_t)rect->x, (uint16_t)rect->y};
 
-    if (osd_number > (int32_t)OSD_PLANE_COUNT - 1) { // negative numbers are the library's to refuse
+    if (osd_number > (int32_t)OSD_PLANE_COUNT - 1) { // the library refuses negative numbers
         printf("invalid osd number %d", osd_number);
         return STATUS_FAULT;
     }
@@ -108,7 +108,8 @@ int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, i
         return STATUS_FAULT;
     }
 
-    // 32-bit arithmetic that may wrap; the painter stays within mem.size whatever comes out here.
+    // 32-bit arithmetic that may wrap; the painter never writes beyond mem.size, whatever the
+    // result.
     const uint32_t lines = (uint32_t)rect->pitch * (uint32_t)rect->height;
     if (mem.size < lines) {
         printf("osd memory over: mem.size=%ld pitch=%d height=%d", (long)(int32_t)mem.size,
@@ -121,7 +122,7 @@ int32_t show_bar(uint32_t postResId, int32_t osd_number, const DrawRect *rect, i
         return STATUS_INVALID;
     }
 
-    // Of lines that there are the painter sets every byte, so that what is behind them is cleared.
+    // The painter sets every byte of the lines, so only the rest must be cleared.
     const bool has_lines = rect->pitch > 0 && rect->height > 0;
     const uint32_t paintable = clear_from(&mem, has_lines ? lines : 0);
     draw_rectangle_bitmap((uint8_t *)mem.addr, rect, percent, paintable);

@@ -16,7 +16,7 @@ PostNotifyState post_notify_state;
 
 // ---- reports -----------------------------------------------------------------------------------
 
-// Four bits a post: post 0 has bit 0, post 3 has bit 12.
+// Four bits per post: post 0 has bit 0, post 3 has bit 12.
 static uint16_t post_bit(uint32_t post)
 {
     return (uint16_t)(1u << (4 * post));
@@ -31,7 +31,7 @@ void osd_post_notify(PostNotifyInfo info)
     if (info.running != 0) {
         post_notify_state.post_res_id[info.post_index].store(info.postResId,
                                                              std::memory_order_relaxed);
-        // The bit publishes the id: who sees it reads the id stored above, or a later one.
+        // Release: a reader that sees the bit reads the id stored above or a later one.
         post_notify_state.started_mask.fetch_or(bit, std::memory_order_release);
     } else {
         post_notify_state.stopped_mask.fetch_or(bit, std::memory_order_release);
@@ -43,8 +43,7 @@ static bool take_bit(std::atomic<uint16_t> *mask, uint32_t post)
     const uint16_t bit = post_bit(post);
     if ((mask->load(std::memory_order_relaxed) & bit) == 0)
         return false;
-    // The clearing is what acquires, so that a report that came after the test is taken along
-    // whole.
+    // Acquire with the clear, not with the test: a report between the two is then taken completely.
     mask->fetch_and((uint16_t)~bit, std::memory_order_acquire);
     return true;
 }
@@ -72,7 +71,7 @@ static int32_t start_failed(const char *call, uint32_t code)
     return STATUS_FAULT;
 }
 
-// Gives device and library back; whether that works changes nothing for the caller.
+// Closes device and library; failures are ignored.
 static void undo_device()
 {
     (void)qm7_cl_sys_close_device();
@@ -88,7 +87,7 @@ int32_t OSD_Library_Process()
 
     if (qm7_cl_sys_open_device() != 0) {
         const int32_t status = start_failed("qm7_cl_sys_open_device", (uint32_t)errno);
-        (void)qm7_cl_library_exit(); // nothing could be done about a failure
+        (void)qm7_cl_library_exit(); // a failure has no remedy
         return status;
     }
 
@@ -138,7 +137,7 @@ int32_t get_post_geometry(PostGeometry *geometry, uint32_t postResId)
     PostStatus status;
     memset(&status, 0, sizeof status);
     if (qm7_cl_post_thread_get_status(postResId, &status) != 0)
-        return STATUS_FAULT; // reported by the display loop, which knows the post's number
+        return STATUS_FAULT; // the display loop reports it with the post's number
 
     geometry->width = status.width;
     geometry->height = status.height;

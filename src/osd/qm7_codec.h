@@ -1,13 +1,12 @@
-// The camera codec library, libqm7codec.so.2.0, as far as the program uses it: its records, its
-// functions, its error codes. Layouts and names are the library's. Every function returns 0 on
-// success; otherwise errno holds a 32-bit library code. Memory that it hands out stays the
-// library's.
+// The part of the camera codec library, libqm7codec.so.2.0, that the program uses: records,
+// functions, error codes. Layouts and names are the library's. Every function returns 0 on success;
+// otherwise errno holds a 32-bit library code. Memory that the library returns belongs to it.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
-// What the notify callback is told, passed by value.
+// Argument of the notify callback, passed by value.
 struct PostNotifyInfo {
     uint32_t word0;      // not used here
     uint32_t postResId;  // resource id of the post
@@ -39,7 +38,7 @@ static_assert(sizeof(void *) != 4 || sizeof(OsdMem) == 8, "library record");
 static_assert(offsetof(OsdMem, addr) == 0, "library record");
 static_assert(offsetof(OsdMem, size) == sizeof(void *), "library record");
 
-// What the library is asked for when a plane is opened.
+// Request for opening a plane.
 struct OsdOpenParam {
     uint32_t number;     // OSD number on its post, 0..3
     uint16_t width;      // pixels
@@ -59,12 +58,12 @@ struct OsdPosition {
 static_assert(sizeof(OsdPosition) == 4, "library record");
 static_assert(offsetof(OsdPosition, y) == 2, "library record");
 
-// Tolerated: a failed open counts as open, a failed clear does not stop a close.
+// Tolerated codes: a failed open counts as open, a failed clear does not stop a close.
 constexpr uint32_t QM7_TOLERATED_1 = 0x81E03204;
 constexpr uint32_t QM7_TOLERATED_2 = 0x81E04507;
 constexpr uint32_t QM7_TOLERATED_3 = 0x81003209;
 constexpr uint32_t QM7_TOLERATED_4 = 0x81E0250C;
-// The one failure of an open that osd_open_osd reports.
+// The only failed open that osd_open_osd returns as a failure.
 constexpr uint32_t QM7_OPEN_REFUSED = 0x81E03246;
 
 typedef void (*PostNotifyCallback)(PostNotifyInfo info);
@@ -76,7 +75,7 @@ int32_t qm7_cl_library_exit(void);
 int32_t qm7_cl_sys_open_device(void);
 int32_t qm7_cl_sys_close_device(void);
 
-// Registers the callback; the library calls it from a thread of its own.
+// Registers the callback; the library calls it from its own thread.
 int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback);
 int32_t qm7_cl_post_set_notify(uint32_t mask);
 

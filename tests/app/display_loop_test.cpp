@@ -330,7 +330,7 @@ TEST_F(DisplayLoop, PostThatStartedIsDrawnInTheSamePassBarBeforeText)
 
     const Calls calls = quiet_pass();
 
-    // Text: 42 lines above the bar; 21 cells of 22 pixels centerd over it: 400 + (480 - 462) / 2.
+    // Text: 42 lines above the bar; 21 cells of 22 pixels centered over it: 400 + (480 - 462) / 2.
     EXPECT_EQ(
         calls,
         Calls({"qm7_cl_post_thread_get_status(101)", "qm7_cl_post_open_osd(101, {0, 480, 72, 2})",

@@ -127,7 +127,7 @@ TEST(OsdClearMem, NoMemoryIsNothingToPaintOn)
 // ---- show_bar ----------------------------------------------------------------------------------
 
 // A bar of 20 x 6 with a frame of 2. Interior: 16 columns, 16 % of one column a percent; the marker
-// is centerd at 2 + 13.6 and reaches 2 to each side: columns 14 to 17. 50 % end at column 10.
+// is centered at 2 + 13.6 and reaches 2 to each side: columns 14 to 17. 50 % end at column 10.
 static constexpr uint32_t PITCH = 20;
 static constexpr uint32_t HEIGHT = 6;
 static const DrawRect BAR = {999, (int32_t)HEIGHT, 8, 110, 192, 0, 17, 0, (int32_t)PITCH, 3};
