@@ -1,19 +1,19 @@
 # A camera maker's compiler and libraries, soft-float and hard-float alike.
 #
-#   cmake -S . -B build/camera --toolchain cmake/maker.cmake
+#   cmake -S . -B build/camera -D CMAKE_TOOLCHAIN_FILE=cmake/maker.cmake
 #       -D FOCUS_CROSS_PREFIX=/opt/maker/bin/arm-maker-linux-gnueabi-
 #       -D FOCUS_SYSROOT=/opt/maker/sysroot
 #       -D FOCUS_CODEC_LIBRARY=/opt/maker/sysroot/usr/lib/libqm7codec.so.2.0
 #       -D FOCUS_CGI_LIBRARY=/opt/maker/sysroot/usr/lib/libcgi.so
 #
-# docs/target.md says more.
+# docs/porting.md says more.
 
-set(FOCUS_CROSS_PREFIX "" CACHE STRING "What stands before g++ in the compiler's name, with its path")
+set(FOCUS_CROSS_PREFIX "" CACHE STRING "The compiler's path and name without the final g++")
 set(FOCUS_SYSROOT "" CACHE PATH "Folder with the camera's headers and libraries; empty: the compiler's")
 set(FOCUS_TARGET_FLAGS "" CACHE STRING "Options for the camera's processor, as -mfloat-abi=softfp")
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES FOCUS_CROSS_PREFIX FOCUS_SYSROOT FOCUS_TARGET_FLAGS)
 if(NOT FOCUS_CROSS_PREFIX)
-    message(FATAL_ERROR "FOCUS_CROSS_PREFIX is not set: what stands before g++ in the compiler's name")
+    message(FATAL_ERROR "Set FOCUS_CROSS_PREFIX to the compiler's path and name without the final g++")
 endif()
 
 set(CMAKE_SYSTEM_NAME Linux)
