@@ -10,7 +10,7 @@ set_tests_properties(e2e_arm.simulated_camera PROPERTIES
 # Its path contains a space to show that such a path works.
 set(sysroot "${PROJECT_BINARY_DIR}/the sysroot")
 file(CREATE_LINK ${CMAKE_SYSROOT} ${sysroot} SYMBOLIC)
-set(emulator qemu-arm -L ${sysroot})
+set(emulator qemu-arm ${emulated_cpu} -L ${sysroot})
 if(FOCUS_SANITIZE) # the preload object is loaded before the sanitizer's runtime
     list(PREPEND emulator env ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0)
 endif()
