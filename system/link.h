@@ -35,7 +35,7 @@ enum LinkType : uint16_t {
     LINK_REPLY, // a reply packet; that of the color memory is followed by the color table
     LINK_EVENT, // a WireNotify of a client
     LINK_GONE,  // simcam has closed the client's connection
-    LINK_ACTION // one word, a LinkAction
+    LINK_ACTION // one word, a LinkAction; then the text of ACTION_SHELL
 };
 
 // What the host asks of the guest.
@@ -46,7 +46,12 @@ enum LinkAction : uint32_t {
     ACTION_POWER_OFF,     //
     ACTION_DEVICE_REMOVE, // /dev/cam disappears, open or not
     ACTION_DEVICE_ADD,    // and comes back
+    ACTION_SHELL,         // runs the text as a shell command
+    LINK_ACTIONS,
 };
+// Their names in commands.
+constexpr const char *LINK_ACTION_NAMES[LINK_ACTIONS] = {
+    "", "start", "stop", "kill", "power-off", "device-remove", "device-add", "sh"};
 
 struct LinkPlane {
     uint32_t post;

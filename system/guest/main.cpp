@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string>
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
@@ -27,15 +28,17 @@ static void take_record(const Record &record)
         return;
     }
     uint32_t action = 0;
-    if (record.bytes.size() == sizeof action)
-        memcpy(&action, record.bytes.data(), sizeof action);
+    if (record.bytes.size() < sizeof action)
+        return;
+    memcpy(&action, record.bytes.data(), sizeof action);
     const uint32_t done[2] = {action, 0};
     if (action == ACTION_DEVICE_REMOVE)
         device_remove();
     else if (action == ACTION_DEVICE_ADD)
         device_add();
     else {
-        overlay_action(action);
+        overlay_action(action,
+                       std::string(record.bytes.begin() + sizeof action, record.bytes.end()));
         return;
     }
     port_send(LINK_DONE, 0, done, sizeof done);

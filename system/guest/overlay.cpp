@@ -90,16 +90,19 @@ void overlay_report()
 
 // ---- actions
 
-static std::deque<uint32_t> actions; // the first one runs
+struct Action {
+    uint32_t number;
+    std::string text;
+};
+static std::deque<Action> actions; // the first one runs
 static pid_t command;
 
 static void start_next()
 {
-    static const char *const names[] = {"",          "start",         "stop",      "kill",
-                                        "power-off", "device-remove", "device-add"};
     if (command || actions.empty())
         return;
-    const uint32_t action = actions.front();
+    const Action &action = actions.front();
+    const size_t number = action.number < LINK_ACTIONS ? action.number : 0;
     command = fork();
     if (command == 0) {
         sigset_t none;
@@ -107,15 +110,19 @@ static void start_next()
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
         setsid();
-        execl(COMMAND, COMMAND, action < sizeof names / sizeof *names ? names[action] : "",
+        const int terminal = open(TERMINAL, O_WRONLY | O_NOCTTY);
+        dup2(terminal, 1);
+        dup2(terminal, 2);
+        close(terminal);
+        execl(COMMAND, COMMAND, LINK_ACTION_NAMES[number], action.text.c_str(),
               static_cast<char *>(nullptr));
         _exit(127);
     }
 }
 
-void overlay_action(uint32_t action)
+void overlay_action(uint32_t action, const std::string &text)
 {
-    actions.push_back(action);
+    actions.push_back({action, text});
     start_next();
 }
 
@@ -125,7 +132,7 @@ void overlay_reap()
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
         if (pid != command)
             continue;
-        const uint32_t done[2] = {actions.front(), static_cast<uint32_t>(status)};
+        const uint32_t done[2] = {actions.front().number, static_cast<uint32_t>(status)};
         actions.pop_front();
         command = 0;
         overlay_report();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <string>
 
 // Makes the terminal /run/overlay-terminal that the overlay writes to. Returns its other end, or
 // -1.
@@ -10,7 +11,8 @@ int overlay_terminal();
 void overlay_output(int terminal);
 // Sends the state of the process to the host.
 void overlay_report();
-// Starts the command for a LinkAction; several run one after another.
-void overlay_action(uint32_t action);
+// Starts the command for a LinkAction, of ACTION_SHELL with its text; several run one after
+// another. What it prints goes to the terminal.
+void overlay_action(uint32_t action, const std::string &text);
 // Reaps commands that have ended, and says so to the host.
 void overlay_reap();

@@ -58,10 +58,9 @@ static bool send_record(const Bridge &bridge, uint16_t type, uint16_t client, co
     return true;
 }
 
-bool bridge_act(const Bridge &bridge, LinkAction action)
+bool bridge_act(const Bridge &bridge, uint32_t action, const std::string &text)
 {
-    const uint32_t word = action;
-    return send_record(bridge, LINK_ACTION, 0, &word, sizeof word);
+    return send_record(bridge, LINK_ACTION, 0, &action, sizeof action, text.data(), text.size());
 }
 
 static void drop(Bridge &bridge, uint16_t number)

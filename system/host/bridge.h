@@ -62,4 +62,4 @@ struct Bridge {
 void bridge_poll(const Bridge &bridge, std::vector<pollfd> *entries);
 // Serves what was found. False where the guest has gone or talks nonsense.
 bool bridge_serve(Bridge &bridge, const std::vector<pollfd> &entries);
-bool bridge_act(const Bridge &bridge, LinkAction action);
+bool bridge_act(const Bridge &bridge, uint32_t action, const std::string &text = {});

@@ -37,6 +37,7 @@ static const char USAGE[] =
     "                     [--memory MIB] [--append TEXT] [--socket FILE] [--once] -- SIMCAM "
     "ARGS...\n"
     "       simcam-system --send SOCKET start|stop|kill|power-off|device-remove|device-add\n"
+    "       simcam-system --send SOCKET sh COMMAND\n"
     "Boots an emulated ARM camera from the files of scripts/system-image and starts simcam with "
     "the\n"
     "overlay of that camera as its program. Ends when simcam ends.\n"
@@ -69,7 +70,7 @@ constexpr std::chrono::seconds BOOT_TIMEOUT(90);
 // What a process on the control socket says, and hears.
 enum ControlType : uint32_t {
     CONTROL_ATTACH = 1, // text: simcam's run directory
-    CONTROL_ACTION,     // value: a LinkAction
+    CONTROL_ACTION,     // value: a LinkAction; text: the command of ACTION_SHELL
     CONTROL_OUTPUT,     // text: what the overlay wrote
     CONTROL_DONE,       // value: exit status of the action that was asked for
 };
@@ -78,9 +79,6 @@ struct Control {
     uint32_t value;
     char text[4096];
 };
-
-static const char *const ACTIONS[] = {"",          "start",         "stop",      "kill",
-                                      "power-off", "device-remove", "device-add"};
 
 [[noreturn]] static void refuse(const std::string &why)
 {
@@ -180,13 +178,13 @@ static int attach(const std::string &path)
     }
 }
 
-static int send_action(const std::string &path, const std::string &name)
+static int send_action(const std::string &path, const std::string &name, const std::string &text)
 {
-    for (uint32_t action = ACTION_START; action <= ACTION_DEVICE_ADD; action++) {
-        if (name != ACTIONS[action])
+    for (uint32_t action = ACTION_START; action < LINK_ACTIONS; action++) {
+        if (name != LINK_ACTION_NAMES[action])
             continue;
         const int control = control_connect(path);
-        control_send(control, CONTROL_ACTION, action);
+        control_send(control, CONTROL_ACTION, action, text);
         Control heard;
         while (control_receive(control, &heard) >= 0)
             if (heard.type == CONTROL_DONE)
@@ -356,7 +354,8 @@ static void serve_peer(Machine &machine, size_t index)
             bridge_act(machine.bridge, ACTION_START); // else the guest starts it when it boots
     } else if (heard.type == CONTROL_ACTION) {
         peer.waits = heard.value;
-        if (!machine.bridge.up || !bridge_act(machine.bridge, static_cast<LinkAction>(heard.value)))
+        const std::string text(heard.text, static_cast<size_t>(length));
+        if (!machine.bridge.up || !bridge_act(machine.bridge, heard.value, text))
             control_send(peer.fd, CONTROL_DONE, 0); // nothing runs that could be stopped
     }
 }
@@ -466,6 +465,11 @@ static void step(Machine &machine)
         machine.bridge.link = -1;
         machine.bridge.up = false;
         machine.bridge.clients.clear();
+        for (Peer &peer : machine.peers) { // no action ends any more
+            if (peer.waits)
+                control_send(peer.fd, CONTROL_DONE, 1);
+            peer.waits = 0;
+        }
     }
     if (std::memcmp(&before, &machine.bridge.process, sizeof before) != 0)
         tell_simcam(machine);
@@ -574,8 +578,8 @@ int main(int count, char **arguments)
     signal(SIGPIPE, SIG_IGN);
     if (count == 3 && !std::strcmp(arguments[1], "--attach"))
         return attach(arguments[2]);
-    if (count == 4 && !std::strcmp(arguments[1], "--send"))
-        return send_action(arguments[2], arguments[3]);
+    if ((count == 4 || count == 5) && !std::strcmp(arguments[1], "--send"))
+        return send_action(arguments[2], arguments[3], count == 5 ? arguments[4] : "");
 
     Machine machine;
     machine.options = parse(count, arguments);

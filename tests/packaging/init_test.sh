@@ -27,9 +27,12 @@ DAEMON=$box/focus_assist
 RUN=$box/run
 LOG=$box/log
 DELAY_MOST=4
+GOOD_LIFE=3
 STOP_SECONDS=2
-export FAKE_PIDFILE=$box/run/focus_assist.pid FAKE_EXIT=$box/exit
+DEVICE=$box/cam
+export FAKE_PIDFILE=$box/run/focus_assist.pid FAKE_EXIT=$box/exit FAKE_DEVICE=$box/cam
 EOF
+: >"$box/cam"
 run() { env -i PATH="$box/bin" FOCUS_ASSIST_SETTINGS="$box/settings" "$box/init" "$@"; }
 trap finish EXIT
 trap 'exit 1' INT TERM
@@ -54,7 +57,8 @@ one_runs() { [ "$(count)" -eq 1 ] && [ -s "$box/run/focus_assist.pid" ] && run s
 none_runs() { [ "$(count)" -eq 0 ]; }
 another_runs() { one_runs && [ "$(overlays)" != "$1" ]; }
 ends() { [ "$(grep -c 'ended after' "$box/log")" -ge "$1" ]; }
-keeper() { cut -d' ' -f1 "$box/run/focus_assist_keeper.pid"; }
+keeper() { cat "$box/run/focus_assist_keeper.pid"; }
+another_keeper() { [ -e "/proc/$(keeper)" ] && [ "$(keeper)" != "$1" ]; }
 begin() { run start; await one_runs; }
 
 case $scenario in
@@ -89,7 +93,7 @@ case $scenario in
         sleep 0.1 & gone=$!
         wait "$gone"
         echo "$gone" >"$box/run/focus_assist.pid"
-        echo "$gone 12345" >"$box/run/focus_assist_keeper.pid"
+        echo "$gone" >"$box/run/focus_assist_keeper.pid"
         result=0; run status || result=$?
         [ "$result" -eq 3 ] || fail "status says $result with stale files"
         begin
@@ -104,7 +108,7 @@ case $scenario in
     recycled_pid)
         sleep 600 & other=$!
         echo "$other" >"$box/run/focus_assist.pid"
-        echo "$other 12345" >"$box/run/focus_assist_keeper.pid"
+        echo "$other" >"$box/run/focus_assist_keeper.pid"
         run stop
         kill -0 "$other" || fail "stop ended a stranger"
         echo "$other" >"$box/run/focus_assist.pid"
@@ -120,7 +124,7 @@ case $scenario in
         first=$(overlays)
         kill -9 "$first"
         await another_runs "$first"
-        grep -q "status 137; starting it again in 1 s" "$box/log" || fail "no word in the log"
+        grep -q "status 137; restarting in 1 s" "$box/log" || fail "no word in the log"
         ;;
     killed_keeper)
         begin
@@ -147,7 +151,7 @@ case $scenario in
             : >"$box/log"
             run start
             await ends 1
-            grep -q "status $status; starting it again in 1 s" "$box/log" || fail "status $status"
+            grep -q "status $status; restarting in 1 s" "$box/log" || fail "status $status"
             result=0; run status || result=$?
             [ "$result" -eq 1 ] || fail "status says $result between two starts"
             rm "$box/exit"
@@ -159,14 +163,45 @@ case $scenario in
         echo 1 >"$box/exit"
         run start
         await ends 4
-        sed -n 's/.*again in //p' "$box/log" | head -n 4 | tr '\n' ' ' | grep -qx "1 s 2 s 4 s 4 s " ||
+        sed -n 's/.*restarting in //p' "$box/log" | head -n 4 | tr '\n' ' ' | grep -qx "1 s 2 s 4 s 4 s " ||
             fail "delays: $(cat "$box/log")"
         run stop
         [ ! -e "$box/run/focus_assist_keeper.pid" ] || fail "the keeper is still there"
         sleep 5
         none_runs || fail "started again after stop"
         ;;
+    device_replaced)
+        begin
+        first=$(overlays)
+        sleep 5
+        [ "$(overlays)" = "$first" ] || fail "ended with its device there"
+        rm "$box/cam"
+        await ends 2 # by the keeper, then for want of a device
+        : >"$box/cam"
+        await another_runs "$first"
+        first=$(overlays)
+        sleep 2
+        : >"$box/other"
+        mv "$box/other" "$box/cam"
+        await another_runs "$first"
+        grep -q "cam has gone or been replaced" "$box/log" || fail "no reason in the log"
+        ;;
+    replaced_script)
+        begin
+        first=$(overlays) old=$(keeper)
+        cp "$box/init" "$box/new"
+        mv "$box/new" "$box/init"
+        run start
+        await another_keeper "$old"
+        kill -9 "$first"
+        await another_runs "$first"
+        await test ! -e "/proc/$old"
+        [ "$(count)" -eq 1 ] || fail "$(count) overlays"
+        run stop
+        none_runs || fail "still there after stop"
+        ;;
     good_life_resets_back_off)
+        echo "DELAY_MOST=60" >>"$box/settings"
         echo 1 >"$box/exit"
         run start
         await ends 2
@@ -175,7 +210,7 @@ case $scenario in
         sleep 5
         kill -9 "$(overlays)"
         await ends 3
-        tail -n 1 "$box/log" | grep -q "again in 1 s" || fail "delay: $(tail -n 1 "$box/log")"
+        tail -n 1 "$box/log" | grep -q "restarting in 1 s" || fail "delay: $(tail -n 1 "$box/log")"
         ;;
     stubborn_overlay)
         echo "export FAKE_STUBBORN=1" >>"$box/settings"

@@ -1,0 +1,19 @@
+# The whole emulated camera, with the ARM program of this build and simcam of preset host.
+
+find_program(SYSTEM_PYTHON NAMES python3 NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+set(system_image ${PROJECT_BINARY_DIR}/system-image)
+add_test(NAME system.server COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR}
+    --target camera_server)
+add_test(NAME system.image COMMAND ${PROJECT_SOURCE_DIR}/scripts/system-image
+    ${system_image} ${PROJECT_BINARY_DIR})
+set_tests_properties(system.image PROPERTIES DEPENDS system.server)
+set_tests_properties(system.server system.image PROPERTIES
+    FIXTURES_SETUP system_image TIMEOUT 600 LABELS system)
+add_test(NAME system.busybox COMMAND ${SYSTEM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/system_test.py
+    --runner ${host_build}/bin/simcam-system --simcam ${host_build}/bin/simcam
+    --overlay ${host_build}/focus_assist --image ${system_image}
+    --program ${system_image}/stage/usr/local/bin/focus_assist
+    --log ${CMAKE_CURRENT_BINARY_DIR}/system_test.log)
+set_tests_properties(system.busybox PROPERTIES
+    FIXTURES_REQUIRED "simulated_camera;system_image" TIMEOUT 900 LABELS system RUN_SERIAL ON
+    SKIP_RETURN_CODE 77)

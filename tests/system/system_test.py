@@ -1,0 +1,348 @@
+"""The whole emulated camera with BusyBox: boots it, breaks it, and waits for the readout to come back.
+
+Every case begins and ends with a readout on all outputs. A table of what was seen and how long it took
+is printed at the end. Ends with status 77 if the emulator is missing.
+"""
+import argparse
+import contextlib
+import hashlib
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.error
+import urllib.request
+
+WAIT_S = 60  # long enough for a busy machine
+POSTS = range(4)
+settings = None
+table = []  # case, what was seen, seconds
+
+
+def wait_for(what, condition, seconds=WAIT_S, describe=str):
+    """Calls condition until it returns something true, and returns that."""
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        result = condition()
+        if result:
+            return result
+        time.sleep(0.05)
+    raise AssertionError(f"did not happen in {seconds} s: {what}; {describe()}")
+
+
+class Simcam:
+    """A running simcam, by its HTTP interface."""
+
+    def __init__(self, command):
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True,
+                                        stderr=open(settings.log, "a", encoding="utf-8"))
+        line = self.process.stdout.readline()
+        if not line.startswith("simcam: http"):
+            raise AssertionError(f"simcam did not start: {line}")
+        self.address = line.split()[1].rstrip("/")
+
+    def ask(self, path, method="GET"):
+        request = urllib.request.Request(self.address + path, method=method)
+        with urllib.request.urlopen(request, timeout=WAIT_S) as answer:
+            return answer.read()
+
+    def state(self):
+        return json.loads(self.ask("/api/state"))
+
+    def shows(self):
+        """How often bar and text of each post have been shown."""
+        return [[plane["shows"] for plane in post["planes"][:2]] for post in self.state()["posts"]]
+
+    def output(self):
+        return self.ask("/api/output").decode(errors="replace")
+
+    def planes(self):
+        return {(post, plane): self.ask(f"/api/posts/{post}/planes/{plane}/raw")
+                for post in POSTS for plane in (0, 1)}
+
+    def wait_for_readout(self):
+        """Waits until every plane of every post is shown anew."""
+        before = self.shows()
+        wait_for("a readout on every output",
+                 lambda: all(now > then for post, old in zip(self.shows(), before)
+                             for now, then in zip(post, old)),
+                 describe=lambda: f"{before} {self.shows()} {self.output()[-600:]}")
+
+    def restart_posts(self):
+        """Planes outlive the process: one that was killed finds them open and draws no text."""
+        for post in POSTS:
+            self.ask(f"/api/posts/{post}/stop", "POST")
+            self.ask(f"/api/posts/{post}/start", "POST")
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(timeout=WAIT_S)
+        self.process.stdout.close()
+
+
+class Camera(Simcam):
+    """A simcam with a whole emulated camera."""
+
+    def __init__(self, arguments=(), simcam_arguments=()):
+        self.folder = tempfile.mkdtemp()
+        self.socket = os.path.join(self.folder, "control")
+        self.console = os.path.join(self.folder, "console")
+        self.started = time.monotonic()
+        super().__init__([settings.runner, "--image", settings.image, "--socket", self.socket,
+                          "--log", self.console, *arguments, "--", settings.simcam,
+                          "--listen", "127.0.0.1:0", "--ring", "0", *simcam_arguments])
+
+    def send(self, *words):
+        """Asks the guest for an action; its exit status."""
+        return subprocess.run([settings.runner, "--send", self.socket, *words], check=False,
+                              timeout=WAIT_S).returncode
+
+    def shell(self, command):
+        return self.send("sh", command)
+
+    def must(self, command):
+        if self.shell(command) != 0:
+            raise AssertionError(f"{command}: {self.output()[-600:]}")
+
+    def wait_for_output(self, text, seen=0):
+        wait_for(text, lambda: text in self.output()[seen:],
+                 describe=lambda: self.output()[seen:][-600:])
+
+    def pid(self):
+        return int(self.state()["process"]["pid"])
+
+    def wait_for_another(self, pid):
+        """Waits for an overlay process in the guest with another pid."""
+        return wait_for("another overlay process", lambda: self.pid() not in (0, pid) and self.pid())
+
+    def stop(self):
+        with open(self.console, encoding="utf-8", errors="replace") as file:
+            print("console:", file.read()[-2000:])
+        super().stop()
+        shutil.rmtree(self.folder)
+
+
+class BusyBox(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.camera = Camera(["--append", "camera=late"])
+        cls.addClassCleanup(cls.camera.stop)
+
+    @contextlib.contextmanager
+    def entry(self, case):
+        """Times the block; the text in the yielded list goes into the table."""
+        seen = []
+        start = time.monotonic()
+        yield seen
+        table.append((case, ", ".join(seen), time.monotonic() - start))
+
+    def tearDown(self):
+        if not self._outcome.result.failures and not self._outcome.result.errors:
+            self.camera.wait_for_readout()
+
+    def test_00_a_device_that_appears_late(self):
+        camera = self.camera
+        with self.entry("device appears late") as seen:
+            camera.wait_for_output("status 1; restarting")
+            self.assertEqual(camera.shows(), [[0, 0]] * 4)
+            self.assertEqual(camera.send("device-add"), 0)
+            camera.wait_for_readout()
+            seen.append("status 1 until it is there, then the readout")
+
+    def test_01_the_program_is_the_installed_one_and_nothing_is_preloaded(self):
+        camera = self.camera
+        with open(settings.program, "rb") as file:
+            digest = hashlib.sha256(file.read()).hexdigest()
+        with self.entry("program") as seen:
+            camera.must(f'echo "{digest}  /usr/local/bin/focus_assist" | sha256sum -c')
+            camera.must("! tr '\\0' '\\n' </proc/$(cat /var/run/focus_assist.pid)/environ |"
+                        " grep LD_")
+            camera.must("test -c /dev/cam")
+            seen.append("SHA-256 " + digest[:16])
+
+    def test_02_planes_and_palette_equal_the_hosts(self):
+        camera = self.camera
+        host = Simcam([settings.simcam, "--listen", "127.0.0.1:0", "--ring", "0", "--",
+                       settings.overlay])
+        self.addCleanup(host.stop)
+        with self.entry("planes") as seen:
+            host.wait_for_readout()
+            self.assertEqual(camera.ask("/api/palette/raw"), host.ask("/api/palette/raw"))
+            ours, theirs = {}, {}
+            equal = {}
+
+            def all_equal():  # both draw the same value, but not from their first pass on
+                for known, source in ((ours, camera), (theirs, host)):
+                    for key, plane in source.planes().items():
+                        known.setdefault(key, set()).add(plane)
+                for key, known in ours.items():
+                    common = known & theirs.get(key, set())
+                    if common:
+                        equal[key] = min(common)
+                return len(equal) == 8
+            wait_for("equal planes on both sides", all_equal, describe=lambda: str(equal.keys()))
+            for key in sorted(equal):
+                print(f"plane {key}: {len(equal[key])} bytes, SHA-256 "
+                      f"{hashlib.sha256(equal[key]).hexdigest()} on both sides")
+            palette = camera.ask("/api/palette/raw")
+            print(f"palette: SHA-256 {hashlib.sha256(palette).hexdigest()} on both sides")
+            seen.append("8 planes and the palette equal")
+
+    def test_03_kill(self):
+        camera = self.camera
+        with self.entry("kill -9 in the guest") as seen:
+            pid = camera.pid()
+            camera.must("kill -9 $(cat /var/run/focus_assist.pid)")
+            camera.wait_for_another(pid)
+            camera.restart_posts()
+            camera.wait_for_readout()
+            seen.append("started again; readout after the outputs restart")
+        with self.entry("kill -9 from the page, start") as seen:
+            camera.ask("/api/process/kill", "POST")
+            wait_for("the end", lambda: not camera.state()["process"]["running"])
+            time.sleep(2)  # longer than the init script's delay
+            camera.must("! pidof focus_assist")
+            camera.ask("/api/process/start", "POST")
+            camera.restart_posts()
+            camera.wait_for_readout()
+            seen.append("stays ended until it is started")
+
+    def test_04_init_script(self):
+        camera = self.camera
+        script = "/etc/init.d/S80focus_assist"
+        with self.entry("stop, status, restart by init script") as seen:
+            camera.must(f"{script} status")
+            camera.must(f"{script} stop")
+            self.assertEqual(camera.shell(f"{script} status"), 3)
+            camera.must("! pidof focus_assist")
+            camera.must(f"{script} start")
+            camera.must(f"{script} restart")
+            camera.restart_posts()
+            camera.wait_for_readout()
+            seen.append("status 0, 3, readout")
+
+    def test_05_a_device_that_goes_away_and_comes_back(self):
+        camera = self.camera
+        with self.entry("/dev/cam removed and added") as seen:
+            pid = camera.pid()
+            self.assertEqual(camera.send("device-remove"), 0)
+            camera.must("! test -e /dev/cam")
+            said = len(camera.output())
+            camera.wait_for_output("status 1", said)
+            self.assertEqual(camera.send("device-add"), 0)
+            camera.wait_for_another(pid)
+            camera.restart_posts()
+            camera.wait_for_readout()
+            seen.append("new process on the new device")
+
+    def test_06_a_full_file_system(self):
+        camera = self.camera
+        with self.entry("/run is full") as seen:
+            camera.must("/etc/init.d/S80focus_assist stop")
+            camera.must("dd if=/dev/zero of=/run/full bs=4k 2>/dev/null; df /run | grep -q 100%")
+            said = len(camera.output())
+            self.assertEqual(camera.shell("/etc/init.d/S80focus_assist start"), 1)
+            reason = "focus_assist: cannot write /var/run/focus_assist_keeper.pid"
+            camera.wait_for_output(reason, said)
+            camera.must("rm /run/full; /etc/init.d/S80focus_assist start")
+            camera.restart_posts()
+            seen.append(reason)
+
+    def test_07_a_read_only_root(self):
+        camera = self.camera
+        with self.entry("read-only root") as seen:
+            camera.must("mount -o remount,ro / && ! touch /probe 2>/dev/null")
+            camera.must("/etc/init.d/S80focus_assist restart")
+            camera.restart_posts()
+            camera.wait_for_readout()
+            camera.must("mount -o remount,rw /")
+            seen.append("readout")
+
+    def test_08_var_run_that_cannot_be_written(self):
+        camera = self.camera
+        script = "/etc/init.d/S80focus_assist"
+        with self.entry("/var/run cannot be written") as seen:
+            camera.must(f"{script} stop")
+            camera.must("rm /var/run; mkdir /var/run; mount -t tmpfs -o ro none /var/run")
+            said = len(camera.output())
+            self.assertEqual(camera.shell(f"{script} start"), 1)
+            reason = "focus_assist: cannot write /var/run/focus_assist_keeper.pid"
+            camera.wait_for_output(reason, said)
+            seen.append(reason)
+            camera.must("umount /var/run; rmdir /var/run; ln -s /run /var/run")
+            camera.must(f"{script} start")
+            camera.restart_posts()
+
+    def test_09_little_memory(self):
+        camera = self.camera
+        file = "/etc/default/focus_assist"
+        with self.entry("memory limited") as seen:
+            camera.must(f"cp {file} /tmp/saved")
+            for kib in (3000, 20000):
+                said = len(camera.output())
+                camera.must(f"/etc/init.d/S80focus_assist stop; cp /tmp/saved {file};"
+                            f" echo 'ulimit -v {kib}' >>{file}")
+                camera.shell("/etc/init.d/S80focus_assist start")
+                words = wait_for("a message", lambda: [
+                    line for line in camera.output()[said:].splitlines()
+                    if line and not line.startswith(("Starting", "Stopping"))])
+                seen.append(f"{kib} KiB: {words[0]}")
+            camera.must(f"cp /tmp/saved {file}; /etc/init.d/S80focus_assist restart")
+            camera.restart_posts()
+            camera.wait_for_readout()
+
+    def test_10_a_clock_that_jumps(self):
+        camera = self.camera
+        with self.entry("clock jumps") as seen:
+            for date in ("2001-01-01", "2037-12-31"):
+                camera.must(f"date -s {date}")
+                camera.wait_for_readout()
+            seen.append("to 2001 and to 2037: readout goes on")
+
+    def test_11_power_cut(self):
+        camera = self.camera
+        with self.entry("power cut in mid-pass, boot") as seen:
+            camera.shell("echo 1 >/proc/sys/kernel/sysrq; echo b >/proc/sysrq-trigger")
+            said = len(camera.output())
+            camera.wait_for_output("status 1", said)
+            camera.send("device-add")
+            camera.restart_posts()
+            camera.wait_for_readout()
+            seen.append("boots again by itself")
+
+
+class Speed(unittest.TestCase):
+    def test_boot_and_240_measurements_a_second(self):
+        camera = Camera(simcam_arguments=["--rate", "240"])
+        self.addCleanup(camera.stop)
+        wait_for("the first readout", lambda: camera.shows()[0][1] > 0)
+        table.append(("power-on to first readout", "", time.monotonic() - camera.started))
+        camera.wait_for_readout()
+        camera.must("cat /proc/meminfo | head -n 2")
+
+
+def main():
+    global settings
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--runner", required=True, help="simcam-system")
+    parser.add_argument("--simcam", required=True)
+    parser.add_argument("--overlay", required=True, help="the host's")
+    parser.add_argument("--image", required=True, help="folder of scripts/system-image")
+    parser.add_argument("--program", required=True, help="the installed, stripped ARM program")
+    parser.add_argument("--log", default="system_test.log")
+    settings, rest = parser.parse_known_args()
+    if not shutil.which("qemu-system-arm"):
+        print("skipped: qemu-system-arm is not installed")
+        sys.exit(77)
+    result = unittest.main(argv=sys.argv[:1] + rest, verbosity=2, exit=False).result
+    for case, seen, seconds in table:
+        print(f"{case:40} {seconds:6.1f} s  {seen}")
+    sys.exit(0 if result.wasSuccessful() else 1)
+
+
+if __name__ == "__main__":
+    main()
