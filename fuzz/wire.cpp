@@ -7,7 +7,7 @@
 
 #include "board/board.h"
 #include "input.h"
-#include "link/request.h"
+#include "link/calls.h"
 
 using namespace simcam;
 
@@ -49,11 +49,11 @@ static void packet(Board &board, Session &session, Input *input)
     (void)request_arguments(request);
 
     const std::lock_guard guard(board.lock);
-    const Fault fault = board_take_fault(board, request.header.call);
+    const Fault fault = board_take_fault(board, request_name(request.header.call));
     if (request.header.call == WIRE_FOCUS_READ && !board_reading_ready(board, session))
         return;
     Reply reply;
-    board_execute(board, session, request, fault.error, &reply);
+    calls_execute(board, session, request, fault.error, &reply);
     demand(reply.head.call == request.header.call, "an answer to another call");
     demand(reply.head.number == request.header.number, "an answer to another request");
     demand((reply.head.result == 0) == (reply.head.error == 0), "result and code disagree");
@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         switch (step % 8) {
         case 0: {
             const uint32_t width = input.half();
-            (void)board_start_post(board, step / 8 % 5, width, input.half());
+            (void)board_start_post(board, step / 8 % 5, {width, input.half()});
             break;
         }
         case 1:

@@ -150,22 +150,21 @@ static sigset_t block_signals()
     return signals;
 }
 
-static int run(const std::shared_ptr<Camera> &camera, const Options &options,
-               const sigset_t &signals)
+static int run(Camera &camera, const Options &options, const sigset_t &signals)
 {
     if (!options.snapshot.empty()) {
         const auto interrupted = [&signals] {
             const timespec at_once = {};
             return sigtimedwait(&signals, nullptr, &at_once) > 0;
         };
-        const std::string problem = snapshot_write(*camera, options.snapshot, interrupted);
+        const std::string problem = snapshot_write(camera, options.snapshot, interrupted);
         if (!problem.empty())
             std::fprintf(stderr, "simcam: %s\n", problem.c_str());
         return problem.empty() ? 0 : 1;
     }
 
     std::string error;
-    const std::unique_ptr<HttpServer> http = http_start(camera, options.listen, &error);
+    const HttpServerPtr http = http_start(camera, options.listen, &error);
     if (!http) {
         std::fprintf(stderr, "simcam: %s\n", error.c_str());
         return 2;
@@ -174,7 +173,6 @@ static int run(const std::shared_ptr<Camera> &camera, const Options &options,
     std::fflush(stdout);
     int signal_number = 0;
     sigwait(&signals, &signal_number);
-    http_stop(*http);
     return 0;
 }
 
@@ -185,10 +183,8 @@ int main(int argc, char **argv)
     const sigset_t signals = block_signals();
 
     std::string error;
-    const std::shared_ptr<Camera> camera = camera_start(options.camera, &error);
+    const CameraPtr camera = camera_start(options.camera, &error);
     if (!camera)
         refuse(error);
-    const int status = run(camera, options, signals);
-    camera_stop(*camera);
-    return status;
+    return run(*camera, options, signals);
 }

@@ -17,7 +17,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "camera/camera.h"
-#include "picture/optics.h"
+#include "camera/pictures.h"
+#include "picture/lens.h"
 #include "picture/osd_color.h"
 
 using namespace simcam;
@@ -57,8 +58,8 @@ static void wait_for_readout(Camera &camera, size_t post)
     pause_s(0.1);
 }
 
-static std::shared_ptr<Camera> start(const std::string &size, uint32_t pitch_align = 16,
-                                     const std::string &scene = "photo")
+static CameraPtr start(const std::string &size, uint32_t pitch_align = 16,
+                       const std::string &scene = "photo")
 {
     CameraOptions options;
     options.scene = scene;
@@ -66,7 +67,7 @@ static std::shared_ptr<Camera> start(const std::string &size, uint32_t pitch_ali
     options.pitch_align = pitch_align;
     options.program = {program};
     std::string error;
-    std::shared_ptr<Camera> camera = camera_start(options, &error);
+    CameraPtr camera = camera_start(options, &error);
     if (!camera)
         fail(error);
     for (int i = 0; i < 100 && camera_state(*camera).post[0].plane[0].shows == 0; i++)
@@ -157,10 +158,9 @@ static void save_readout(const std::string &name, Camera &camera, double scale =
 
 static void make_title()
 {
-    const std::shared_ptr<Camera> camera = start("1280x720");
+    const CameraPtr camera = start("1280x720");
     turn_to_percent(*camera, turn_to_peak(*camera), 72);
     save("../readout", output_picture(*camera), 0.5);
-    camera_stop(*camera);
 }
 
 static void make_outputs()
@@ -172,16 +172,15 @@ static void make_outputs()
     for (const Output &output :
          {Output{"1920x1080", 0.5}, Output{"1280x720", 1}, Output{"720x480", 1},
           Output{"720x576", 1}, Output{"352x240", 2}, Output{"352x288", 2}}) {
-        const std::shared_ptr<Camera> camera = start(output.size);
+        const CameraPtr camera = start(output.size);
         turn_to_percent(*camera, turn_to_peak(*camera), 72);
         save_readout(output.size, *camera, output.scale);
-        camera_stop(*camera);
     }
 }
 
 static void make_states()
 {
-    const std::shared_ptr<Camera> camera = start("720x480");
+    const CameraPtr camera = start("720x480");
     wait_for_readout(*camera, 0);
     save_readout("state-start", *camera);
     const uint32_t peak = turn_to_peak(*camera);
@@ -198,7 +197,6 @@ static void make_states()
         const cv::Mat swatch(16, 40, CV_8UC3, cv::Scalar(color.b, color.g, color.r));
         save("color-" + std::to_string(index), swatch);
     }
-    camera_stop(*camera);
 }
 
 // Every pixel of the lines, shown or not, with a line where the shown part ends.
@@ -225,20 +223,18 @@ static cv::Mat whole_lines(Camera &camera, int plane)
 static void make_pitches()
 {
     for (const uint32_t align : {1U, 8U, 16U, 64U}) {
-        const std::shared_ptr<Camera> camera = start("352x240", align);
+        const CameraPtr camera = start("352x240", align);
         turn_to_percent(*camera, turn_to_peak(*camera), 72);
         save_readout("pitch-352-" + std::to_string(align), *camera, 2);
         if (align == 16)
             save("pitch-352-lines", whole_lines(*camera, 0));
         print_output(*camera, "352x240, lines rounded up to " + std::to_string(align));
-        camera_stop(*camera);
     }
     for (const uint32_t align : {8U, 16U}) {
-        const std::shared_ptr<Camera> camera = start("720x480", align);
+        const CameraPtr camera = start("720x480", align);
         turn_to_percent(*camera, turn_to_peak(*camera), 72);
         const cv::Mat picture = output_picture(*camera);
         save("pitch-720-" + std::to_string(align), picture(cv::Rect(440, 376, 80, 64)), 3);
-        camera_stop(*camera);
     }
 }
 
@@ -250,7 +246,7 @@ static void make_digits()
         double scale;
     };
     for (const Output &output : {Output{"1280x720", 1}, Output{"352x240", 2}}) {
-        const std::shared_ptr<Camera> camera = start(output.size, 16, "chart");
+        const CameraPtr camera = start(output.size, 16, "chart");
         const std::string name = std::string("digits-") + output.size;
         const uint32_t three_digits = turn_to_peak(*camera);
         save_readout(name + "-1", *camera, output.scale);
@@ -261,7 +257,6 @@ static void make_digits()
         save_readout(name + "-3", *camera, output.scale);
         std::printf("peak %u, then %u\n", three_digits, four_digits);
         print_output(*camera, name);
-        camera_stop(*camera);
     }
 }
 
@@ -269,7 +264,7 @@ static void restart_post(Camera &camera, uint32_t width, uint32_t height)
 {
     check(camera_stop_post(camera, 0));
     pause_s(1.2); // a pass sees the stop
-    check(camera_start_post(camera, 0, width, height));
+    check(camera_start_post(camera, 0, {width, height}));
     pause_s(1.2);
     wait_for_readout(camera, 0);
 }
@@ -284,24 +279,22 @@ static void make_other_sizes()
     for (const Change &change :
          {Change{"720x576", 720, 480, 0.5}, Change{"1280x720", 720, 480, 0.5},
           Change{"720x480", 1920, 1080, 0.25}}) {
-        const std::shared_ptr<Camera> camera = start(change.from);
+        const CameraPtr camera = start(change.from);
         turn_to_percent(*camera, turn_to_peak(*camera), 72);
         restart_post(*camera, change.width, change.height);
         const std::string name =
             std::string("size-") + change.from + "-to-" + std::to_string(change.width);
         save(name, output_picture(*camera), change.scale);
         print_output(*camera, name);
-        camera_stop(*camera);
     }
-    const std::shared_ptr<Camera> camera = start("640x480");
+    const CameraPtr camera = start("640x480");
     pause_s(2);
     print_output(*camera, "640x480");
-    camera_stop(*camera);
 }
 
 static void make_left_open()
 {
-    const std::shared_ptr<Camera> camera = start("720x480");
+    const CameraPtr camera = start("720x480");
     turn_to_percent(*camera, turn_to_peak(*camera), 72);
     check(camera_process_kill(*camera));
     pause_s(1.0);
@@ -314,19 +307,17 @@ static void make_left_open()
     restart_post(*camera, 720, 480);
     turn_to_percent(*camera, turn_to_peak(*camera), 72);
     save_readout("open-3-output-restarted", *camera);
-    camera_stop(*camera);
 }
 
 static void make_flash()
 {
-    const std::shared_ptr<Camera> camera = start("720x480");
+    const CameraPtr camera = start("720x480");
     turn_to_peak(*camera);
     save_readout("flash-before", *camera);
     camera_flash(*camera);
     pause_s(1.0);
     wait_for_readout(*camera, 0);
     save_readout("flash-after", *camera);
-    camera_stop(*camera);
 }
 
 int main(int argc, char **argv)

@@ -1,6 +1,5 @@
-// The camera's board: posts, OSD planes, color table, the device's measurements, and what the
-// calls of the codec library and the requests of the device do with them. Knows no sockets, threads
-// or pictures.
+// The camera's board: posts, OSD planes, color table, the device's measurements, the sessions of
+// its clients and the armed faults. It uses no sockets, threads or pictures.
 //
 // One lock guards a board and all its sessions. Functions take it themselves unless their comment
 // says that the caller holds it.
@@ -9,21 +8,27 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "board/camera_types.h"
-#include "link/request.h"
+#include "board/focus.h"
+#include "board/records.h"
 #include "board/shared_memory.h"
+#include "board/state.h"
 
 namespace simcam
 {
 
-constexpr size_t RECORDS_KEPT = 4096;
-constexpr uint32_t DELAY_MAX_MS = 10000; // less than a client waits for an answer
-constexpr uint32_t POST_SIZE_MIN = 16, POST_SIZE_MAX = 4096;
+constexpr uint32_t PALETTE_BYTES = 1024; // 256 entries of Y, Cb, Cr and opacity
+
+// A post's start or stop, to be sent to a session.
+struct PostReport {
+    int post = 0;
+    uint32_t res_id = 0;
+    bool running = false;
+};
 
 // One client: the codec library of a process, or an open device.
 struct Session {
@@ -32,15 +37,16 @@ struct Session {
     bool initialized = false;
     bool device_open = false; // the library's device
     bool callback = false;
-    uint32_t mask = 0;
-    int events = -1;           // where reports go; -1: nowhere. Owned by whoever made the session.
-    bool camera_open = false;  // /dev/cam
-    uint64_t last_reading = 0; // number of the measurement handed out last
+    uint32_t mask = 0;               // of the posts that it is told about
+    std::vector<PostReport> reports; // still to be sent, oldest first; at most two of each post
+    bool camera_open = false;        // /dev/cam
+    uint64_t last_reading = 0;       // number of the measurement handed out last
+    OverlayFocus overlay;            // of the readings handed out
 };
 
 struct PlaneBuffer {
     SharedMemory shared;
-    uint64_t lent_to = 0; // a session's id; 0: nobody draws into it
+    uint64_t lent_to = 0; // a session's id; 0: not lent
     uint32_t osd_id = 0;
 };
 
@@ -52,7 +58,7 @@ struct Plane {
 };
 
 struct Post {
-    PostState state; // its planes' states are kept in plane
+    PostState state; // without its planes' states, which are in plane
     std::array<Plane, PLANE_COUNT> plane;
 };
 
@@ -68,55 +74,77 @@ struct Board {
     SharedMemory color;
     std::vector<uint8_t> palette; // as applied last
 
-    bool focus_configured = false;
-    uint32_t focus_words[2] = {0, 0}; // of the configuration: frame and window
+    FocusWindow window;
     Measurement latest;
 
-    std::vector<Session *> sessions;
+    std::vector<Session *> sessions; // oldest first
+    // Called, with the lock held, when sessions have a new measurement or report; set by the
+    // server.
+    std::function<void()> wake = [] {};
     uint64_t session_count = 0;
-    uint64_t dropped_reports = 0;
+    uint64_t merged_reports = 0;
 
     std::vector<Fault> faults;
-    std::deque<CallRecord> calls;
-    uint64_t call_count = 0;
+    Records<CallRecord> calls;
 };
 
-struct Reply {
-    WireReply head{};
-    uint8_t payload[sizeof(WireFocusStats)]{}; // wire_reply_size(head.call) bytes where result is 0
-    int fd = -1;                               // borrowed from the board: send before unlocking
-};
-
-// False where the system has no memory for the color table.
+// Returns false if the system has no memory for the color table.
 bool board_init(Board &board, uint64_t seed, uint32_t pitch_align);
 double board_time(const Board &board);
 
 // ---- clients
 
 void board_add_session(Board &board, Session &session, int pid);
-// Buffers lent to it are free again; planes stay open and shown.
+// Returns the buffers lent to it; planes stay open and shown.
 void board_remove_session(Board &board, Session &session);
 
-// Takes one hit of the fault that is armed for call. Its error is 0 for none. The lock is held.
-Fault board_take_fault(Board &board, uint32_t call);
-// Whether a read request of session has a measurement to return. The lock is held.
+// ---- parts of calls; the caller holds the lock
+
+// Takes one hit of the fault that is armed for the call of that name. Its error is 0 for none.
+Fault board_take_fault(Board &board, const std::string &call);
+// Whether a read request of session has a measurement to return.
 bool board_reading_ready(const Board &board, const Session &session);
-// Does what request says; forced_error not 0 makes it fail with that instead. Everything but a read
-// request that succeeds is logged. The lock is held.
-void board_execute(Board &board, Session &session, const Request &request, uint32_t forced_error,
-                   Reply *reply);
+// The running post of that id, or null.
+Post *board_find_post(Board &board, uint32_t res_id);
+void board_open_plane(Board &board, Plane &plane, const PlaneState &request);
+void board_close_plane(Plane &plane);
+// Finds a buffer that session may draw into: the one that it already has, one that is neither shown
+// nor lent, or a new one. Null where all are in use or the system has no memory.
+PlaneBuffer *board_lend_buffer(Board &board, const Session &session, Plane &plane);
+void board_take_back_buffers(Board &board, const Session &session);
+// Queues a report of the post's state for session if its mask selects the post. A report that would
+// be the third of its post replaces the other two (a start and a stop cancel each other out), so
+// the last state always arrives; both are counted in merged_reports.
+void board_queue_report(Board &board, Session &session, int post);
 
 // ---- the camera's own side
 
 void board_publish(Board &board, const Measurement &measurement);
-// A running post is stopped first, so a change of size is reported as a stop and a start.
-std::string board_start_post(Board &board, int post, uint32_t width, uint32_t height);
+FocusWindow board_window(Board &board);
+// The overlay on the device that was opened last.
+OverlayFocus board_overlay(Board &board);
+// Starts a post; stops it first if it runs. Size 0x0 is the size it had last. keep_same leaves a
+// post alone that already runs at that size.
+std::string board_start_post(Board &board, int post, Size size, bool keep_same = false);
 std::string board_stop_post(Board &board, int post);
 std::string board_set_fault(Board &board, const Fault &fault);
 
-// Fills what a board knows of a camera's state.
-void board_state(Board &board, CameraState *state);
-// A post with copies of its shown planes, empty bytes where nothing is shown, and the color table.
+// A copy of what can change on a board.
+struct BoardState {
+    uint32_t pitch_align = 0;
+    uint64_t seed = 0;
+    bool focus_configured = false; // /dev/cam got its configuration
+    bool attached = false;         // a process has initialized the library
+    Measurement latest;
+    OverlayFocus overlay;
+    std::array<PostState, POST_COUNT> post;
+    std::vector<Fault> faults;
+    uint64_t merged_reports = 0;
+};
+BoardState board_state(Board &board);
+// The size and state of one post.
+PostState board_post(Board &board, int post);
+// A post with copies of its shown planes and the color table.
 struct PostImage {
     PostState state;
     std::array<PlaneImage, PLANE_COUNT> plane;
@@ -124,26 +152,5 @@ struct PostImage {
 };
 PostImage board_post_image(Board &board, int post);
 PlaneImage board_plane_image(Board &board, int post, int plane);
-
-// What came after number, oldest first.
-template <typename Record>
-std::vector<Record> records_after(const std::deque<Record> &records, uint64_t number, size_t limit)
-{
-    std::vector<Record> found;
-    if (records.empty() || records.back().number <= number)
-        return found;
-    const uint64_t first = records.front().number; // numbers have no gaps
-    for (size_t i = number < first ? 0 : static_cast<size_t>(number - first + 1);
-         i < records.size() && found.size() < limit; i++)
-        found.push_back(records[i]);
-    return found;
-}
-
-template <typename Record> void records_add(std::deque<Record> &records, Record record)
-{
-    records.push_back(std::move(record));
-    if (records.size() > RECORDS_KEPT)
-        records.pop_front();
-}
 
 } // namespace simcam

@@ -43,7 +43,7 @@ bool shared_memory_make(uint32_t size, uint64_t seed, SharedMemory *made)
     next.fd = memfd_create("simcam", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     if (next.fd < 0 || ftruncate(next.fd, next.memory.map_size) != 0)
         return false;
-    // A client that shrank it would end simcam at its next look.
+    // If a client could shrink it, simcam would crash on its next read.
     if (fcntl(next.fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
         return false;
     void *base =
@@ -57,7 +57,7 @@ bool shared_memory_make(uint32_t size, uint64_t seed, SharedMemory *made)
         state ^= state << 13;
         state ^= state >> 7;
         state ^= state << 17;
-        next.base[i] = static_cast<uint8_t>(state >> 32) | 1; // junk is never zero
+        next.base[i] = static_cast<uint8_t>(state >> 32) | 1; // never zero
     }
     *made = std::move(next);
     return true;

@@ -1,4 +1,4 @@
-// Memory that is lent to other processes: anonymous, of a size that nobody can change any more.
+// Memory shared with other processes: an anonymous file, sealed so that its size cannot change.
 #pragma once
 
 #include <cstddef>
@@ -19,14 +19,15 @@ struct SharedMemory {
     SharedMemory &operator=(SharedMemory &&other) noexcept;
     ~SharedMemory();
 
-    // The bytes that are lent, memory.size of them.
+    // The memory.size bytes that clients use.
     uint8_t *bytes() const
     {
         return base + memory.offset;
     }
 };
 
-// Makes memory of size bytes, full of junk that depends on seed. False where the system has none.
+// Makes memory of size bytes, filled with junk that depends on seed. Returns false if the system
+// has no memory left.
 bool shared_memory_make(uint32_t size, uint64_t seed, SharedMemory *made);
 
 } // namespace simcam

@@ -1,7 +1,7 @@
 // Puts the camera together: the sensor's thread, the board, the server and the overlay process.
 //
-// Locks, each a leaf: the board's own; control (lens, scene, gain), and pictures (the sensor's
-// latest picture and the measurements), which the sensor's thread takes one after another.
+// No lock is taken while another one is held: the board's own; control (ring, scene, gain);
+// pictures (the sensor's latest picture and the measurements).
 
 #include "camera/camera.h"
 
@@ -11,18 +11,21 @@
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 #include <unistd.h>
 
 #include <opencv2/imgproc.hpp>
 
-#include "board/board.h"
-#include "picture/optics.h"
-#include "process/process.h"
-#include "process/run_directory.h"
+#include "camera/pictures.h"
+#include "link/request.h"
 #include "link/server.h"
+#include "picture/compose.h"
+#include "picture/lens.h"
+#include "picture/scene.h"
+#include "picture/sensor.h"
+#include "picture/sharpness.h"
+#include "process/run_directory.h"
 
 namespace simcam
 {
@@ -31,30 +34,29 @@ using Clock = std::chrono::steady_clock;
 using Picture = std::shared_ptr<cv::Mat>;
 
 constexpr double FLASH_GAIN = 3.0;
-constexpr double GAIN_MIN = 0.1, GAIN_MAX = 8.0;
-constexpr double RATE_MIN_HZ = 1.0, RATE_MAX_HZ = 240.0;
-constexpr double SWEEP_MIN_S = 0.5, SWEEP_MAX_S = 3600.0;
 
-struct Lens {
-    double ring = 0;
+// The focus ring, turned by hand or sweeping.
+struct Ring {
+    double position = 0;
     bool sweep = false;
-    double sweep_period_s = 12.0;
+    double sweep_period_s = SWEEP_DEFAULT_S;
     double sweep_phase = 0; // in periods, at sweep_from_s; the way up is 0 to 0.5
     double sweep_from_s = 0;
 };
 
 struct Camera {
     CameraOptions options;
+    // Destroyed from the last to the first; CameraDelete ends the threads before.
     RunDirectory run_directory;
     std::string platform; // the folder of the program's libraries
     Board board;
-    std::shared_ptr<Server> server;
-    std::shared_ptr<Process> process;
+    ServerPtr server;
+    ProcessPtr process;
     std::thread sensor;
     std::atomic<bool> ending = false;
 
     std::mutex control;
-    Lens lens;
+    Ring ring;
     double gain = 1.0;
     bool flash = false;
     std::string scene_name;
@@ -63,26 +65,26 @@ struct Camera {
     std::mutex pictures;
     std::condition_variable measured;
     Picture picture; // replaced, never changed
-    std::deque<Measurement> measurements;
+    Records<Measurement> measurements;
 };
 
 // ---- sensor
 
-static double sweep_ring(const Lens &lens, double time_s)
+static double sweep_position(const Ring &ring, double time_s)
 {
-    const double phase = lens.sweep_phase + (time_s - lens.sweep_from_s) / lens.sweep_period_s;
+    const double phase = ring.sweep_phase + (time_s - ring.sweep_from_s) / ring.sweep_period_s;
     const double part = phase - std::floor(phase);
     return part < 0.5 ? 2 * part : 2 - 2 * part;
 }
 
-// The clock of scenes and sweeps follows the number of the picture, not the wall's: a machine that
-// is late shows the same pictures later.
+// Scenes and sweeps follow the number of the picture, not the wall clock: a slow machine shows the
+// same pictures, later.
 static double picture_time(const Camera &camera, uint64_t number)
 {
     return static_cast<double>(number) / camera.options.rate_hz;
 }
 
-// A picture that nobody looks at any more, or a new one.
+// A picture that is no longer used, or a new one.
 static Picture take_picture(std::vector<Picture> &pool)
 {
     for (const Picture &picture : pool)
@@ -90,6 +92,12 @@ static Picture take_picture(std::vector<Picture> &pool)
             return picture;
     pool.push_back(std::make_shared<cv::Mat>());
     return pool.back();
+}
+
+static cv::Rect measured_window(Camera &camera)
+{
+    const FocusWindow window = board_window(camera.board);
+    return sharpness_window(cv::Rect(window.x, window.y, window.width, window.height));
 }
 
 static Measurement expose(Camera &camera, uint64_t number, cv::Mat *picture)
@@ -102,24 +110,19 @@ static Measurement expose(Camera &camera, uint64_t number, cv::Mat *picture)
     double gain = 1.0;
     {
         const std::lock_guard guard(camera.control);
-        if (camera.lens.sweep)
-            camera.lens.ring = sweep_ring(camera.lens, time_s);
-        measurement.ring = camera.lens.ring;
+        if (camera.ring.sweep)
+            camera.ring.position = sweep_position(camera.ring, time_s);
+        measurement.ring = camera.ring.position;
         gain = camera.gain * (camera.flash ? FLASH_GAIN : 1.0);
         camera.flash = false;
         scene = camera.scene;
     }
-    uint32_t words[2];
-    {
-        const std::lock_guard guard(camera.board.lock);
-        std::copy_n(camera.board.focus_words, 2, words);
-    }
-
     measurement.blur_px = lens_blur_px(measurement.ring);
     sensor_expose(scene_through_lens(*scene, time_s, measurement.blur_px), gain,
                   camera.options.seed, number, picture);
-    measurement.raw = sharpness_measure(*picture, sharpness_window(words[0], words[1]));
-    measurement.value = measurement.raw / 100;
+    measurement.raw = sharpness_measure(*picture, measured_window(camera));
+    measurement.value = focus_value(measurement.raw);
+    measurement.overlay = board_overlay(camera.board);
     measurement.time_s = board_time(camera.board);
     return measurement;
 }
@@ -129,11 +132,10 @@ static void publish(Camera &camera, const Measurement &measurement, Picture pict
     {
         const std::lock_guard guard(camera.pictures);
         camera.picture = std::move(picture);
-        records_add(camera.measurements, measurement);
+        records_add(&camera.measurements, measurement);
     }
     board_publish(camera.board, measurement);
     camera.measured.notify_all();
-    server_wake(*camera.server);
 }
 
 static void run_sensor(Camera &camera)
@@ -146,32 +148,24 @@ static void run_sensor(Camera &camera)
         Picture picture = take_picture(pool);
         const Measurement measurement = expose(camera, number, picture.get());
         publish(camera, measurement, std::move(picture));
-        next = std::max(next + period, Clock::now() - 3 * period); // what is lost is not made up
+        next = std::max(next + period, Clock::now() - 3 * period); // skips what was missed
         std::this_thread::sleep_until(next);
     }
 }
 
 // ---- start and stop
 
-static bool parse_size(const std::string &text, uint32_t *width, uint32_t *height)
-{
-    char rest = 0;
-    return text.find_first_not_of("0123456789x") == std::string::npos &&
-           std::sscanf(text.c_str(), "%9ux%9u%c", width, height, &rest) == 2;
-}
-
 static std::string check(const CameraOptions &options)
 {
-    const uint32_t aligns[] = {1, 8, 16, 32, 64};
-    if (std::find(std::begin(aligns), std::end(aligns), options.pitch_align) == std::end(aligns))
-        return "pitch alignment " + std::to_string(options.pitch_align) +
-               ": it is 1, 8, 16, 32 or 64";
-    if (!(options.rate_hz >= RATE_MIN_HZ && options.rate_hz <= RATE_MAX_HZ))
-        return "rate: it lies between 1 and 240 measurements a second";
-    if (!(options.ring >= 0 && options.ring <= 1))
-        return "ring: it lies between 0 and 1";
-    if (!(options.sweep_period_s >= SWEEP_MIN_S && options.sweep_period_s <= SWEEP_MAX_S))
-        return "sweep: its period lies between 0.5 and 3600 seconds";
+    if (std::find(PITCH_ALIGNS.begin(), PITCH_ALIGNS.end(), options.pitch_align) ==
+        PITCH_ALIGNS.end())
+        return "the pitch alignment must be 1, 8, 16, 32 or 64";
+    for (const std::string &refusal :
+         {range_refuse("the rate", RATE_RANGE_HZ, options.rate_hz),
+          range_refuse("the ring", RING_RANGE, options.ring),
+          range_refuse("the sweep's period", SWEEP_RANGE_S, options.sweep_period_s)})
+        if (!refusal.empty())
+            return refusal;
     return {};
 }
 
@@ -181,18 +175,18 @@ static std::string start_posts(Camera &camera)
         const std::string &text = camera.options.post_size[static_cast<size_t>(post)];
         if (text.empty())
             continue;
-        uint32_t width = 0, height = 0;
-        if (!parse_size(text, &width, &height))
+        const std::optional<Size> size = size_parse(text);
+        if (!size)
             return "post " + std::to_string(post) + ": \"" + text +
-                   "\" is no size; give width x height, such as 1280x720";
-        const std::string refusal = board_start_post(camera.board, post, width, height);
+                   "\" is not a size; give WIDTHxHEIGHT, such as 1280x720";
+        const std::string refusal = board_start_post(camera.board, post, *size);
         if (!refusal.empty())
             return refusal;
     }
     return {};
 }
 
-// Everything up to the first thread. What is made is undone by camera_stop.
+// Everything up to the sensor's thread. On failure the caller deletes the camera.
 static std::string prepare(Camera &camera)
 {
     const CameraOptions &options = camera.options;
@@ -201,10 +195,10 @@ static std::string prepare(Camera &camera)
         return error;
     if (!board_init(camera.board, options.seed, options.pitch_align))
         return "there is no memory for the color table";
-    camera.lens.ring = options.ring;
-    camera.lens.sweep = options.sweep;
-    camera.lens.sweep_period_s = options.sweep_period_s;
-    camera.lens.sweep_phase = options.ring / 2;
+    camera.ring.position = options.ring;
+    camera.ring.sweep = options.sweep;
+    camera.ring.sweep_period_s = options.sweep_period_s;
+    camera.ring.sweep_phase = options.ring / 2;
     camera.scene_name = options.scene;
     camera.scene = scene_open(options.scene, &error);
     if (!camera.scene)
@@ -217,25 +211,23 @@ static std::string prepare(Camera &camera)
         for (const char *name : {"/libqm7codec.so.2.0", "/libsimcam_preload.so"})
             if (access((camera.platform + name).c_str(), R_OK) != 0)
                 return camera.platform + name + ": " + std::strerror(errno) +
-                       "; it stands between the program and the camera";
+                       "; the program needs it to reach the camera";
     if (!run_directory_make(options.run_directory, &camera.run_directory, &error))
         return error;
     camera.server =
         server_start(camera.board, camera.run_directory.path + "/" SIMCAM_SOCKET_NAME, &error);
-    if (camera.server) // the directory is no other camera's
+    if (camera.server) // so no other camera uses the directory
         run_directory_link(camera.platform, &camera.run_directory, &error);
     return error;
 }
 
-std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *error)
+CameraPtr camera_start(const CameraOptions &options, std::string *error)
 {
-    auto camera = std::make_shared<Camera>();
+    CameraPtr camera(new Camera);
     camera->options = options;
     *error = prepare(*camera);
-    if (!error->empty()) {
-        camera_stop(*camera);
+    if (!error->empty())
         return nullptr;
-    }
 
     camera->process = process_make({options.program, camera->run_directory.path,
                                     camera->run_directory.platform + "/libqm7codec.so.2.0",
@@ -243,49 +235,49 @@ std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *
     camera->sensor = std::thread([camera = camera.get()] { run_sensor(*camera); });
     if (!options.program.empty()) {
         *error = process_start(*camera->process);
-        if (!error->empty()) {
-            camera_stop(*camera);
+        if (!error->empty())
             return nullptr;
-        }
     }
     return camera;
 }
 
-void camera_stop(Camera &camera)
+void CameraDelete::operator()(Camera *camera) const
 {
-    if (camera.process)
-        process_finish(*camera.process);
-    camera.ending = true;
-    if (camera.sensor.joinable())
-        camera.sensor.join();
-    run_directory_unlink(&camera.run_directory); // before another camera can take the directory
-    if (camera.server)
-        server_stop(*camera.server);
-    run_directory_remove(camera.run_directory);
+    camera->process.reset();
+    camera->ending = true;
+    if (camera->sensor.joinable())
+        camera->sensor.join();
+    run_directory_unlink(&camera->run_directory); // while the socket keeps other cameras out
+    camera->server.reset();
+    delete camera;
 }
 
 // ---- state
 
-static double measured_rate(const std::deque<Measurement> &measurements, double now_s)
+static double measured_rate(const Records<Measurement> &measurements, double now_s)
 {
-    const auto recent = std::count_if(measurements.rbegin(), measurements.rend(),
-                                      [&](const Measurement &m) { return m.time_s > now_s - 1; });
-    return static_cast<double>(recent);
+    double count = 0;
+    for (auto m = measurements.kept.rbegin(); m != measurements.kept.rend(); ++m) {
+        if (m->time_s <= now_s - 1)
+            break;
+        count++;
+    }
+    return count;
 }
 
 CameraState camera_state(Camera &camera)
 {
     CameraState state;
-    board_state(camera.board, &state);
-    process_state(*camera.process, &state.process);
+    static_cast<BoardState &>(state) = board_state(camera.board);
+    state.process = process_state(*camera.process);
     state.time_s = board_time(camera.board);
     state.rate_hz = camera.options.rate_hz;
     state.run_directory = camera.run_directory.path;
     {
         const std::lock_guard guard(camera.control);
-        state.ring = camera.lens.ring;
-        state.sweep = camera.lens.sweep;
-        state.sweep_period_s = camera.lens.sweep_period_s;
+        state.ring = camera.ring.position;
+        state.sweep = camera.ring.sweep;
+        state.sweep_period_s = camera.ring.sweep_period_s;
         state.scene = camera.scene_name;
         state.gain = camera.gain;
     }
@@ -294,32 +286,39 @@ CameraState camera_state(Camera &camera)
     return state;
 }
 
-// ---- lens, scene, posts, faults
+Measurement camera_latest(Camera &camera)
+{
+    const std::lock_guard guard(camera.pictures);
+    return camera.measurements.newest ? camera.measurements.kept.back() : Measurement{};
+}
+
+PostState camera_post(Camera &camera, int post)
+{
+    return board_post(camera.board, post);
+}
+
+// ---- ring, scene, posts, faults
 
 std::string camera_set_ring(Camera &camera, double ring)
 {
-    if (!(ring >= 0 && ring <= 1))
-        return "ring: it lies between 0 and 1";
+    std::string refusal = range_refuse("ring", RING_RANGE, ring);
+    if (!refusal.empty())
+        return refusal;
     const std::lock_guard guard(camera.control);
-    camera.lens.sweep = false;
-    camera.lens.ring = ring;
+    camera.ring.sweep = false;
+    camera.ring.position = ring;
     return {};
 }
 
 void camera_set_sweep(Camera &camera, bool on, double period_s)
 {
-    double now_s = 0;
-    {
-        const std::lock_guard guard(camera.pictures);
-        if (!camera.measurements.empty())
-            now_s = picture_time(camera, camera.measurements.back().number);
-    }
+    const double now_s = picture_time(camera, camera_newest(camera).measurement);
     const std::lock_guard guard(camera.control);
-    Lens &lens = camera.lens;
-    lens.sweep = on;
-    lens.sweep_period_s = std::clamp(period_s, SWEEP_MIN_S, SWEEP_MAX_S);
-    lens.sweep_phase = lens.ring / 2; // goes on upwards from where it is
-    lens.sweep_from_s = now_s;
+    Ring &ring = camera.ring;
+    ring.sweep = on;
+    ring.sweep_period_s = std::clamp(period_s, SWEEP_RANGE_S.least, SWEEP_RANGE_S.most);
+    ring.sweep_phase = ring.position / 2; // upwards from where it is
+    ring.sweep_from_s = now_s;
 }
 
 std::string camera_set_scene(Camera &camera, const std::string &name)
@@ -336,8 +335,9 @@ std::string camera_set_scene(Camera &camera, const std::string &name)
 
 std::string camera_set_gain(Camera &camera, double gain)
 {
-    if (!(gain >= GAIN_MIN && gain <= GAIN_MAX))
-        return "gain: it lies between 0.1 and 8";
+    std::string refusal = range_refuse("gain", GAIN_RANGE, gain);
+    if (!refusal.empty())
+        return refusal;
     const std::lock_guard guard(camera.control);
     camera.gain = gain;
     return {};
@@ -349,9 +349,9 @@ void camera_flash(Camera &camera)
     camera.flash = true;
 }
 
-std::string camera_start_post(Camera &camera, int post, uint32_t width, uint32_t height)
+std::string camera_start_post(Camera &camera, int post, Size size, bool keep_same)
 {
-    return board_start_post(camera.board, post, width, height);
+    return board_start_post(camera.board, post, size, keep_same);
 }
 
 std::string camera_stop_post(Camera &camera, int post)
@@ -366,6 +366,8 @@ std::vector<std::string> camera_fault_calls()
 
 std::string camera_set_fault(Camera &camera, const Fault &fault)
 {
+    if (!request_call(fault.call))
+        return "fault: there is no call named \"" + fault.call + "\"";
     return board_set_fault(camera.board, fault);
 }
 
@@ -397,9 +399,8 @@ std::string camera_process_kill(Camera &camera)
 bool camera_wait(Camera &camera, uint64_t number, double timeout_s)
 {
     std::unique_lock guard(camera.pictures);
-    return camera.measured.wait_for(guard, std::chrono::duration<double>(timeout_s), [&] {
-        return !camera.measurements.empty() && camera.measurements.back().number > number;
-    });
+    return camera.measured.wait_for(guard, std::chrono::duration<double>(timeout_s),
+                                    [&] { return camera.measurements.newest > number; });
 }
 
 std::vector<Measurement> camera_measurements(Camera &camera, uint64_t after, size_t limit)
@@ -417,6 +418,19 @@ std::vector<CallRecord> camera_calls(Camera &camera, uint64_t after, size_t limi
 std::vector<OutputChunk> camera_output(Camera &camera, uint64_t after, size_t limit)
 {
     return process_output(*camera.process, after, limit);
+}
+
+CameraNewest camera_newest(Camera &camera)
+{
+    CameraNewest newest;
+    newest.output = process_newest_output(*camera.process);
+    {
+        const std::lock_guard guard(camera.board.lock);
+        newest.call = camera.board.calls.newest;
+    }
+    const std::lock_guard guard(camera.pictures);
+    newest.measurement = camera.measurements.newest;
+    return newest;
 }
 
 // ---- pictures

@@ -1,43 +1,79 @@
-// The simulated camera as one record: what the web interface, the command line and the tests see of
-// it.
+// The simulated camera put together: what the web interface, the command line and the tests use.
+// Pictures are in camera/pictures.h.
 //
-// Every function may be called from any thread; those that may take longer than a picture takes to
-// make say so. Results are copies: nothing handed out stays connected to the camera. Functions that
-// can refuse return an empty string on success and otherwise a sentence for a person ("post 7:
-// there are only posts 0 to 3").
+// Every function may be called from any thread; those that may take longer than one picture say so.
+// Results are copies. Functions that can refuse return an empty string on success and otherwise a
+// sentence for the user ("gain must be 0.1 to 8").
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <opencv2/core.hpp>
-
-#include "board/camera_types.h"
+#include "board/board.h"
+#include "process/process.h"
 
 namespace simcam
 {
 
-struct Camera;
+struct CameraOptions {
+    // A built-in scene, or the path of a picture, a video file or a /dev/video*
+    std::string scene = "photo";
+    std::array<std::string, POST_COUNT> post_size; // "1920x1080", or empty: off
+    double ring = 0.0;                             // RING_RANGE
+    bool sweep = false;                            // the ring turns to and fro
+    double sweep_period_s = SWEEP_DEFAULT_S;
+    uint64_t seed = 1;         // same seed, same numbers
+    uint32_t pitch_align = 16; // one of PITCH_ALIGNS
+    double rate_hz = 30.0;     // measurements a second
+    // Holds the socket and the files of the fixed paths; empty: made for the run and removed after
+    // it. Existing files of a named one (another palette, another font) are kept.
+    std::string run_directory;
+    std::vector<std::string> program; // the overlay process and its arguments; may be empty
+    // The folder of the codec library and the preload object; empty: those built with simcam.
+    std::string platform_directory;
+};
 
-// Makes and starts a camera. Returns null with *error filled where an option is not to be had. What
-// it returns has threads: it must see camera_stop before its last owner lets go of it.
-std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *error);
-// Ends the overlay process if it is ours, every client, every thread; waits for them, two seconds
-// for a process that is deaf to SIGTERM. The record is dead afterwards.
-void camera_stop(Camera &camera);
+struct CameraState : BoardState {
+    double time_s = 0;
+    double ring = 0;
+    bool sweep = false;
+    double sweep_period_s = 0;
+    std::string scene;
+    double gain = 1.0; // multiplies the picture
+    double rate_hz = 0;
+    double measured_rate_hz = 0; // over the last second
+    ProcessState process;
+    std::string run_directory;
+};
+
+struct Camera;
+// Stops the camera: ends the overlay process if simcam started it (SIGTERM, then SIGKILL after 2
+// s), disconnects every client and ends every thread.
+struct CameraDelete {
+    void operator()(Camera *camera) const;
+};
+using CameraPtr = std::unique_ptr<Camera, CameraDelete>;
+
+// Makes and starts a camera. Returns null with *error set for options that it refuses.
+CameraPtr camera_start(const CameraOptions &options, std::string *error);
 
 CameraState camera_state(Camera &camera);
+Measurement camera_latest(Camera &camera); // number 0: there is none yet
+PostState camera_post(Camera &camera, int post);
 
-std::string camera_set_ring(Camera &camera, double ring); // 0..1; stops a sweep
-// A period outside of 0.5 to 3600 seconds becomes the nearer of them.
+std::string camera_set_ring(Camera &camera, double ring); // ends a sweep
+// Takes the nearest period within SWEEP_RANGE_S.
 void camera_set_sweep(Camera &camera, bool on, double period_s);
-// Opens the file or the device and reads its first picture: takes as long as that takes.
+// Opens the file or the device and reads its first picture, which may take long.
 std::string camera_set_scene(Camera &camera, const std::string &scene);
-std::string camera_set_gain(Camera &camera, double gain); // 0.1..8: a step of exposure
-void camera_flash(Camera &camera);                        // one bright picture, as of a flash light
-std::string camera_start_post(Camera &camera, int post, uint32_t width, uint32_t height);
+std::string camera_set_gain(Camera &camera, double gain); // a step of exposure
+void camera_flash(Camera &camera);                        // one bright picture
+// Starts a post; stops it first if it runs. Size 0x0 is the size it had last. keep_same leaves a
+// post alone that already runs at that size.
+std::string camera_start_post(Camera &camera, int post, Size size, bool keep_same = false);
 std::string camera_stop_post(Camera &camera, int post);
 
 std::vector<std::string> camera_fault_calls();
@@ -45,24 +81,23 @@ std::string camera_set_fault(Camera &camera, const Fault &fault); // replaces on
 void camera_clear_faults(Camera &camera);
 
 std::string camera_process_start(Camera &camera);
-std::string camera_process_stop(Camera &camera); // SIGTERM to it and what it started
-std::string camera_process_kill(Camera &camera); // SIGKILL to it and what it started
+std::string camera_process_stop(Camera &camera); // SIGTERM to it and its children
+std::string camera_process_kill(Camera &camera); // SIGKILL to it and its children
 
-// Waits until a measurement after number exists, at most timeout_s; false where none came.
+// Waits until a measurement after number exists. Returns false if timeout_s passed before.
 bool camera_wait(Camera &camera, uint64_t number, double timeout_s);
-// What came after number, oldest first, at most limit; old records are dropped (4096 are kept of
-// each kind).
+// The records after a number, oldest first, at most limit. RECORDS_KEPT of each kind are kept.
 std::vector<Measurement> camera_measurements(Camera &camera, uint64_t after, size_t limit);
 std::vector<CallRecord> camera_calls(Camera &camera, uint64_t after, size_t limit);
 std::vector<OutputChunk> camera_output(Camera &camera, uint64_t after, size_t limit);
+// The numbers of the newest record of each kind; 0: none yet.
+struct CameraNewest {
+    uint64_t measurement = 0, call = 0, output = 0;
+};
+CameraNewest camera_newest(Camera &camera);
 
-// The post's picture, 8-bit BGR at the post's size, as the output shows it now, with or without its
-// planes; empty while the post is off.
-cv::Mat camera_picture(Camera &camera, int post, bool with_planes);
-// The sensor's picture through the lens, 1280 x 720, 8-bit BGR, without planes.
-cv::Mat camera_sensor_picture(Camera &camera);
 PlaneImage camera_plane(Camera &camera, int post, int plane);
-// The color table as applied last: 256 entries of 4 bytes.
+// The color table as applied last: PALETTE_BYTES.
 std::vector<uint8_t> camera_palette(Camera &camera);
 
 } // namespace simcam

@@ -1,4 +1,4 @@
-// The ring's stops and the files.
+// The ring positions and the files.
 
 #include "camera/snapshot.h"
 
@@ -10,7 +10,8 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-#include "picture/optics.h"
+#include "camera/pictures.h"
+#include "picture/lens.h"
 
 namespace simcam
 {
@@ -20,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 // Offsets from best focus: towards it, on it, past it.
 static const double STOPS[] = {-0.20, -0.08, 0.0, 0.08, 0.20};
 
-// Whether the bar and the text (planes 0 and 1) of every running post have been shown that many
+// Whether the bar and the text (planes 0 and 1) of every running post have been redrawn that many
 // times since before.
 static bool redrawn_since(const CameraState &before, const CameraState &now, uint64_t times)
 {
@@ -34,8 +35,8 @@ static bool redrawn_since(const CameraState &before, const CameraState &now, uin
     return true;
 }
 
-// A post whose readout does not come (an output size without one) holds nobody up for longer.
-// Returns an empty string, or why there is no use in going on.
+// Waits until every readout was redrawn, at most timeout_s: a post of a size without a readout
+// never is. Returns an empty string, or why the snapshot must end.
 static std::string wait_for_readout(Camera &camera, double timeout_s,
                                     const std::function<bool()> &interrupted)
 {
@@ -61,7 +62,7 @@ std::string snapshot_write(Camera &camera, const std::string &directory,
     std::filesystem::create_directories(directory, error);
     if (error)
         return directory + ": " + error.message();
-    std::string problem = wait_for_readout(camera, 10, interrupted); // the process has to start
+    std::string problem = wait_for_readout(camera, 10, interrupted); // the process is starting
     if (!problem.empty())
         return problem;
 
@@ -69,8 +70,8 @@ std::string snapshot_write(Camera &camera, const std::string &directory,
     for (const double offset : STOPS) {
         const double ring = std::fmin(1.0, std::fmax(0.0, lens_best_ring() + offset));
         camera_set_ring(camera, ring);
-        const uint64_t number = camera_state(camera).latest.number;
-        camera_wait(camera, number + 2, 10); // one picture may have been under way
+        const uint64_t number = camera_latest(camera).number;
+        camera_wait(camera, number + 2, 10); // one picture may have been made for the old position
         problem = wait_for_readout(camera, 5, interrupted);
         if (!problem.empty())
             return problem;

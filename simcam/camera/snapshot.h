@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "camera/camera.h"
@@ -10,10 +9,9 @@
 namespace simcam
 {
 
-// Turns the ring through the peak, waits at each stop until the overlay process (if one was named)
-// has redrawn its readout, and writes one PNG a running post and stop into directory. It is given
-// up once interrupted() is true, or the process has ended. Returns an empty string, or what went
-// wrong.
+// Turns the ring through the peak in steps, waits at each until the overlay process (if there is
+// one) has redrawn its readout, and writes a PNG of every running post into directory. Ends early
+// once interrupted() is true or the process has ended. Returns an empty string, or what went wrong.
 std::string snapshot_write(Camera &camera, const std::string &directory,
                            const std::function<bool()> &interrupted);
 

@@ -1,4 +1,4 @@
-// Takes requests apart and gives their parts names.
+// Decoding, names and arguments of requests.
 
 #include "link/request.h"
 

@@ -1,4 +1,4 @@
-// What arrives from a client, before anything is done about it.
+// Requests of clients: decoding them, and their names and arguments as text.
 #pragma once
 
 #include <cstddef>
@@ -16,17 +16,16 @@ struct Request {
     uint8_t payload[sizeof(WireFocusConfig)]{}; // wire_request_size(header.call) bytes are used
 };
 
-// Takes one packet apart. False where it is no request: its length, version or call is none of
-// ours.
+// Decodes one packet. Returns false for a wrong length, version or call.
 bool request_decode(const void *packet, size_t size, Request *request);
 
 // The call's name: a library function's, or "open", "CAM_FOCUS_CONFIG", "CAM_FOCUS_READ".
 const char *request_name(uint32_t call);
-// The WireCall of a name; 0 where there is none.
+// The WireCall of a name; 0 for an unknown name.
 uint32_t request_call(const std::string &name);
 // The names of all calls, in the order of WireCall.
 std::vector<std::string> request_names();
-// The arguments as a person reads them: "postResId=0x51000001, OSD num=0".
+// The arguments as text: "postResId=0x51000001, OSD num=0".
 std::string request_arguments(const Request &request);
 
 // The payload as the record of its call.

@@ -1,6 +1,7 @@
-// One thread, one poll. Nothing it does waits for a client: requests are whole packets, an answer
-// that does not fit a client's socket ends that client, and requests that take time (a measurement
-// to come, a fault's delay) are kept beside their client until they are due.
+// One thread with one poll loop, which never blocks on a client: requests are whole packets, a
+// client whose socket is too full for its answer is dropped, requests that take time (a read before
+// the next measurement, a fault's delay) are kept with their client until they are due, and reports
+// wait in their session until the client's socket has room.
 
 #include "link/server.h"
 
@@ -17,6 +18,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include "link/calls.h"
+
 namespace simcam
 {
 
@@ -26,11 +29,12 @@ struct Pending {
     Request request;
     uint32_t forced_error = 0;
     Clock::time_point due;
-    bool waits = false; // is due, and for a measurement
+    bool waits = false; // for the next measurement
 };
 
 struct Client {
     int fd = -1;
+    int events = -1; // the socket for reports, from qm7_cl_library_init to qm7_cl_library_exit
     Session session;
     std::optional<Pending> pending;
     bool spoken = false; // has sent a request
@@ -38,8 +42,8 @@ struct Client {
 
     ~Client()
     {
-        if (session.events >= 0)
-            close(session.events);
+        if (events >= 0)
+            close(events);
         if (fd >= 0)
             close(fd);
     }
@@ -52,18 +56,37 @@ struct Server {
     int wake = -1;
     std::atomic<bool> ending = false;
     std::thread thread;
-    std::vector<std::unique_ptr<Client>> clients; // the thread's own
+    std::vector<std::unique_ptr<Client>> clients; // used by the thread only
 
+    Server() = default;
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
     ~Server()
     {
+        if (thread.joinable()) {
+            {
+                const std::lock_guard guard(board->lock);
+                board->wake = [] {};
+            }
+            ending = true;
+            wake_up();
+            thread.join();
+            unlink(path.c_str());
+        }
         if (listener >= 0)
             close(listener);
         if (wake >= 0)
             close(wake);
     }
+
+    void wake_up() const
+    {
+        const uint64_t one = 1;
+        (void)!write(wake, &one, sizeof one); // fails only if many wake-ups wait already
+    }
 };
 
-// Sends reply and the descriptor it names. False where the client takes no more.
+// Sends reply and the descriptor it names. Returns false if the client's socket is full or closed.
 static bool send_reply(int fd, const Reply &reply)
 {
     uint8_t packet[WIRE_REPLY_MAX];
@@ -88,14 +111,34 @@ static bool send_reply(int fd, const Reply &reply)
     return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(part.iov_len);
 }
 
-// Gives the session a way for reports; its other end goes out with the answer.
-static int make_events(Session &session)
+// Creates the socket pair for reports; returns the end that goes to the client with the answer.
+static int make_events(Client &client)
 {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return -1;
-    session.events = ends[0];
+    client.events = ends[0];
     return ends[1];
+}
+
+// Sends the reports that wait, until the client's socket is full. The caller holds the board's
+// lock.
+static void send_reports(Client &client)
+{
+    std::vector<PostReport> &reports = client.session.reports;
+    size_t sent = 0;
+    for (; sent < reports.size(); sent++) {
+        const PostReport &report = reports[sent];
+        const WireNotify record = {1u << report.post, report.res_id,
+                                   static_cast<uint32_t>(report.post), report.running ? 1u : 0u};
+        if (send(client.events, &record, sizeof record, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+            continue;
+        if (errno == EAGAIN)
+            break;             // poll tells when there is room
+        sent = reports.size(); // the client no longer listens
+        break;
+    }
+    reports.erase(reports.begin(), reports.begin() + static_cast<ptrdiff_t>(sent));
 }
 
 static void answer(Board &board, Client &client)
@@ -105,21 +148,22 @@ static void answer(Board &board, Client &client)
 
     const std::lock_guard guard(board.lock);
     Reply reply;
-    board_execute(board, client.session, pending.request, pending.forced_error, &reply);
+    calls_execute(board, client.session, pending.request, pending.forced_error, &reply);
     int theirs = -1;
     if (reply.head.result == 0 && reply.head.call == WIRE_LIBRARY_INIT)
-        reply.fd = theirs = make_events(client.session);
+        reply.fd = theirs = make_events(client);
     if (reply.head.result == 0 && reply.head.call == WIRE_LIBRARY_EXIT) {
-        close(client.session.events);
-        client.session.events = -1;
+        close(client.events);
+        client.events = -1;
     }
+    send_reports(client); // those of qm7_cl_post_set_notify arrive before its answer
     if (!send_reply(client.fd, reply))
         client.gone = true;
     if (theirs >= 0)
         close(theirs);
 }
 
-// Answers the pending request if its time has come.
+// Answers the pending request if it is due.
 static void try_answer(Board &board, Client &client)
 {
     if (!client.pending || client.gone || Clock::now() < client.pending->due)
@@ -135,7 +179,7 @@ static void try_answer(Board &board, Client &client)
 
 static void receive(Board &board, Client &client)
 {
-    uint8_t packet[WIRE_REQUEST_MAX + 1]; // one more shows packets that are too long
+    uint8_t packet[WIRE_REQUEST_MAX + 1]; // one byte more, to detect longer packets
     const ssize_t length = recv(client.fd, packet, sizeof packet, MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EINTR))
         return;
@@ -147,7 +191,7 @@ static void receive(Board &board, Client &client)
     client.spoken = true;
     {
         const std::lock_guard guard(board.lock);
-        const Fault fault = board_take_fault(board, pending.request.header.call);
+        const Fault fault = board_take_fault(board, request_name(pending.request.header.call));
         pending.forced_error = fault.error;
         pending.due = Clock::now() + std::chrono::milliseconds(fault.delay_ms);
     }
@@ -195,36 +239,52 @@ static int poll_timeout(const Server &server)
     int64_t timeout = -1;
     for (const auto &client : server.clients) {
         if (!client->pending || client->pending->waits)
-            continue; // a measurement wakes the thread
+            continue; // the next measurement wakes the thread
         const int64_t left = std::chrono::ceil<milliseconds>(client->pending->due - now).count();
-        const int64_t wait = std::max<int64_t>(left, 0); // became due since it was looked at
+        const int64_t wait = std::max<int64_t>(left, 0);
         timeout = timeout < 0 ? wait : std::min(timeout, wait);
     }
     return static_cast<int>(timeout);
 }
 
+// Waits until something happens. The clients' entries follow those of wake and the listener, two
+// for each: its requests and its reports.
+static std::vector<pollfd> wait_for_events(Server &server)
+{
+    std::vector<pollfd> entries = {{server.wake, POLLIN, 0}, {server.listener, POLLIN, 0}};
+    {
+        const std::lock_guard guard(server.board->lock);
+        for (const auto &client : server.clients) {
+            const bool reports = !client->session.reports.empty();
+            // A client's next request is read after its pending one was answered.
+            entries.push_back({client->fd, static_cast<short>(client->pending ? 0 : POLLIN), 0});
+            entries.push_back({reports ? client->events : -1, POLLOUT, 0});
+        }
+    }
+    if (poll(entries.data(), entries.size(), poll_timeout(server)) < 0)
+        for (pollfd &entry : entries)
+            entry.revents = 0;
+    return entries;
+}
+
 static void serve(Server &server)
 {
-    std::vector<pollfd> entries;
     while (!server.ending) {
-        entries.assign({{server.wake, POLLIN, 0}, {server.listener, POLLIN, 0}});
-        for (const auto &client : server.clients) // a busy client's next request can wait
-            entries.push_back({client->fd, static_cast<short>(client->pending ? 0 : POLLIN), 0});
-        if (poll(entries.data(), entries.size(), poll_timeout(server)) < 0 && errno != EINTR)
-            break;
-
+        const std::vector<pollfd> entries = wait_for_events(server);
         if (entries[0].revents & POLLIN) {
             uint64_t count;
-            (void)!read(server.wake, &count, sizeof count); // only to make it quiet again
+            (void)!read(server.wake, &count, sizeof count); // resets it
         }
         for (size_t i = 0; i < server.clients.size(); i++) {
             Client &client = *server.clients[i];
-            const short seen = entries[i + 2].revents;
+            const short seen = entries[2 * i + 2].revents;
             if (seen & POLLIN)
                 receive(*server.board, client);
             else if (seen & (POLLHUP | POLLERR))
                 client.gone = true;
             try_answer(*server.board, client);
+            const std::lock_guard guard(server.board->lock);
+            send_reports(client);
         }
         remove_gone(server);
         if (entries[1].revents & POLLIN)
@@ -245,24 +305,24 @@ static bool is_taken(const sockaddr_un &address)
     return taken;
 }
 
-std::shared_ptr<Server> server_start(Board &board, const std::string &path, std::string *error)
+ServerPtr server_start(Board &board, const std::string &path, std::string *error)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
-        *error = "the run directory's name is too long: " + path;
+        *error = path + ": too long for a socket; choose a shorter run directory";
         return nullptr;
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
-    auto server = std::make_shared<Server>();
+    ServerPtr server(new Server);
     server->board = &board;
     server->path = path;
     if (is_taken(address)) {
-        *error = "another simcam uses this run directory: " + path;
+        *error = path + ": another simcam uses this run directory";
         return nullptr;
     }
-    unlink(path.c_str()); // left by one that did not end well
+    unlink(path.c_str()); // left by a simcam that crashed
     server->listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     server->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (server->listener < 0 || server->wake < 0 ||
@@ -271,23 +331,17 @@ std::shared_ptr<Server> server_start(Board &board, const std::string &path, std:
         *error = path + ": " + std::strerror(errno);
         return nullptr;
     }
+    {
+        const std::lock_guard guard(board.lock);
+        board.wake = [server = server.get()] { server->wake_up(); };
+    }
     server->thread = std::thread([server = server.get()] { serve(*server); });
     return server;
 }
 
-void server_stop(Server &server)
+void ServerDelete::operator()(Server *server) const
 {
-    server.ending = true;
-    server_wake(server);
-    if (server.thread.joinable())
-        server.thread.join();
-    unlink(server.path.c_str());
-}
-
-void server_wake(Server &server)
-{
-    const uint64_t one = 1;
-    (void)!write(server.wake, &one, sizeof one); // full means that it is awake already
+    delete server;
 }
 
 } // namespace simcam

@@ -9,17 +9,18 @@
 namespace simcam
 {
 
-// More clients than this are turned away; those that have never said anything are dropped first.
+// Further clients are turned away; a client that has never sent a request is dropped first.
 constexpr size_t CLIENT_COUNT_MAX = 64;
 
 struct Server;
-
-// Listens at path and serves board from a thread of its own. Null with *error filled on failure.
-// What it returns must see server_stop before its last owner lets go of it, and board outlives it.
-std::shared_ptr<Server> server_start(Board &board, const std::string &path, std::string *error);
 // Closes every connection, ends the thread, removes the socket.
-void server_stop(Server &server);
-// Tells it that there is a new measurement.
-void server_wake(Server &server);
+struct ServerDelete {
+    void operator()(Server *server) const;
+};
+using ServerPtr = std::unique_ptr<Server, ServerDelete>;
+
+// Listens at path and serves board, which must outlive it, from a thread of its own. Returns null
+// with *error set on failure.
+ServerPtr server_start(Board &board, const std::string &path, std::string *error);
 
 } // namespace simcam

@@ -1,5 +1,5 @@
-// Scenes: what the lens looks at.
-#include "picture/optics.h"
+// Opening scenes and playing videos.
+#include "picture/scene.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -13,6 +13,8 @@
 #endif
 
 #include "picture/chart.h"
+#include "picture/lens.h"
+#include "picture/sensor.h"
 
 namespace simcam
 {
@@ -26,17 +28,17 @@ struct Scene {
     bool fresh = true;
 #if SIMCAM_VIDEO
     cv::VideoCapture capture; // not open for still pictures
-    bool live = false;        // a device: frames come when they come
+    bool live = false;        // a device: delivers frames at its own pace
     double frame_rate = DEFAULT_FRAME_RATE;
     double start_s = -1; // when the file's first frame was shown
     uint64_t frames = 0; // taken since then
 #endif
-    // The last answer of scene_through_lens.
+    // The last result of scene_through_lens.
     cv::Mat blurred;
     double blurred_px = -1;
 };
 
-// Fills the sensor: what its shape leaves over is cut off evenly on both sides, the rest is scaled.
+// Scales the picture to fill the sensor; crops it evenly on both sides where its shape differs.
 static cv::Mat cover_sensor(const cv::Mat &picture)
 {
     const int width = cvRound(static_cast<double>(picture.rows) * SENSOR_WIDTH / SENSOR_HEIGHT);
@@ -49,7 +51,7 @@ static cv::Mat cover_sensor(const cv::Mat &picture)
     return filled;
 }
 
-// The photograph's path, or empty: it lies where the system keeps data that programs share.
+// The photograph's path in one of the system's data directories, or empty.
 static std::string find_photo()
 {
     const char *variable = std::getenv("XDG_DATA_DIRS");
@@ -85,9 +87,11 @@ static std::shared_ptr<Scene> open_photo(std::string *error)
 {
     const std::string path = find_photo();
     if (path.empty()) {
-        *error = std::string("scene photo: ") + PHOTO_FILE +
-                 " is in none of the data directories; install the package " + PHOTO_PACKAGE +
-                 ", or use the scene chart";
+        *error = "scene photo: ";
+        *error += PHOTO_FILE;
+        *error += " is missing; install the package ";
+        *error += PHOTO_PACKAGE;
+        *error += " or use the scene chart";
         return nullptr;
     }
     // The file has four times the sensor's lines and columns; decoding a quarter is much faster.
@@ -125,7 +129,8 @@ static std::shared_ptr<Scene> open_video(const std::string &path, std::string *e
     return nullptr;
 }
 
-// Shows the frame that is due; at its end a file starts again, and what cannot go on stands still.
+// Moves on to the frame that is due. A file starts again at its end; a video that fails keeps its
+// last frame.
 static void play(Scene &scene, double time_s)
 {
     if (scene.live) {
@@ -137,7 +142,7 @@ static void play(Scene &scene, double time_s)
     const auto due = static_cast<uint64_t>((time_s - scene.start_s) * scene.frame_rate);
     if (due <= scene.frames)
         return;
-    for (; scene.frames + 1 < due; scene.frames++) { // late: leave out what nobody would see
+    for (; scene.frames + 1 < due; scene.frames++) { // late: skip frames
         if (!scene.capture.grab())
             break;
     }
@@ -157,19 +162,43 @@ static std::shared_ptr<Scene> open_video(const std::string &path, std::string *e
 }
 #endif
 
+static std::shared_ptr<Scene> open_chart(std::string *)
+{
+    auto scene = std::make_shared<Scene>();
+    scene->picture = chart_draw(SENSOR_WIDTH, SENSOR_HEIGHT);
+    return scene;
+}
+
+static constexpr struct {
+    const char *name;
+    std::shared_ptr<Scene> (*open)(std::string *error);
+} BUILT_IN[] = {{"photo", open_photo}, {"chart", open_chart}};
+
+std::vector<std::string> scene_names()
+{
+    std::vector<std::string> names;
+    for (const auto &scene : BUILT_IN)
+        names.emplace_back(scene.name);
+    return names;
+}
+
+std::string scene_list()
+{
+    std::string list;
+    for (const std::string &name : scene_names())
+        list += (list.empty() ? "" : ", ") + name;
+    return list;
+}
+
 std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
 {
-    if (name == "photo")
-        return open_photo(error);
-    if (name == "chart") {
-        auto scene = std::make_shared<Scene>();
-        scene->picture = chart_draw(SENSOR_WIDTH, SENSOR_HEIGHT);
-        return scene;
-    }
+    for (const auto &scene : BUILT_IN)
+        if (name == scene.name)
+            return scene.open(error);
     std::error_code missing;
     const std::filesystem::file_status status = std::filesystem::status(name, missing);
     if (!std::filesystem::exists(status)) {
-        *error = "scene " + name + ": no such file; built in are photo and chart";
+        *error = "scene " + name + ": no such file; the built-in scenes are " + scene_list();
         return nullptr;
     }
     if (std::filesystem::is_directory(status)) {
@@ -177,7 +206,7 @@ std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
         return nullptr;
     }
     if (!std::filesystem::is_regular_file(status) && !std::filesystem::is_character_file(status)) {
-        // Opening a pipe would wait for somebody to write into it.
+        // Opening a pipe would block until another program writes to it.
         *error = "scene " + name + ": neither a file nor a video device";
         return nullptr;
     }
@@ -192,7 +221,7 @@ const cv::Mat &scene_picture(Scene &scene, double time_s, bool *changed)
     try {
         if (scene.capture.isOpened())
             play(scene, time_s);
-    } catch (const cv::Exception &) { // nobody on the sensor's thread would take it
+    } catch (const cv::Exception &) { // the sensor's thread must go on
     }
 #else
     (void)time_s;

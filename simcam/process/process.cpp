@@ -1,5 +1,5 @@
-// One thread owns the child: it forks (so that the child dies with simcam), reads what the child
-// writes and reaps it. Others ask it through a short list of jobs.
+// One thread owns the child: it forks it (the child is killed when the forking thread ends, that
+// is, with simcam), reads its output and reaps it. Other threads queue jobs for it.
 
 #include "process/process.h"
 
@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <elf.h>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -23,10 +22,8 @@
 #include <thread>
 #include <unistd.h>
 
-#include "board/board.h"
-#include "wire.h"
-
-extern char **environ;
+#include "board/records.h"
+#include "process/environment.h"
 
 namespace simcam
 {
@@ -43,98 +40,23 @@ struct Process {
     std::deque<std::packaged_task<std::string()>> jobs;
     bool ending = false;
     ProcessState state;
-    std::deque<OutputChunk> output;
-    uint64_t output_count = 0;
+    Records<OutputChunk> output;
 
-    // the thread's own
+    // used by the thread only
     pid_t child = 0;
-    int child_end =
-        -1; // becomes readable when the child has ended; -1 where the system has no such
+    int child_end = -1;      // a pidfd, readable when the child has ended; -1: not supported
     int pipes[2] = {-1, -1}; // standard output, standard error
-    double cpu_s = 0;        // processor time at the last look
+    double cpu_s = 0;        // processor time when it was last measured
     Clock::time_point looked;
-
-    ~Process()
-    {
-        close(wake);
-    }
 };
 
 // ---- starting
 
-// A child that represents a process of another machine writes that one's numbers into this file.
+// A child that represents a process of another machine writes that process's pid, milliseconds of
+// processor time and KiB of memory into this file.
 static std::string usage_path(const Process &process)
 {
     return process.options.run_directory + "/process";
-}
-
-// The machine that an ELF file is for; 0 where it is none.
-static uint16_t elf_machine(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    Elf32_Ehdr head = {}; // both word sizes agree up to the machine
-    file.read(reinterpret_cast<char *>(&head), sizeof head);
-    if (!file || std::memcmp(head.e_ident, ELFMAG, SELFMAG) != 0)
-        return 0;
-    return head.e_machine;
-}
-
-static std::string find_program(const std::string &name)
-{
-    if (name.find('/') != std::string::npos)
-        return name;
-    const char *path = std::getenv("PATH");
-    std::string rest = path ? path : "/usr/bin:/bin";
-    while (!rest.empty()) {
-        const size_t end = rest.find(':');
-        const std::string candidate = rest.substr(0, end) + "/" + name;
-        if (access(candidate.c_str(), X_OK) == 0)
-            return candidate;
-        rest = end == std::string::npos ? "" : rest.substr(end + 1);
-    }
-    return name;
-}
-
-static void set_variable(std::vector<std::string> *environment, const std::string &name,
-                         const std::string &value)
-{
-    std::erase_if(*environment, [&](const std::string &entry) {
-        return entry.compare(0, name.size() + 1, name + "=") == 0;
-    });
-    environment->push_back(name + "=" + value);
-}
-
-// first, and behind it what the environment has already.
-static std::string joined(const std::string &first, const char *rest)
-{
-    return rest && rest[0] ? first + ":" + rest : first;
-}
-
-static std::vector<std::string> make_environment(const ProcessOptions &options)
-{
-    std::vector<std::string> environment;
-    for (char **entry = environ; *entry; entry++)
-        environment.push_back(*entry);
-
-    const std::string library_directory = options.library.substr(0, options.library.rfind('/'));
-    set_variable(&environment, SIMCAM_RUN_DIR_VARIABLE, options.run_directory);
-    set_variable(&environment, "SIMCAM_UNBUFFERED", "1");
-    const uint16_t program = elf_machine(find_program(options.program[0]));
-    const uint16_t preload = elf_machine(options.preload);
-    if (program && program != preload) {
-        // An emulator that runs a program of the preload object's machine: for the program alone.
-        set_variable(&environment, "QEMU_SET_ENV",
-                     "LD_PRELOAD=" + options.preload + ",LD_LIBRARY_PATH=" + library_directory);
-    } else {
-        set_variable(&environment, "LD_PRELOAD",
-                     joined(options.preload, std::getenv("LD_PRELOAD")));
-        set_variable(&environment, "LD_LIBRARY_PATH",
-                     joined(library_directory, std::getenv("LD_LIBRARY_PATH")));
-    }
-    // The preload object precedes the sanitizer's runtime in a program that has one; it needs none.
-    set_variable(&environment, "ASAN_OPTIONS",
-                 joined("verify_asan_link_order=0", std::getenv("ASAN_OPTIONS")));
-    return environment;
 }
 
 static std::vector<char *> pointers(std::vector<std::string> &strings)
@@ -157,7 +79,7 @@ static std::vector<char *> pointers(std::vector<std::string> &strings)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL);
-    setpgid(0, 0); // the terminal's interrupt is simcam's to handle
+    setpgid(0, 0); // Control-C is for simcam only
     const int input = open("/dev/null", O_RDONLY);
     dup2(input, 0);
     dup2(ends[0], 1);
@@ -172,9 +94,9 @@ static std::vector<char *> pointers(std::vector<std::string> &strings)
 static std::string start(Process &process)
 {
     if (process.options.program.empty())
-        return "no program was named: start simcam with \"-- PROGRAM\"";
+        return "simcam was started without a program (-- PROGRAM)";
     if (process.child)
-        return "the program runs already";
+        return "the program is already running";
 
     int out[2], err[2], report[2];
     if (pipe2(out, O_CLOEXEC) != 0)
@@ -189,14 +111,14 @@ static std::string start(Process &process)
     }
 
     std::vector<std::string> words = process.options.program;
-    std::vector<std::string> environment = make_environment(process.options);
-    const std::string path = find_program(words[0]);
+    std::vector<std::string> environment = environment_make(process.options);
+    const std::string path = program_find(words[0]);
     const std::vector<char *> arguments = pointers(words);
     const std::vector<char *> variables = pointers(environment);
     const int ends[2] = {out[1], err[1]};
     const pid_t parent = getpid();
 
-    unlink(usage_path(process).c_str()); // of a child before
+    unlink(usage_path(process).c_str()); // left by the previous child
     const pid_t child = fork();
     if (child == 0)
         become(path.c_str(), const_cast<char **>(arguments.data()),
@@ -233,7 +155,7 @@ static std::string start(Process &process)
 
 // ---- running
 
-// Takes what there is in one pipe, at most 64 KiB; closes it at its end.
+// Reads what one pipe holds, at most 64 KiB; closes it at its end.
 static void take_output(Process &process, int stream)
 {
     int &pipe = process.pipes[stream - 1];
@@ -249,11 +171,10 @@ static void take_output(Process &process, int stream)
         }
         const std::lock_guard guard(process.lock);
         OutputChunk chunk;
-        chunk.number = ++process.output_count;
         chunk.time_s = std::chrono::duration<double>(Clock::now() - process.made).count();
         chunk.stream = stream;
         chunk.bytes.assign(bytes, static_cast<size_t>(length));
-        records_add(process.output, std::move(chunk));
+        records_add(&process.output, std::move(chunk));
     }
 }
 
@@ -271,7 +192,7 @@ static void reap(Process &process)
     if (!process.child || waitpid(process.child, &status, WNOHANG) != process.child)
         return;
     for (int stream = 1; stream <= 2; stream++) {
-        take_output(process, stream); // what it wrote last
+        take_output(process, stream); // its last output
         int &pipe = process.pipes[stream - 1];
         if (pipe >= 0)
             close(pipe); // a grandchild may hold the other end for ever
@@ -295,7 +216,7 @@ struct Usage {
     uint64_t resident_bytes;
 };
 
-// What the kernel says about the child.
+// Reads the child's numbers from the kernel.
 static bool read_usage(pid_t child, Usage *usage)
 {
     std::ifstream file("/proc/" + std::to_string(child) + "/stat");
@@ -361,7 +282,7 @@ static bool run_jobs(Process &process)
 
 static void run(Process &process)
 {
-    constexpr int CHILD_POLL_MS = 50; // where no descriptor tells of its end
+    constexpr int CHILD_POLL_MS = 50; // without a pidfd
     constexpr int LOOK_MS = 1000;
     while (run_jobs(process)) {
         pollfd entries[4] = {{process.wake, POLLIN, 0},
@@ -371,7 +292,7 @@ static void run(Process &process)
         const int timeout = !process.child ? -1 : process.child_end < 0 ? CHILD_POLL_MS : LOOK_MS;
         poll(entries, 4, timeout);
         uint64_t count;
-        (void)!read(process.wake, &count, sizeof count); // only to make it quiet again
+        (void)!read(process.wake, &count, sizeof count); // resets it
         for (int stream = 1; stream <= 2; stream++)
             if (entries[stream].revents)
                 take_output(process, stream);
@@ -397,9 +318,9 @@ static std::string ask(Process &process, std::function<std::string()> job)
 
 // ---- interface
 
-std::shared_ptr<Process> process_make(const ProcessOptions &options)
+ProcessPtr process_make(const ProcessOptions &options)
 {
-    auto process = std::make_shared<Process>();
+    ProcessPtr process(new Process);
     process->options = options;
     process->state.configured = !options.program.empty();
     process->thread = std::thread([process = process.get()] { run(*process); });
@@ -415,58 +336,66 @@ std::string process_signal(Process &process, int signal)
 {
     return ask(process, [&process, signal]() -> std::string {
         if (!process.child)
-            return "the program does not run";
-        // Its group: a wrapper would end alone and leave the program behind.
+            return "the program is not running";
+        // To its process group: a wrapper script would end alone and leave the program running.
         return kill(-process.child, signal) == 0 ? "" : std::strerror(errno);
     });
 }
 
-void process_finish(Process &process)
+static std::string finish(Process &process)
 {
-    ask(process, [&process]() -> std::string {
-        if (!process.child)
-            return {};
-        const pid_t group = process.child; // a wrapper's own children are in it, too
-        kill(-group, SIGTERM);
-        const auto deadline = Clock::now() + std::chrono::seconds(2);
-        while (process.child && Clock::now() < deadline) {
-            pollfd entries[2] = {{process.pipes[0], POLLIN, 0}, {process.pipes[1], POLLIN, 0}};
-            poll(entries, 2, 10);
-            for (int stream = 1; stream <= 2; stream++)
-                take_output(process, stream);
-            reap(process);
-        }
-        kill(-group, SIGKILL); // what is left of it
-        if (process.child) {
-            waitpid(process.child, nullptr, 0);
-            for (const int fd : {process.pipes[0], process.pipes[1], process.child_end})
-                if (fd >= 0)
-                    close(fd);
-        }
+    if (!process.child)
         return {};
-    });
-    {
-        const std::lock_guard guard(process.lock);
-        process.ending = true;
+    const pid_t group = process.child; // includes the children of a wrapper script
+    kill(-group, SIGTERM);
+    const auto deadline = Clock::now() + std::chrono::seconds(2);
+    while (process.child && Clock::now() < deadline) {
+        pollfd entries[2] = {{process.pipes[0], POLLIN, 0}, {process.pipes[1], POLLIN, 0}};
+        poll(entries, 2, 10);
+        for (int stream = 1; stream <= 2; stream++)
+            take_output(process, stream);
+        reap(process);
     }
-    const uint64_t one = 1;
-    (void)!write(process.wake, &one, sizeof one);
-    if (process.thread.joinable())
-        process.thread.join();
+    kill(-group, SIGKILL); // also children that are still running
+    if (process.child) {
+        waitpid(process.child, nullptr, 0);
+        for (const int fd : {process.pipes[0], process.pipes[1], process.child_end})
+            if (fd >= 0)
+                close(fd);
+    }
+    return {};
 }
 
-void process_state(Process &process, ProcessState *state)
+void ProcessDelete::operator()(Process *process) const
+{
+    ask(*process, [process] { return finish(*process); });
+    {
+        const std::lock_guard guard(process->lock);
+        process->ending = true;
+    }
+    const uint64_t one = 1;
+    (void)!write(process->wake, &one, sizeof one);
+    process->thread.join();
+    close(process->wake);
+    delete process;
+}
+
+ProcessState process_state(Process &process)
 {
     const std::lock_guard guard(process.lock);
-    const bool attached = state->attached;
-    *state = process.state;
-    state->attached = attached;
+    return process.state;
 }
 
 std::vector<OutputChunk> process_output(Process &process, uint64_t after, size_t limit)
 {
     const std::lock_guard guard(process.lock);
     return records_after(process.output, after, limit);
+}
+
+uint64_t process_newest_output(Process &process)
+{
+    const std::lock_guard guard(process.lock);
+    return process.output.newest;
 }
 
 } // namespace simcam

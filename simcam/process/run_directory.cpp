@@ -1,4 +1,4 @@
-// Lays out the run directory.
+// The layout of the run directory, and its removal.
 
 #include "process/run_directory.h"
 
@@ -28,8 +28,8 @@ static fs::path program_directory()
     return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
-// A file or folder of the build: beside the program where that was copied as a whole, else in
-// place.
+// A file or folder of the build: the one beside the program if the build folder was copied, else
+// the one where it was built.
 static fs::path built(const char *folder, const char *name, const char *fallback)
 {
     const fs::path beside = program_directory().parent_path() / folder / name;
@@ -52,7 +52,7 @@ static void fill(const fs::path &root)
     if (!fs::exists(fs::symlink_status(root / FONT_PLACE))) {
         if (!fs::exists(FONT))
             throw fs::filesystem_error(
-                "the font is missing, install the package " + std::string(FONT_PACKAGE), FONT,
+                "the font is missing; install the package " + std::string(FONT_PACKAGE), FONT,
                 std::make_error_code(std::errc::no_such_file_or_directory));
         fs::create_symlink(FONT, root / FONT_PLACE);
     }
@@ -60,8 +60,8 @@ static void fill(const fs::path &root)
         fs::copy_file(built("data", PALETTE_NAME, SIMCAM_DATA_DIR), root / PALETTE_PLACE);
 }
 
-static const char MADE_NAME[] = "simcam-"; // and six characters more
-// In every one that was made here, and in no other, whatever its name.
+static const char MADE_NAME[] = "simcam-"; // followed by six characters
+// A file in every directory made here: its name alone would not tell.
 static const char MARK_NAME[] = ".made-by-simcam";
 
 static int lock_directory(const fs::path &path)
@@ -73,8 +73,8 @@ static int lock_directory(const fs::path &path)
     return -1;
 }
 
-// Removes what cameras made that did not come to remove it: nobody holds it any more. One that is
-// just being made has no mark before it is held.
+// Removes run directories left by crashed instances: those whose lock is free. A directory that is
+// just being made gets its mark only after its lock.
 static void remove_left_behind(const fs::path &where)
 {
     std::error_code ignored;
@@ -92,7 +92,7 @@ static void remove_left_behind(const fs::path &where)
     }
 }
 
-// Where the loader splits its lists, and the emulator the variables that it sets.
+// Of the loader's lists (space, colon, semicolon) and of the emulator's list of variables (comma).
 static const char SEPARATORS[] = " :;,";
 
 static bool check_path(const std::string &path, std::string *error)
@@ -101,7 +101,7 @@ static bool check_path(const std::string &path, std::string *error)
         return true;
     *error =
         "run directory \"" + path +
-        "\": its path holds a space, ':', ';' or ',', where the program's loader would split it";
+        "\": the path must not contain a space, ':', ';' or ',' (separators of the loader's lists)";
     return false;
 }
 
@@ -115,37 +115,37 @@ bool run_directory_make(const std::string &path, RunDirectory *directory, std::s
             if (!check_path(name, error))
                 return false;
             if (!mkdtemp(name.data())) {
-                *error = name + ": no run directory can be made there";
+                *error = name + ": cannot make the run directory";
                 return false;
             }
-            *directory = {name, true, lock_directory(name), {}};
-            if (directory->lock >= 0) // unheld, another camera would take it for left behind
+            directory->path = name;
+            directory->made = true;
+            directory->lock = lock_directory(name);
+            if (directory->lock >= 0) // without the lock, another instance would remove it
                 std::ofstream(fs::path(name) / MARK_NAME).flush();
         } else {
             const std::string name = fs::absolute(path).lexically_normal().string();
             if (!check_path(name, error))
                 return false;
             fs::create_directories(path);
-            fs::remove(fs::path(path) / MARK_NAME); // of one left behind: somebody's from now on
-            *directory = {name, false, -1, {}};
+            fs::remove(fs::path(path) / MARK_NAME); // left by a crashed instance; now it is to stay
+            directory->path = name;
         }
         fill(directory->path);
         return true;
     } catch (const fs::filesystem_error &failure) {
         *error = failure.what();
-        run_directory_remove(*directory);
-        *directory = {}; // nothing is left to remove
         return false;
     }
 }
 
-void run_directory_remove(const RunDirectory &directory)
+RunDirectory::~RunDirectory()
 {
     std::error_code ignored;
-    if (directory.made)
-        fs::remove_all(directory.path, ignored);
-    if (directory.lock >= 0)
-        close(directory.lock);
+    if (made)
+        fs::remove_all(path, ignored);
+    if (lock >= 0)
+        close(lock);
 }
 
 bool run_directory_link(const std::string &platform, RunDirectory *directory, std::string *error)
@@ -157,7 +157,7 @@ bool run_directory_link(const std::string &platform, RunDirectory *directory, st
     fs::create_directory_symlink(platform, place, failure);
     if (failure) {
         *error = place.string() + ": " + failure.message() +
-                 "; the program finds the camera's libraries by that name";
+                 "; cannot link the camera's libraries there";
         return false;
     }
     directory->platform = place.string();

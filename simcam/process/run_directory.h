@@ -1,4 +1,4 @@
-// The directory that stands behind the fixed paths of a camera while a simulated one runs.
+// The directory that replaces the camera's fixed paths.
 #pragma once
 
 #include <string>
@@ -6,30 +6,34 @@
 namespace simcam
 {
 
+// Removed when the record is destroyed, if it was made for this run.
 struct RunDirectory {
     std::string path;
-    bool made = false;    // for this run: removed after it
-    int lock = -1;        // of one that was made: a descriptor that holds it while its camera lives
-    std::string platform; // the name in it of the folder of the program's libraries; empty: none
+    bool made = false; // for this run
+    int lock = -1;     // of one that was made: a descriptor that holds its lock while simcam runs
+    std::string platform; // the link in it to the folder of the program's libraries; empty: none
+
+    RunDirectory() = default;
+    RunDirectory(const RunDirectory &) = delete;
+    RunDirectory &operator=(const RunDirectory &) = delete;
+    ~RunDirectory();
 };
 
-// Makes the directory (a fresh one where path is empty) and in it the folders, the font and the
-// color table that a camera has. Files that are there already are kept. False with *error on
-// failure. Fresh ones that cameras left behind which were killed are removed first.
+// Makes the directory (a fresh one where path is empty), and in it the folders, the font and the
+// color table that a camera has. Existing files are kept. Removes fresh run directories left by
+// crashed instances first. Returns false with *error set on failure.
 //
-// Its path goes into the lists of the program's loader. One with a character that separates there
-// is refused.
+// The path becomes part of the loader's lists, so one with a separator of these lists is refused.
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error);
-void run_directory_remove(const RunDirectory &directory);
 
-// Gives the folder of the program's libraries a name in the directory, which the loader's lists can
-// hold whatever the folder's own name is. Replaces one that a killed camera left. False with *error
-// on failure.
+// Links the folder of the program's libraries into the directory, since the loader's lists could
+// not hold every folder's name. Replaces a link left by a crashed instance. Returns false with
+// *error set on failure.
 bool run_directory_link(const std::string &platform, RunDirectory *directory, std::string *error);
 void run_directory_unlink(RunDirectory *directory);
 
-// Where the codec library and the preload object are: directory if not empty, else beside this
-// program, else where they were built.
+// The folder of the codec library and the preload object: directory if not empty, else the one
+// beside this program, else the one of the build.
 std::string platform_directory_find(const std::string &directory);
 
 } // namespace simcam

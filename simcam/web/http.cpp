@@ -268,10 +268,9 @@ static int listen_on(const std::string &listen, std::string *address, std::strin
     return listener;
 }
 
-std::unique_ptr<HttpServer> http_start(std::shared_ptr<Camera> camera, const std::string &listen,
-                                       std::string *error)
+HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error)
 {
-    auto server = std::make_unique<HttpServer>();
+    HttpServerPtr server(new HttpServer(camera));
     const int listener = listen_on(listen, &server->address, error);
     if (listener < 0)
         return nullptr;
@@ -279,8 +278,7 @@ std::unique_ptr<HttpServer> http_start(std::shared_ptr<Camera> camera, const std
     if (gethostname(name, sizeof name - 1) == 0)
         server->machine_name = name;
     server->session = std::to_string(std::random_device()());
-    server->camera = std::move(camera);
-    server->pictures = picture_cache_make(server->camera);
+    server->pictures = picture_cache_make(camera);
     server->daemon =
         MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION |
                              MHD_USE_POLL | MHD_USE_ERROR_LOG,
@@ -304,18 +302,12 @@ std::string http_address(const HttpServer &server)
     return server.address;
 }
 
-void http_stop(HttpServer &server)
+void HttpServerDelete::operator()(HttpServer *server) const
 {
-    server.stopping = true;
-    if (server.daemon)
-        MHD_stop_daemon(server.daemon);
-    server.daemon = nullptr;
+    server->stopping = true;
+    if (server->daemon)
+        MHD_stop_daemon(server->daemon);
+    delete server;
 }
 
 } // namespace simcam
-
-void std::default_delete<simcam::HttpServer>::operator()(simcam::HttpServer *server) const
-{
-    simcam::http_stop(*server);
-    delete server;
-}

@@ -22,25 +22,16 @@ constexpr size_t HTTP_BODY_MAX = 16 * 1024; // bytes of a request's body
 constexpr const char *HTTP_LISTEN_DEFAULT = "127.0.0.1:8080";
 
 struct HttpServer;
-
-} // namespace simcam
-
-// So that a server can be held where its inside is not known; stops it first.
-template <> struct std::default_delete<simcam::HttpServer> {
-    void operator()(simcam::HttpServer *server) const;
+// Ends every stream and connection.
+struct HttpServerDelete {
+    void operator()(HttpServer *server) const;
 };
+using HttpServerPtr = std::unique_ptr<HttpServer, HttpServerDelete>;
 
-namespace simcam
-{
-
-// Listens on "127.0.0.1:8080", "[::1]:8080", "localhost:0" (port 0: any free one); the host may be
-// left out. Returns null with *error filled where that cannot be had.
-std::unique_ptr<HttpServer> http_start(std::shared_ptr<Camera> camera, const std::string &listen,
-                                       std::string *error);
-// "http://127.0.0.1:8080/", with the port that was got.
+// Listens on "127.0.0.1:8080", "[::1]:8080", "localhost:0" (port 0: any free one), or a port alone,
+// and serves camera, which must outlive it. Returns null with *error set on failure.
+HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error);
+// "http://127.0.0.1:8080/", with the actual port.
 std::string http_address(const HttpServer &server);
-// Ends every stream and connection; the record accepts nothing afterwards. Called again it does
-// nothing.
-void http_stop(HttpServer &server);
 
 } // namespace simcam

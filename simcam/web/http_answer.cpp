@@ -90,14 +90,14 @@ PictureRequest reply_picture_request(const RoutedRequest &request)
 static HttpReply get_frame(Camera &camera, const RoutedRequest &request)
 {
     const PictureRequest picture = reply_picture_request(request);
-    const CameraState state = camera_state(camera);
-    if (picture.view < POST_COUNT && !state.post[static_cast<size_t>(picture.view)].running)
+    if (picture.view < POST_COUNT && !camera_post(camera, picture.view).running)
         return reply_error(409, "post " + std::to_string(picture.view) + " is off");
     HttpReply reply = reply_png(picture_view(camera, picture));
     const std::string view = picture.view == VIEW_ALL      ? "all"
                              : picture.view == VIEW_SENSOR ? "sensor"
                                                            : "post" + std::to_string(picture.view);
-    offer_download(request, "simcam-" + view + "-" + std::to_string(state.latest.number) + ".png",
+    offer_download(request,
+                   "simcam-" + view + "-" + std::to_string(camera_latest(camera).number) + ".png",
                    &reply);
     return reply;
 }
@@ -166,24 +166,11 @@ static HttpReply get_plane(Camera &camera, const RoutedRequest &request)
 
 static HttpReply start_post(Camera &camera, const RoutedRequest &request)
 {
-    const int post = number_of(request, "post");
-    const PostState now = camera_state(camera).post[static_cast<size_t>(post)];
-    uint32_t width = now.width;
-    uint32_t height = now.height;
-    if (request.number.count("size_width")) {
-        width = static_cast<uint32_t>(request.number.at("size_width"));
-        height = static_cast<uint32_t>(request.number.at("size_height"));
-    }
-    if (width == 0 || height == 0)
-        return reply_error(400, "this post never had a size: give one");
-    if (now.running && now.width == width && now.height == height)
-        return reply_json(json_done());
-    if (now.running) {
-        const std::string refusal = camera_stop_post(camera, post);
-        if (!refusal.empty())
-            return reply_error(409, refusal);
-    }
-    return reply_outcome(camera_start_post(camera, post, width, height));
+    Size size;
+    if (request.number.count("size_width"))
+        size = {static_cast<uint32_t>(request.number.at("size_width")),
+                static_cast<uint32_t>(request.number.at("size_height"))};
+    return reply_outcome(camera_start_post(camera, number_of(request, "post"), size, true));
 }
 
 static HttpReply set_fault(Camera &camera, const RoutedRequest &request)
@@ -206,7 +193,7 @@ static HttpReply get_page(const RoutedRequest &request)
 
 HttpReply reply_answer(HttpServer &server, const RoutedRequest &request)
 {
-    Camera &camera = *server.camera;
+    Camera &camera = server.camera;
     switch (request.route->id) {
     case RouteId::PAGE:
         return get_page(request);
@@ -263,7 +250,7 @@ HttpReply reply_answer(HttpServer &server, const RoutedRequest &request)
         camera_clear_faults(camera);
         return reply_json(json_done());
     case RouteId::PROCESS:
-        return reply_json(json_process(camera_state(camera).process));
+        return reply_json(json_process(camera_state(camera)));
     case RouteId::PROCESS_START:
         return reply_outcome(camera_process_start(camera));
     case RouteId::PROCESS_STOP:

@@ -111,10 +111,23 @@ static std::string code_text(uint32_t code)
     return text;
 }
 
+static json overlay_of(const OverlayFocus &o)
+{
+    return {{"running", o.running},
+            {"current", o.current},
+            {"peak", o.peak},
+            {"percent", overlay_focus_percent(o)}};
+}
+
 static json measurement_of(const Measurement &m)
 {
-    return {{"number", m.number}, {"time_s", m.time_s}, {"raw", m.raw},
-            {"value", m.value},   {"ring", m.ring},     {"blur_px", m.blur_px}};
+    return {{"number", m.number},
+            {"time_s", m.time_s},
+            {"raw", m.raw},
+            {"value", m.value},
+            {"ring", m.ring},
+            {"blur_px", m.blur_px},
+            {"overlay", overlay_of(m.overlay)}};
 }
 
 static json call_of(const CallRecord &c)
@@ -153,10 +166,11 @@ static json post_of(const PostState &p, bool with_time)
             {"res_id", p.res_id},   {"starts", p.starts}, {"planes", std::move(planes)}};
 }
 
-static json process_of(const ProcessState &p, bool with_time)
+static json process_of(const CameraState &s, bool with_time)
 {
+    const ProcessState &p = s.process;
     json process = {{"configured", p.configured}, {"running", p.running},
-                    {"attached", p.attached},     {"pid", p.pid},
+                    {"attached", s.attached},     {"pid", p.pid},
                     {"starts", p.starts},         {"last_end", p.last_end}};
     if (with_time) {
         process["cpu_percent"] = p.cpu_percent;
@@ -200,15 +214,16 @@ std::string json_state(const CameraState &s, bool with_time)
                   {"seed", s.seed},
                   {"focus_configured", s.focus_configured},
                   {"posts", std::move(posts)},
-                  {"process", process_of(s.process, with_time)},
+                  {"process", process_of(s, with_time)},
                   {"faults", list_of(s.faults, fault_of)},
                   {"run_directory", s.run_directory},
-                  {"dropped_reports", s.dropped_reports}};
+                  {"merged_reports", s.merged_reports}};
     if (with_time) {
         state["time_s"] = s.time_s;
         state["ring"] = s.ring;
         state["measured_rate_hz"] = s.measured_rate_hz;
         state["latest"] = measurement_of(s.latest);
+        state["overlay"] = overlay_of(s.overlay);
     }
     return text_of(state);
 }
@@ -263,9 +278,9 @@ std::string json_palette(const std::vector<uint8_t> &palette)
                     {"entries", std::move(entries)}});
 }
 
-std::string json_process(const ProcessState &process)
+std::string json_process(const CameraState &state)
 {
-    return text_of(process_of(process, true));
+    return text_of(process_of(state, true));
 }
 
 } // namespace simcam

@@ -37,6 +37,6 @@ std::string json_hello(const std::string &session);
 std::string json_faults(const std::vector<Fault> &faults, const std::vector<std::string> &calls);
 std::string json_plane(const PlaneState &plane, size_t size);
 std::string json_palette(const std::vector<uint8_t> &palette);
-std::string json_process(const ProcessState &process);
+std::string json_process(const CameraState &state);
 
 } // namespace simcam

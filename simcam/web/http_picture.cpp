@@ -9,7 +9,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "picture/osd_color.h"
+#include "camera/pictures.h"
+#include "picture/compose.h"
 
 namespace simcam
 {
@@ -102,47 +103,21 @@ std::string picture_jpeg(const cv::Mat &picture, int quality)
 
 // ---- planes ----
 
-cv::Mat picture_plane_indices(const PlaneImage &plane)
+static ShownPlane shown_plane(const PlaneImage &plane)
 {
     const PlaneState &p = plane.state;
-    if (plane.bytes.empty() || p.width == 0 || p.height == 0 || p.depth_code > 2)
-        return {};
-    const size_t depth = size_t{2} << p.depth_code; // bits a pixel; the first one lies lowest
-    const unsigned mask = (1u << depth) - 1;
-    cv::Mat indices =
-        cv::Mat::zeros(static_cast<int>(p.height), static_cast<int>(p.width), CV_8UC1);
-    for (size_t y = 0; y < p.height; ++y) {
-        uint8_t *line = indices.ptr<uint8_t>(static_cast<int>(y));
-        for (size_t x = 0; x < p.width; ++x) {
-            const size_t bit = x * depth;
-            const size_t at = y * p.pitch + bit / 8;
-            if (bit / 8 < p.pitch && at < plane.bytes.size())
-                line[x] = static_cast<uint8_t>((unsigned{plane.bytes[at]} >> (bit % 8)) & mask);
-        }
-    }
-    return indices;
+    return {
+        plane.bytes.data(), plane.bytes.size(), p.width, p.height, p.pitch, p.depth_code, p.x, p.y};
 }
 
-static cv::Vec4b entry_color(const uint8_t *entry)
+cv::Mat picture_plane_indices(const PlaneImage &plane)
 {
-    const BgrColor color = osd_color_to_bgr({entry[0], entry[1], entry[2], entry[3]});
-    return {color.b, color.g, color.r, static_cast<uchar>(color.opacity * 255 / OSD_OPAQUE)};
+    return plane_indices(shown_plane(plane));
 }
 
 cv::Mat picture_plane_colors(const PlaneImage &plane, const std::vector<uint8_t> &palette)
 {
-    const cv::Mat indices = picture_plane_indices(plane);
-    cv::Mat colors = cv::Mat::zeros(indices.size(), CV_8UC4);
-    for (int y = 0; y < indices.rows; ++y) {
-        const uint8_t *from = indices.ptr<uint8_t>(y);
-        cv::Vec4b *to = colors.ptr<cv::Vec4b>(y);
-        for (int x = 0; x < indices.cols; ++x) {
-            const size_t entry = size_t{from[x]} * 4;
-            if (entry + 4 <= palette.size())
-                to[x] = entry_color(&palette[entry]);
-        }
-    }
-    return colors;
+    return plane_colors(shown_plane(plane), palette);
 }
 
 // ---- frames for several viewers ----
@@ -157,17 +132,19 @@ struct CachedPicture {
 };
 
 struct PictureCache {
-    std::shared_ptr<Camera> camera;
+    Camera &camera;
     std::mutex mutex; // of entries
     std::map<PictureRequest, std::weak_ptr<CachedPicture>> entries;
     std::atomic<uint64_t> encoded{0};
+
+    explicit PictureCache(Camera &its_camera) : camera(its_camera)
+    {
+    }
 };
 
-std::shared_ptr<PictureCache> picture_cache_make(std::shared_ptr<Camera> camera)
+std::shared_ptr<PictureCache> picture_cache_make(Camera &camera)
 {
-    auto cache = std::make_shared<PictureCache>();
-    cache->camera = std::move(camera);
-    return cache;
+    return std::make_shared<PictureCache>(camera);
 }
 
 std::shared_ptr<CachedPicture> picture_cache_enter(PictureCache &cache,
@@ -191,7 +168,7 @@ std::shared_ptr<const std::string> picture_cache_frame(PictureCache &cache, Cach
     const std::lock_guard lock(entry.mutex);
     if (entry.jpeg && entry.number >= number && asked - entry.asked < FRAME_AGE_MAX)
         return entry.jpeg;
-    const cv::Mat picture = picture_view(*cache.camera, entry.request);
+    const cv::Mat picture = picture_view(cache.camera, entry.request);
     entry.jpeg = std::make_shared<std::string>(picture_jpeg(picture, entry.request.quality));
     entry.number = number;
     entry.asked = asked;

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include <opencv2/core.hpp>
+
 #include "camera/camera.h"
 
 namespace simcam
@@ -36,7 +38,7 @@ cv::Mat picture_plane_colors(const PlaneImage &plane, const std::vector<uint8_t>
 // JPEGs of the latest frame, shared by the viewers that asked for the same thing.
 struct PictureCache;
 struct CachedPicture;
-std::shared_ptr<PictureCache> picture_cache_make(std::shared_ptr<Camera> camera);
+std::shared_ptr<PictureCache> picture_cache_make(Camera &camera);
 // One viewer's hold on the frames of request; the last to let go frees them.
 std::shared_ptr<CachedPicture> picture_cache_enter(PictureCache &cache,
                                                    const PictureRequest &request);

@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <strings.h>
 
+#include "board/limits.h"
 #include "web/http_json.h"
 
 namespace simcam
@@ -131,15 +132,11 @@ static bool accept_number(const RouteParameter &parameter, std::optional<double>
 static bool accept_size(const RouteParameter &parameter, std::string_view text,
                         RoutedRequest *routed)
 {
-    const size_t cross = text.find('x');
-    if (cross == std::string_view::npos)
+    const std::optional<Size> size = size_parse(text);
+    if (!size || !in_range(parameter, size->width) || !in_range(parameter, size->height))
         return false;
-    const std::optional<double> width = read_unsigned(text.substr(0, cross), 10);
-    const std::optional<double> height = read_unsigned(text.substr(cross + 1), 10);
-    if (!width || !height || !in_range(parameter, *width) || !in_range(parameter, *height))
-        return false;
-    routed->number[std::string(parameter.name) + "_width"] = *width;
-    routed->number[std::string(parameter.name) + "_height"] = *height;
+    routed->number[std::string(parameter.name) + "_width"] = size->width;
+    routed->number[std::string(parameter.name) + "_height"] = size->height;
     return true;
 }
 

@@ -18,7 +18,7 @@ namespace simcam
 {
 
 struct HttpServer {
-    std::shared_ptr<Camera> camera;
+    Camera &camera;
     std::shared_ptr<PictureCache> pictures;
     std::string address;
     std::string machine_name;
@@ -26,6 +26,10 @@ struct HttpServer {
     std::atomic<bool> stopping{false};
     std::atomic<unsigned> streams{0};
     MHD_Daemon *daemon = nullptr;
+
+    explicit HttpServer(Camera &its_camera) : camera(its_camera)
+    {
+    }
 };
 
 // ---- answers (http_answer.cpp) ----

@@ -69,10 +69,10 @@ struct PictureStream {
             return {};
         }
         // Without measurements the pictures go on, slowly: posts and planes change all the same.
-        camera_wait(*server->camera, number, WAIT_SLICE_S * 2);
+        camera_wait(server->camera, number, WAIT_SLICE_S * 2);
         if (server->stopping)
             return {};
-        number = camera_state(*server->camera).latest.number;
+        number = camera_latest(server->camera).number;
         const auto jpeg = picture_cache_frame(*server->pictures, *entry, number, Clock::now());
         // Counted from when it was due, so that waiting does not add up; from now after a long
         // stall.
@@ -106,7 +106,7 @@ struct EventStream {
         const Clock::time_point now = Clock::now();
         if (now - state_time < STATE_EVERY && !state_sent.empty())
             return {};
-        const CameraState state = camera_state(*server->camera);
+        const CameraState state = camera_state(server->camera);
         std::string settled = json_state(state, false);
         if (settled == state_sent && now - state_time < STATE_AT_LEAST_EVERY)
             return {};
@@ -125,20 +125,20 @@ struct EventStream {
         if (states)
             text += state_event();
         if (outputs) {
-            for (const OutputChunk &chunk : camera_output(*server->camera, output, EVENT_BATCH)) {
+            for (const OutputChunk &chunk : camera_output(server->camera, output, EVENT_BATCH)) {
                 output = chunk.number;
                 text += event("output", json_output(chunk));
             }
         }
         if (calls) {
-            for (const CallRecord &record : camera_calls(*server->camera, call, EVENT_BATCH)) {
+            for (const CallRecord &record : camera_calls(server->camera, call, EVENT_BATCH)) {
                 call = record.number;
                 text += event("call", json_call(record));
             }
         }
         if (measurements) {
             for (const Measurement &m :
-                 camera_measurements(*server->camera, measurement, EVENT_BATCH)) {
+                 camera_measurements(server->camera, measurement, EVENT_BATCH)) {
                 measurement = m.number;
                 text += event("measurement", json_measurement(m));
             }
@@ -157,7 +157,7 @@ struct EventStream {
             return text;
         }
         if (measurements)
-            camera_wait(*server->camera, measurement, WAIT_SLICE_S / 2);
+            camera_wait(server->camera, measurement, WAIT_SLICE_S / 2);
         else
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return {};
@@ -182,11 +182,6 @@ static void resume_events(const std::string &last_id, EventStream *events)
     events->call = c;
 }
 
-template <typename Record> static uint64_t newest(const std::vector<Record> &records)
-{
-    return records.empty() ? 0 : records.back().number;
-}
-
 static EventStream make_events(HttpServer &server, const RoutedRequest &request,
                                const std::string &last_id)
 {
@@ -198,9 +193,10 @@ static EventStream make_events(HttpServer &server, const RoutedRequest &request,
     events.outputs = has_kind(kinds, "output");
     events.calls = has_kind(kinds, "call");
     if (request.number.at("backlog") == 0) {
-        events.measurement = camera_state(*server.camera).latest.number;
-        events.output = newest(camera_output(*server.camera, 0, SIZE_MAX));
-        events.call = newest(camera_calls(*server.camera, 0, SIZE_MAX));
+        const CameraNewest newest = camera_newest(server.camera);
+        events.measurement = newest.measurement;
+        events.output = newest.output;
+        events.call = newest.call;
     }
     resume_events(last_id, &events);
     return events;

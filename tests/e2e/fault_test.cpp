@@ -4,7 +4,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
-#include "picture/optics.h"
+#include "picture/lens.h"
 #include "overlay.h"
 
 using namespace simcam;
@@ -23,7 +23,7 @@ static void restart_with(const Overlay &overlay, const std::string &call, uint32
     EXPECT_EQ(camera_process_kill(*overlay), "");
     overlay.wait_process_end();
     arm(overlay, call, error, count);
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     EXPECT_EQ(camera_process_start(*overlay), "");
 }
 
@@ -103,7 +103,7 @@ TEST(OverlayFault, FaultsOfClearAndCloseAreNeverTriggered)
     arm(overlay, "qm7_cl_post_close_osd", 0x81E0ABCD);
 
     EXPECT_EQ(camera_stop_post(*overlay, 0), ""); // closes the planes
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     expect_recovery(overlay);
     EXPECT_EQ(overlay.calls("qm7_cl_post_clear_osd", 0x81E0ABCD), 0u);
     EXPECT_EQ(overlay.calls("qm7_cl_post_close_osd", 0x81E0ABCD), 0u);
@@ -119,7 +119,7 @@ TEST(OverlayFault, AFailedStatusIsRequestedAgainAtTheNextStartOfThePost)
     });
     EXPECT_FALSE(overlay.state().post[0].plane[0].open);
 
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     expect_recovery(overlay);
 }
 
@@ -154,7 +154,7 @@ TEST_P(OverlayToleratedCode, CountsAsOpenUntilThePostStartsAgain)
     EXPECT_EQ(overlay.output(2), "");
     EXPECT_NE(overlay.output(1).find("show_bar() failed"), std::string::npos);
 
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     expect_recovery(overlay);
 }
 
@@ -205,7 +205,7 @@ TEST(OverlayFault, SlowCallsCauseNoFailure)
     overlay.wait_process_end();
     for (const std::string &call : camera_fault_calls())
         arm(overlay, call, 0, FAULT_FOREVER, 100);
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     EXPECT_EQ(camera_process_start(*overlay), "");
     expect_recovery(overlay);
     EXPECT_EQ(overlay.output(2), "");
@@ -250,7 +250,7 @@ TEST(OverlayFault, ADeviceThatCannotBeOpenedEndsTheProcessWithStatusOne)
     overlay.wait_process_end();
     EXPECT_EQ(overlay.state().process.last_end, "exit status 1");
 
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     EXPECT_EQ(camera_process_start(*overlay), "");
     expect_recovery(overlay);
 }
@@ -292,7 +292,7 @@ TEST(OverlayFault, AFailedConfigurationIsNotRetriedAndNoReadingSucceeds)
 
     EXPECT_EQ(camera_process_kill(*overlay), "");
     overlay.wait_process_end();
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     EXPECT_EQ(camera_process_start(*overlay), "");
     overlay.wait("a value", [&] { return overlay.readout(0).current > 0; });
     EXPECT_TRUE(overlay.state().focus_configured);

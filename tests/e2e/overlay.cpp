@@ -60,7 +60,6 @@ Overlay::~Overlay()
         EXPECT_EQ(words.find(report), words.npos) << "the process was built with a sanitizer";
     if (testing::Test::HasFailure())
         std::fprintf(stderr, "%s", words.c_str());
-    camera_stop(*camera);
 }
 
 CameraState Overlay::state() const

@@ -9,7 +9,7 @@
 #include "readout.h"
 
 struct Overlay {
-    std::shared_ptr<simcam::Camera> camera;
+    simcam::CameraPtr camera;
 
     // All four outputs run unless posts says otherwise.
     explicit Overlay(const simcam::CameraOptions &options);

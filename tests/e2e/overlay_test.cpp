@@ -1,6 +1,7 @@
 // The overlay process on a camera without faults: start, posts that start and stop, restarts, the
 // sweep.
 
+#include <cerrno>
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -11,7 +12,8 @@
 #include <sys/wait.h>
 #include <thread>
 
-#include "picture/optics.h"
+#include "camera/pictures.h"
+#include "picture/lens.h"
 #include "overlay.h"
 
 using namespace simcam;
@@ -86,7 +88,7 @@ TEST(OverlayProcess, WritesItsPidFileIntoTheRunDirectory)
     int pid = 0;
     file >> pid;
     EXPECT_EQ(pid, overlay.state().process.pid);
-    EXPECT_TRUE(overlay.state().process.attached);
+    EXPECT_TRUE(overlay.state().attached);
     EXPECT_TRUE(overlay.state().focus_configured);
 }
 
@@ -94,7 +96,7 @@ TEST(OverlayProcess, FollowsPostsThatStopAndStart)
 {
     const Overlay overlay(overlay_options());
     overlay.wait_redraws(0);
-    EXPECT_EQ(camera_start_post(*overlay, 2, 720, 480), "");
+    EXPECT_EQ(camera_start_post(*overlay, 2, {720, 480}), "");
     overlay.wait_redraws(2);
 
     EXPECT_EQ(camera_stop_post(*overlay, 0), "");
@@ -102,7 +104,7 @@ TEST(OverlayProcess, FollowsPostsThatStopAndStart)
     overlay.wait_redraws(2, 3);
     EXPECT_FALSE(overlay.state().post[0].plane[0].open); // not opened again
 
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
     EXPECT_TRUE(overlay.readout(2).valid) << overlay.readout(2).problem;
@@ -116,7 +118,7 @@ TEST(OverlayProcess, ARestartBetweenTwoRedrawsReopensThePlanes)
 
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(camera_stop_post(*overlay, 0), "");
-        EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+        EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
         overlay.wait_redraws(0);
         EXPECT_TRUE(overlay.readout(0).valid);
     }
@@ -128,7 +130,7 @@ TEST(OverlayProcess, APostThatReturnsSmallerKeepsItsFirstLayout)
     const Overlay overlay(overlay_options("1920x1080"));
     overlay.wait_redraws(0);
 
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     overlay.wait_redraws(0, 2);
 
     // Still at its place for 1920 x 1080, below the last line of the smaller picture.
@@ -162,7 +164,7 @@ TEST(OverlayProcess, WithoutPostsItMakesNoCalls)
     // Only the measurement loop may open its device later.
     for (const CallRecord &call : camera_calls(*overlay, calls, 100))
         EXPECT_TRUE(call.call == "open" || call.call.find("CAM_") == 0) << call.call;
-    EXPECT_EQ(camera_start_post(*overlay, 3, 352, 240), "");
+    EXPECT_EQ(camera_start_post(*overlay, 3, {352, 240}), "");
     overlay.wait_redraws(3);
     EXPECT_TRUE(overlay.readout(3).valid);
 }
@@ -175,6 +177,8 @@ TEST(OverlayProcess, AfterASweepTheReadoutIsThatOfTheMeasuredValues)
     const Overlay overlay(options);
     overlay.wait_redraws(0);
     const uint64_t first = overlay.state().latest.number;
+    camera_wait(*overlay, first + 30, 60);
+    EXPECT_EQ(camera_set_fault(*overlay, {"CAM_FOCUS_READ", EIO, 25, 0, 0}), "");
     camera_wait(*overlay, first + 6 * 30, 120); // once back and forth
     EXPECT_EQ(camera_set_ring(*overlay, lens_best_ring() + 0.05), "");
     const uint64_t settled = overlay.state().latest.number + 2;
@@ -194,8 +198,9 @@ TEST(OverlayProcess, AfterASweepTheReadoutIsThatOfTheMeasuredValues)
     }
     ASSERT_TRUE(readout.valid) << readout.problem;
     EXPECT_GT(best, 100);
+    EXPECT_EQ(readout.peak, static_cast<int>(overlay.state().overlay.peak));
+    EXPECT_GT(readout.peak, best / 2); // the failed readings may have been the best ones
     EXPECT_LE(readout.peak, best);
-    EXPECT_GE(readout.peak, best * 98 / 100); // a reading may be missed on a loaded machine
     EXPECT_GE(readout.current, low);
     EXPECT_LE(readout.current, high);
     // Bar and text may be of two passes with different values. Beside the marker two percentages
@@ -214,7 +219,7 @@ TEST(OverlayProcess, AfterAKillThePlanesStayOpenAndTheNextProcessCannotOpenThem)
     EXPECT_EQ(camera_process_kill(*overlay), "");
     overlay.wait_process_end();
     EXPECT_EQ(overlay.state().process.last_end, "signal 9 (Killed)");
-    EXPECT_FALSE(overlay.state().process.attached);
+    EXPECT_FALSE(overlay.state().attached);
     const Readout left = overlay.readout(0);
     ASSERT_TRUE(left.valid) << left.problem; // its last readout is still shown completely
     const std::vector<uint8_t> text = camera_plane(*overlay, 0, 1).bytes;
@@ -236,7 +241,7 @@ TEST(OverlayProcess, AfterAKillThePlanesStayOpenAndTheNextProcessCannotOpenThem)
               std::string::npos);
 
     // A restart of the post closes the planes; the next pass opens them again.
-    EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+    EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
 }
@@ -328,12 +333,12 @@ TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)
         });
         EXPECT_EQ(i % 2 ? camera_process_kill(*overlay) : camera_process_stop(*overlay), "");
         overlay.wait_process_end();
-        EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+        EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
         ASSERT_EQ(camera_process_start(*overlay), "");
     }
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
     unsetenv("LD_PRELOAD");
     EXPECT_EQ(overlay.state().process.starts, 101u);
-    EXPECT_EQ(overlay.state().dropped_reports, 0u);
+    EXPECT_EQ(overlay.state().merged_reports, 0u);
 }

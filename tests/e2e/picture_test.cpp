@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 #include <set>
 
-#include "picture/optics.h"
+#include "camera/pictures.h"
+#include "picture/lens.h"
 #include "overlay.h"
 
 using namespace simcam;
@@ -51,7 +52,7 @@ TEST(OverlayPicture, AKillWhileDrawingLeavesCompleteFrames)
         overlay.wait_process_end();
         const Readout readout = overlay.readout(0);
         EXPECT_TRUE(readout.valid) << readout.problem;
-        EXPECT_EQ(camera_start_post(*overlay, 0, 1280, 720), "");
+        EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
         EXPECT_EQ(camera_process_start(*overlay), "");
     }
     unsetenv("LD_PRELOAD");

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "board/camera_types.h"
+#include "board/state.h"
 #include "reference.h"
 
 struct Readout {

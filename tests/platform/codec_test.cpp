@@ -72,7 +72,7 @@ template <typename Result> uint32_t code_of(Result result)
 struct CodecTest : testing::Test {
     std::string directory;
     Board board;
-    std::shared_ptr<Server> server;
+    ServerPtr server;
 
     CodecTest()
     {
@@ -86,7 +86,7 @@ struct CodecTest : testing::Test {
     ~CodecTest() override
     {
         (void)qm7_cl_library_exit(); // fails if the test has called it already
-        server_stop(*server);
+        server.reset();
         std::filesystem::remove_all(directory);
     }
     void start_server()
@@ -97,7 +97,7 @@ struct CodecTest : testing::Test {
     }
     uint32_t start_post(int post, uint32_t width = 1280, uint32_t height = 720)
     {
-        EXPECT_EQ(board_start_post(board, post, width, height), "");
+        EXPECT_EQ(board_start_post(board, post, {width, height}), "");
         return board.post[static_cast<size_t>(post)].state.res_id;
     }
     static void open_session()
@@ -351,7 +351,7 @@ TEST_F(CodecTest, WhenTheCameraEndsCallsFailAtOnceAndANewSessionWorks)
     uint32_t osd_id = 0;
     const OsdMem mem = plane_memory(res_id, &osd_id);
 
-    server_stop(*server);
+    server.reset();
 
     EXPECT_FAILS(qm7_cl_post_set_osd(res_id, osd_id, {0, 0}), CODEC_NO_CAMERA);
     EXPECT_FAILS(qm7_cl_sys_close_device(), CODEC_NO_CAMERA);

@@ -49,7 +49,7 @@ struct Outcome {
 // Runs the probe on the camera and waits for its end.
 struct ProbeCamera {
     std::string error;
-    std::shared_ptr<Camera> camera;
+    CameraPtr camera;
 
     explicit ProbeCamera(const std::vector<std::string> &actions,
                          const std::vector<Fault> &faults = {})
@@ -66,11 +66,6 @@ struct ProbeCamera {
                 EXPECT_EQ(camera_set_fault(*camera, fault), "");
             EXPECT_EQ(camera_process_start(*camera), "");
         }
-    }
-    ~ProbeCamera()
-    {
-        if (camera)
-            camera_stop(*camera);
     }
     void wait() const
     {
@@ -245,7 +240,7 @@ TEST(Preload, ReadingsFromALostCameraFailAtThePaceOfReadings)
     options.scene = "chart";
     options.run_directory = directory;
     std::string error;
-    std::shared_ptr<Camera> camera = camera_start(options, &error);
+    CameraPtr camera = camera_start(options, &error);
     ASSERT_TRUE(camera) << error;
 
     std::string text;
@@ -258,7 +253,7 @@ TEST(Preload, ReadingsFromALostCameraFailAtThePaceOfReadings)
            std::chrono::steady_clock::now() - start < std::chrono::seconds(60))
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     camera_wait(*camera, camera_state(*camera).latest.number + 1, 60);
-    camera_stop(*camera);
+    camera.reset();
     const auto gone = std::chrono::steady_clock::now();
     std::ofstream(directory + "/gone") << "now";
     probe.join();

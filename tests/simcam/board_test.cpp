@@ -1,13 +1,12 @@
-// The board without sockets: posts, planes, colors, measurements, faults.
+// The board and the calls on it, without sockets: posts, planes, colors, measurements, faults.
 
 #include <cerrno>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "board/board.h"
+#include "link/calls.h"
 
 using namespace simcam;
 
@@ -20,20 +19,15 @@ constexpr uint32_t FRAME_WORDS[2] = {0x028004FF, 0x016802CF};
 struct TestClient {
     Board &board;
     Session session;
-    int events[2] = {-1, -1};
     Reply reply;
 
     explicit TestClient(Board &its_board, int pid = 100) : board(its_board)
     {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, events), 0);
-        session.events = events[0];
         board_add_session(board, session, pid);
     }
     ~TestClient()
     {
         board_remove_session(board, session);
-        close(events[0]);
-        close(events[1]);
     }
 
     // Returns the error code, 0 for success.
@@ -51,7 +45,7 @@ struct TestClient {
     uint32_t run(const Request &request)
     {
         const std::lock_guard guard(board.lock);
-        board_execute(board, session, request, 0, &reply);
+        calls_execute(board, session, request, 0, &reply);
         EXPECT_EQ(reply.head.result, reply.head.error ? -1 : 0);
         return reply.head.error;
     }
@@ -84,12 +78,21 @@ struct TestClient {
         std::memset(static_cast<uint8_t *>(base) + memory.offset, value, memory.size);
         munmap(base, memory.map_size);
     }
-    // Takes one report; post 99 where there is none.
-    WireNotify report() const
+    // Takes the oldest report; post 99 where there is none.
+    PostReport report()
     {
-        WireNotify record = {0, 0, 99, 0};
-        (void)!recv(events[1], &record, sizeof record, 0);
-        return record;
+        const std::lock_guard guard(board.lock);
+        if (session.reports.empty())
+            return {99, 0, false};
+        const PostReport first = session.reports.front();
+        session.reports.erase(session.reports.begin());
+        return first;
+    }
+    void listen(uint32_t mask)
+    {
+        open_session();
+        EXPECT_EQ(call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
+        EXPECT_EQ(call(WIRE_POST_SET_NOTIFY, WireWord{mask}), 0u);
     }
 };
 
@@ -102,7 +105,7 @@ struct BoardTest : testing::Test {
     }
     uint32_t start(int post, uint32_t width = 1280, uint32_t height = 720)
     {
-        EXPECT_EQ(board_start_post(board, post, width, height), "");
+        EXPECT_EQ(board_start_post(board, post, {width, height}), "");
         return board.post[static_cast<size_t>(post)].state.res_id;
     }
 };
@@ -147,25 +150,25 @@ TEST_F(BoardTest, NotificationTellsOfRunningPostsAndThenOfChanges)
     const uint32_t res_id = start(2);
     EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), CODEC_NO_CALLBACK);
     EXPECT_EQ(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
-    EXPECT_EQ(client.report().post, 99u); // nothing yet
+    EXPECT_EQ(client.report().post, 99); // nothing yet
 
     EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), 0u);
-    const WireNotify first = client.report();
-    EXPECT_EQ(first.post, 2u);
-    EXPECT_EQ(first.post_res_id, res_id);
-    EXPECT_EQ(first.running, 1u);
-    EXPECT_EQ(client.report().post, 99u); // the other posts are off
+    const PostReport first = client.report();
+    EXPECT_EQ(first.post, 2);
+    EXPECT_EQ(first.res_id, res_id);
+    EXPECT_TRUE(first.running);
+    EXPECT_EQ(client.report().post, 99); // the other posts are off
 
     EXPECT_EQ(board_stop_post(board, 2), "");
-    const WireNotify stop = client.report();
-    EXPECT_EQ(stop.post, 2u);
-    EXPECT_EQ(stop.running, 0u);
+    const PostReport stop = client.report();
+    EXPECT_EQ(stop.post, 2);
+    EXPECT_FALSE(stop.running);
     EXPECT_EQ(board_stop_post(board, 2), ""); // stopped already: no report
-    EXPECT_EQ(client.report().post, 99u);
+    EXPECT_EQ(client.report().post, 99);
 
     const uint32_t again = start(2);
     EXPECT_NE(again, res_id);
-    EXPECT_EQ(client.report().post_res_id, again);
+    EXPECT_EQ(client.report().res_id, again);
 }
 
 TEST_F(BoardTest, MaskSelectsThePostsThatAreReported)
@@ -179,39 +182,44 @@ TEST_F(BoardTest, MaskSelectsThePostsThatAreReported)
     start(0);
     start(1);
 
-    EXPECT_EQ(client.report().post, 1u);
-    EXPECT_EQ(client.report().post, 99u);
+    EXPECT_EQ(client.report().post, 1);
+    EXPECT_EQ(client.report().post, 99);
     EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u); // post 0 is new, post 1 is not
-    EXPECT_EQ(client.report().post, 0u);
-    EXPECT_EQ(client.report().post, 99u);
+    EXPECT_EQ(client.report().post, 0);
+    EXPECT_EQ(client.report().post, 99);
 }
 
-TEST_F(BoardTest, AClientThatReadsNoReportsLosesThemAndHoldsNobodyUp)
+TEST_F(BoardTest, ReportsThatWaitAreMergedToTheLastState)
 {
-    TestClient deaf(board);
-    deaf.open_session();
-    deaf.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1});
-    deaf.call(WIRE_POST_SET_NOTIFY, WireWord{15});
+    TestClient client(board);
+    client.listen(15);
 
-    for (int i = 0; i < 5000; i++)
-        start(0);
+    start(0); // start
+    start(0); // stop, start: the third report replaces the first two
+    EXPECT_EQ(client.session.reports.size(), 1u);
+    start(3);
+    start(0); // stop, start
+    EXPECT_EQ(board.merged_reports, 4u);
+    EXPECT_EQ(board_stop_post(board, 0), ""); // stop, start, stop: only the last is left
+    EXPECT_EQ(board.merged_reports, 4u);
 
-    EXPECT_GT(board.dropped_reports, 0u);
-    EXPECT_LT(board.dropped_reports, 9999u);
+    EXPECT_EQ(client.report().post, 3);
+    const PostReport start_report = client.report();
+    EXPECT_TRUE(start_report.running);
+    const PostReport stop_report = client.report();
+    EXPECT_EQ(stop_report.post, 0);
+    EXPECT_FALSE(stop_report.running);
+    EXPECT_EQ(client.report().post, 99);
 }
 
-TEST_F(BoardTest, AClientThatHasGoneIsNotCountedAsDeaf)
+TEST_F(BoardTest, ANullCallbackIsRefusedAndChangesNothing)
 {
-    TestClient gone(board);
-    gone.open_session();
-    gone.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1});
-    gone.call(WIRE_POST_SET_NOTIFY, WireWord{15});
-    close(gone.events[1]);
+    TestClient client(board);
+    client.listen(1);
 
-    start(0);
+    EXPECT_EQ(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{0}), CODEC_BAD_ARGUMENT);
 
-    EXPECT_EQ(board.dropped_reports, 0u);
-    gone.events[1] = dup(gone.events[0]); // for the end of the test to close
+    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u);
 }
 
 TEST_F(BoardTest, StatusTellsTheSizeAndFillsTheRestWithJunk)
@@ -462,6 +470,117 @@ TEST_F(BoardTest, ReadsNeedTheDeviceAndAConfiguration)
     EXPECT_EQ(stats.bytes[243], 0xA5);
 }
 
+// A process that reads one measurement after another.
+struct OverlayTest : BoardTest {
+    TestClient client{board};
+
+    OverlayTest()
+    {
+        WireFocusConfig config = {};
+        std::memcpy(config.bytes, FRAME_WORDS, sizeof FRAME_WORDS);
+        EXPECT_EQ(client.call(WIRE_DEVICE_OPEN), 0u);
+        EXPECT_EQ(client.call(WIRE_FOCUS_CONFIG, config), 0u);
+    }
+    void read(uint32_t raw, uint32_t forced_error = 0)
+    {
+        board_publish(board, Measurement{.number = board.latest.number + 1, .raw = raw});
+        Request request;
+        request.header = {WIRE_VERSION, WIRE_FOCUS_READ, 1};
+        const std::lock_guard guard(board.lock);
+        calls_execute(board, client.session, request, forced_error, &client.reply);
+    }
+    void expect(uint32_t current, uint32_t peak, uint32_t percent)
+    {
+        const OverlayFocus overlay = board_overlay(board);
+        EXPECT_TRUE(overlay.running);
+        EXPECT_EQ(overlay.current, current);
+        EXPECT_EQ(overlay.peak, peak);
+        EXPECT_EQ(overlay_focus_percent(overlay), percent);
+    }
+};
+
+TEST_F(OverlayTest, ThePeakIsHeldUntilTheValueMovesByMoreThanFour)
+{
+    expect(0, 0, 0);
+    read(1099); // the first value is no movement, whatever it is
+    expect(10, 0, 0);
+    read(1400);
+    read(1000);
+    expect(10, 0, 0);
+    read(1500);
+    expect(15, 15, 100);
+    read(1600); // small steps count from now on
+    expect(16, 16, 100);
+    read(700);
+    expect(7, 16, 43);
+}
+
+TEST_F(OverlayTest, AFallReleasesThePeakToo)
+{
+    read(5000);
+    read(4499);
+    expect(44, 44, 100);
+}
+
+TEST_F(OverlayTest, AValueAfterZeroIsNoMovement)
+{
+    read(99);
+    read(30000);
+    expect(300, 0, 0);
+    read(99); // moved by 300, but 0 is no peak
+    expect(0, 0, 0);
+    read(30100);
+    expect(301, 301, 100);
+}
+
+TEST_F(OverlayTest, FailedReadingsChangeNothing)
+{
+    read(1000);
+    read(9000, EIO);
+    expect(10, 0, 0);
+    read(1400);
+    expect(14, 0, 0); // moved by 4 since the last reading that succeeded
+}
+
+TEST_F(OverlayTest, IsThatOfTheDeviceOpenedLastAndStartsAtZero)
+{
+    read(1000);
+    read(2000);
+    {
+        TestClient later(board);
+        EXPECT_EQ(later.call(WIRE_DEVICE_OPEN), 0u);
+        expect(0, 0, 0);
+    }
+    expect(20, 20, 100);
+    board_remove_session(board, client.session);
+    EXPECT_FALSE(board_overlay(board).running);
+}
+
+TEST(FocusWindow, LiesInTheMiddleOfItsFrame)
+{
+    const auto window = focus_window(0x028004FF, 0x016802CF); // 640 x 360 in 1280 x 720
+    ASSERT_TRUE(window);
+    EXPECT_EQ(window->x, 320);
+    EXPECT_EQ(window->y, 180);
+    EXPECT_EQ(window->width, 640);
+    EXPECT_EQ(window->height, 360);
+    EXPECT_TRUE(focus_window(0x050004FF, 0x02D002CF)) << "all of the frame";
+    EXPECT_FALSE(focus_window(0x050104FF, 0x016802CF)) << "1281 of 1280 columns";
+    EXPECT_FALSE(focus_window(0x028004FF, 0x02D102CF)) << "721 of 720 lines";
+    EXPECT_FALSE(focus_window(0x000004FF, 0x016802CF)) << "no columns";
+    EXPECT_FALSE(focus_window(0, 0));
+}
+
+TEST(Size, IsReadFromDigitsOnly)
+{
+    EXPECT_EQ(size_parse("1280x720"), (Size{1280, 720}));
+    EXPECT_EQ(size_text({1280, 720}), "1280x720");
+    for (const char *text :
+         {"", "x", "1280", "1280x", "x720", "1280x720x", "1280X720", "-1x7", "+1x7", " 1x7", "1x7 ",
+          "1x 7", "1.5x7", "1x9999999999", "9999999999x1"})
+        EXPECT_FALSE(size_parse(text)) << text;
+}
+
 TEST_F(BoardTest, AReadingIsHandedOutOnceToEachClient)
 {
     TestClient client(board), other(board);
@@ -480,30 +599,29 @@ TEST_F(BoardTest, FaultsHitAsOftenAsTold)
 {
     EXPECT_EQ(board_set_fault(board, {"qm7_cl_post_set_osd", 0x81E00099, 2, 0, 0}), "");
 
-    EXPECT_EQ(board_take_fault(board, WIRE_POST_GET_OSD_MEM).error, 0u);
-    EXPECT_EQ(board_take_fault(board, WIRE_POST_SET_OSD).error, 0x81E00099u);
+    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_GET_OSD_MEM)).error, 0u);
+    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
     EXPECT_EQ(board.faults.at(0).hits, 1u);
     EXPECT_EQ(board.faults.at(0).remaining, 1u);
-    EXPECT_EQ(board_take_fault(board, WIRE_POST_SET_OSD).error, 0x81E00099u);
+    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
     EXPECT_TRUE(board.faults.empty());
-    EXPECT_EQ(board_take_fault(board, WIRE_POST_SET_OSD).error, 0u);
+    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0u);
 }
 
 TEST_F(BoardTest, FaultsForEverStayAndAreReplaced)
 {
     EXPECT_EQ(board_set_fault(board, {"CAM_FOCUS_READ", EIO, FAULT_FOREVER, 0, 0}), "");
     for (int i = 0; i < 100; i++)
-        EXPECT_EQ(board_take_fault(board, WIRE_FOCUS_READ).error, uint32_t{EIO});
+        EXPECT_EQ(board_take_fault(board, request_name(WIRE_FOCUS_READ)).error, uint32_t{EIO});
     EXPECT_EQ(board.faults.at(0).remaining, FAULT_FOREVER);
     EXPECT_EQ(board.faults.at(0).hits, 100u);
 
     EXPECT_EQ(board_set_fault(board, {"CAM_FOCUS_READ", 0, 1, 50, 0}), "");
     ASSERT_EQ(board.faults.size(), 1u);
-    const Fault slow = board_take_fault(board, WIRE_FOCUS_READ);
+    const Fault slow = board_take_fault(board, request_name(WIRE_FOCUS_READ));
     EXPECT_EQ(slow.error, 0u);
     EXPECT_EQ(slow.delay_ms, 50u);
 
-    EXPECT_NE(board_set_fault(board, {"qm7_cl_nothing", 1, 1, 0, 0}), "");
     EXPECT_NE(board_set_fault(board, {"open", 1, 1, DELAY_MAX_MS + 1, 0}), "");
     EXPECT_EQ(board_set_fault(board, {"open", 1, 1, 0, 0}), "");
     EXPECT_EQ(board_set_fault(board, {"open", 1, 0, 0, 0}), ""); // none left: disarms it
@@ -516,7 +634,7 @@ TEST_F(BoardTest, AForcedErrorChangesNothingAndIsLogged)
     Request request;
     request.header = {WIRE_VERSION, WIRE_LIBRARY_INIT, 9};
 
-    board_execute(board, client.session, request, 0x81E00099, &client.reply);
+    calls_execute(board, client.session, request, 0x81E00099, &client.reply);
 
     EXPECT_EQ(client.reply.head.result, -1);
     EXPECT_EQ(client.reply.head.error, 0x81E00099u);
@@ -538,12 +656,12 @@ TEST_F(BoardTest, TheCallLogKeepsTheNewestAndLeavesGoodReadsOut)
     client.call(WIRE_FOCUS_CONFIG, config);
     for (int i = 0; i < 10; i++)
         client.call(WIRE_FOCUS_READ);
-    EXPECT_EQ(board.call_count, 2u);
+    EXPECT_EQ(board.calls.newest, 2u);
 
     for (int i = 0; i < 5000; i++)
         client.call(WIRE_LIBRARY_EXIT); // fails, and is logged
-    EXPECT_EQ(board.calls.size(), RECORDS_KEPT);
-    EXPECT_EQ(board.calls.back().number, 5002u);
+    EXPECT_EQ(board.calls.kept.size(), RECORDS_KEPT);
+    EXPECT_EQ(board.calls.newest, 5002u);
     const auto some = records_after(board.calls, 5000, 10);
     ASSERT_EQ(some.size(), 2u);
     EXPECT_EQ(some[0].number, 5001u);
@@ -553,11 +671,29 @@ TEST_F(BoardTest, TheCallLogKeepsTheNewestAndLeavesGoodReadsOut)
 
 TEST_F(BoardTest, PostsThatThereAreNotAndSizesThatAreNoneAreRefused)
 {
-    EXPECT_EQ(board_start_post(board, 7, 1280, 720), "post 7: there are only posts 0 to 3");
+    EXPECT_EQ(board_start_post(board, 7, {1280, 720}), "post 7: the posts are 0 to 3");
     EXPECT_NE(board_stop_post(board, -1), "");
-    EXPECT_NE(board_start_post(board, 0, 15, 720), "");
-    EXPECT_NE(board_start_post(board, 0, 1280, 4097), "");
-    EXPECT_EQ(board_start_post(board, 0, 16, 4096), "");
+    EXPECT_NE(board_start_post(board, 0, {15, 720}), "");
+    EXPECT_NE(board_start_post(board, 0, {1280, 4097}), "");
+    EXPECT_EQ(board_start_post(board, 0, {16, 4096}), "");
     EXPECT_TRUE(board_plane_image(board, 7, 0).bytes.empty());
     EXPECT_FALSE(board_post_image(board, -1).state.running);
+}
+
+TEST_F(BoardTest, AStartCanKeepAPostThatRunsAtTheSameSize)
+{
+    EXPECT_EQ(board_start_post(board, 1, {}), "post 1 has had no size yet: give one");
+    const uint32_t first = start(1, 720, 480);
+
+    EXPECT_EQ(board_start_post(board, 1, {720, 480}, true), "");
+    EXPECT_EQ(board_start_post(board, 1, {}, true), "");
+    EXPECT_EQ(board_post(board, 1).res_id, first);
+
+    EXPECT_EQ(board_start_post(board, 1, {352, 240}, true), "");
+    EXPECT_NE(board_post(board, 1).res_id, first);
+    EXPECT_EQ(board_post(board, 1).width, 352u);
+    EXPECT_EQ(board_stop_post(board, 1), "");
+    EXPECT_EQ(board_start_post(board, 1, {}, true), "");
+    EXPECT_TRUE(board_post(board, 1).running);
+    EXPECT_EQ(board_post(board, 1).height, 240u) << "the size it had";
 }

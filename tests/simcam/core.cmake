@@ -11,7 +11,7 @@ target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest
 gtest_discover_tests(simcam_camera_test PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
-target_link_libraries(simcam_main_test PRIVATE focus_options simcam_optics GTest::gtest_main)
+target_link_libraries(simcam_main_test PRIVATE focus_options simcam_picture GTest::gtest_main)
 target_compile_definitions(simcam_main_test PRIVATE
     SIMCAM="$<TARGET_FILE:simcam>"
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>")

@@ -9,6 +9,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "camera/pictures.h"
+
 namespace simcam
 {
 
@@ -25,9 +27,9 @@ struct Camera {
     bool noise = false;
 };
 
-std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *error)
+CameraPtr camera_start(const CameraOptions &options, std::string *error)
 {
-    auto camera = std::make_shared<Camera>();
+    CameraPtr camera(new Camera);
     camera->state.scene = options.scene;
     camera->state.ring = options.ring;
     camera->state.rate_hz = options.rate_hz;
@@ -36,18 +38,17 @@ std::shared_ptr<Camera> camera_start(const CameraOptions &options, std::string *
     camera->state.sweep_period_s = options.sweep_period_s;
     camera->state.process.configured = !options.program.empty();
     for (size_t post = 0; post < POST_COUNT; ++post) {
-        unsigned width = 0;
-        unsigned height = 0;
-        if (sscanf(options.post_size[post].c_str(), "%ux%u", &width, &height) == 2)
-            camera_start_post(*camera, static_cast<int>(post), width, height);
+        if (const auto size = size_parse(options.post_size[post]))
+            camera_start_post(*camera, static_cast<int>(post), *size);
     }
     camera->changes.clear();
     *error = "";
     return camera;
 }
 
-void camera_stop(Camera &)
+void CameraDelete::operator()(Camera *camera) const
 {
+    delete camera;
 }
 
 CameraState camera_state(Camera &camera)
@@ -59,6 +60,17 @@ CameraState camera_state(Camera &camera)
             state.post[post].plane[plane] = camera.planes[post][plane].state;
     }
     return state;
+}
+
+Measurement camera_latest(Camera &camera)
+{
+    const std::lock_guard lock(camera.mutex);
+    return camera.state.latest;
+}
+
+PostState camera_post(Camera &camera, int post)
+{
+    return camera_state(camera).post[static_cast<size_t>(post)];
 }
 
 template <typename... Parts> static void note(Camera &camera, const Parts &...parts)
@@ -109,16 +121,18 @@ void camera_flash(Camera &camera)
     note(camera, "flash");
 }
 
-std::string camera_start_post(Camera &camera, int post, uint32_t width, uint32_t height)
+std::string camera_start_post(Camera &camera, int post, Size size, bool keep_same)
 {
     const std::lock_guard lock(camera.mutex);
-    note(camera, "start ", post, " ", width, "x", height);
+    note(camera, "start ", post, " ", size_text(size), keep_same ? " if another size" : "");
     PostState &state = camera.state.post[static_cast<size_t>(post)];
-    if (state.running)
-        return "it runs already";
+    if (size == Size{})
+        size = {state.width, state.height};
+    if (size == Size{})
+        return "no size yet";
     state.running = true;
-    state.width = width;
-    state.height = height;
+    state.width = size.width;
+    state.height = size.height;
     ++state.starts;
     return "";
 }
@@ -213,6 +227,12 @@ std::vector<OutputChunk> camera_output(Camera &camera, uint64_t after, size_t li
     return newer(camera, camera.output, after, limit);
 }
 
+CameraNewest camera_newest(Camera &camera)
+{
+    const std::lock_guard lock(camera.mutex);
+    return {camera.measurements.size(), camera.calls.size(), camera.output.size()};
+}
+
 // Gray (post + 1) * 40, with a white spot where planes are asked for.
 cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
 {
@@ -265,6 +285,9 @@ void fake_measure(Camera &camera, uint32_t value)
         m.raw = value * 100;
         m.value = value;
         m.ring = camera.state.ring;
+        m.overlay = camera.state.overlay;
+        camera.state.overlay.running = true; // a process that reads every measurement
+        overlay_focus_read(&camera.state.overlay, m.raw);
         camera.measurements.push_back(m);
         camera.state.latest = m;
     }

@@ -11,7 +11,7 @@
 
 using namespace simcam;
 
-static std::shared_ptr<Camera> camera_with(const std::string &size_of_post_1)
+static CameraPtr camera_with(const std::string &size_of_post_1)
 {
     CameraOptions options;
     options.post_size[1] = size_of_post_1;
@@ -60,7 +60,7 @@ TEST(PictureView, APostThatIsOffSaysSo)
 TEST(PictureView, AllFourLieInTheirQuarters)
 {
     const auto camera = camera_with("1280x720");
-    camera_start_post(*camera, 2, 360, 360); // square: bars at its sides
+    camera_start_post(*camera, 2, {360, 360}); // square: bars at its sides
 
     const cv::Mat picture = picture_view(*camera, {.view = VIEW_ALL});
 
@@ -166,7 +166,7 @@ static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};
 TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(camera);
+    const auto cache = picture_cache_make(*camera);
     const auto first = picture_cache_enter(*cache, {.view = 1});
     const auto second = picture_cache_enter(*cache, {.view = 1});
 
@@ -184,7 +184,7 @@ TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
 TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(camera);
+    const auto cache = picture_cache_make(*camera);
     const auto entry = picture_cache_enter(*cache, {.view = 1});
     picture_cache_frame(*cache, *entry, 5, ASKED);
 
@@ -200,7 +200,7 @@ TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 TEST(PictureCache, ManyAtOnceShareOneFrame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(camera);
+    const auto cache = picture_cache_make(*camera);
     const auto entry = picture_cache_enter(*cache, {.view = 1});
     std::vector<std::shared_ptr<const std::string>> frames(8);
     std::vector<std::thread> viewers;
@@ -217,7 +217,7 @@ TEST(PictureCache, ManyAtOnceShareOneFrame)
 TEST(PictureCache, OtherWishesGetTheirOwnFrame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(camera);
+    const auto cache = picture_cache_make(*camera);
 
     const auto plain = picture_cache_enter(*cache, {.view = 1, .planes = false});
     const auto full = picture_cache_enter(*cache, {.view = 1});

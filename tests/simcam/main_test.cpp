@@ -46,10 +46,10 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
 {
     expect_refused("--post 4=1280x720", "--post 4=1280x720");
     expect_refused("--post 1280x720", "must be an output 0 to 3");
-    expect_refused("--post 0=big", "\"big\" is no size");
-    expect_refused("--post 0=8x8", "between 16 and 4096");
+    expect_refused("--post 0=big", "\"big\" is not a size");
+    expect_refused("--post 0=8x8", "must be 16 to 4096");
     expect_refused("--pitch-align 5", "1, 8, 16, 32 or 64");
-    expect_refused("--ring 2", "between 0 and 1");
+    expect_refused("--ring 2", "must be 0 to 1");
     expect_refused("--ring left", "left");
     expect_refused("--rate 0", "between 1 and 240");
     expect_refused("--scene /no/such/picture.png", "/no/such/picture.png");

@@ -31,7 +31,7 @@ struct ServerTest : testing::Test {
     std::string directory;
     std::string path;
     Board board;
-    std::shared_ptr<Server> server;
+    ServerPtr server;
 
     ServerTest()
     {
@@ -45,7 +45,7 @@ struct ServerTest : testing::Test {
     }
     ~ServerTest() override
     {
-        server_stop(*server);
+        server.reset();
         std::filesystem::remove_all(directory);
     }
 
@@ -211,15 +211,102 @@ TEST_F(ServerTest, AReadWaitsForTheNextMeasurement)
     ASSERT_TRUE(receive(fd, &reply));
     ASSERT_TRUE(send_call(fd, WIRE_FOCUS_READ, 2));
     pollfd entry = {fd, POLLIN, 0};
-    server_wake(*server);
     EXPECT_EQ(poll(&entry, 1, 100), 0);
 
     board_publish(board, Measurement{.number = 1});
-    server_wake(*server);
 
     ASSERT_TRUE(receive(fd, &reply));
     EXPECT_EQ(reply.error, uint32_t{EINVAL}); // never configured
     close(fd);
+}
+
+// The two sockets of a client that is told about post 0.
+struct Listener {
+    int fd = -1;
+    int events = -1;
+};
+
+static Listener listen_to_post_0(int fd)
+{
+    Listener listener = {fd, -1};
+    send_call(fd, WIRE_LIBRARY_INIT, 1);
+    pollfd entry = {fd, POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, PATIENCE_MS), 1);
+    char packet[WIRE_REPLY_MAX];
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec part = {packet, sizeof packet};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    EXPECT_GT(recvmsg(fd, &message, 0), 0);
+    if (const cmsghdr *head = CMSG_FIRSTHDR(&message))
+        std::memcpy(&listener.events, CMSG_DATA(head), sizeof(int));
+
+    for (const auto &[call, word] :
+         {std::pair(WIRE_SYS_OPEN_DEVICE, 0u), std::pair(WIRE_POST_NOTIFY_CALLBACK, 1u),
+          std::pair(WIRE_POST_SET_NOTIFY, 1u)}) {
+        const struct {
+            WireHeader header;
+            uint32_t word;
+        } request = {{WIRE_VERSION, call, 2}, word};
+        const size_t size = sizeof(WireHeader) + wire_request_size(call);
+        EXPECT_EQ(send(fd, &request, size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
+        WireReply reply;
+        EXPECT_TRUE(receive(fd, &reply));
+        EXPECT_EQ(reply.error, 0u);
+    }
+    return listener;
+}
+
+// Reads reports until none comes for a while. Checks that starts and stops alternate.
+static WireNotify last_report(int events)
+{
+    WireNotify record = {}, last = {};
+    pollfd entry = {events, POLLIN, 0};
+    while (poll(&entry, 1, 500) == 1 && recv(events, &record, sizeof record, 0) > 0) {
+        EXPECT_NE(record.running, last.running);
+        last = record;
+    }
+    return last;
+}
+
+TEST_F(ServerTest, AClientThatDidNotReadItsReportsGetsTheLastStateOfAPost)
+{
+    const Listener client = listen_to_post_0(connect_client());
+    const auto toggle = [&](int times) {
+        for (int i = 0; i < times; i++) {
+            EXPECT_EQ(board_start_post(board, 0, {1280, 720}), "");
+            EXPECT_EQ(board_stop_post(board, 0), "");
+        }
+    };
+
+    toggle(2000); // far more than the socket holds
+    EXPECT_EQ(last_report(client.events).running, 0u);
+    toggle(2000);
+    EXPECT_EQ(board_start_post(board, 0, {720, 480}), "");
+    const WireNotify last = last_report(client.events);
+
+    EXPECT_EQ(last.running, 1u);
+    EXPECT_EQ(last.post_res_id, board.post[0].state.res_id);
+    EXPECT_GT(board.merged_reports, 0u);
+    close(client.events);
+    close(client.fd);
+}
+
+TEST_F(ServerTest, AClientThatClosedItsReportsCostsNothing)
+{
+    const Listener client = listen_to_post_0(connect_client());
+    close(client.events);
+
+    for (int i = 0; i < 500; i++)
+        EXPECT_EQ(board_start_post(board, 0, {1280, 720}), "");
+
+    EXPECT_TRUE(answers(client.fd));
+    const std::lock_guard guard(board.lock);
+    EXPECT_TRUE(board.sessions.at(0)->reports.empty());
+    close(client.fd);
 }
 
 TEST_F(ServerTest, SilentClientsMakeRoomForNewOnes)

@@ -1,5 +1,5 @@
 // Scenes, lens, sensor, measurement and compositor against literal references.
-#include "picture/optics.h"
+#include "picture/compose.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -13,7 +13,11 @@
 #include <opencv2/videoio.hpp>
 #endif
 
+#include "picture/lens.h"
 #include "picture/osd_color.h"
+#include "picture/scene.h"
+#include "picture/sensor.h"
+#include "picture/sharpness.h"
 
 using namespace simcam;
 
@@ -318,18 +322,22 @@ TEST(Sharpness, OfNextToNothingIsZero)
     EXPECT_EQ(sharpness_measure(picture, {20, 20, 8, 8}), 0U);
 }
 
-TEST(SharpnessWindow, LiesInTheMiddleOfTheConfiguredFrame)
-{
-    EXPECT_EQ(sharpness_window(0x028004FF, 0x016802CF), cv::Rect(320, 180, 640, 360));
-}
-
-TEST(SharpnessWindow, IsTheWholePictureWhereTheConfigurationMakesNoSense)
+TEST(SharpnessWindow, IsTheConfiguredOneInsideTheSensorAndElseTheWholePicture)
 {
     const cv::Rect whole(0, 0, SENSOR_WIDTH, SENSOR_HEIGHT);
-    EXPECT_EQ(sharpness_window(0, 0), whole);
-    EXPECT_EQ(sharpness_window(0xFFFFFFFF, 0xFFFFFFFF), whole);
-    EXPECT_EQ(sharpness_window(0x050104FF, 0x016802CF), whole); // 1281 wide
-    EXPECT_EQ(sharpness_window(0x028013FF, 0x016802CF), whole); // the middle of 5120 columns
+    const cv::Rect inside[] = {{320, 180, 640, 360}, whole, {0, 0, 3, 3}, {1277, 717, 3, 3}};
+    for (const cv::Rect &window : inside)
+        EXPECT_EQ(sharpness_window(window), window);
+    const cv::Rect other[] = {{},
+                              {0, 0, 2, 3},
+                              {0, 0, 3, 2},
+                              {-1, 0, 10, 10},
+                              {0, -1, 10, 10},
+                              {1271, 0, 10, 10},
+                              {0, 711, 10, 10},
+                              {2240, 180, 640, 360}};
+    for (const cv::Rect &window : other)
+        EXPECT_EQ(sharpness_window(window), whole);
 }
 
 class BuiltInScene : public testing::TestWithParam<const char *>
@@ -348,7 +356,7 @@ class BuiltInScene : public testing::TestWithParam<const char *>
     {
         cv::Mat picture;
         sensor_expose(scene_through_lens(*scene, 0, lens_blur_px(ring)), 1.0, 1, number, &picture);
-        return sharpness_measure(picture, sharpness_window(0x028004FF, 0x016802CF));
+        return sharpness_measure(picture, {320, 180, 640, 360});
     }
 };
 
@@ -421,7 +429,7 @@ std::string error_of(const std::string &name)
 TEST(SceneFile, ThatIsMissingIsRefusedByName)
 {
     EXPECT_EQ(error_of("/no/such/file.jpg"),
-              "scene /no/such/file.jpg: no such file; built in are photo and chart");
+              "scene /no/such/file.jpg: no such file; the built-in scenes are photo, chart");
     EXPECT_NE(error_of(""), "");
 }
 
@@ -444,7 +452,7 @@ TEST(SceneFile, ThatIsADeviceWithoutPicturesIsRefused)
 {
     EXPECT_NE(error_of("/dev/null").find("/dev/null: "), std::string::npos);
     EXPECT_EQ(error_of("/dev/video999"),
-              "scene /dev/video999: no such file; built in are photo and chart");
+              "scene /dev/video999: no such file; the built-in scenes are photo, chart");
 }
 
 TEST(SceneFile, ThatIsNoPictureIsRefused)

@@ -1,13 +1,14 @@
-// The lens, the sensor and the measurement of sharpness.
+// The lens.
 //
-// The blur is exact for small discs and made at half the size for large ones, where nobody can
-// tell. It takes a running sum down the picture: from one line to the next only the disc's rim
-// changes.
-#include "picture/optics.h"
+// The blur is exact for small discs and computed at half the size for large ones, where the
+// difference is invisible. It keeps a running sum down the picture: from one line to the next only
+// the disc's rim changes.
+#include "picture/lens.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <vector>
 
 #include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
@@ -17,17 +18,17 @@ namespace simcam
 
 // ---- Lens -------------------------------------------------------------------------------------
 
-// A small fast lens on a small sensor, all in millimetres. The ring drives the lens's extension
-// evenly from its near stop to infinity.
+// A small fast lens on a small sensor, in millimeters. The ring moves the lens's extension linearly
+// from its near stop to infinity.
 static constexpr double FOCAL_LENGTH = 25.0;
 static constexpr double APERTURE = FOCAL_LENGTH / 1.8;
 static constexpr double NEAR_STOP = 1000.0;
 static constexpr double SUBJECT = 2200.0;
 static constexpr double PIXEL_PITCH = 0.0056;
-// Diffraction, the lens's own faults and the sensor's low-pass: what stays at best focus, pixels.
+// Diffraction, aberrations and the sensor's low-pass filter: the blur left at best focus, pixels.
 static constexpr double FIXED_BLUR_PX = 1.6;
 
-// Where the picture of something at this distance lies behind the lens.
+// How far behind the lens the image of an object at this distance lies.
 static constexpr double image_distance(double distance)
 {
     return FOCAL_LENGTH * distance / (distance - FOCAL_LENGTH);
@@ -51,7 +52,7 @@ double lens_best_ring()
 
 // ---- Disc -------------------------------------------------------------------------------------
 
-// Discs above this diameter are made at half the size.
+// Discs above this diameter are computed at half the size.
 static constexpr double HALF_SIZE_FROM_PX = 10.0;
 static constexpr int CHANNELS = 3;
 static constexpr int RADIUS_MAX = 10; // whole pixels beside the middle one
@@ -100,8 +101,8 @@ static Disc disc_make(double diameter)
     return disc;
 }
 
-// What the sum gains at the lower rim, and loses at the mirrored place above, one line further
-// down.
+// The weights that the sum gains at the lower rim, and loses at the mirrored upper rim, when it
+// moves down one line.
 static std::vector<RimPair> disc_rim(const Disc &disc)
 {
     std::vector<RimPair> rim;
@@ -114,7 +115,7 @@ static std::vector<RimPair> disc_rim(const Disc &disc)
             if (gain == 0)
                 continue;
             if (dx == 0)
-                gain /= 2; // the middle column is read twice
+                gain /= 2; // dx and -dx are the same column
             if (filled == 2) {
                 rim.push_back({});
                 filled = 0;
@@ -245,118 +246,13 @@ void lens_blur(const cv::Mat &sharp, double blur_px, cv::Mat *blurred)
         disc_blur(sharp, std::max(blur_px, 1.0), blurred);
         return;
     }
-    // Halving and doubling blur by themselves: together one pixel's variance, of the disc's
-    // diameter squared / 16.
+    // Halving and doubling the size add a blur of their own, of one pixel's variance; a disc's
+    // variance is its diameter squared / 16.
     cv::Mat half, half_blurred;
     cv::resize(sharp, half, sharp.size() / 2, 0, 0, cv::INTER_AREA);
     const double diameter = std::sqrt(blur_px * blur_px - 16.0) / 2;
     disc_blur(half, std::min(diameter, 2.0 * RADIUS_MAX), &half_blurred);
     cv::resize(half_blurred, *blurred, sharp.size(), 0, 0, cv::INTER_LINEAR);
-}
-
-// ---- Sensor -----------------------------------------------------------------------------------
-
-static constexpr double NOISE_DEVIATION = 2.0; // levels of 255, each channel for itself
-static constexpr size_t NOISE_PERIOD = 1U << 18;
-static constexpr size_t NOISE_LINE_MAX = 8192; // longest line, bytes
-
-// A well mixed number from any number.
-static uint64_t mixed(uint64_t value)
-{
-    value += 0x9E3779B97F4A7C15U;
-    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9U;
-    value = (value ^ (value >> 27)) * 0x94D049BB133111EBU;
-    return value ^ (value >> 31);
-}
-
-// A long row of noise, the same for all: pictures differ in where their lines start in it.
-static const std::vector<int8_t> &noise_row()
-{
-    static const std::vector<int8_t> row = [] {
-        std::vector<int8_t> made(NOISE_PERIOD + NOISE_LINE_MAX);
-        for (size_t i = 0; i < made.size(); i++) {
-            // Four even numbers of 16 bits add up to something very near a normal one.
-            const uint64_t bits = mixed(i);
-            const double sum = static_cast<double>((bits & 0xFFFF) + ((bits >> 16) & 0xFFFF) +
-                                                   ((bits >> 32) & 0xFFFF) + (bits >> 48));
-            const double normal = (sum / 65535.0 - 2.0) * std::sqrt(3.0);
-            made[i] = static_cast<int8_t>(std::lround(normal * NOISE_DEVIATION));
-        }
-        return made;
-    }();
-    return row;
-}
-
-// in and out may be the same.
-static void add_noise(const uint8_t *in, const int8_t *noise, int count, uint8_t *out)
-{
-    const cv::v_uint8x16 flip =
-        cv::v_setall_u8(0x80); // to signed and back, so that adding saturates
-    int i = 0;
-    for (; i + 16 <= count; i += 16) {
-        const cv::v_int8x16 value = cv::v_reinterpret_as_s8(cv::v_load(in + i) ^ flip);
-        const cv::v_int8x16 noisy = value + cv::v_load(noise + i);
-        cv::v_store(out + i, cv::v_reinterpret_as_u8(noisy) ^ flip);
-    }
-    for (; i < count; i++)
-        out[i] = cv::saturate_cast<uint8_t>(in[i] + noise[i]);
-}
-
-void sensor_expose(const cv::Mat &blurred, double gain, uint64_t seed, uint64_t number,
-                   cv::Mat *picture)
-{
-    CV_Assert(blurred.type() == CV_8UC3);
-    const int count = blurred.cols * CHANNELS;
-    CV_Assert(static_cast<size_t>(count) <= NOISE_LINE_MAX);
-
-    cv::Mat exposed = blurred;
-    if (gain != 1.0) {
-        blurred.convertTo(*picture, -1, gain);
-        exposed = *picture;
-    } else {
-        picture->create(blurred.size(), CV_8UC3);
-    }
-    const std::vector<int8_t> &row = noise_row();
-    const uint64_t key = mixed(mixed(seed) ^ number);
-    for (int line = 0; line < exposed.rows; line++) {
-        const size_t start = mixed(key + static_cast<uint64_t>(line)) % NOISE_PERIOD;
-        add_noise(exposed.ptr<uint8_t>(line), row.data() + start, count,
-                  picture->ptr<uint8_t>(line));
-    }
-}
-
-// ---- Measurement ------------------------------------------------------------------------------
-
-// Raw value for each unit of mean squared gradient; brings the default scene's peak to about 300
-// in display values.
-static constexpr double RAW_PER_ENERGY = 16.0;
-
-cv::Rect sharpness_window(uint32_t columns, uint32_t lines)
-{
-    const cv::Rect whole(0, 0, SENSOR_WIDTH, SENSOR_HEIGHT);
-    const auto frame_width = static_cast<int>(columns & 0xFFFF) + 1;
-    const auto frame_height = static_cast<int>(lines & 0xFFFF) + 1;
-    const auto width = static_cast<int>(columns >> 16);
-    const auto height = static_cast<int>(lines >> 16);
-    const cv::Rect window((frame_width - width) / 2, (frame_height - height) / 2, width, height);
-    const bool fits = width >= 3 && height >= 3 && (window & whole) == window;
-    return fits ? window : whole;
-}
-
-uint32_t sharpness_measure(const cv::Mat &picture, const cv::Rect &window)
-{
-    CV_Assert(picture.type() == CV_8UC3);
-    const cv::Rect inside = window & cv::Rect({0, 0}, picture.size());
-    if (inside.width < 3 || inside.height < 3)
-        return 0;
-    cv::Mat luma, across, down;
-    cv::cvtColor(picture(inside), luma, cv::COLOR_BGR2GRAY);
-    cv::spatialGradient(luma, across, down);
-    // Only where all eight neighbors lie inside the window.
-    const cv::Rect inner(1, 1, inside.width - 2, inside.height - 2);
-    const double energy =
-        cv::norm(across(inner), cv::NORM_L2SQR) + cv::norm(down(inner), cv::NORM_L2SQR);
-    return static_cast<uint32_t>(std::lround(energy / inner.area() * RAW_PER_ENERGY));
 }
 
 } // namespace simcam
