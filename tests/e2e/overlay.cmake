@@ -13,4 +13,4 @@ target_compile_definitions(e2e_overlay_test PRIVATE
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>"
     FAST_SLEEP="$<TARGET_FILE:e2e_fast_sleep>")
 add_dependencies(e2e_overlay_test focus_assist e2e_fast_sleep)
-gtest_discover_tests(e2e_overlay_test PROPERTIES TIMEOUT 180 LABELS e2e)
+gtest_discover_tests(e2e_overlay_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 180 LABELS e2e)

@@ -4,11 +4,11 @@ add_executable(simcam_core_test
     ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
 target_link_libraries(simcam_core_test PRIVATE focus_options simcam_core GTest::gtest_main)
-gtest_discover_tests(simcam_core_test PROPERTIES TIMEOUT 120)
+gtest_discover_tests(simcam_core_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
 target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest::gtest_main)
-gtest_discover_tests(simcam_camera_test PROPERTIES TIMEOUT 120)
+gtest_discover_tests(simcam_camera_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
 target_link_libraries(simcam_main_test PRIVATE focus_options simcam_picture GTest::gtest_main)
@@ -16,7 +16,7 @@ target_compile_definitions(simcam_main_test PRIVATE
     SIMCAM="$<TARGET_FILE:simcam>"
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>")
 add_dependencies(simcam_main_test simcam focus_assist)
-gtest_discover_tests(simcam_main_test PROPERTIES TIMEOUT 120)
+gtest_discover_tests(simcam_main_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 find_program(SIMCAM_PYTHON NAMES python3)
 if(SIMCAM_PYTHON)
