@@ -62,7 +62,7 @@ Version: $version
 Architecture: $architecture"
         # Every library that the executable asks for comes with a package that is asked for.
         needed="libc6, libfreetype6"
-        [ "$architecture" != armhf ] || needed="$needed, libgcc-s1"
+        case $architecture in arm*) needed="$needed, libgcc-s1" ;; esac
         same "$(dpkg-deb -f "$deb" Depends)" "$needed"
         dpkg-deb -x "$deb" "$box/deb"
         for library in $(LC_ALL=C readelf -d "$box/deb/usr/local/bin/focus_assist" |
