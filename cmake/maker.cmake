@@ -24,7 +24,7 @@ if(FOCUS_SYSROOT)
     set(CMAKE_SYSROOT "${FOCUS_SYSROOT}")
 endif()
 
-# The simulated camera is a program of a desktop machine; the tests want GoogleTest in the sysroot.
+# The simulated camera runs on a desktop machine; the tests need GoogleTest in the sysroot.
 set(FOCUS_BUILD_SIMCAM OFF CACHE BOOL "Build the simulated camera")
 set(FOCUS_BUILD_TESTS OFF CACHE BOOL "Build the tests")
 

@@ -1,9 +1,8 @@
-// Makes the pictures of the readout's picture book: the real overlay process on the simulated
-// camera.
+// Makes the pictures of docs/operator.md with the real overlay process on the simulated camera.
 //
 //     readout_pictures DIRECTORY FOCUS_ASSIST
 //
-// Prints what the process wrote while each trap was sprung, so that the book can quote it.
+// Prints the process's output in each situation, for the quotations in that page.
 
 #include <algorithm>
 #include <cstdio>
@@ -45,7 +44,7 @@ static void pause_s(double seconds)
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-// Waits until the process has drawn the post's bar and had the time for its text, twice.
+// Waits for two further updates of the post's bar, and long enough for the text to follow.
 static void wait_for_readout(Camera &camera, size_t post)
 {
     const uint64_t before = camera_state(camera).post[post].plane[0].shows;
@@ -83,7 +82,7 @@ static uint32_t turn(Camera &camera, double ring)
     return camera_state(camera).latest.value;
 }
 
-// From the near stop to best focus: the process takes that for its peak.
+// Turns from the near stop to best focus, which becomes the process's peak.
 static uint32_t turn_to_peak(Camera &camera)
 {
     turn(camera, 0);
@@ -92,7 +91,7 @@ static uint32_t turn_to_peak(Camera &camera)
     return peak;
 }
 
-// Beyond best focus, to where the value is this share of the peak.
+// Turns beyond best focus, to where the value is this share of the peak.
 static void turn_to_percent(Camera &camera, uint32_t peak, uint32_t percent)
 {
     double sharp = lens_best_ring();
@@ -137,7 +136,7 @@ static void save(const std::string &name, const cv::Mat &picture, double scale =
         fail(path + ": cannot be written");
 }
 
-// The readout and what is around it, for an output of this size.
+// The readout with a margin, for an output of this size.
 static cv::Rect readout_place(const cv::Mat &picture)
 {
     const int margin = picture.cols / 24;
@@ -154,7 +153,7 @@ static void save_readout(const std::string &name, Camera &camera, double scale =
     save(name, picture(readout_place(picture)), scale);
 }
 
-// ---- The pages of the book --------------------------------------------------------------------
+// ---- Sections of the page ---------------------------------------------------------------------
 
 static void make_title()
 {
@@ -238,7 +237,7 @@ static void make_pitches()
     }
 }
 
-// The chart is sharp enough for values beyond 999 once the exposure is raised.
+// With the exposure raised, the chart gives values above 999.
 static void make_digits()
 {
     struct Output {

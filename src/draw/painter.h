@@ -48,7 +48,7 @@ void draw_rectangle(uint8_t *target, const DrawRect *rect, uint32_t target_size)
 
 // Paints the bar: a frame, an interior that is filled up to percent of its width and has bg_color
 // from there on, and a marker at FOCUS_THRESHOLD_PERCENT. percent is limited to 0 .. 100. Paints
-// one byte per pixel, whatever the depth, over the whole pitch; width is not read.
+// one byte per pixel at every depth, over the whole pitch; width is not read.
 //
 // Never writes beyond target_size bytes. An invalid depth is logged and nothing is painted.
 void draw_rectangle_bitmap(uint8_t *target, const DrawRect *rect, int32_t percent,

@@ -1,11 +1,11 @@
-// The display thread and the measurement loop without a camera, for counting what they cost:
+// The display thread and the measurement loop without a camera, to measure their cost:
 //
 //   measure_target pass CURRENT PEAK WIDTHxHEIGHT...   one pass over posts of these sizes between
 //                                                      the marks measure_begin and measure_end;
 //                                                      its allocations as a number on stderr
 //   measure_target memory                              heap and stack, as a table
 //
-// Linked statically, so that every instruction belongs to a name.
+// Linked statically, so that the emulator's log has a function name for every instruction.
 
 #include <malloc.h>
 #include <pthread.h>
@@ -22,7 +22,7 @@
 #include "osd/osd_session.h"
 #include "osd/qm7_codec.h"
 
-// ---- counting of allocations
+// ---- count of allocations
 
 extern "C" {
 
@@ -99,7 +99,7 @@ static int measure_pass(int count, char **words)
 constexpr size_t STACK_BYTES = 256 * 1024;
 constexpr unsigned char PAINT = 0xA5;
 
-// Runs body on a stack that was painted before, and returns how many bytes of it were written.
+// Fills a stack with a pattern, runs body on it and returns the number of bytes written.
 static size_t stack_depth(void *(*body)(void *))
 {
     void *memory =
@@ -127,7 +127,7 @@ static void *empty_body(void *)
     return nullptr;
 }
 
-// ---- the two threads, left from within a call of theirs that waits
+// ---- the two endless loops, left by longjmp from a call that waits
 
 static jmp_buf loop_left;
 static unsigned waits;
@@ -140,7 +140,7 @@ int __real_open(const char *path, int flags, ...);
 int __wrap_usleep(useconds_t)
 {
     switch (++waits) {
-    case 1: // nothing runs yet
+    case 1: // no post runs yet
         heap_after_start = mallinfo2().uordblks;
         start_post(0, 1920, 1080);
         start_post(1, 1280, 720);
@@ -192,7 +192,7 @@ static void *measure_body(void *)
 
 static int measure_memory()
 {
-    const size_t empty = stack_depth(empty_body); // what the C library keeps there itself
+    const size_t empty = stack_depth(empty_body); // the C library's own share
     const size_t before = mallinfo2().uordblks;
     const size_t display_stack = stack_depth(display_body);
     printf("| memory | bytes |\n|---|---|\n");
