@@ -4,6 +4,9 @@
 #
 # A 32-bit program that is built with 64-bit file sizes and times calls open, fstat and ioctl by other
 # names. These are wrapped then, and the sources still say __wrap_open and __real_open.
+#
+# The build of a test fails if the program calls none of the names: the linker ignores a wrapper that
+# nothing refers to, for instance of a C++ function whose signature has changed.
 include(CheckCXXSourceCompiles)
 check_cxx_source_compiles("
     #include <fcntl.h>
@@ -41,5 +44,13 @@ function(focus_wrap target scope)
             set(name ${FOCUS_CALL_${name}})
         endif()
         target_link_options(${target} ${scope} LINKER:--wrap=${name})
+        list(APPEND wrapped ${name})
     endforeach()
+    if(target MATCHES "_test$")
+        add_dependencies(${target} focus_core main_under_test)
+        add_custom_command(TARGET ${target} POST_BUILD COMMAND ${CMAKE_COMMAND}
+            -D NM=${CMAKE_NM} -D "WRAPPED=${wrapped}"
+            -D "PRODUCT=$<TARGET_FILE:focus_core>;$<TARGET_OBJECTS:main_under_test>"
+            -P ${PROJECT_SOURCE_DIR}/cmake/check_wraps.cmake VERBATIM)
+    endif()
 endfunction()
