@@ -12,7 +12,7 @@
 
 extern "C" int32_t cgi_set_pid(const char *path);
 
-// A folder that goes with the test.
+// A folder that the test removes at its end.
 class CgiSetPid : public testing::Test
 {
   protected:
@@ -56,7 +56,7 @@ TEST_F(CgiSetPid, ReplacesALongerFile)
     EXPECT_EQ(content(path), std::to_string(getpid()) + "\n");
 }
 
-TEST_F(CgiSetPid, FailsSilentlyWhereNoFileCanBe)
+TEST_F(CgiSetPid, FailsSilentlyIfTheFileCannotBeCreated)
 {
     const std::string path = folder + "/missing/focus_assist.pid";
     int32_t result = 0;
@@ -68,7 +68,7 @@ TEST_F(CgiSetPid, FailsSilentlyWhereNoFileCanBe)
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(CgiSetPid, FailsWhereNothingCanBeWritten)
+TEST_F(CgiSetPid, FailsIfTheFileCannotBeWritten)
 {
     EXPECT_NE(cgi_set_pid("/dev/full"), 0);
 }

@@ -1,5 +1,5 @@
-// Passes of the display thread on a scripted codec library, with the real font. The drawing calls
-// are noted on their way; one step that never fails by itself can be told to.
+// Passes of the display thread on a scripted codec library, with the real font. Wrappers record the
+// drawing calls; that of init_draw_param can fail, which the function itself never does.
 
 #include "app/display_loop.h"
 
@@ -30,7 +30,7 @@ static const char FONT[] = "/usr/local/morvel/import/font/dejavu/font/DejaVuSans
 
 static constexpr uint32_t OTHER = 0x81E0ABCD;
 
-// ---- calls on their way ------------------------------------------------------------------------
+// ---- recorded calls ----------------------------------------------------------------------------
 
 struct BarCall {
     uint32_t postResId;
@@ -63,7 +63,7 @@ struct Script {
     std::vector<ParamCall> params;
     const DrawParams *failing_params = nullptr;
     std::function<void()> after_bar; // between the two drawing calls
-    int looks = 0;                   // at a report
+    int looks = 0;                   // calls of osd_take_started and osd_take_stopped
     std::function<void(int)> after_look;
 
     std::vector<useconds_t> sleeps;
@@ -81,7 +81,7 @@ extern "C" {
 int __wrap_usleep(useconds_t microseconds);
 int __wrap_ioctl(int device, unsigned long number, uint32_t *record);
 
-// The C++ functions by the names that the linker knows them by.
+// The linker's names of the C++ functions. The build fails if one of them is not called.
 #define INIT_DRAW_PARAM _Z15init_draw_paramP10DrawParamsPK12PostGeometryPKcjP9OsdRegion
 #define SHOW_BAR _Z8show_barjiPK8DrawRecti
 #define SHOW_STRING _Z11show_stringjjP10FontEnginePK8DrawRectiii
@@ -116,7 +116,7 @@ int __wrap_usleep(useconds_t microseconds)
     return 0;
 }
 
-// The camera device of the test with threads: ever new values, always above the hold.
+// The camera device: values that change by more than the peak's hold.
 int __wrap_ioctl(int, unsigned long number, uint32_t *record)
 {
     static uint32_t readings;
@@ -193,7 +193,7 @@ class DisplayLoop : public testing::Test
         script = nullptr;
     }
 
-    // A display thread that has started, and the calls of its start forgotten.
+    // Starts the display thread and clears the recorded calls.
     void start_display()
     {
         display_start(display.get());
@@ -209,7 +209,7 @@ class DisplayLoop : public testing::Test
         return capture([&] { display_pass(&state, display.get()); });
     }
 
-    // A pass that says nothing. Returns its library calls.
+    // Runs a pass that must print nothing. Returns its library calls.
     Calls quiet_pass()
     {
         codec.take_calls();
@@ -219,7 +219,7 @@ class DisplayLoop : public testing::Test
         return codec.take_calls();
     }
 
-    // The posts that were drawn on in the last pass, by id, bar and text of each.
+    // Ids of the posts whose bar, or text, was drawn in the last pass.
     std::vector<uint32_t> bars_drawn() const
     {
         std::vector<uint32_t> ids;
@@ -314,7 +314,7 @@ TEST_F(DisplayLoop, StartOpensTheSessionBeforeTheFontEngines)
 
 // ---- a pass ------------------------------------------------------------------------------------
 
-TEST_F(DisplayLoop, IdlePassCallsNothingAndSaysNothing)
+TEST_F(DisplayLoop, IdlePassCallsNothingAndPrintsNothing)
 {
     start_display();
 
@@ -330,7 +330,8 @@ TEST_F(DisplayLoop, PostThatStartedIsDrawnInTheSamePassBarBeforeText)
 
     const Calls calls = quiet_pass();
 
-    // Text: 42 lines above the bar; 21 cells of 22 pixels centered over it: 400 + (480 - 462) / 2.
+    // The text is 42 lines above the bar, its 21 cells of 22 pixels centered: 400 + (480 - 462)
+    // / 2.
     EXPECT_EQ(
         calls,
         Calls({"qm7_cl_post_thread_get_status(101)", "qm7_cl_post_open_osd(101, {0, 480, 72, 2})",
@@ -481,19 +482,19 @@ TEST_F(DisplayLoop, ValueAboveThePeakGivesMoreThanAHundred)
     EXPECT_EQ(noted.strings[0].percent, 120);
 }
 
-TEST_F(DisplayLoop, LargestPercentageIsHandedOnAsItsBits)
+TEST_F(DisplayLoop, PercentageAboveTheSignedRangeBecomesNegative)
 {
     start_display();
     codec.start(0, 100);
     state.current = 42949672;
     state.peak = 1;
 
-    pass(); // whose text is too wide
+    pass(); // the text is too wide to be drawn
 
     EXPECT_EQ(noted.bars[0].percent, -96); // 4294967200
 }
 
-TEST_F(DisplayLoop, TextShowsTheValuesOfItsMomentWithThePercentageOfThePass)
+TEST_F(DisplayLoop, TextShowsCurrentValuesWithThePercentageOfThePass)
 {
     start_display();
     codec.start(0, 100);
@@ -532,7 +533,7 @@ TEST_F(DisplayLoop, EveryPassRedrawsBothPlanesWhole)
     const Bytes bar = codec.shown.at(0).bytes;
     const Bytes text = codec.shown.at(1).bytes;
 
-    quiet_pass(); // on memory that is full of junk again
+    quiet_pass(); // on new memory, full of junk
 
     EXPECT_EQ(codec.shown.at(0).bytes, bar);
     EXPECT_EQ(codec.shown.at(1).bytes, text);
@@ -540,7 +541,7 @@ TEST_F(DisplayLoop, EveryPassRedrawsBothPlanesWhole)
     EXPECT_EQ(std::count(bar.begin(), bar.end(), GuardedMemory::JUNK), 0);
     EXPECT_EQ(std::count(text.begin(), text.end(), GuardedMemory::JUNK), 0);
     EXPECT_GT(std::count(text.begin(), text.end(), 20), 0); // highlighted
-    // 10 lines of frame, and 10 columns of the 98 others.
+    // The frame: 10 whole lines, and 10 columns of the other 98 lines.
     EXPECT_EQ(std::count(bar.begin(), bar.end(), 11), 10 * 720 + 98 * 10);
     // Filled to column 5 + 639 = 644, less the marker's ten columns of 604 to 613.
     EXPECT_EQ(std::count(bar.begin(), bar.end(), 18), 98 * (639 - 10));
@@ -556,7 +557,7 @@ TEST_F(DisplayLoop, StopEndsTheDrawingWithoutALibraryCall)
     codec.start(1, 101);
     codec.start(2, 102);
     quiet_pass();
-    display->posts[1].planes[3].opened = 1; // by nobody: all four are marked
+    display->posts[1].planes[3].opened = 1; // a plane that the program never opens
     codec.stop(1, 101);
 
     quiet_pass();
@@ -615,7 +616,7 @@ TEST_F(DisplayLoop, StopAndStartBetweenPassesReopensThePlanesWithNewPitches)
     EXPECT_EQ(noted.bars[0].rect.pitch, 512);
 }
 
-TEST_F(DisplayLoop, StartAndStopInTheOtherOrderLeaveItRunningToo)
+TEST_F(DisplayLoop, StartBeforeStopLeavesThePostRunning)
 {
     start_display();
     codec.start(1, 101);
@@ -626,7 +627,7 @@ TEST_F(DisplayLoop, StartAndStopInTheOtherOrderLeaveItRunningToo)
     EXPECT_EQ(bars_drawn(), Ids({101})); // the stop is always taken first
 }
 
-TEST_F(DisplayLoop, PostThatComesBackWithAnotherSizeKeepsItsFirstParameters)
+TEST_F(DisplayLoop, RestartWithAnotherSizeKeepsTheFirstParameters)
 {
     start_display();
     codec.start(1, 101);
@@ -664,10 +665,10 @@ TEST_F(DisplayLoop, SecondStartOfARunningPostOnlyChangesItsId)
     EXPECT_EQ(post_notify_state.started_mask, 0);
 }
 
-// The library reports from a thread of its own, also while a pass looks at the two masks.
-TEST_F(DisplayLoop, RestartReportedBetweenTwoLooksIsNotLost)
+// The library's thread may report between the pass's two reads of the masks.
+TEST_F(DisplayLoop, RestartReportedBetweenTheTwoReadsIsNotLost)
 {
-    for (int look = 1; look <= 8; look++) { // two looks a post
+    for (int look = 1; look <= 8; look++) { // two reads for each of four posts
         SCOPED_TRACE(look);
         reset_product_state();
         noted.after_look = nullptr;
@@ -696,7 +697,7 @@ TEST_F(DisplayLoop, RestartReportedBetweenTwoLooksIsNotLost)
 
 // ---- failures ----------------------------------------------------------------------------------
 
-TEST_F(DisplayLoop, FailedGeometryLeavesRunningPostsBehindItUndrawnInThatPass)
+TEST_F(DisplayLoop, FailedGeometryEndsThePassForLaterPostsToo)
 {
     start_display();
     codec.start(2, 102);
@@ -709,7 +710,7 @@ TEST_F(DisplayLoop, FailedGeometryLeavesRunningPostsBehindItUndrawnInThatPass)
 
     EXPECT_EQ(captured.out, "POST0 get_post_geometry() failed");
     EXPECT_EQ(codec.shown.size(), 0u);
-    EXPECT_EQ(post_notify_state.stopped_mask, 0x0100); // not looked at either
+    EXPECT_EQ(post_notify_state.stopped_mask, 0x0100); // not taken either
 }
 
 TEST_F(DisplayLoop, FailedParametersAreLoggedAndTheNextPostIsDrawn)
@@ -747,7 +748,7 @@ TEST_F(DisplayLoop, RunStartsOnceAndSleepsHalfASecondAfterEachPass)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
-TEST_F(DisplayLoop, ReportsAndMeasurementsMayComeAtAnyTime)
+TEST_F(DisplayLoop, ReportsAndMeasurementsFromOtherThreads)
 {
     start_display();
     std::atomic<bool> done = false;

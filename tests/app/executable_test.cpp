@@ -1,4 +1,4 @@
-// The executable as a file: what it needs of other libraries.
+// The executable as a file: the libraries and functions that it needs.
 
 #include <cstdio>
 #include <set>
@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-// What readelf prints for the executable.
+// The output of readelf for the executable.
 static std::string readelf(const std::string &options)
 {
     FILE *pipe = popen((READELF " " + options + " " FOCUS_ASSIST).c_str(), "r");
@@ -31,7 +31,7 @@ TEST(ExecutableFile, NeedsTheCodecLibraryFreeTypeAndTheCLibraryAlone)
               (std::set<std::string>{"libqm7codec.so.2.0", "libfreetype.so.6", "libc.so.6"}));
 }
 
-TEST(ExecutableFile, LeavesAllFunctionsOfTheLibraryToIt)
+TEST(ExecutableFile, ImportsEveryFunctionOfTheCodecLibrary)
 {
     std::istringstream lines(readelf("--dyn-syms --wide"));
     std::set<std::string> undefined;

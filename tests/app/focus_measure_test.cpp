@@ -41,13 +41,13 @@ struct FakeCamera {
     std::deque<Reading> readings;
     std::vector<Request> requests;
     bool config_fails = false;
-    jmp_buf leave; // taken when the readings are at an end
+    jmp_buf leave; // target of the jump after the last reading
     bool can_leave = false;
     int exit_status = -1;
 };
 
 static FakeCamera *camera;
-static constexpr int DEVICE = 77; // of tests that open none
+static constexpr int DEVICE = 77; // descriptor in tests that open no device
 
 static constexpr int AT_AN_END = 1;
 static constexpr int EXITED = 2;
@@ -95,7 +95,7 @@ void __wrap__exit(int status)
 
 } // extern "C"
 
-static const uint8_t PEAK_HOLD_AT_START = peak_hold; // before any test puts it back
+static const uint8_t PEAK_HOLD_AT_START = peak_hold; // before any test resets it
 
 class FocusMeasure : public testing::Test
 {
@@ -112,7 +112,7 @@ class FocusMeasure : public testing::Test
         reset_product_state();
     }
 
-    // One cycle with this raw value.
+    // Runs one cycle with this raw value.
     void read(uint32_t raw)
     {
         fake.readings.push_back({raw, false});
@@ -181,7 +181,7 @@ TEST_F(FocusMeasure, Byte240IsZeroAtEachRequestAndTheOtherBytesStay)
     EXPECT_EQ(fake.requests[1].bytes, second);
 }
 
-TEST_F(FocusMeasure, ValueIsAHundredthOfTheRawOneCutOff)
+TEST_F(FocusMeasure, ValueIsTheRawValueDividedBy100RoundedDown)
 {
     const std::pair<uint32_t, uint32_t> values[] = {{0, 0},
                                                     {99, 0},
@@ -299,11 +299,11 @@ TEST_F(FocusMeasure, ReadingAfterAZeroNeverEndsTheHold)
 TEST_F(FocusMeasure, ChangeIsMeasuredFromTheReadingBefore)
 {
     for (uint32_t raw = 1000; raw <= 20000; raw += 400)
-        read(raw); // 190 in all, never more than 4 at once
+        read(raw); // by 190 in all, never by more than 4 at once
     expect(198, 0);
 }
 
-TEST_F(FocusMeasure, HoldNeverComesBack)
+TEST_F(FocusMeasure, HoldNeverReturns)
 {
     read(5000);
     read(6000);
@@ -318,7 +318,7 @@ TEST_F(FocusMeasure, HoldNeverComesBack)
     expect(61, 61);
 }
 
-TEST_F(FocusMeasure, LargestJumpsCountBothWays)
+TEST_F(FocusMeasure, LargestJumpsEndTheHoldInBothDirections)
 {
     read(0xFFFFFFFF);
     read(100);
@@ -327,7 +327,7 @@ TEST_F(FocusMeasure, LargestJumpsCountBothWays)
     expect(42949672, 42949672);
 }
 
-TEST_F(FocusMeasure, FailedRequestBeforeAnyReadingTakesTheRecordAsItIs)
+TEST_F(FocusMeasure, FailedFirstRequestUsesTheRecordsContent)
 {
     fail_to_read();
 
@@ -336,7 +336,7 @@ TEST_F(FocusMeasure, FailedRequestBeforeAnyReadingTakesTheRecordAsItIs)
 
 // ---- the loop ----------------------------------------------------------------------------------
 
-// Runs the loop until the readings are at an end, or the process is.
+// Runs the loop until the last reading or _exit.
 static int run(FakeCamera *fake, FocusState *state)
 {
     fake->can_leave = true;
@@ -357,7 +357,8 @@ TEST_F(FocusMeasure, LoopOpensConfiguresOnceAndReadsForEver)
     const Captured captured = capture([&] { how = run(&fake, &state); });
 
     EXPECT_EQ(how, AT_AN_END);
-    EXPECT_EQ(files.calls, std::vector<std::string>({"open(/dev/cam, 2)"})); // O_RDWR, not closed
+    EXPECT_EQ(files.calls,
+              std::vector<std::string>({"open(/dev/cam, 2)"})); // 2 is O_RDWR; it is never closed
     ASSERT_EQ(fake.requests.size(), 5u);
     EXPECT_EQ(fake.requests[0].number, CONFIG);
     for (size_t i = 1; i < 5; i++) {
@@ -369,13 +370,13 @@ TEST_F(FocusMeasure, LoopOpensConfiguresOnceAndReadsForEver)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
-TEST_F(FocusMeasure, DescriptorZeroIsADeviceAsWell)
+TEST_F(FocusMeasure, DescriptorZeroIsValid)
 {
     const int standard_input = dup(0);
     close(0);
     {
         FakeFiles files;
-        files.put("/dev/cam", {}); // its descriptor is the lowest that is free
+        files.put("/dev/cam", {}); // gets the lowest free descriptor, 0
         fake.readings = {{5000, false}};
 
         EXPECT_EQ(run(&fake, &state), AT_AN_END);

@@ -1,5 +1,5 @@
-// The real main, under the name focus_assist_main, with the calls that would leave the test
-// replaced: thread creation, the opening of the device, sleep, exit.
+// The program's main under the name focus_assist_main. Thread creation, the opening of the device,
+// sleep and exit are replaced.
 
 #include <algorithm>
 #include <cerrno>
@@ -23,7 +23,7 @@ int focus_assist_main(int argc, char **argv);
 
 static const char PID_CALL[] = "cgi_set_pid(/var/run/focus_assist.pid)";
 
-// What the test answers and sees.
+// What the replaced functions return and what they record.
 struct Process {
     std::vector<std::string> calls;
     int pid_result = 0;
@@ -56,7 +56,7 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
 void __wrap__exit(int status);
 int __wrap_usleep(useconds_t microseconds);
 
-// focus_measure_run by the name that the linker knows it by.
+// The linker's name of focus_measure_run. The build fails if it is not called.
 void __real__Z17focus_measure_runP10FocusState(FocusState *state);
 void __wrap__Z17focus_measure_runP10FocusState(FocusState *state);
 
@@ -111,7 +111,7 @@ class Main : public testing::Test
     Main()
     {
         process = &state;
-        files.fail_open("/dev/cam", ENODEV); // where main stays for ever there is an exit
+        files.fail_open("/dev/cam", ENODEV); // ends main's endless loop
     }
 
     ~Main() override
@@ -119,7 +119,7 @@ class Main : public testing::Test
         process = nullptr;
     }
 
-    // Runs main to its return or the process's end. Returns main's result, or 1000 at an exit.
+    // Runs main until it returns or calls _exit. Returns main's result, or 1000 after _exit.
     int run(std::vector<std::string> arguments = {"focus_assist"})
     {
         const int count = (int)arguments.size();
@@ -149,16 +149,16 @@ TEST_F(Main, RegistersThePidThenCreatesTheThreadThenMeasures)
 TEST_F(Main, ThreadFindsTheFocusStateCleared)
 {
     EXPECT_EQ(run(), 1000);
-    state.state->current = 120; // of an earlier life
+    state.state->current = 120; // of an earlier run
     state.state->peak = 100;
 
-    EXPECT_EQ(run(), 1000); // finds even the handle cleared, see pthread_create above
+    EXPECT_EQ(run(), 1000); // __wrap_pthread_create checks that the handle is cleared too
 
     EXPECT_EQ(state.current_at_start, 0u);
     EXPECT_EQ(state.peak_at_start, 0u);
 }
 
-TEST_F(Main, ReturnsZeroShouldTheMeasurementEverReturn)
+TEST_F(Main, ReturnsZeroIfTheMeasurementReturns)
 {
     state.measurement_returns = true;
 
@@ -200,7 +200,7 @@ TEST_F(Main, ThreadRunsTheDisplayLoopWithTheFocusState)
             state.entry(state.state);
     });
 
-    EXPECT_EQ(codec.calls, Calls({"qm7_cl_library_init()"})); // an idle loop calls nothing
+    EXPECT_EQ(codec.calls, Calls({"qm7_cl_library_init()"})); // idle passes call nothing
     EXPECT_EQ(state.calls,
               std::vector<std::string>({"usleep(500000)", "usleep(500000)", "usleep(500000)"}));
     EXPECT_EQ(captured.out, "");

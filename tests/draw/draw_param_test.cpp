@@ -30,7 +30,7 @@ class InitDrawParam : public testing::Test
         reset_product_state();
     }
 
-    // Runs init_draw_param, which always returns 0, and gives what it logged.
+    // Runs init_draw_param, which always returns 0. Returns what it logged.
     std::string init(uint32_t width, uint32_t height)
     {
         const PostGeometry geometry = {1, width, height};
@@ -45,7 +45,7 @@ class InitDrawParam : public testing::Test
     OsdRegion regions[OSD_PLANE_COUNT];
 };
 
-TEST_F(InitDrawParam, GivesTheWorkedValues)
+TEST_F(InitDrawParam, ComputesTheTableOfTheFourWidths)
 {
     const struct {
         uint32_t width, height;
@@ -88,7 +88,7 @@ TEST_F(InitDrawParam, CellIsTheAdvanceOfTheFaceRoundedUp)
     EXPECT_LT((params.cell_width - 1) * 64, advance);
 }
 
-TEST_F(InitDrawParam, HeightPlaysNoPartInTheResolution)
+TEST_F(InitDrawParam, HeightDoesNotAffectTheResolution)
 {
     const uint32_t widths[] = {1920, 1280, 720, 352};
     for (uint32_t index = 0; index < 4; index++) {
@@ -114,7 +114,7 @@ TEST_F(InitDrawParam, FontSizeIsASeventeenthOfTheHeightAndAtLeastEight)
     }
 }
 
-TEST_F(InitDrawParam, PlaceIsUnsignedArithmeticOf32Bits)
+TEST_F(InitDrawParam, PlaceIsComputedIn32BitsUnsigned)
 {
     init(720, 0);
     EXPECT_EQ(regions[0].y, 0u);
@@ -129,7 +129,7 @@ TEST_F(InitDrawParam, PlaceIsUnsignedArithmeticOf32Bits)
     EXPECT_EQ(regions[0].x, (0u - 32) / 2);
 }
 
-TEST_F(InitDrawParam, SecondCallChangesNothingWhateverTheGeometry)
+TEST_F(InitDrawParam, SecondCallChangesNothing)
 {
     init(1920, 1080);
     const DrawParams params_before = params;
@@ -144,7 +144,7 @@ TEST_F(InitDrawParam, SecondCallChangesNothingWhateverTheGeometry)
     EXPECT_EQ(memcmp(regions, regions_before, sizeof regions), 0);
 }
 
-TEST_F(InitDrawParam, AnyFlagButZeroCountsAsInitialized)
+TEST_F(InitDrawParam, AnyNonzeroFlagCountsAsInitialized)
 {
     params.initialized = 0x80000000;
 
@@ -169,7 +169,7 @@ TEST_F(InitDrawParam, UnknownWidthIsLoggedOnceAndLeavesSizesAsTheyWere)
 
         EXPECT_EQ(params.initialized, 1u);
         EXPECT_EQ(params.font_size, 28u);
-        EXPECT_EQ(params.cell_width, 0); // there is no face to take it from
+        EXPECT_EQ(params.cell_width, 0); // no face to take it from
         EXPECT_EQ(params.engine.library, nullptr);
         EXPECT_EQ(params.engine.face, nullptr);
         EXPECT_EQ(params.engine.cache.count, 0u);
@@ -185,7 +185,7 @@ TEST_F(InitDrawParam, UnknownWidthIsLoggedOnceAndLeavesSizesAsTheyWere)
     }
 }
 
-TEST_F(InitDrawParam, UnknownWidthTakesTheCellFromTheEngineThatIsThere)
+TEST_F(InitDrawParam, UnknownWidthKeepsTheEngineAndItsCell)
 {
     params.engine = font_engines[1];
 
@@ -241,7 +241,7 @@ TEST(InitOsdRegion, SetsSizeDepthAndColorOnly)
     }
 }
 
-TEST(InitOsdRegion, AnotherIndexLeavesTheSizeAsItWas)
+TEST(InitOsdRegion, UnknownIndexKeepsTheSize)
 {
     for (const uint32_t index : {4u, 5u, 0x80000000u, 0xFFFFFFFFu}) {
         OsdRegion region;
@@ -268,7 +268,7 @@ TEST(MakeOsdOpenParam, CopiesNumberSizeAndDepthCodeUnchecked)
     EXPECT_EQ(param->depth_code, 7u);
 }
 
-TEST(MakeOsdOpenParam, ThereIsOneRequestAndTheLastCallFillsIt)
+TEST(MakeOsdOpenParam, ReturnsOneSharedRecord)
 {
     const OsdRegion text = {280, 48, 2, 0, 0, 17, 2};
     const OsdRegion bar = {132, 24, 1, 0, 0, 17, 3};

@@ -17,7 +17,7 @@
 #include "picture.h"
 #include "reference.h"
 
-// Ranges are walked whole where that is quick, and thinned out elsewhere.
+// Under emulation and the thread sanitizer only a sample of each range is tried.
 #ifdef FOCUS_TEST_THINNED
 static constexpr int STRIDE = 13;
 #else
@@ -68,7 +68,7 @@ TEST(DrawRectangle, FillsItsAreaAndClearsTheRestOfItsLines)
                                     "????????\n");
 }
 
-TEST(DrawRectangle, HeightZeroAndOnePaintLineZeroAlone)
+TEST(DrawRectangle, HeightZeroAndOnePaintOnlyLineZero)
 {
     for (const int32_t height : {INT_MIN, -1, 0, 1}) {
         const std::vector<uint8_t> bytes = painted_rectangle(rect_of(3, height, 6), 2 * 6);
@@ -117,8 +117,8 @@ TEST(DrawRectangle, WidthBeyondThePitchRunsOnAndIsCoveredByTheNextLine)
 {
     const std::vector<uint8_t> covered = painted_rectangle(rect_of(9, 2, 4), 4 * 4);
 
-    // Bytes 4 to 7 were painted as a part of line 0, then again as line 1; byte 8 was painted into
-    // what stood there and no line came to cover it.
+    // Bytes 4 to 7 were painted as part of line 0, then again as line 1. Byte 8 was combined with
+    // its old content and not covered by another line.
     EXPECT_EQ(picture_of(covered, 4).substr(0, 10), "----\n----\n");
     EXPECT_EQ(covered[8], JUNK | 17);
     EXPECT_EQ(covered[9], JUNK);
@@ -154,7 +154,7 @@ TEST(DrawRectangle, EqualsTheReferenceAtEveryDepthWidthHeightPitchAndSize)
     }
 }
 
-TEST(DrawRectangle, AbsurdRectanglesStayInTheMemory)
+TEST(DrawRectangle, ExtremeRectanglesStayInTheMemory)
 {
     for (const int32_t width : {INT_MIN, 0, INT_MAX}) {
         for (const int32_t height : {INT_MIN, 0, INT_MAX}) {
@@ -162,18 +162,18 @@ TEST(DrawRectangle, AbsurdRectanglesStayInTheMemory)
                 for (const uint32_t depth : {2u, 4u, 8u}) {
                     DrawRect rect = rect_of(width, height, pitch);
                     rect.depth = depth;
-                    (void)painted_rectangle(rect, 100); // the guards tell
+                    (void)painted_rectangle(rect, 100); // the guards detect an access
                 }
             }
         }
     }
 }
 
-TEST(DrawRectangle, NoMemoryIsLeftAlone)
+TEST(DrawRectangle, NullMemoryIsNotTouched)
 {
     const DrawRect rect = rect_of(5, 3, 8);
 
-    draw_rectangle(nullptr, &rect, 0); // would fault
+    draw_rectangle(nullptr, &rect, 0); // crashes on an access
 }
 
 TEST(DrawRectangle, InvalidDepthIsLoggedAndPaintsNothing)
@@ -191,7 +191,7 @@ TEST(DrawRectangle, InvalidDepthIsLoggedAndPaintsNothing)
     }
 }
 
-TEST(DrawRectangle, ReadsItsRectangleOnly)
+TEST(DrawRectangle, DoesNotChangeItsRectangle)
 {
     DrawRect rect = rect_of(5, 3, 8);
     const std::vector<uint8_t> plain = painted_rectangle(rect, 3 * 8);
@@ -210,7 +210,7 @@ TEST(DrawRectangle, ReadsItsRectangleOnly)
 
 // ---- bar ---------------------------------------------------------------------------------------
 
-TEST(DrawBar, FrameInteriorMarkerAndFillStandWhereTheyShould)
+TEST(DrawBar, PlacesFrameInteriorMarkerAndFill)
 {
     // 44 wide: the interior is 40, columns 2 to 41; the marker's center is 2 + 34, its bounds 34
     // and 38, both excluded; half of the interior ends before column 22.
@@ -246,7 +246,7 @@ TEST(DrawBar, FullSizeBarOfTheWidestOutput)
     }
 }
 
-TEST(DrawBar, NothingFilledAtZeroAndAllAtAHundredAndAbove)
+TEST(DrawBar, FillsNothingAtZeroAndEverythingFromAHundred)
 {
     for (uint32_t resolution = 0; resolution < 4; resolution++) {
         DrawRect rect = rect_of(0, 30, 300);
@@ -269,7 +269,7 @@ TEST(DrawBar, NothingFilledAtZeroAndAllAtAHundredAndAbove)
     }
 }
 
-TEST(DrawBar, MarkerIsNeverReplacedByTheFill)
+TEST(DrawBar, FillNeverCoversTheMarker)
 {
     DrawRect rect = rect_of(0, 30, 300);
     const auto markers = [&](int32_t percent) {
@@ -296,8 +296,8 @@ TEST(DrawBar, NoFrameAndNoMarkerWithoutAResolution)
 }
 
 // In double precision 460 * 0.01 is a little more than 4.6, and 55 times that rounds down to 253
-// before the 5 of the frame is added. One rounding for both, as of a processor that multiplies and
-// adds at one go, would leave a little more than 258 and fill one column more; likewise at 468.
+// before the frame's 5 is added. A fused multiply-add rounds once, gives a little more than 258 and
+// fills one column more; likewise at 468.
 TEST(DrawBar, ProductsAreRoundedBeforeTheyAreAdded)
 {
     struct Bar {
@@ -326,13 +326,13 @@ TEST(DrawBar, AnyValidDepthPaintsOneBytePerPixel)
 
         const std::vector<uint8_t> bytes = painted_bar(rect, 40, 12 * 60);
 
-        std::vector<uint8_t> expected = deep; // only the background is cut to the depth: 17 to 1
+        std::vector<uint8_t> expected = deep; // only the background is masked to the depth: 17 to 1
         std::replace(expected.begin(), expected.end(), (uint8_t)17, (uint8_t)1);
         EXPECT_TRUE(same_picture(bytes, expected, 60));
     }
 }
 
-TEST(DrawBar, HeightOfNoLinesClearsLineZero)
+TEST(DrawBar, HeightZeroClearsLineZero)
 {
     for (const int32_t height : {INT_MIN, -1, 0}) {
         const std::vector<uint8_t> bytes = painted_bar(rect_of(0, height, 20), 50, 2 * 20);
@@ -436,7 +436,7 @@ TEST(DrawBar, EqualsTheReferenceForEveryHeightAndSize)
     }
 }
 
-TEST(DrawBar, AbsurdBarsStayInTheMemory)
+TEST(DrawBar, ExtremeBarsStayInTheMemory)
 {
     for (const int32_t pitch : {INT_MIN, -1, 0, 1, 64, INT_MAX}) {
         for (const int32_t height : {INT_MIN, 0, 1, 108, INT_MAX}) {
@@ -444,18 +444,18 @@ TEST(DrawBar, AbsurdBarsStayInTheMemory)
                 for (uint32_t resolution = 0; resolution <= 4; resolution++) {
                     DrawRect rect = rect_of(INT_MAX, height, pitch);
                     rect.resolution = resolution;
-                    (void)painted_bar(rect, percent, 200); // the guards tell
+                    (void)painted_bar(rect, percent, 200); // the guards detect an access
                 }
             }
         }
     }
 }
 
-TEST(DrawBar, NoMemoryIsLeftAlone)
+TEST(DrawBar, NullMemoryIsNotTouched)
 {
     const DrawRect rect = rect_of(720, 108, 720);
 
-    draw_rectangle_bitmap(nullptr, &rect, 50, 0); // would fault
+    draw_rectangle_bitmap(nullptr, &rect, 50, 0); // crashes on an access
 }
 
 TEST(DrawBar, InvalidDepthIsLoggedAndPaintsNothing)
@@ -473,7 +473,7 @@ TEST(DrawBar, InvalidDepthIsLoggedAndPaintsNothing)
     }
 }
 
-TEST(DrawBar, ReadsItsRectangleOnly)
+TEST(DrawBar, DoesNotChangeItsRectangle)
 {
     DrawRect rect = rect_of(0, 12, 60);
     const std::vector<uint8_t> plain = painted_bar(rect, 50, 12 * 60);
@@ -500,7 +500,7 @@ TEST(DrawDepth, OnlyTwoFourAndEightAreValid)
 
 // ---- sizes beyond 32 bits ----------------------------------------------------------------------
 
-TEST(DrawRectangle, AreaBeyond32BitsFillsTheMemoryThereIs)
+TEST(DrawRectangle, AreaBeyond32BitsFillsTheWholeMemory)
 {
     std::vector<uint8_t> memory(3 * 65536, 0xA5);
     DrawRect rect = {};
@@ -515,7 +515,7 @@ TEST(DrawRectangle, AreaBeyond32BitsFillsTheMemoryThereIs)
     EXPECT_EQ(memory, std::vector<uint8_t>(3 * 65536, 17));
 }
 
-TEST(DrawBar, InteriorBeyond32BitsFillsTheMemoryThereIs)
+TEST(DrawBar, InteriorBeyond32BitsFillsTheWholeMemory)
 {
     std::vector<uint8_t> memory(10 * 65536, 0xA5);
     // The interior ends 2^32 bytes behind the start.
@@ -531,11 +531,11 @@ TEST(DrawBar, InteriorBeyond32BitsFillsTheMemoryThereIs)
     EXPECT_EQ(memory[4 * 65536 + 5], 11);  // the last line of the frame
     EXPECT_EQ(memory[5 * 65536 + 4], 11);  // its left edge
     EXPECT_EQ(memory[5 * 65536 + 5], 17);  // the first line within
-    EXPECT_EQ(memory[10 * 65536 - 6], 17); // the last one that there is memory for
+    EXPECT_EQ(memory[10 * 65536 - 6], 17); // the last byte of the memory
     EXPECT_EQ(memory[10 * 65536 - 5], 11);
 }
 
-TEST(DrawBar, FrameBeyond32BitsFillsTheMemoryThereIs)
+TEST(DrawBar, FrameBeyond32BitsFillsTheWholeMemory)
 {
     for (const int32_t height : {4, 100}) {
         std::vector<uint8_t> memory(64, 0xA5);

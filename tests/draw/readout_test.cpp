@@ -1,5 +1,5 @@
-// The readout: what its planes are painted from, the update of the text against a scripted codec
-// library, and both planes whole on every output.
+// The readout: the records that its planes are painted from, the update of the text with a scripted
+// codec library, and both whole planes on every output.
 
 #include "draw/readout.h"
 
@@ -42,7 +42,7 @@ TEST(MakeBarRect, IsTheWholeRegion)
     EXPECT_EQ(rect->resolution, 1u);
 }
 
-TEST(MakeBarRect, DepthFollowsTheCodeAndNothingIsChecked)
+TEST(MakeBarRect, DepthFollowsTheCodeUnchecked)
 {
     for (uint32_t code = 0; code < 4; code++) {
         const OsdRegion region = {65535, 65535, code, 0xFFFFFFFF, 0x80000000, 99, 4};
@@ -55,7 +55,7 @@ TEST(MakeBarRect, DepthFollowsTheCodeAndNothingIsChecked)
         EXPECT_EQ(rect->x, 0xFFFFFFFF);
         EXPECT_EQ(rect->y, 0x80000000);
         EXPECT_EQ(rect->bg_color, 99u);
-        EXPECT_EQ(rect->pitch, INT_MIN); // the word as it came
+        EXPECT_EQ(rect->pitch, INT_MIN); // the same 32 bits
         EXPECT_EQ(rect->resolution, 4u);
     }
 }
@@ -124,7 +124,7 @@ TEST(MakeStringRect, TakesDepthColorAndPitchFromRegionAndPlane)
     }
 }
 
-TEST(Targets, AreTwoAndEachIsRefilledByItsNextCall)
+TEST(Targets, AreTwoSharedRecords)
 {
     const OsdRegion wide = {720, 108, 2, 600, 864, 17, 0};
     const OsdRegion narrow = {132, 24, 2, 110, 192, 17, 3};
@@ -167,7 +167,7 @@ class ShowString : public testing::Test
         target.pitch = PITCH;
     }
 
-    // Updates the text and gives what it printed; status and shown say the rest.
+    // Updates the text. Returns what it printed; the result is in status.
     Captured show(int32_t current, int32_t peak, int32_t percent)
     {
         codec.calls.clear();
@@ -177,7 +177,7 @@ class ShowString : public testing::Test
         });
     }
 
-    // The plane with text on it, by the reference.
+    // The plane with text on it, drawn by the reference.
     std::vector<uint8_t> plane_with(const std::string &text, bool highlight)
     {
         std::vector<uint8_t> bytes(PITCH * HEIGHT, 0);
@@ -200,7 +200,7 @@ class ShowString : public testing::Test
     int32_t status = 1;
 };
 
-TEST_F(ShowString, WithoutAPeakThereAreDashesAndNoHighlight)
+TEST_F(ShowString, WithoutAPeakShowsDashesWithoutHighlight)
 {
     for (const int32_t percent : {0, 84, 85, 100, INT_MAX}) {
         const Captured captured = show(7, 0, percent);
@@ -265,7 +265,7 @@ TEST_F(ShowString, PlaceIsCutTo16Bits)
     EXPECT_EQ(codec.shown[0].y, 0xFFF0u);
 }
 
-TEST_F(ShowString, ClearsAllOfTheMemoryHoweverLargeItIs)
+TEST_F(ShowString, ClearsAllOfTheMemory)
 {
     codec.plane(POST, 1).size = 3 * PITCH * HEIGHT + 5;
 
@@ -329,7 +329,7 @@ TEST_F(ShowString, FailedFetchIsPrintedAndNothingElseDone)
     }
 }
 
-TEST_F(ShowString, OneMoreDigitThanTheLineHasRoomForFails)
+TEST_F(ShowString, OneDigitTooManyForTheLineFails)
 {
     target.pitch = 21 * 7;
 
@@ -346,7 +346,7 @@ TEST_F(ShowString, OneMoreDigitThanTheLineHasRoomForFails)
     EXPECT_EQ(status, STATUS_FAULT);
 }
 
-TEST_F(ShowString, InvalidDepthIsTheTextsToReport)
+TEST_F(ShowString, InvalidDepthIsReportedByTheTextPainter)
 {
     target.depth = 16;
 
@@ -445,8 +445,7 @@ TEST_P(WholeReadout, TextEqualsItsImage)
     }
 }
 
-// Outputs of the four widths and other heights: the text box is then higher than its plane, or
-// glyphs reach out of it.
+// At other heights the text box is higher than its plane, or glyphs reach out of it.
 TEST_P(WholeReadout, OddHeightsStayInThePlanes)
 {
     for (const uint32_t height : {0u, 8u, 100u, 240u, 540u, 576u, 1080u, 2160u, 65535u}) {

@@ -1,5 +1,4 @@
-// Font engines and their caches, on the real font, with FreeType and calloc failing where a test
-// wants it.
+// Font engines and their caches with the real font, recorded by world.h.
 
 #include "font/font_engine.h"
 
@@ -29,7 +28,7 @@ static bool same_bitmap(const FT_BitmapGlyphRec &a, const FT_BitmapGlyphRec &b)
            (x.rows == 0 || memcmp(x.buffer, y.buffer, x.rows * (size_t)x.pitch) == 0);
 }
 
-// Every test begins with an empty record and ends without an object left.
+// Every test begins with an empty record and must leave no object.
 class FontEngineTest : public testing::Test
 {
   protected:
@@ -228,7 +227,7 @@ TEST_F(FontInitEngine, NullArgumentIsInvalidAndTouchesNothing)
     EXPECT_TRUE(font_calls().empty());
 }
 
-TEST_F(FontInitEngine, WipesWhatStoodInTheRecord)
+TEST_F(FontInitEngine, ClearsTheRecordFirst)
 {
     FontEngine engine;
     memset(&engine, 0xA5, sizeof engine);
@@ -245,7 +244,7 @@ TEST_F(FontInitEngine, WipesWhatStoodInTheRecord)
     EXPECT_EQ(font_calls(), std::vector<std::string>({"FT_Init_FreeType()"}));
 }
 
-TEST_F(FontInitEngine, FileThatIsNoFontIsNamed)
+TEST_F(FontInitEngine, FileThatIsNoFontIsNamedInTheMessage)
 {
     const std::string path = testing::TempDir() + "no_font.ttf";
     std::ofstream(path) << "this is no font";
@@ -274,7 +273,7 @@ TEST_F(FontCache, HoldsOneEntryPerByteOfTheSet)
     font_free_cache(&cache);
 }
 
-TEST_F(FontCache, CharacterThatTheFontLacksIsItsBoxAndNoError)
+TEST_F(FontCache, MissingCharacterIsTheFontsBoxAndNoError)
 {
     build(&engines[0]);
     ASSERT_EQ(FT_Get_Char_Index(engines[0].face, 1), 0u);
@@ -288,13 +287,13 @@ TEST_F(FontCache, CharacterThatTheFontLacksIsItsBoxAndNoError)
     const FT_BitmapGlyph box = (FT_BitmapGlyph)cache.entries[0].glyph;
     EXPECT_GT(box->bitmap.rows, 0u);
     const reference::Font font(TEST_FONT_PATH, 28);
-    const FT_BitmapGlyph expected = font.render(2); // another character that it lacks
+    const FT_BitmapGlyph expected = font.render(2); // another missing character
     EXPECT_TRUE(same_bitmap(*box, *expected));
     FT_Done_Glyph((FT_Glyph)expected);
     font_free_cache(&cache);
 }
 
-TEST_F(FontCache, FailedAllocationKeepsTheCountWithoutAnArray)
+TEST_F(FontCache, FailedAllocationKeepsTheCount)
 {
     build(&engines[0]);
     fail(world::HEAP_CALLOC);
@@ -341,7 +340,7 @@ TEST_F(FontCache, LookupGivesTheFirstEntryWithTheWholeCode)
     EXPECT_EQ(font_find_glyph(&cache, 0x131), &glyphs[0]);
     EXPECT_EQ(font_find_glyph(&cache, 0xFFFFFF31), &glyphs[3]);
     EXPECT_EQ(font_find_glyph(&cache, 0x32), nullptr);
-    cache.count = 1; // what lies behind the count is no entry
+    cache.count = 1; // entries beyond the count do not count
     EXPECT_EQ(font_find_glyph(&cache, 0x31), nullptr);
     cache.count = 0;
     EXPECT_EQ(font_find_glyph(&cache, 0x131), nullptr);
@@ -364,7 +363,7 @@ TEST_F(FontCache, LookupLogsNothing)
 
 // ---- one glyph ---------------------------------------------------------------------------------
 
-TEST_F(FontGetGlyph, RendersANewGlyphThatIsTheCallers)
+TEST_F(FontGetGlyph, RendersANewGlyphForTheCaller)
 {
     build(&engines[0]);
     FT_Glyph glyph = nullptr;
@@ -502,7 +501,7 @@ TEST_F(FontMetrics, AreThoseOfTheFaceAtItsSize)
     }
 }
 
-TEST_F(FontMetrics, OfADeadEngineAreZeroAndItsFaceIsNotRead)
+TEST_F(FontMetrics, OfADeadEngineAreZeroWithoutReadingItsFace)
 {
     FontEngine dead = {};
     EXPECT_EQ(font_cell_width(&dead), 0);
@@ -521,7 +520,7 @@ TEST_F(FontMetrics, DivisionTruncatesTowardZero)
     FontEngine engine = {};
     engine.face = &face;
     int some_library = 0;
-    engine.library = (FT_Library)&some_library; // alive; nothing looks into it
+    engine.library = (FT_Library)&some_library; // alive; its content is not read
 
     const int advances[][2] = {{0, 1},     {1, 1},     {64, 1},   {65, 2},
                                {2085, 33}, {2112, 33}, {2113, 34}};

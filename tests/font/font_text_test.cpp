@@ -1,5 +1,5 @@
-// Drawing of glyphs and strings: small pictures drawn by hand, the real font byte for byte against
-// the pixel-by-pixel reference, and memory that is guarded on both sides.
+// Drawing of glyphs and strings: small pictures drawn by hand, and the real font compared byte by
+// byte with the pixel-by-pixel reference, in guarded memory.
 
 #include "font/font_text.h"
 
@@ -43,8 +43,8 @@ static DrawRect target_of(int32_t height, int32_t cell_width, int32_t pitch)
     return target;
 }
 
-// A glyph made from a picture, 'X' the set bits. Its bitmap ends at an unmapped page, and the bits
-// behind the last column are set, as a bitmap may have them.
+// A glyph made from a picture with 'X' for set bits. Its bitmap ends at an unmapped page; the bits
+// after the last column are set, as they may be.
 class MadeGlyph
 {
   public:
@@ -86,7 +86,7 @@ class MadeGlyph
 
 static const std::vector<std::string> CROSS = {"X.X", ".X.", "X.X"};
 
-// What a glyph drawn on size bytes of junk leaves there.
+// Draws a glyph on size bytes of junk and returns them.
 static std::vector<uint8_t> drawn(MadeGlyph &glyph, const DrawRect &target, int32_t baseline_offset,
                                   int32_t x_origin, uint8_t highlight, size_t size,
                                   Guard guard = Guard::BEHIND)
@@ -114,7 +114,7 @@ TEST(FontDrawTarget, PutsTheSetBitsAtTheirPlaceAndLeavesTheOthers)
                                     "????????\n");
 }
 
-TEST(FontDrawTarget, TopRowStandsAsManyRowsAboveTheBaselineAsTheGlyphSays)
+TEST(FontDrawTarget, TopRowIsAsFarAboveTheBaselineAsTheGlyphSays)
 {
     const std::vector<std::string> one_bit = {"X"};
     for (int top = -1; top <= 3; top++) {
@@ -166,7 +166,7 @@ TEST(FontDrawTarget, HighlightIsAFixedIndexCutToTheDepth)
         for (const uint8_t highlight : {uint8_t{1}, uint8_t{2}, uint8_t{255}}) {
             const struct {
                 uint32_t depth;
-                uint8_t byte; // with the other pixels of the byte as they were, all ones
+                uint8_t byte; // the other pixels of the byte keep their ones
             } cases[] = {{8, 20}, {4, 0xF4}, {2, 0xFC}};
             for (const auto &[depth, byte] : cases) {
                 DrawRect target = target_of(1, 0, 1);
@@ -202,10 +202,10 @@ TEST(FontDrawTarget, ForegroundIsCutToTheDepth)
     }
 }
 
-TEST(FontDrawTarget, GlyphAsHighAsTheTargetIsNotClippedWhereItCrossesTheEdge)
+TEST(FontDrawTarget, GlyphAsHighAsTheTargetIsNotClippedAtItsEdge)
 {
-    // Three rows on three lines, one line too low: its last row lies behind the target's lines, in
-    // memory that is there.
+    // Three rows on three lines, one line too low: the last row is after the target's lines, within
+    // the memory.
     MadeGlyph glyph(CROSS, 0, 3);
 
     const std::vector<uint8_t> bytes = drawn(glyph, target_of(3, 0, 4), 1, 0, 0, 4 * 4);
@@ -216,11 +216,11 @@ TEST(FontDrawTarget, GlyphAsHighAsTheTargetIsNotClippedWhereItCrossesTheEdge)
                                     "T?T?\n");
 }
 
-TEST(FontDrawTarget, GlyphHigherThanTheTargetEndsWithTheTarget)
+TEST(FontDrawTarget, GlyphHigherThanTheTargetIsCutAtItsEnd)
 {
     MadeGlyph glyph({"X..", "XX.", "X.X", ".XX"}, 0, 2);
 
-    // The first row stands on line 3 - 2 = 1, so that two of the four rows fit.
+    // The first row is on line 3 - 2 = 1, so that two of the four rows fit.
     const std::vector<uint8_t> bytes = drawn(glyph, target_of(3, 0, 4), 0, 0, 0, 6 * 4);
 
     EXPECT_EQ(picture_of(bytes, 4), "????\n"
@@ -231,10 +231,10 @@ TEST(FontDrawTarget, GlyphHigherThanTheTargetEndsWithTheTarget)
                                     "????\n");
 }
 
-TEST(FontDrawTarget, RowsAboveTheMemoryAreDroppedAndNoneIsReadBehindTheBitmap)
+TEST(FontDrawTarget, RowsAboveTheMemoryAreDroppedWithoutReadingBeyondTheBitmap)
 {
-    // Four rows on two lines, the first of them two lines above: 2 + 2 rows are asked for, and then
-    // more than there are.
+    // Four rows on two lines, the first two lines above: 2 + 2 rows are drawn, then more than the
+    // bitmap has.
     for (const int top : {4, 5}) {
         MadeGlyph glyph({"XX", "XX", "X.", ".X"}, 0, top);
 
@@ -244,7 +244,7 @@ TEST(FontDrawTarget, RowsAboveTheMemoryAreDroppedAndNoneIsReadBehindTheBitmap)
     }
 }
 
-TEST(FontDrawTarget, GlyphWiderThanALineEndsWithTheLine)
+TEST(FontDrawTarget, GlyphWiderThanALineIsCutAtTheLinesEnd)
 {
     MadeGlyph glyph({"XXXXX"}, 1, 1);
 
@@ -255,7 +255,7 @@ TEST(FontDrawTarget, GlyphWiderThanALineEndsWithTheLine)
                                     "????\n");
 }
 
-TEST(FontDrawTarget, GlyphAsWideAsALineGoesOnInTheNext)
+TEST(FontDrawTarget, GlyphAsWideAsALineContinuesInTheNext)
 {
     MadeGlyph glyph({"XXXX"}, 0, 1);
 
@@ -273,12 +273,12 @@ TEST(FontDrawTarget, NegativeLeftReachesBackIntoTheLineBefore)
     const std::vector<uint8_t> bytes =
         drawn(glyph, target_of(3, 0, 4), 0, 0, 0, 3 * 4, Guard::BEFORE);
 
-    EXPECT_EQ(picture_of(bytes, 4), "?T??\n" // its first pixel lies before the memory
+    EXPECT_EQ(picture_of(bytes, 4), "?T??\n" // the first pixel is before the memory
                                     "T??T\n"
                                     "?T??\n");
 }
 
-TEST(FontDrawTarget, NegativePitchLeadsBackwardsAndNotOutOfTheMemory)
+TEST(FontDrawTarget, NegativePitchDrawsBackwardsWithinTheMemory)
 {
     MadeGlyph glyph({"XXXXXXXX", "XXXXXXXX", "XXXXXXXX", "XXXXXXXX"}, -20, 3);
 
@@ -291,9 +291,9 @@ TEST(FontDrawTarget, NegativePitchLeadsBackwardsAndNotOutOfTheMemory)
                                      "??????????\n");
 }
 
-TEST(FontDrawTarget, WideClippedGlyphIsNotReadBehindItsColumns)
+TEST(FontDrawTarget, WideClippedGlyphIsNotReadBeyondItsColumns)
 {
-    // Nine columns on a line of eight, 20 columns to the left: 28 columns are asked for.
+    // Nine columns on a line of eight, 20 columns to the left: 28 columns are to be drawn.
     MadeGlyph glyph({"XXXXXXXXX"}, -20, 2);
 
     const std::vector<uint8_t> bytes = drawn(glyph, target_of(4, 0, 8), 0, 0, 0, 4 * 8);
@@ -305,7 +305,7 @@ TEST(FontDrawTarget, WideClippedGlyphIsNotReadBehindItsColumns)
                                     "????????\n");
 }
 
-TEST(FontDrawTarget, OtherThanOneBitPerPixelIsRefused)
+TEST(FontDrawTarget, OtherPixelModesAreRefused)
 {
     for (int mode = 0; mode < 16; mode++) {
         if (mode == FT_PIXEL_MODE_MONO)
@@ -313,7 +313,7 @@ TEST(FontDrawTarget, OtherThanOneBitPerPixelIsRefused)
         MadeGlyph glyph(CROSS, 0, 3);
         glyph.glyph.bitmap.pixel_mode = (unsigned char)mode;
         DrawRect target = target_of(3, 0, 4);
-        for (const uint32_t depth : {8u, 3u}) { // the glyph is looked at before the depth
+        for (const uint32_t depth : {8u, 3u}) { // the glyph is checked before the depth
             target.depth = depth;
             const GuardedMemory memory(3 * 4);
 
@@ -348,8 +348,8 @@ TEST(FontDrawTarget, InvalidDepthIsRefused)
     }
 }
 
-// Glyphs of all sizes at all places, most of them in part outside, on memory guarded on one side
-// and then on the other.
+// Glyphs of all sizes at all places, most of them partly outside, in memory guarded on one side,
+// then on the other.
 TEST(FontDrawTarget, EqualsTheReferenceAnywhere)
 {
     std::mt19937 random(20);
@@ -384,7 +384,7 @@ TEST(FontDrawTarget, EqualsTheReferenceAnywhere)
     }
 }
 
-TEST(FontDrawTarget, AbsurdPlacesAreOutside)
+TEST(FontDrawTarget, ExtremePlacesStayInTheMemory)
 {
     MadeGlyph glyph({"XXXXXXXXXX", "XXXXXXXXXX"}, 0, 2);
     for (const int32_t height : {INT_MIN, 0, 1, 2, INT_MAX}) {
@@ -392,7 +392,8 @@ TEST(FontDrawTarget, AbsurdPlacesAreOutside)
             for (const int32_t baseline_offset : {-65536, -12, 0, 65536}) {
                 for (const int32_t x_origin : {INT_MIN, 0, INT_MAX}) {
                     const DrawRect target = target_of(height, 0, pitch);
-                    (void)drawn(glyph, target, baseline_offset, x_origin, 0, 50); // the guards tell
+                    (void)drawn(glyph, target, baseline_offset, x_origin, 0,
+                                50); // the guards detect an access
                 }
             }
         }
@@ -401,7 +402,7 @@ TEST(FontDrawTarget, AbsurdPlacesAreOutside)
 
 // ---- strings -----------------------------------------------------------------------------------
 
-// The four engines are built once for all tests: a test that harms a cache builds its own.
+// The four engines are built once for all tests; a test that changes a cache builds its own.
 class FontGetTargetBitmap : public testing::Test
 {
   protected:
@@ -427,7 +428,7 @@ class FontGetTargetBitmap : public testing::Test
         world::reset();
     }
 
-    // A target as the readout has it: the font's height, its cells, room for 21 of them.
+    // A target like that of the readout: 21 cells of the font.
     static DrawRect readout_target(uint32_t resolution, int32_t pitch)
     {
         const int32_t cell = font_cell_width(&engines[resolution]);
@@ -436,7 +437,7 @@ class FontGetTargetBitmap : public testing::Test
         return target;
     }
 
-    // Draws text on junk and expects what the reference draws there.
+    // Draws text on junk and compares it with the reference.
     static void expect_as_reference(uint32_t resolution, const std::string &text,
                                     const DrawRect &target, bool highlight, size_t size,
                                     Guard guard = Guard::BEHIND)
@@ -466,7 +467,7 @@ class FontGetTargetBitmap : public testing::Test
 FontEngine FontGetTargetBitmap::engines[FONT_ENGINE_COUNT];
 std::unique_ptr<reference::Font> FontGetTargetBitmap::fonts[FONT_ENGINE_COUNT];
 
-// The readout's strings, every cached character, characters that are not cached, none at all.
+// Strings of the readout, all cached characters, characters that are not cached, the empty string.
 static const char *const STRINGS[] = {"",
                                       "A",
                                       "FOCUS ASSIST   7/---",
@@ -569,7 +570,7 @@ TEST_F(FontGetTargetBitmap, EmptyStringIsTheBackground)
                                              "??????\n");
 }
 
-TEST_F(FontGetTargetBitmap, TextAsWideAsALineIsAcceptedAndOneMoreIsNot)
+TEST_F(FontGetTargetBitmap, TextMayBeAsWideAsALine)
 {
     for (const uint32_t depth : {2u, 4u, 8u}) {
         DrawRect target = readout_target(3, 0);
@@ -590,7 +591,7 @@ TEST_F(FontGetTargetBitmap, TextAsWideAsALineIsAcceptedAndOneMoreIsNot)
     }
 }
 
-TEST_F(FontGetTargetBitmap, NullArgumentIsInvalidBeforeTheDepthIsLookedAt)
+TEST_F(FontGetTargetBitmap, NullArgumentIsCheckedBeforeTheDepth)
 {
     for (const uint32_t depth : {8u, 3u}) {
         DrawRect target = readout_target(3, 140);
@@ -613,7 +614,7 @@ TEST_F(FontGetTargetBitmap, NullArgumentIsInvalidBeforeTheDepthIsLookedAt)
     }
 }
 
-TEST_F(FontGetTargetBitmap, InvalidDepthIsRefusedBeforeTheWidthIsLookedAt)
+TEST_F(FontGetTargetBitmap, InvalidDepthIsCheckedBeforeTheWidth)
 {
     for (const uint32_t depth : INVALID_DEPTHS) {
         DrawRect target = readout_target(3, 1); // too narrow as well
@@ -631,7 +632,7 @@ TEST_F(FontGetTargetBitmap, InvalidDepthIsRefusedBeforeTheWidthIsLookedAt)
     }
 }
 
-TEST_F(FontGetTargetBitmap, OnlyWhatIsNotCachedIsRenderedAndEachTimeReleased)
+TEST_F(FontGetTargetBitmap, CharactersThatAreNotCachedAreRenderedAndReleased)
 {
     const DrawRect target = readout_target(3, 160);
     const GuardedMemory memory(160 * 14);
@@ -652,7 +653,7 @@ TEST_F(FontGetTargetBitmap, OnlyWhatIsNotCachedIsRenderedAndEachTimeReleased)
     EXPECT_EQ(font_find_glyph(&engines[3].cache, '/'), nullptr);
 }
 
-TEST_F(FontGetTargetBitmap, ReadsItsTargetOnly)
+TEST_F(FontGetTargetBitmap, DoesNotChangeItsTarget)
 {
     DrawRect target = readout_target(3, 140);
     target.x = 1000;
@@ -724,7 +725,7 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     EXPECT_EQ(entry->glyph, nullptr);
     EXPECT_EQ(engine.cache.count, 65u);
 
-    // Next time the character is one that the cache lacks.
+    // From now on the cache lacks the character.
     memory.fill_with_junk();
     EXPECT_EQ(font_get_target_bitmap(&engine, "AABC", &target, memory.data(), 0, 112 * 28),
               STATUS_OK);
@@ -735,7 +736,7 @@ TEST_F(FontGetTargetBitmap, CachedGlyphThatCannotBeDrawnIsReleasedOnceAndForgott
     EXPECT_EQ(world::wrong_releases, 0);
 }
 
-TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
+TEST_F(FontGetTargetBitmap, CacheIsNotReadBeyondItsLastEntry)
 {
     // A cache of one entry that ends at an unmapped page; its glyph cannot be drawn.
     const GuardedMemory memory_of_entries(sizeof(GlyphCacheEntry));
@@ -751,7 +752,7 @@ TEST_F(FontGetTargetBitmap, CacheIsNotReadBehindItsLastEntry)
         return font_get_target_bitmap(&engine, text, &target, memory.data(), 0, 112 * 28);
     };
 
-    EXPECT_EQ(draw("A/"), STATUS_OK); // looked for to the end
+    EXPECT_EQ(draw("A/"), STATUS_OK); // searched to the end
     const Captured captured = capture([&] { EXPECT_EQ(draw("B"), STATUS_FAULT); });
 
     EXPECT_EQ(captured.err, error_line("invalid pixel_mode", "font_draw_target") +
@@ -764,7 +765,7 @@ TEST_F(FontGetTargetBitmap, DeadEngineFailsAtTheFirstCharacter)
 {
     FontEngine dead = {};
     for (const bool stale : {false, true}) {
-        if (stale) { // what teardown and a failed start leave: nothing there may be read
+        if (stale) { // left by teardown and by a failed start: must not be read
             dead.face = (FT_Face)(uintptr_t)0x20;
             dead.cache.count = 65;
         }

@@ -5,9 +5,9 @@
 // FOCUS_LONG=1 in the environment tries every height instead of a sample.
 
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
@@ -41,7 +41,7 @@ struct Values {
     uint32_t peak;
 };
 
-// Up to ten digits, with percentages from 0 over 84 and 85 to negative ones.
+// Values of up to ten digits; percentages of 0, 84, 85, above 100 and below 0.
 const std::vector<Values> VALUES = {{0, 0},
                                     {7, 0},
                                     {42, 97},
@@ -65,7 +65,7 @@ const std::vector<Values> VALUES = {{0, 0},
                                     {21474836, 1},
                                     {21474837, 1}};
 
-// Bytes of memory, made of the bytes that the plane needs.
+// Sizes of memory, computed from the size that the plane needs.
 using SizeOf = uint32_t (*)(uint32_t needed);
 const std::vector<SizeOf> SIZES = {
     [](uint32_t needed) { return needed; },
@@ -79,7 +79,7 @@ const std::vector<SizeOf> SIZES = {
     [](uint32_t) { return 1u << 20; },
 };
 
-// A scene whose engines are built once; every case begins with posts as in a new process.
+// One scene, as its engines take long to build; each case resets the posts.
 Scene &scene()
 {
     static Scene *const made = [] {
@@ -93,7 +93,7 @@ Scene &scene()
 struct Case {
     uint16_t width;
     uint16_t height;
-    uint32_t pitch[2]; // 0: what the region needs
+    uint32_t pitch[2]; // 0: that of the region
     uint32_t alignment;
     SizeOf size_of[2];
     bool no_memory[2];
@@ -120,7 +120,7 @@ uint32_t region_height(uint32_t width)
                                     : reference::region_height(reference::resolution_index(width));
 }
 
-// One pass for a new post; a second one with a stopped and restarted post where that is wanted.
+// Runs one pass on a new post and compares it with the model.
 ::testing::AssertionResult passes(const Case &c)
 {
     scene().forget_posts();
@@ -175,8 +175,8 @@ TEST(Geometry, EveryHeightOfTheFourWidths)
             }
         }
     }
-    EXPECT_EQ(placed.size(), 2 * alignments.size()); // each alignment at either end of its pages
-    printf("%zu cases\n", cases);
+    EXPECT_EQ(placed.size(), 2 * alignments.size()); // each alignment at both ends of the pages
+    RecordProperty("cases", std::to_string(cases));
 }
 
 TEST(Geometry, OtherWidths)
@@ -187,14 +187,14 @@ TEST(Geometry, OtherWidths)
         for (uint32_t height = 0; height <= MAX_HEIGHT; height += long_form() ? 1u : 131u) {
             Case c = plain(width, height);
             c.pitch[0] = c.pitch[1] = (uint32_t)(cases % 7) * 100;
-            c.size_of[0] = SIZES[5 + cases % 4]; // a region without height needs nothing
+            c.size_of[0] = SIZES[5 + cases % 4]; // a region without height needs no memory
             c.size_of[1] = SIZES[5 + cases / 4 % 4];
             c.values = VALUES[cases % VALUES.size()];
             ASSERT_TRUE(passes(c));
             cases++;
         }
     }
-    printf("%zu cases\n", cases);
+    RecordProperty("cases", std::to_string(cases));
 }
 
 TEST(Geometry, SizesAndValues)
@@ -222,7 +222,8 @@ TEST(Geometry, PitchesUpToThoseThatWrap)
 {
     for (const uint32_t width : {1920u, 1280u, 720u, 352u, 640u}) {
         const uint32_t lines = region_height(width) == 0 ? 1 : region_height(width);
-        const uint32_t wraps = (uint32_t)((1ull << 32) / lines) + 1; // times lines: less than lines
+        const uint32_t wraps =
+            (uint32_t)((1ull << 32) / lines) + 1; // times lines it wraps below lines
         for (const uint32_t pitch :
              {1u,          2u,          3u,         5u,          10u,         11u,
               63u,         131u,        839u,       840u,        2000u,       65535u,
@@ -231,7 +232,7 @@ TEST(Geometry, PitchesUpToThoseThatWrap)
             for (size_t size = 0; size < SIZES.size(); size++) {
                 Case c = plain(width, 1080);
                 c.pitch[0] = c.pitch[1] = pitch;
-                // The size that the wrapped product asks for, or one of its own.
+                // The wrapped product as size, or another size if that is too large.
                 const uint32_t needed = pitch * region_height(width);
                 c.size_of[0] = c.size_of[1] =
                     needed > (1u << 24) && size < 5 ? SIZES[8] : SIZES[size];
@@ -259,13 +260,13 @@ TEST(Geometry, NoMemory)
     }
 }
 
-// As much memory as a size can tell, the same page over and over.
+// The largest size, 4 GiB less a byte: the same pages mapped over and over.
 TEST(Geometry, MemoryOfFourGigabytes)
 {
     constexpr size_t PIECE = 2u << 20;
     constexpr size_t SIZE = 0xFFFFFFFF;
     if (sizeof(size_t) == 4)
-        return; // there is no room for that in 32 bits
+        return; // does not fit in 32 bits of addresses
     const int file = memfd_create("plane", 0);
     ASSERT_GE(file, 0);
     ASSERT_EQ(ftruncate(file, PIECE), 0);
@@ -280,7 +281,7 @@ TEST(Geometry, MemoryOfFourGigabytes)
     }
 
     DrawRect rect = {};
-    rect.height = 2; // lines that do not lie on each other
+    rect.height = 2; // small, so that lines do not overlap through the repeated pages
     rect.depth = 8;
     rect.bg_color = 17;
     rect.pitch = 720;
@@ -298,7 +299,7 @@ TEST(Geometry, MemoryOfFourGigabytes)
 
 // ---- painters and text by themselves: all depths, and records that no pass makes ---------------
 
-// What is wrong with memory, in words.
+// Describes the difference.
 std::string explained(const GuardedMemory &memory, const std::vector<uint8_t> &expected,
                       int32_t pitch)
 {
@@ -345,7 +346,7 @@ TEST(Geometry, PaintersAtEveryDepth)
                                              reference::paint_rectangle(memory, r);
                                          }));
                         if (height == INT32_MIN || pitch == INT32_MAX)
-                            continue; // the rule's own arithmetic has no room for these
+                            continue; // overflows in the reference
                         ASSERT_TRUE(same(
                             rect, size, guard,
                             [](uint8_t *memory, const DrawRect *r, uint32_t bytes) {
@@ -407,7 +408,7 @@ TEST(Geometry, TextAtEveryDepth)
     }
 }
 
-// Glyphs of any size at any place, also those that no font should have.
+// Glyphs of any size at any place, also such as no font has.
 TEST(Geometry, GlyphsAtEveryPlace)
 {
     const std::vector<int32_t> places = {-1000, -33, -9, -8, -1, 0, 1, 7, 8, 40, 41, 48, 1000};

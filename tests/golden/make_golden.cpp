@@ -1,6 +1,6 @@
-// Writes the images of this folder. They are made by the pixel-by-pixel reference, never by the
-// program: build the target make_golden, run it with this folder as its argument, and look at what
-// has changed before it is kept.
+// Writes the images of this folder, drawn by the pixel-by-pixel reference, never by the program.
+// Build the target make_golden, run it with this folder as its argument, and look at the changes
+// before you commit them.
 
 #include <cstdio>
 #include <string>

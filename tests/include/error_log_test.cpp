@@ -45,7 +45,7 @@ TEST(ErrorLog, MessageWithALineEndPutsTheNameOnALineOfItsOwn)
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=failed\n(run)\n");
 }
 
-TEST(ErrorLog, ShowsATagThatSomebodyElseAssigned)
+TEST(ErrorLog, ShowsAnAssignedTag)
 {
     log_tag = "CAM";
     const Captured captured = capture([] { log_error("run", "failed"); });
@@ -107,7 +107,7 @@ TEST(ErrorLog, LineReachesStandardErrorInOnePiece)
     close(sockets[1]);
 }
 
-TEST(ErrorLog, LineTooLongLosesTheEndOfItsMessageAndKeepsTheName)
+TEST(ErrorLog, TooLongLineCutsTheMessageNotTheName)
 {
     const std::string message(5000, 'x');
 
@@ -127,7 +127,7 @@ TEST(ErrorLog, LongestLineThatFitsIsWhole)
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
 }
 
-TEST(ErrorLog, LineOneByteTooLongLosesThatByteOfItsMessage)
+TEST(ErrorLog, LineOneByteTooLongCutsOneByteOfTheMessage)
 {
     const std::string message(1023 - 21 - 6, 'x'); // prefix and name
 

@@ -35,7 +35,7 @@ void camera_prepare()
     static const uint32_t CODES[] = {0x81E03204, 0x81E04507, 0x81003209,
                                      0x81E0250C, 0x81E03246, 0x81E03201};
     script.records = false;
-    script.fails = [](Fn fn, uint64_t) { // now and then, once posts run
+    script.fails = [](Fn fn, uint64_t) { // one in a thousand of the calls that a pass makes
         if (fn < GET_STATUS || fn > SET_OSD || library_random.below(1000) != 0)
             return false;
         script.code = (int)CODES[library_random.below(6)];
@@ -61,7 +61,7 @@ void camera_report(Random *random)
     const PostNotifyCallback registered = callback;
     if (!registered)
         return;
-    const uint32_t post = random->below(POSTS + 1); // one more than there are
+    const uint32_t post = random->below(POSTS + 1); // also one that does not exist
     registered({random->next(), 0x51000000 + 8 * random->below(1000) + post, post,
                 random->below(3) == 0 ? 0u : 1u});
 }
@@ -83,7 +83,7 @@ int __wrap_open(const char *path, int flags, ...)
     return __real_open(strcmp(path, OSD_PALETTE_PATH) == 0 ? "/dev/null" : path, flags, mode);
 }
 
-// Never blocks. Readings rise from 0 to CAMERA_HIGHEST and begin again.
+// Never blocks. Readings rise from 0 to CAMERA_HIGHEST, again and again.
 int __wrap_ioctl(int file, unsigned long request, ...)
 {
     va_list arguments;

@@ -29,5 +29,5 @@ struct Random {
     }
 };
 
-// One report of the library, a start or a stop of some post, to the callback that is registered.
+// Reports a start or a stop of a random post to the registered callback.
 void camera_report(Random *random);

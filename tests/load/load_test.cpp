@@ -1,9 +1,9 @@
 // A year of passes, thousands of starts, and the measurement loop at full speed, while posts start
-// and stop at random and calls fail now and then. Resident memory, descriptors and allocated bytes
-// have to stay where they were.
+// and stop at random and calls fail at random. Resident memory, open descriptors and allocated
+// blocks must not grow.
 //
-//     load_test [--long]     a minute, or what a year of half seconds has
-//     load_test --process    (of its own accord) the program itself, until it is killed
+//     load_test [--long]     a minute, or a year's number of passes
+//     load_test --process    used by the test itself: the program until it is killed
 
 #include <atomic>
 #include <chrono>
@@ -39,10 +39,10 @@ namespace
 constexpr uint64_t YEAR_OF_PASSES = 63072000; // two a second
 constexpr uint64_t STARTS = 10000;
 constexpr uint64_t PROCESSES = 500;
-constexpr uint64_t RESIDENT_SLACK = 1u << 20; // pages that a first use brings in
+constexpr uint64_t RESIDENT_SLACK = 1u << 20; // bytes; pages touched for the first time
 
 #if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
-constexpr bool FREED_IS_FREE = false; // a sanitizer keeps what is freed for a while
+constexpr bool FREED_IS_FREE = false; // a sanitizer keeps freed memory for a while
 #else
 constexpr bool FREED_IS_FREE = true;
 #endif
@@ -68,7 +68,7 @@ Usage usage()
 }
 
 int failures;
-FILE *report; // standard error of the test; that of the program goes nowhere
+FILE *report; // standard error of the test; the program's is discarded
 
 void compare(const char *what, uint64_t done, const Usage &before, const Usage &after)
 {
@@ -82,7 +82,7 @@ void compare(const char *what, uint64_t done, const Usage &before, const Usage &
     failures += flat ? 0 : 1;
 }
 
-// Whether a run of limit steps is at its end: all done, or in the short form the time is over.
+// Limits a run by steps in the long form, by time in the short form.
 class Limit
 {
   public:
@@ -103,7 +103,7 @@ class Limit
     bool timed;
 };
 
-// Reports from a thread of the library's own, at random instants.
+// A thread that reports at random times, as the library does.
 class Reporter
 {
   public:
@@ -132,7 +132,7 @@ class Reporter
 
 // ---- a year of passes --------------------------------------------------------------------------
 
-// What the display thread of this program does instead of sleeping; unset: it sleeps, but shortly.
+// Called instead of the sleep between passes; unset: a short sleep.
 std::function<void()> between_passes;
 std::jmp_buf thread_left;
 
@@ -147,7 +147,7 @@ void run_passes(bool is_long)
     uint64_t done = 0;
     Usage before = {};
     uint64_t shown = 0;
-    constexpr uint64_t FIRST = 2000; // until every path has been gone and every buffer been made
+    constexpr uint64_t FIRST = 2000; // so that every path has run and every buffer exists
     between_passes = [&] {
         done++;
         if (done == FIRST) {
@@ -202,7 +202,7 @@ void run_starts(bool is_long)
     compare("starts", done - begun, before, usage());
 }
 
-// The program as it is, killed at some instant; nothing but the signal may end it.
+// Kills the whole program at random times; nothing but the signal may end it.
 void run_processes(bool is_long, const char *self)
 {
     const Limit limit(is_long, PROCESSES, 10);
@@ -232,7 +232,7 @@ void run_processes(bool is_long, const char *self)
 
 std::jmp_buf loop_left;
 
-// So many readings, with the display thread and the library's beside it.
+// Takes a number of readings while the display thread and the library's thread run.
 void measure(FocusState *state, DisplayState *display, uint64_t readings)
 {
     const Reporter reporter(1000);
@@ -255,7 +255,7 @@ void run_measurement(bool is_long)
     static FocusState state;
     auto display = std::make_unique<DisplayState>();
     display_start(display.get());
-    measure(&state, display.get(), 5000000); // until every buffer has been made
+    measure(&state, display.get(), 5000000); // so that every buffer exists
 
     const Usage before = usage();
     const uint64_t begun = camera_readings;
@@ -279,7 +279,7 @@ int run_as_process()
 
 } // namespace
 
-// The display loop need not wait half a second for its next pass.
+// Shortens the half second between passes.
 extern "C" int __wrap_usleep(useconds_t microseconds);
 extern "C" int __real_usleep(useconds_t microseconds);
 extern "C" int __wrap_usleep(useconds_t microseconds)
@@ -303,7 +303,7 @@ int main(int argc, char **argv)
     const std::string option = argc > 1 ? argv[1] : "";
     if (!freopen("/dev/null", "w", stdout))
         return 1;
-    printf(" "); // the stream's buffer is made now
+    printf(" "); // allocates the stream's buffer
     camera_prepare();
     if (option == "--process") {
         if (!freopen("/dev/null", "w", stderr))

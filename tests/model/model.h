@@ -1,7 +1,6 @@
-// What the display thread must do in a given world, step by step: the model
-// reads the record of what was called and answered (world.h) and works out which calls had to come,
-// with which arguments, what had to be printed and which bytes had to be in every piece of memory.
-// It shares nothing with the program but the layout of records.
+// A model of the display thread. It reads the record of calls and answers (world.h) and computes
+// the expected calls and arguments, the expected output, and every expected byte of memory. It
+// shares only the layout of records with the program.
 #pragma once
 
 #include <cstdint>
@@ -18,13 +17,13 @@
 namespace model
 {
 
-// The program did something else than the model.
+// The program differs from the model.
 struct Mismatch : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 struct Engine {
-    int64_t library = 0; // numbers of the world's objects, 0: none
+    int64_t library = 0; // numbers of objects in the record, 0: none
     int64_t face = 0;
     int64_t array = 0;
     int64_t descender = 0;
@@ -67,8 +66,8 @@ class Model
 
     void report(uint32_t post_res_id, uint32_t index, uint32_t running);
 
-    // A check reads world::record from its beginning; the operations say what had to happen; end()
-    // compares the rest: nothing left in the record, the streams, all memory.
+    // Check an operation: begin(), the operation of the model, end(). end() compares the streams
+    // and all memory, and fails if the record has further calls.
     void begin();
     void end(const world::Streams &streams);
 

@@ -1,5 +1,4 @@
-// The program's records of the display thread and the model beside them, led through the same
-// operations.
+// The program's display thread and the model, run through the same operations.
 #pragma once
 
 #include <cstdint>
@@ -14,16 +13,15 @@ struct Scene {
     FocusState state = {};
     model::Model model;
 
-    // A new world: world::reset().
+    // Calls world::reset().
     Scene();
 
-    // Runs the operation of the program and compares it with that of the model; a difference throws
-    // model::Mismatch.
+    // Runs the program's operation, then the model's. Throws model::Mismatch if they differ.
     void check(const std::function<void()> &product, const std::function<void()> &expected);
     void check_start();
     void check_pass();
 
-    // Posts as in a new process; the font engines stay.
+    // Resets the posts, keeps the font engines.
     void forget_posts();
 
     void report(uint32_t post_res_id, uint32_t post, uint32_t running);

@@ -13,9 +13,9 @@ using Bytes = std::vector<uint8_t>;
 using FileCalls = std::vector<std::string>;
 
 static const char PATH[] = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
-static const std::string OPEN = std::string("open(") + PATH + ", 0)"; // read-only, nothing else
+static const std::string OPEN = std::string("open(") + PATH + ", 0)"; // 0 is O_RDONLY
 
-// Bytes 1, 2, 3 ... that are never 0xA5.
+// Bytes 1, 2, 3 ..., never 0xA5.
 static Bytes numbered(size_t count)
 {
     Bytes bytes(count);
@@ -42,7 +42,7 @@ TEST(OsdOpenFile, GivesAReadableDescriptorAndTheSize)
     close(descriptor);
 }
 
-TEST(OsdOpenFile, SizeNeedsNoPlace)
+TEST(OsdOpenFile, SizeMayBeNull)
 {
     FakeFiles files;
     files.put(PATH, {7, 8, 9});
@@ -68,7 +68,7 @@ TEST(OsdLoadFile, ReadsTheWholeFileAtOnceAndClosesIt)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
-TEST(OsdLoadFile, DescriptorZeroIsOneLikeAnyOther)
+TEST(OsdLoadFile, DescriptorZeroIsValid)
 {
     FakeFiles files;
     files.put(PATH, {7, 8, 9});
@@ -141,8 +141,8 @@ TEST(OsdLoadFile, LargeBufferLengthIsPrintedSigned)
 
 // ---- osd_fill_color_mem ------------------------------------------------------------------------
 
-// The forced bytes over bytes, as far as they lie within it. Worked out by hand: entry 16 begins at
-// byte 64, entry 17 at 68, entry 18 at 72, entry 19 at 76.
+// bytes with the forced bytes, as far as it has them. Entry 16 begins at byte 64, entry 17 at 68,
+// entry 18 at 72, entry 19 at 76.
 static Bytes with_forced_bytes(Bytes bytes)
 {
     const std::pair<size_t, uint8_t> forced[] = {
@@ -162,7 +162,7 @@ static Bytes resized(Bytes bytes, size_t size)
     return bytes;
 }
 
-// Fills size bytes of guarded memory and returns what they hold then.
+// Fills size bytes of guarded memory and returns them.
 static Bytes filled(uint32_t size)
 {
     const GuardedMemory memory(size);
@@ -172,7 +172,7 @@ static Bytes filled(uint32_t size)
     return memory.bytes();
 }
 
-TEST(OsdFillColorMem, FileOfAllEntriesIsCopiedButForTheForcedBytes)
+TEST(OsdFillColorMem, FileOfAllEntriesIsCopiedExceptForTheForcedBytes)
 {
     FakeFiles files;
     files.put(PATH, numbered(1024));
@@ -192,7 +192,7 @@ TEST(OsdFillColorMem, EntriesBeyondTheFileAreZero)
     EXPECT_EQ(filled(1024), with_forced_bytes(resized(numbered(90), 1024)));
 }
 
-TEST(OsdFillColorMem, FileOfSixteenEntriesLeavesTheForcedOnesWithTheirForcedBytesOnly)
+TEST(OsdFillColorMem, EntriesBeyondAFileOfSixteenHaveOnlyTheirForcedBytes)
 {
     FakeFiles files;
     files.put(PATH, numbered(64));

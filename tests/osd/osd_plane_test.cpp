@@ -35,7 +35,7 @@ TEST(OsdIsBenignError, ToleratesNoOther)
 
 // ---- osd_open_osd ------------------------------------------------------------------------------
 
-TEST(OsdOpenOsd, OpensAndTakesThePitch)
+TEST(OsdOpenOsd, OpensAndStoresThePitch)
 {
     FakeCodec codec;
     codec.plane(7, 1).pitch = 736;
@@ -88,7 +88,7 @@ TEST(OsdCloseOsd, ClosedPlaneIsLeftAlone)
     EXPECT_EQ(plane.pitch, 123u);
 }
 
-TEST(OsdCloseOsd, LaterTryStartsAgainFromTheClear)
+TEST(OsdCloseOsd, RetryAfterAFailedCloseClearsAgain)
 {
     FakeCodec codec;
     codec.fail("qm7_cl_post_close_osd", OTHER);
@@ -104,7 +104,7 @@ TEST(OsdCloseOsd, LaterTryStartsAgainFromTheClear)
 
 // ---- osd_clear_mem -----------------------------------------------------------------------------
 
-TEST(OsdClearMem, ZeroesAllBytesAndNoMore)
+TEST(OsdClearMem, ZeroesExactlyTheMemory)
 {
     for (const uint32_t size : {0u, 1u, 77u, 4096u}) {
         const GuardedMemory memory(size);
@@ -117,7 +117,7 @@ TEST(OsdClearMem, ZeroesAllBytesAndNoMore)
     }
 }
 
-TEST(OsdClearMem, NoMemoryIsNothingToPaintOn)
+TEST(OsdClearMem, NullMemoryHasNoBytes)
 {
     const OsdMem mem = {nullptr, 100};
 
@@ -203,7 +203,7 @@ TEST_F(ShowBar, FetchesPaintsAndShowsTheBufferAtItsPlace)
     EXPECT_TRUE(codec.surroundings_are_whole());
 }
 
-TEST_F(ShowBar, GivesBackTheIdOfEachBuffer)
+TEST_F(ShowBar, ShowsEachBufferByItsId)
 {
     show(0, BAR);
     show(0, BAR);
@@ -232,14 +232,14 @@ TEST_F(ShowBar, MemoryBeyondTheBarIsCleared)
     EXPECT_EQ(shown_picture(), std::string(HALF_FILLED) + "....................\n.....");
 }
 
-TEST_F(ShowBar, ABarWithoutLinesIsClearedMemory)
+TEST_F(ShowBar, BarWithoutLinesClearsTheMemory)
 {
     struct Lines {
         int32_t pitch;
         int32_t height;
     };
-    // The product of the two before the last two is 120, as large as the memory; those of the last
-    // two wrap round to 1 and to 61.
+    // Pitch times height is 120, the size of the memory, in the third and fourth pair from the end,
+    // and wraps to 1 and 61 in the last two.
     for (const auto [pitch, height] :
          {Lines{20, 0}, {0, 6}, {0, 0}, {-20, -6}, {-6, -20}, {-65535, 65537}, {3, -1431655745}}) {
         DrawRect rect = BAR;
@@ -274,7 +274,7 @@ TEST_F(ShowBar, NumberAboveThreeIsRefusedWithoutACall)
     }
 }
 
-TEST_F(ShowBar, NumbersUpToThreeAndNegativeOnesGoToTheLibrary)
+TEST_F(ShowBar, NumbersUpToThreeArePassedToTheLibrary)
 {
     codec.fail_always("qm7_cl_post_get_osd_mem", OTHER);
     capture([] {
@@ -288,7 +288,7 @@ TEST_F(ShowBar, NumbersUpToThreeAndNegativeOnesGoToTheLibrary)
                      "qm7_cl_post_get_osd_mem(7, -1)", "qm7_cl_post_get_osd_mem(7, -2147483648)"}));
 }
 
-TEST_F(ShowBar, FailedFetchPrintsTheIdThatTheLibraryLeft)
+TEST_F(ShowBar, FailedFetchPrintsTheIdLeftByTheLibrary)
 {
     codec.fail("qm7_cl_post_get_osd_mem", 0xE);
     codec.failed_osd_id = 0xFEDCBA98;
@@ -312,11 +312,11 @@ TEST_F(ShowBar, SizesAreComparedUnsignedAndPrintedAs32Bits)
     EXPECT_EQ(captured.out, "osd memory over: mem.size=-2147483648 pitch=65536 height=36864");
 }
 
-TEST_F(ShowBar, OtherDepthsPaintOneByteAPixelAllTheSame)
+TEST_F(ShowBar, OtherDepthsAlsoPaintOneByteAPixel)
 {
     for (const uint32_t depth : {2u, 4u}) {
         DrawRect rect = BAR;
-        rect.depth = depth; // cuts the background, 17, to 1
+        rect.depth = depth; // masks the background, 17, to 1
         const Captured captured = show(0, rect);
 
         EXPECT_EQ(shown_picture(), "####################\n"

@@ -23,7 +23,7 @@ class OsdSession : public testing::Test
         files.put(PALETTE, Bytes(1024, 0x5A));
     }
 
-    // The palette's bytes as they lie in a color memory of 1024 bytes.
+    // The bytes of the color memory for this palette.
     static Bytes table(uint8_t value)
     {
         Bytes bytes(1024, value);
@@ -49,7 +49,7 @@ static const Calls OPENING = {
 
 // ---- OSD_Library_Process -----------------------------------------------------------------------
 
-TEST_F(OsdSession, OpensInOrderAndIsLeftOpen)
+TEST_F(OsdSession, OpensInOrderAndStaysOpen)
 {
     int32_t result = 1;
 
@@ -141,7 +141,7 @@ TEST_F(OsdSession, StartReportKeepsTheIdAndSetsEveryFourthBit)
     EXPECT_EQ(codec.calls, Calls());
 }
 
-TEST_F(OsdSession, AnyFlagButZeroMeansRunning)
+TEST_F(OsdSession, AnyNonzeroFlagMeansRunning)
 {
     osd_post_notify({0, 5, 0, 0x80000000});
     osd_post_notify({0, 6, 1, 256});
@@ -169,7 +169,7 @@ TEST_F(OsdSession, StopReportOfAPostThatNeverRanSetsItsBit)
     EXPECT_EQ(post_notify_state.post_res_id[2], 0u);
 }
 
-TEST_F(OsdSession, OfTwoStartReportsTheLaterIdCounts)
+TEST_F(OsdSession, SecondStartReportReplacesTheId)
 {
     osd_post_notify({0, 7, 1, 1});
     osd_post_notify({0, 8, 1, 1});
@@ -179,7 +179,7 @@ TEST_F(OsdSession, OfTwoStartReportsTheLaterIdCounts)
     EXPECT_FALSE(osd_take_started(1));
 }
 
-TEST_F(OsdSession, TwoStopReportsAreOne)
+TEST_F(OsdSession, TwoStopReportsCountAsOne)
 {
     osd_post_notify({0, 7, 1, 0});
     osd_post_notify({0, 7, 1, 0});
@@ -221,14 +221,14 @@ TEST_F(OsdSession, TakingAReportClearsThatBitAlone)
     EXPECT_EQ(post_notify_state.stopped_mask, 0x1101);
 }
 
-TEST_F(OsdSession, StartThatIsSeenComesWithItsIdOrALaterOne)
+TEST_F(OsdSession, TakenStartHasItsIdOrALaterOne)
 {
     constexpr uint32_t REPORTS = 20000;
     std::atomic<uint32_t> announced = 0; // ids up to it are reported
     std::thread library([&] {
         for (uint32_t id = 1; id <= REPORTS; id++) {
             osd_post_notify({0, id, 3, 1});
-            osd_post_notify({0, id, 2, id % 2}); // beside it, in the same masks
+            osd_post_notify({0, id, 2, id % 2}); // another post, in the same masks
             announced.store(id, std::memory_order_release);
         }
     });

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
-// Sends what is written to a descriptor into a file of its own until finish().
+// Redirects a descriptor into a temporary file until finish().
 class Redirection
 {
   public:

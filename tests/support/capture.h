@@ -1,4 +1,4 @@
-// What a piece of the program writes to standard output and standard error, to the byte.
+// Captures what the program writes to standard output and standard error.
 #pragma once
 
 #include <functional>
@@ -9,6 +9,6 @@ struct Captured {
     std::string err;
 };
 
-// Runs action with both standard streams sent elsewhere and returns what reached them. Standard
-// output is flushed before and after.
+// Runs action and returns what it wrote to both standard streams. Flushes standard output before
+// and after.
 Captured capture(const std::function<void()> &action);

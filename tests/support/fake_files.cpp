@@ -106,7 +106,7 @@ int __wrap_close(int descriptor)
     if (active && active->descriptors.erase(descriptor) != 0) {
         active->calls.push_back("close");
         (void)__real_close(descriptor);
-        errno = EBADF; // a message about an earlier failure must not be made from this
+        errno = EBADF; // an earlier failure must not be reported with this code
         return 0;
     }
     return __real_close(descriptor);

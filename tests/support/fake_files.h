@@ -1,5 +1,5 @@
-// Files and devices that exist only for the product: a path that a test lays down here is opened
-// from memory, every other one as usual. Programs that link test_files get it.
+// Files and devices that exist only for the product: a path registered with put() is opened from
+// memory, every other path as usual. For programs that link test_files.
 #pragma once
 
 #include <cstdint>
@@ -20,13 +20,13 @@ class FakeFiles
     void put(const std::string &path, const std::vector<uint8_t> &bytes);
     void fail_open(const std::string &path, int error);
 
-    // What calls on files laid down here answer instead of doing their work.
+    // Results of calls on these files.
     std::optional<int> fstat_error;
     std::optional<int64_t> fstat_size;
     std::optional<int> read_error;
     std::optional<uint32_t> read_at_most; // bytes; a shorter read leaves errno at 0
 
-    // "open(path, flags)", "fstat", "read(bytes)", "close", of files laid down here.
+    // "open(path, flags)", "fstat", "read(bytes)", "close", of these files.
     std::vector<std::string> calls;
     std::set<int> descriptors; // open ones
 

@@ -1,5 +1,5 @@
-// FreeType's functions where the linker puts a test between them and the product (--wrap): what the
-// test defines, and what it hands on to.
+// FreeType's functions wrapped by the linker (--wrap): a test defines __wrap_NAME and calls
+// __real_NAME.
 #pragma once
 
 #include <ft2build.h>

@@ -8,9 +8,9 @@
 static constexpr uint8_t SURROUNDINGS = 0xC3;
 
 #if defined __arm__ && defined __SANITIZE_ADDRESS__
-// The address sanitizer of 32-bit ARM knows 3 GiB of addresses; the emulator of user programs gives
-// out the fourth as well, and first, where nobody has taken it. The last page of the third goes
-// with it: the sanitizer also looks at the address behind what is freed.
+// The address sanitizer of 32-bit ARM covers 3 GiB of addresses, but the user-mode emulator first
+// hands out addresses of the fourth. This mapping takes the fourth, and the last page of the third
+// as well, since the sanitizer also looks at the address after freed memory.
 static const void *const fourth_gigabyte =
     mmap((void *)0xBFFFF000u, 0x3FFF1000u, PROT_NONE,
          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);

@@ -1,5 +1,5 @@
-// Memory that tells of every byte touched outside it: an unmapped page lies behind its last byte
-// (or before its first), and what is left of the page on the other side is watched.
+// Memory between guards: an unmapped page directly after its last byte (or before its first), and
+// bytes of known value on the other side, up to the next page.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ enum class Guard { BEHIND, BEFORE }; // the side on which an unmapped page touch
 class GuardedMemory
 {
   public:
-    static constexpr uint8_t JUNK = 0xA5; // what the memory is full of at first
+    static constexpr uint8_t JUNK = 0xA5; // initial content of every byte
 
     explicit GuardedMemory(size_t size, Guard guard = Guard::BEHIND);
     ~GuardedMemory();
@@ -23,7 +23,7 @@ class GuardedMemory
     std::vector<uint8_t> bytes() const; // a copy
     void fill_with_junk();
 
-    // Whether the bytes between the memory and the farther page are as they were at first.
+    // Whether the bytes of known value are unchanged.
     bool surroundings_are_whole() const;
 
   private:

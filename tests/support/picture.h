@@ -1,4 +1,4 @@
-// Pictures of palette indices in tests: compared whole, printed as characters when they differ.
+// Compares pictures of palette indices and prints them as characters if they differ.
 #pragma once
 
 #include <cstdint>

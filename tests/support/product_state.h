@@ -1,5 +1,5 @@
-// The product's process-wide state, for tests to begin from.
+// The product's process-wide state.
 #pragma once
 
-// Puts back what a new process has: no reports of posts, the peak on hold, no font engine.
+// Resets it to that of a new process: no reports of posts, the peak on hold, no font engine.
 void reset_product_state();

@@ -37,7 +37,7 @@ void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect)
     const int64_t depth = rect.depth;
     const uint32_t color = rect.bg_color & ((1u << rect.depth) - 1);
 
-    const int64_t size = (int64_t)memory.size(); // there is nothing to be done outside
+    const int64_t size = (int64_t)memory.size(); // pixels outside are dropped
 
     for (int64_t b = 0; b < pitch && b < size; b++)
         put_byte(memory, b, 0);
@@ -88,7 +88,7 @@ static int bar_pixel(const DrawRect &rect, int i, int j, int percent)
 void paint_bar(std::span<uint8_t> memory, const DrawRect &rect, int32_t percent)
 {
     const int64_t pitch = rect.pitch;
-    const int64_t size = (int64_t)memory.size(); // there is nothing to be done outside
+    const int64_t size = (int64_t)memory.size(); // pixels outside are dropped
     for (int64_t b = 0; b < pitch && b < size; b++)
         put_byte(memory, b, 0);
 

@@ -1,4 +1,4 @@
-// The tests' own tools: what they promise, so that a test that passes means something.
+// Tests of the test tools.
 
 #include <cerrno>
 #include <cstdio>
@@ -11,7 +11,7 @@
 #include "fake_codec.h"
 #include "guarded_memory.h"
 
-TEST(Capture, TakesBothStreamsToTheByteAndGivesThemBack)
+TEST(Capture, CapturesBothStreamsAndRestoresThem)
 {
     const Captured captured = capture([] {
         printf("no line end");
@@ -35,7 +35,7 @@ TEST(GuardedMemory, IsFullOfJunkAndNoticesAByteBesideIt)
     EXPECT_FALSE(memory.surroundings_are_whole());
 }
 
-TEST(GuardedMemoryDeathTest, EndsTheProgramAtThePageBesideIt)
+TEST(GuardedMemoryDeathTest, CrashesAtThePageBesideIt)
 {
     const GuardedMemory memory(100);
     EXPECT_DEATH(memory.data()[100] = 0, "");

@@ -170,7 +170,7 @@ void note_focus(uint32_t current, uint32_t peak);
 extern int inside_freetype;
 bool inner_call_fails(Fn fn);
 
-// Runs action with the standard streams sent to memory; what comes out is for streams.
+// Runs action and returns what it wrote to the standard streams.
 struct Streams {
     std::string out;
     std::string err;

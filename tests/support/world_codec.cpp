@@ -1,5 +1,5 @@
-// The codec library of the world. It is strict: memory comes full of junk between guards, places
-// for unused results get values of no meaning, errno says something else after calls that worked.
+// The codec library of the world. It is strict: memory is full of junk and guarded, unused output
+// parameters get a meaningless value, and calls that succeed set errno to a meaningless code.
 
 #include <algorithm>
 #include <cerrno>
@@ -22,7 +22,7 @@ static Event &begin_codec_call(Fn fn, std::initializer_list<int64_t> in = {})
     return event;
 }
 
-// Answers a call; the event may have moved since, as the record grows.
+// Ends a call and returns its result. Takes an index, as the event moves when the record grows.
 static int32_t end_codec_call(size_t index)
 {
     const Fn fn = record[index].fn;

@@ -1,5 +1,4 @@
-// The files of the world: the program's open, fstat, read and close, put here by the linker
-// (--wrap).
+// The files of the world: wrappers (--wrap) of open, fstat, read and close.
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +12,7 @@
 
 using namespace world;
 
-// Descriptors are objects like others, at addresses where nothing else is.
+// Represents a descriptor as an object, at an address that nothing else has.
 static const void *object_of(int file)
 {
     return file < 0 ? nullptr : (const void *)(uintptr_t)(file + 1);
@@ -35,7 +34,7 @@ int __wrap_close(int file);
 
 int __wrap_open(const char *path, int flags, ...)
 {
-    if (strcmp(path, OSD_PALETTE_PATH) != 0) { // of the test's own libraries
+    if (strcmp(path, OSD_PALETTE_PATH) != 0) { // of gcov or the test itself
         const int file = __real_open(path, flags, 0666);
         foreign.insert(file);
         return file;
@@ -101,7 +100,7 @@ int __wrap_close(int file)
     if (event.in[0] < 0)
         return -1;
     (void)die(object_of(file));
-    (void)__real_close(file); // a close that fails has closed all the same
+    (void)__real_close(file); // closes even if it is to report a failure
     if (!event.failed)
         return 0;
     errno = script.code;

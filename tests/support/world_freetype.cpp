@@ -1,5 +1,4 @@
-// FreeType, calloc and free of the world: the linker puts these definitions between the program and
-// the real functions (--wrap).
+// FreeType, calloc and free of the world: wrappers (--wrap) of the real functions.
 
 #include <cstdlib>
 
@@ -12,7 +11,7 @@
 
 using namespace world;
 
-// What a failed call may leave in a place for a handle: nothing that exists.
+// What a failed call stores in place of a handle.
 template <typename Handle> static Handle junk_handle()
 {
     return (Handle)(uintptr_t)0x11;
@@ -31,7 +30,7 @@ template <typename Call> static FT_Error font_call(Event &event, Call call)
     return error;
 }
 
-// Calls the release of object unless that does not exist.
+// Releases object if it exists.
 template <typename Handle> static FT_Error release(Fn fn, Handle object, FT_Error (*real)(Handle))
 {
     const bool failed = begin(fn, {number_of(object)}).failed;
@@ -40,7 +39,7 @@ template <typename Handle> static FT_Error release(Fn fn, Handle object, FT_Erro
     inside_freetype++;
     const FT_Error error = real(object);
     inside_freetype--;
-    return failed ? FONT_FAILED : error; // a failed release has released it as well
+    return failed ? FONT_FAILED : error; // releases even if it is to report a failure
 }
 
 extern "C" {
@@ -85,8 +84,7 @@ static void free_limited(FT_Memory, void *block)
     __real_free(block);
 }
 
-// What FT_Init_FreeType does, with memory in pieces of limited size; FT_Done_FreeType frees the
-// record.
+// FT_Init_FreeType with allocations of limited size. FT_Done_FreeType frees the record.
 static FT_Error init_limited(FT_Library *library)
 {
     FT_Memory memory = (FT_Memory)malloc(sizeof *memory);

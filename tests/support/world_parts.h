@@ -1,4 +1,4 @@
-// What the parts of the world share: world.cpp, world_codec.cpp, world_files.cpp,
+// Shared by the parts of the world: world.cpp, world_codec.cpp, world_files.cpp,
 // world_freetype.cpp. A test program links the parts that it needs.
 #pragma once
 

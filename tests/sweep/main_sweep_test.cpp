@@ -1,12 +1,11 @@
-// Every outside call of main and of the measurement loop fails once: the first, the second, ...,
-// for one time and from then on. The values that the loop must publish are worked out beside it
-// from the rules: a failed request repeats the record's last content.
+// Makes every outside call of main and of the measurement loop fail: the first, the second, ...,
+// once or for ever. The expected values are computed here from the rule that a failed request
+// repeats the record's last content.
 
 #include <cerrno>
 #include <csetjmp>
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <pthread.h>
 #include <string>
@@ -26,7 +25,7 @@ namespace
 
 enum Fn { PID, THREAD, OPEN, CONFIG, READ, FN_COUNT };
 
-// Raw readings; the hold ends with the fifth, and a failure may make it end elsewhere.
+// Raw readings. The hold ends with the fifth unless a request fails.
 const std::vector<uint32_t> RAW = {5000, 5300, 5600, 5999, 6400,      4000,
                                    0,    800,  6500, 6599, 4294967295};
 
@@ -43,7 +42,7 @@ bool met;
 uint64_t calls[FN_COUNT];
 int exit_status; // of _exit, -1: not called
 const FocusState *state;
-std::vector<Value> seen; // before each read request: what the one before led to
+std::vector<Value> seen; // before each read request: the result of the request before
 std::jmp_buf loop_left;
 
 bool fails(Fn fn)
@@ -55,7 +54,7 @@ bool fails(Fn fn)
     return failing;
 }
 
-// What the rules make of the readings.
+// The values that follow from the readings.
 std::vector<Value> expected_values()
 {
     std::vector<Value> values;
@@ -81,7 +80,7 @@ std::vector<Value> expected_values()
 }
 
 struct Ran {
-    int result; // of main; 1000: the loop was left, 2000: _exit
+    int result; // of main; 1000: after the last reading, 2000: after _exit
     Captured streams;
 };
 
@@ -119,7 +118,6 @@ uint64_t sweep(Fn fn, void (*check)(const Ran &))
             check(run);
         }
     }
-    printf("%llu points swept\n", (unsigned long long)points);
     return points;
 }
 
@@ -131,7 +129,7 @@ void measures(const Ran &run)
     EXPECT_TRUE(seen == expected_values());
 }
 
-TEST(MainSweep, PidFileIsNotLookedAt)
+TEST(MainSweep, FailedPidFileIsIgnored)
 {
     EXPECT_EQ(sweep(PID, measures), 2u);
 }
@@ -163,7 +161,7 @@ TEST(MainSweep, WithoutDeviceTheProcessEndsSilently)
               2u);
 }
 
-TEST(MainSweep, ConfigurationIsSentOnceWhateverComesOfIt)
+TEST(MainSweep, ConfigurationIsSentOnceEvenIfItFails)
 {
     EXPECT_EQ(sweep(CONFIG,
                     [](const Ran &run) {
@@ -196,7 +194,7 @@ int32_t cgi_set_pid(const char *path)
     return fails(PID) ? -1 : 0;
 }
 
-// The display thread is created and never gets to run.
+// Reports a display thread as created without running it.
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*)(void *),
                           void *argument)
 {

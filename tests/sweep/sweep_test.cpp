@@ -1,8 +1,7 @@
-// Every outside call of the display thread fails once: the first, the second, ... of each function,
-// for one time and from then on, until the operation runs through without meeting the fault. What
-// the program then did is compared with the model: calls and undoing calls, results, messages,
-// every byte of memory, and nothing is left behind. How many faults there were to try is counted a
-// second way, from the steps as they are listed below.
+// Makes every outside call of the display thread fail: the first, the second, ... of each function,
+// once or for ever, until the operation runs without meeting the fault. The model then checks the
+// program's calls, results, messages and every byte of memory, and that nothing leaks. The number
+// of faults is compared with a count made in a second way, from the steps listed below.
 
 #include <algorithm>
 #include <cerrno>
@@ -47,16 +46,16 @@ constexpr uint32_t id_of_post(uint32_t post)
     return 0x1000 + post;
 }
 
-// A scene with a palette file, values of a focus and the pictures that they must give.
+// A scene with a palette file, focus values and the pictures expected from them.
 struct SweptScene : Scene {
     const int64_t blocks_before = allocations().blocks; // FreeType's: see inner_calls.cpp
 
     SweptScene()
     {
-        script.palette_path = palette(); // of two entries: enough to be seen
+        script.palette_path = palette(); // two entries
         for (auto &post : script.planes) {
             for (Plane &plane : post)
-                plane.failed_pitch = 640; // a failed open may leave anything there
+                plane.failed_pitch = 640; // a failed open may store anything
         }
         set_focus(CURRENT, PEAK);
     }
@@ -77,7 +76,7 @@ struct SweptScene : Scene {
         Scene::report(id_of_post(post), post, running);
     }
 
-    // The planes that the last pass showed on the post are those of the reference.
+    // Whether the last pass showed the reference's planes on the post.
     bool draws(uint32_t post) const
     {
         const auto expected = pictures();
@@ -117,7 +116,7 @@ struct SweptScene : Scene {
     }
 };
 
-// What is swept: prepare sets the scene without faults, run is the operation and its check.
+// prepare sets the scene without faults; run performs the operation and checks it.
 struct Operation {
     std::string name;
     std::function<void(SweptScene &)> prepare;
@@ -144,7 +143,7 @@ bool is_tolerated(int code)
     return std::find(codes.begin(), codes.begin() + 4, code) != codes.begin() + 4;
 }
 
-// Tries the n-th call of fn; false where the operation made no such call.
+// Makes the n-th call of fn fail. Returns false if the operation made no such call.
 bool try_point(const Operation &operation, Fn fn, uint64_t n, int code, bool for_ever)
 {
     SweptScene scene;
@@ -168,8 +167,8 @@ bool try_point(const Operation &operation, Fn fn, uint64_t n, int code, bool for
     return met;
 }
 
-// The same in a process of its own, for calls that FreeType makes: FreeType does not survive all of
-// its allocations failing. Such an end of its own is told apart from one of the program's.
+// The same in a child process, for calls that FreeType makes: FreeType crashes when certain of its
+// allocations fail. Such a crash is told from one of the program.
 enum class Point { NOT_MET, PASSED, FAILED, FREETYPE_CRASHED };
 constexpr int CRASHED = 77;
 
@@ -253,8 +252,7 @@ void sweep_functions(int first, int last, const Operation &operation, const Coun
     if (FREETYPE_MAJOR == 2 && FREETYPE_MINOR == 12 && FREETYPE_PATCH == 1) {
         EXPECT_EQ(crashes, known_crashes);
     }
-    printf("%s: %llu points swept, FreeType itself crashed at %llu of them\n",
-           operation.name.c_str(), (unsigned long long)points, (unsigned long long)crashes);
+    testing::Test::RecordProperty("points", std::to_string(points)); // of the last operation
 }
 
 // The calls that the program makes.
@@ -360,8 +358,7 @@ Counts font_counts()
     return counts;
 }
 
-// The first pass of a post: its size is asked, two planes are opened, fetched and shown, "/" is
-// rendered.
+// The first pass of a post asks for its size, opens, fetches and shows two planes, and renders "/".
 Counts pass_counts(uint32_t post)
 {
     Counts counts = {};
@@ -396,8 +393,8 @@ void start_all_posts(SweptScene &scene)
         scene.report(post, 1);
 }
 
-// After a start-up a post is drawn, the four of them in turn: the bar always, the text where its
-// engine came up.
+// After a start-up one post, the next in each call, is drawn: the bar always, the text if its
+// engine exists.
 void draws_what_it_can(SweptScene &scene, Fn fn, int, bool)
 {
     static uint32_t turn;
@@ -435,7 +432,7 @@ TEST(SweepFreeType, StartUpFailsAtEveryCall)
     sweep_freetype(START_UP, font_counts(), 4 * CRASHES_OF_AN_ENGINE);
 }
 
-// What each step leaves of a fault that has gone.
+// Checks the passes after a fault that happened once.
 void recovers(SweptScene &scene, uint32_t post, Fn fn, int code)
 {
     scene.check_pass();
@@ -536,8 +533,8 @@ TEST(Sweep, TearDownFailsAtEveryCall)
             scene.tear_down();
         },
         nullptr};
-    // The record, and with it the count of calls, begins anew with every plane: each is swept by
-    // the first call of its kind, for both planes that are open.
+    // The record and the counts of calls begin anew with every plane, so that only the first call
+    // of each function is swept, for both open planes.
     Counts counts = {};
     for (const Fn fn :
          {CLEAR_OSD, CLOSE_OSD, CLOSE_DEVICE, LIBRARY_EXIT, FONT_DONE_FACE, FONT_DONE_FREETYPE})
