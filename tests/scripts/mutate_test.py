@@ -71,6 +71,8 @@ SOURCE = """static int first(int a)
 {
     if (a < 3) // a remark
         return a + 1;
+    first(1); // before
+    second(2);
     return 0;
 }
 
@@ -93,7 +95,7 @@ class Identities(unittest.TestCase):
         self.assertGreater(len(mutants), 10)
 
     def test_layout_comments_and_names_elsewhere_change_none(self):
-        edited = SOURCE.replace(" // a remark", "").replace("    return a + 1", "  return a  +\n 1")
+        edited = SOURCE.replace(" // a remark", "").replace("// before", "// 1").replace("    return a + 1", "  return a  +\n 1")
         self.assertEqual(set(self.identities(edited)), set(self.identities(SOURCE)))
         longer = SOURCE + "static int third(int b)\n{\n    return b - 7;\n}\n"
         self.assertLess(set(self.identities(SOURCE)), set(self.identities(longer)))
