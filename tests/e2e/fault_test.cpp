@@ -159,7 +159,12 @@ TEST_P(OverlayToleratedCode, CountsAsOpenUntilThePostStartsAgain)
 }
 
 INSTANTIATE_TEST_SUITE_P(Codes, OverlayToleratedCode,
-                         testing::Values(0x81E03204u, 0x81E04507u, 0x81003209u, 0x81E0250Cu));
+                         testing::Values(0x81E03204u, 0x81E04507u, 0x81003209u, 0x81E0250Cu),
+                         [](const auto &its) {
+                             char code[16];
+                             snprintf(code, sizeof code, "%08X", its.param);
+                             return std::string(code);
+                         });
 
 TEST(OverlayFault, WithoutPlaneMemoryTheLastReadoutStaysShown)
 {

@@ -27,7 +27,8 @@ TEST(OsdIsBenignError, ToleratesNoOther)
 {
     for (const uint32_t code : TOLERATED) {
         for (uint32_t bit = 0; bit < 32; bit++)
-            EXPECT_EQ(osd_is_benign_error(code ^ (1u << bit)), 0) << std::hex << code << " " << bit;
+            EXPECT_EQ(osd_is_benign_error(code ^ (1u << bit)), 0)
+                << "code 0x" << std::hex << code << ", bit " << std::dec << bit;
     }
     for (const uint32_t code : {0u, 14u, REFUSED, OTHER, 0xFFFFFFFFu})
         EXPECT_EQ(osd_is_benign_error(code), 0) << std::hex << code;
