@@ -19,6 +19,8 @@ camera_files="./usr/local/bin/focus_assist
 ./usr/local/morvel/app/conf/data/osd/osd_def_color.plt
 ./usr/local/morvel/import/font/dejavu/LICENSE
 ./usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf"
+unit_files="./usr/lib/systemd/system/focus-assist.service
+./usr/lib/udev/rules.d/70-focus-assist.rules"
 license_file=./usr/share/doc/focus-assist/copyright
 
 case $claim in
@@ -37,7 +39,7 @@ case $claim in
         same "$(files "$box/busybox")" ./etc/init.d/S80focus_assist
         [ -x "$box/busybox/etc/init.d/S80focus_assist" ] || fail "the init script cannot be run"
         DESTDIR=$box/systemd cmake --install "$build" --component systemd >"$box/log"
-        same "$(files "$box/systemd")" ./usr/lib/systemd/system/focus-assist.service
+        same "$(files "$box/systemd")" "$unit_files"
         DESTDIR=$box/license cmake --install "$build" --component license >"$box/log"
         same "$(files "$box/license")" "$license_file"
         ;;
@@ -45,7 +47,7 @@ case $claim in
         cmake -S "$source" -B "$box/build" -G Ninja -D FOCUS_BUILD_SIMCAM=OFF -D FOCUS_BUILD_TESTS=OFF \
             -D FOCUS_SYSTEMD_UNIT_DIR=/lib/systemd/system >"$box/log" 2>&1 || fail "$(cat "$box/log")"
         DESTDIR=$box/systemd cmake --install "$box/build" --component systemd >"$box/log"
-        same "$(files "$box/systemd")" ./lib/systemd/system/focus-assist.service
+        same "$(files "$box/systemd")" "$(echo "$unit_files" | sed 's,^./usr/,./,')"
         ;;
     prefix)
         cmake --install "$build" --prefix "$box/elsewhere" >"$box/log"
@@ -61,10 +63,20 @@ case $claim in
 Version: $version
 Architecture: $architecture"
         # Every library that the executable asks for comes with a package that is asked for.
-        needed="libc6, libfreetype6"
-        case $architecture in arm*) needed="$needed, libgcc-s1" ;; esac
-        same "$(dpkg-deb -f "$deb" Depends)" "$needed"
         dpkg-deb -x "$deb" "$box/deb"
+        glibc=$(LC_ALL=C readelf -V "$box/deb/usr/local/bin/focus_assist" |
+            grep -o 'GLIBC_[0-9.]*' | cut -d_ -f2 | sort -V | tail -n 1)
+        needed="libc6 (>= $glibc), libfreetype6 (>= 2.3.0)"
+        case $architecture in arm*) needed="$needed, libgcc-s1 (>= 3.5)" ;; esac
+        same "$(dpkg-deb -f "$deb" Depends)" "$needed"
+        dpkg-deb -e "$deb" "$box/control"
+        for script in postinst prerm postrm; do
+            [ -x "$box/control/$script" ] || fail "$script is missing or not executable"
+            sh -n "$box/control/$script"
+        done
+        grep -qx "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt" "$box/control/conffiles" ||
+            fail "an upgrade would overwrite a changed palette"
+        [ "$(dpkg-deb -f "$deb" Description | wc -l)" -gt 1 ] || fail "no description"
         for library in $(LC_ALL=C readelf -d "$box/deb/usr/local/bin/focus_assist" |
             sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
             case $library in
@@ -74,9 +86,8 @@ Architecture: $architecture"
                 *) fail "no package for $library" ;;
             esac
         done
-        same "$(files "$box/deb")" "./usr/lib/systemd/system/focus-assist.service
-$camera_files
-$license_file"
+        same "$(files "$box/deb")" "$(printf '%s\n' "$unit_files" "$camera_files" "$license_file" \
+            ./usr/share/doc/focus-assist/changelog.gz ./usr/share/lintian/overrides/focus-assist | sort)"
         cmp "$box/deb/$license_file" "$source/LICENSE"
         mkdir "$box/archive"
         tar xzf "$archive" -C "$box/archive"

@@ -24,10 +24,13 @@ case $claim in
         ;;
     camera_files)
         for line in "DeviceAllow=/dev/cam rw" "DevicePolicy=closed" "ReadWritePaths=/run" \
-            "ProtectSystem=strict" "Restart=always" "RestartSec=2" "StartLimitIntervalSec=0" \
+            "ProtectSystem=strict" "Restart=always" "BindsTo=dev-cam.device" "After=dev-cam.device" \
+            "WantedBy=dev-cam.device" "RestartSec=2" "StartLimitIntervalSec=0" \
             "ExecStart=/usr/local/bin/focus_assist"; do
             grep -qx "$line" "$unit" || fail "no line '$line'"
         done
+        # Kernels without user namespaces could not start it.
+        ! grep -q '^PrivateUsers' "$unit" || fail "needs user namespaces"
         ! grep -Eq '^(PrivateDevices=(yes|true|1)|InaccessiblePaths=)' "$unit" || fail "hides /dev/cam"
         ;;
     *) fail "no such claim" ;;

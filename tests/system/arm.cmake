@@ -1,4 +1,7 @@
 # The whole emulated camera, with the ARM program of this build and simcam of preset host.
+if(NOT CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")
+    return() # Debian's libraries in the guest are of this kind
+endif()
 
 find_program(SYSTEM_PYTHON NAMES python3 NO_CMAKE_FIND_ROOT_PATH REQUIRED)
 set(system_image ${PROJECT_BINARY_DIR}/system-image)
