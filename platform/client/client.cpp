@@ -122,30 +122,30 @@ static ssize_t receive(int connection, void *packet, size_t size, int *fd)
     return (message.msg_flags & MSG_TRUNC) ? -1 : length;
 }
 
-int client_call(int connection, uint32_t call, const void *request, void *reply, int *fd,
-                uint32_t *error)
+int client_send(int connection, uint32_t call, const void *request, uint32_t *number)
 {
-    uint8_t packet[WIRE_REPLY_MAX];
-    static_assert(WIRE_REPLY_MAX >= WIRE_REQUEST_MAX, "one buffer serves both ways");
-
+    uint8_t packet[WIRE_REQUEST_MAX];
     const WireHeader header = {WIRE_VERSION, call, ++last_number};
     memcpy(packet, &header, sizeof header);
     const uint32_t request_size = wire_request_size(call);
     if (request_size)
         memcpy(packet + sizeof header, request, request_size);
+    *number = header.number;
+    return send_whole(connection, packet, sizeof header + request_size);
+}
 
+int client_receive(int connection, uint32_t call, uint32_t number, void *reply, int *fd,
+                   uint32_t *error)
+{
+    uint8_t packet[WIRE_REPLY_MAX];
     int received = -1;
-    ssize_t length = -1;
-    if (send_whole(connection, packet, sizeof header + request_size) == 0 &&
-        wait_readable(connection) == 0)
-        length = receive(connection, packet, sizeof packet, &received);
-
+    const ssize_t length = receive(connection, packet, sizeof packet, &received);
     WireReply head = {};
     bool good = length >= (ssize_t)sizeof head;
     if (good) {
         memcpy(&head, packet, sizeof head);
         const size_t payload = head.result == 0 ? wire_reply_size(call) : 0;
-        good = head.version == WIRE_VERSION && head.call == call && head.number == header.number &&
+        good = head.version == WIRE_VERSION && head.call == call && head.number == number &&
                (size_t)length == sizeof head + payload;
         if (good && payload)
             memcpy(reply, packet + sizeof head, payload);
@@ -157,9 +157,27 @@ int client_call(int connection, uint32_t call, const void *request, void *reply,
     if (fd)
         *fd = received;
     if (!good) {
-        explain("the camera does not answer any more", "");
+        client_lost();
         return -1;
     }
     *error = head.result == 0 ? 0 : head.error;
     return 0;
+}
+
+void client_lost()
+{
+    explain("the camera does not answer any more", "");
+}
+
+int client_call(int connection, uint32_t call, const void *request, void *reply, int *fd,
+                uint32_t *error)
+{
+    uint32_t number = 0;
+    if (fd)
+        *fd = -1;
+    if (client_send(connection, call, request, &number) != 0 || wait_readable(connection) != 0) {
+        client_lost();
+        return -1;
+    }
+    return client_receive(connection, call, number, reply, fd, error);
 }

@@ -28,3 +28,10 @@ int client_connect();
 // talks nonsense: the connection is of no use then.
 int client_call(int connection, uint32_t call, const void *request, void *reply, int *fd,
                 uint32_t *error);
+
+// The two halves of client_call, for who waits in between. client_receive does not wait.
+int client_send(int connection, uint32_t call, const void *request, uint32_t *number);
+int client_receive(int connection, uint32_t call, uint32_t number, void *reply, int *fd,
+                   uint32_t *error);
+// Explains on standard error, once per process, that the camera does not answer.
+void client_lost();

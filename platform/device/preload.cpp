@@ -17,6 +17,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stddef.h>
@@ -41,102 +42,6 @@ constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;
 // the device paces.
 constexpr useconds_t LOST_CAMERA_PAUSE_US = 33333;
 
-// ---- open devices
-
-constexpr int DEVICE_COUNT = 16;
-
-struct Device {
-    int fd;               // the connection, as the program sees it; 0 while unused
-    bool dead;            // guarded by lock
-    pthread_mutex_t lock; // held during a request
-};
-
-// Guards fd of all devices. A request reads that of its device without it: closing a device while
-// a request on it runs is a mistake of the program. Never held while a device's lock is taken.
-static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
-static Device devices[DEVICE_COUNT];
-static bool table_used; // false spares processes without a device the lock
-
-static Device *device_find_locked(int fd)
-{
-    for (Device &device : devices)
-        if (device.fd == fd)
-            return &device;
-    return nullptr;
-}
-
-static Device *device_find(int fd)
-{
-    if (fd <= 0 || !__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
-        return nullptr;
-    pthread_mutex_lock(&table_lock);
-    Device *device = device_find_locked(fd);
-    pthread_mutex_unlock(&table_lock);
-    return device;
-}
-
-static int device_open()
-{
-    const int fd = client_connect();
-    if (fd < 0) {
-        errno = ENOENT;
-        return -1;
-    }
-    uint32_t error = 0;
-    if (client_call(fd, WIRE_DEVICE_OPEN, nullptr, nullptr, nullptr, &error) != 0)
-        error = EIO;
-
-    Device *device = nullptr;
-    if (error == 0) {
-        pthread_mutex_lock(&table_lock);
-        device = device_find_locked(0);
-        if (device) {
-            device->fd = fd;
-            __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
-        } else {
-            error = EMFILE;
-        }
-        pthread_mutex_unlock(&table_lock);
-    }
-    if (!device) {
-        close(fd);
-        errno = (int)error;
-        return -1;
-    }
-    pthread_mutex_lock(&device->lock);
-    device->dead = false; // as the place's last device may have left it
-    pthread_mutex_unlock(&device->lock);
-    return fd;
-}
-
-static int device_ioctl(Device *device, uint32_t request, void *argument)
-{
-    const bool read = request == CAM_FOCUS_READ;
-    if (!read && request != CAM_FOCUS_CONFIG) {
-        errno = ENOTTY;
-        return -1;
-    }
-    if (!argument) {
-        errno = EFAULT;
-        return -1;
-    }
-
-    pthread_mutex_lock(&device->lock);
-    uint32_t error = 0;
-    if (device->dead || client_call(device->fd, read ? WIRE_FOCUS_READ : WIRE_FOCUS_CONFIG,
-                                    argument, argument, nullptr, &error) != 0) {
-        device->dead = true;
-        error = EIO;
-        if (read)
-            usleep(LOST_CAMERA_PAUSE_US);
-    }
-    pthread_mutex_unlock(&device->lock);
-    if (error == 0)
-        return 0;
-    errno = (int)error;
-    return -1;
-}
-
 // ---- the C library's own functions, looked up when first used
 
 template <typename Function> static Function *next(Function **slot, const char *name)
@@ -148,6 +53,218 @@ template <typename Function> static Function *next(Function **slot, const char *
     }
     return function;
 }
+
+static int poll_next(pollfd *entries, nfds_t count, int timeout)
+{
+    static int (*slot)(pollfd *, nfds_t, int);
+    return next(&slot, "poll")(entries, count, timeout);
+}
+
+// ---- open devices
+
+constexpr int DEVICE_COUNT = 16;
+
+struct Device {
+    int fd;               // as the program sees it; 0 once it is closed
+    int connection;       // a duplicate: a call goes on while another thread closes fd; 0: unused
+    int users;            // calls under way
+    bool waits;           // false: opened with O_NONBLOCK
+    bool dead;            // guarded by lock, as is what follows
+    bool asked;           // a measurement is under way that no call has taken yet
+    uint32_t number;      // of that request
+    pthread_mutex_t lock; // held during a request
+};
+
+// Guards fd, connection and users of all devices. Never held while a device's lock is taken.
+static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
+static Device devices[DEVICE_COUNT];
+static bool table_used; // false spares processes without a device the lock
+
+// Finds the device that the program knows by fd, and counts its user. Null for other files.
+static Device *device_take(int fd)
+{
+    if (fd <= 0 || !__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
+        return nullptr;
+    Device *found = nullptr;
+    pthread_mutex_lock(&table_lock);
+    for (Device &device : devices)
+        if (device.fd == fd)
+            found = &device;
+    if (found)
+        found->users++;
+    pthread_mutex_unlock(&table_lock);
+    return found;
+}
+
+static void device_release(Device *device)
+{
+    static int (*slot)(int);
+    pthread_mutex_lock(&table_lock);
+    device->users--;
+    int unused = 0;
+    if (device->users == 0 && device->fd == 0) {
+        unused = device->connection;
+        device->connection = 0;
+    }
+    pthread_mutex_unlock(&table_lock);
+    const int code = errno;
+    if (unused)
+        next(&slot, "close")(unused);
+    errno = code;
+}
+
+static bool is_device_fd(int fd)
+{
+    Device *device = device_take(fd);
+    if (device)
+        device_release(device);
+    return device != nullptr;
+}
+
+static int device_open(int flags)
+{
+    const int fd = client_connect();
+    if (fd < 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    uint32_t error = 0;
+    if (client_call(fd, WIRE_DEVICE_OPEN, nullptr, nullptr, nullptr, &error) != 0)
+        error = EIO;
+    const int connection = error ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (connection < 0) {
+        close(fd);
+        errno = error ? (int)error : EMFILE;
+        return -1;
+    }
+
+    bool placed = false;
+    pthread_mutex_lock(&table_lock);
+    for (Device &device : devices) {
+        if (device.connection != 0)
+            continue;
+        device.fd = fd;
+        device.connection = connection;
+        device.waits = !(flags & O_NONBLOCK);
+        device.dead = device.asked = false; // nobody else knows this place yet
+        __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
+        placed = true;
+        break;
+    }
+    pthread_mutex_unlock(&table_lock);
+    if (placed)
+        return fd;
+    close(connection);
+    close(fd);
+    errno = EMFILE;
+    return -1;
+}
+
+// Copies to or from memory that the program named, by way of a pipe: where the memory is not the
+// program's, the system call fails with EFAULT as a driver's does.
+static bool copy(const void *from, void *to, size_t size)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    const bool copied =
+        write(ends[1], from, size) == (ssize_t)size && read(ends[0], to, size) == (ssize_t)size;
+    const int code = errno;
+    close(ends[0]);
+    close(ends[1]);
+    errno = code;
+    return copied;
+}
+
+static bool ask_measurement(Device *device)
+{
+    if (!device->asked && !device->dead) {
+        device->asked =
+            client_send(device->connection, WIRE_FOCUS_READ, nullptr, &device->number) == 0;
+        device->dead = !device->asked;
+    }
+    return device->asked;
+}
+
+// Receives the measurement that was asked for. Returns 0 or an errno number.
+static int take_measurement(Device *device, int timeout_ms, WireFocusStats *stats)
+{
+    pollfd entry = {device->connection, POLLIN, 0};
+    const int ready = ask_measurement(device) ? poll_next(&entry, 1, timeout_ms) : 0;
+    if (ready < 0 && errno == EINTR)
+        return EINTR; // the next read takes what was asked for
+    if (ready == 0 && timeout_ms == 0 && !device->dead)
+        return EAGAIN;
+    uint32_t error = 0;
+    device->asked = false;
+    if (ready == 1 && client_receive(device->connection, WIRE_FOCUS_READ, device->number, stats,
+                                     nullptr, &error) == 0)
+        return (int)error;
+    if (ready != 1)
+        client_lost();
+    device->dead = true;
+    return EIO;
+}
+
+static int read_focus(Device *device, void *argument)
+{
+    WireFocusStats stats;
+    const int error = take_measurement(device, device->waits ? CLIENT_TIMEOUT_MS : 0, &stats);
+    if (error == EIO && device->dead)
+        usleep(LOST_CAMERA_PAUSE_US);
+    return error ? error : copy(&stats, argument, sizeof stats) ? 0 : errno;
+}
+
+static int configure_focus(Device *device, const void *argument)
+{
+    WireFocusConfig config;
+    if (!copy(argument, &config, sizeof config))
+        return errno;
+    while (device->asked) { // measured with the window before
+        WireFocusStats ignored;
+        (void)take_measurement(device, CLIENT_TIMEOUT_MS, &ignored);
+    }
+    uint32_t error = 0;
+    if (device->dead || client_call(device->connection, WIRE_FOCUS_CONFIG, &config, nullptr,
+                                    nullptr, &error) != 0) {
+        device->dead = true;
+        return EIO;
+    }
+    return (int)error;
+}
+
+static int device_ioctl(Device *device, uint32_t request, void *argument)
+{
+    if (request != CAM_FOCUS_READ && request != CAM_FOCUS_CONFIG) {
+        errno = ENOTTY;
+        return -1;
+    }
+    pthread_mutex_lock(&device->lock);
+    const int error = request == CAM_FOCUS_READ ? read_focus(device, argument)
+                                                : configure_focus(device, argument);
+    pthread_mutex_unlock(&device->lock);
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}
+
+// What poll() waits for is the answer to a read, so one is sent for each device in the list.
+static void prepare_poll(const pollfd *entries, nfds_t count)
+{
+    for (nfds_t i = 0; i < count; i++) {
+        Device *device = entries[i].events & POLLIN ? device_take(entries[i].fd) : nullptr;
+        if (!device)
+            continue;
+        if (pthread_mutex_trylock(&device->lock) == 0) { // else a read is under way
+            (void)ask_measurement(device);
+            pthread_mutex_unlock(&device->lock);
+        }
+        device_release(device);
+    }
+}
+
+// ---- paths
 
 // Gives the path to use in place of path: itself, or buffer with the path inside the run directory.
 // Null with errno ENOENT where there is no run directory: the machine's own files stay out of it.
@@ -195,7 +312,7 @@ static int open_path(OpenFunction **slot, const char *name, const char *path, in
                      mode_t mode)
 {
     if (is_device(path))
-        return device_open();
+        return device_open(flags);
     char buffer[PATH_MAX];
     const char *place = mapped(path, buffer, sizeof buffer);
     return place ? next(slot, name)(place, flags, mode) : -1;
@@ -205,7 +322,7 @@ static int open_path_at(OpenAtFunction **slot, const char *name, int directory, 
                         int flags, mode_t mode)
 {
     if (is_device(path))
-        return device_open();
+        return device_open(flags);
     char buffer[PATH_MAX];
     const char *place = mapped(path, buffer, sizeof buffer);
     return place ? next(slot, name)(directory, place, flags, mode) : -1;
@@ -273,9 +390,12 @@ using IoctlFunction = int(int, unsigned long, ...);
 static int ioctl_any(IoctlFunction **slot, const char *name, int fd, unsigned long request,
                      void *argument)
 {
-    Device *device = device_find(fd);
-    if (device) // a request given as a negative int arrives sign-extended
-        return device_ioctl(device, (uint32_t)request, argument);
+    Device *device = device_take(fd);
+    if (device) { // a request given as a negative int arrives sign-extended
+        const int result = device_ioctl(device, (uint32_t)request, argument);
+        device_release(device);
+        return result;
+    }
     return next(slot, name)(fd, request, argument);
 }
 
@@ -305,28 +425,41 @@ EXPORT int __ioctl_time64(int fd, unsigned long request, ...)
 EXPORT ssize_t read(int fd, void *buffer, size_t size)
 {
     static ssize_t (*slot)(int, void *, size_t);
-    if (device_find(fd)) {
+    if (is_device_fd(fd)) {
         errno = EINVAL; // measurements are had by request only
         return -1;
     }
     return next(&slot, "read")(fd, buffer, size);
 }
 
+EXPORT int poll(pollfd *entries, nfds_t count, int timeout)
+{
+    prepare_poll(entries, count);
+    return poll_next(entries, count, timeout);
+}
+
+// What poll becomes in programs built with fortified headers.
+EXPORT int __poll_chk(pollfd *entries, nfds_t count, int timeout, size_t)
+{
+    return poll(entries, count, timeout);
+}
+
 EXPORT int close(int fd)
 {
     static int (*slot)(int);
-    Device *device = device_find(fd);
+    Device *device = device_take(fd);
     if (device) {
         pthread_mutex_lock(&table_lock);
         device->fd = 0;
         pthread_mutex_unlock(&table_lock);
+        device_release(device);
     }
     return next(&slot, "close")(fd);
 }
 
 static void show_as_device(int fd, int result, mode_t *mode, dev_t *kind)
 {
-    if (result == 0 && device_find(fd)) {
+    if (result == 0 && is_device_fd(fd)) {
         *mode = S_IFCHR | 0600;
         *kind = makedev(240, 0);
     }

@@ -149,13 +149,31 @@ TEST(Preload, EveryOpenFunctionOpensTheDevice)
 TEST(Preload, TheDeviceAcceptsItsTwoRequestsOnly)
 {
     const Outcome outcome =
-        ProbeCamera({"open", "ioctl-other", "ioctl-null", "plain-read", "config", "read"})
+        ProbeCamera({"open", "config", "ioctl-other", "ioctl-null", "plain-read", "read"})
             .outcome();
     ASSERT_EQ(outcome.lines.size(), 6u);
-    EXPECT_EQ(outcome.lines[1].error, ENOTTY);
-    EXPECT_EQ(outcome.lines[2].error, EFAULT);
-    EXPECT_EQ(outcome.lines[3].error, EINVAL);
+    EXPECT_EQ(outcome.lines[2].error, ENOTTY);
+    EXPECT_EQ(outcome.lines[3].error, EFAULT);
+    EXPECT_EQ(outcome.lines[4].error, EINVAL);
     EXPECT_EQ(outcome.lines[5].result, 0); // still works
+}
+
+TEST(Preload, TheDeviceBehavesAsADriverDoes)
+{
+    CameraOptions options;
+    options.scene = "chart";
+    options.program = {DEVICE_TEST};
+    std::string error;
+    const CameraPtr camera = camera_start(options, &error);
+    ASSERT_TRUE(camera) << error;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (camera_state(*camera).process.running && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::string text;
+    for (const OutputChunk &chunk : camera_output(*camera, 0, 10000))
+        text += chunk.bytes;
+    EXPECT_EQ(camera_state(*camera).process.last_end, "exit status 0") << text;
+    EXPECT_EQ(count_of(text, "ok: "), 26u) << text;
 }
 
 TEST(Preload, ReadingsBeforeAConfigurationFailAndWriteNothing)

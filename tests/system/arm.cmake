@@ -6,7 +6,7 @@ endif()
 find_program(SYSTEM_PYTHON NAMES python3 NO_CMAKE_FIND_ROOT_PATH REQUIRED)
 set(system_image ${PROJECT_BINARY_DIR}/system-image)
 add_test(NAME system.server COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR}
-    --target camera_server)
+    --target camera_server camera_device_test)
 add_test(NAME system.image COMMAND ${PROJECT_SOURCE_DIR}/scripts/system-image
     ${system_image} ${PROJECT_BINARY_DIR})
 set_tests_properties(system.image PROPERTIES DEPENDS system.server)

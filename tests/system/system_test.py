@@ -192,6 +192,16 @@ class BusyBox(unittest.TestCase):
             print(f"palette: SHA-256 {hashlib.sha256(palette).hexdigest()} on both sides")
             seen.append("8 planes and the palette equal")
 
+    def test_02a_the_device_behaves_as_a_driver_does(self):
+        camera = self.camera
+        with self.entry("/dev/cam as a driver's") as seen:
+            said = len(camera.output())
+            status = camera.shell("/usr/sbin/camera-device-test")
+            text = camera.output()[said:]
+            self.assertEqual(status, 0, text)
+            self.assertEqual(text.count("ok: "), 26, text)
+            seen.append("26 claims hold")
+
     def test_03_kill(self):
         camera = self.camera
         with self.entry("kill -9 in the guest") as seen:
