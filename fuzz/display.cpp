@@ -12,7 +12,7 @@
 
 using namespace world;
 
-static constexpr int PASSES = 6;
+static constexpr int PASSES = 3;
 static constexpr uint32_t MEMORY_MAX = 1u << 18;
 
 // The engines are built once: they do not change while the readout is drawn.
@@ -66,7 +66,8 @@ static void set_plane(Input *input)
     const uint8_t what = input->byte();
     plane.no_memory = (what & 1) != 0;
     plane.guard = (what & 2) != 0 ? Guard::BEFORE : Guard::BEHIND;
-    plane.pitch.reset();
+    if ((what & 32) != 0)
+        plane.pitch.reset();
     plane.size.reset();
     plane.failed_pitch.reset();
     if ((what & 4) != 0)
@@ -138,6 +139,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string font = script.font_path;
     script = Script();
     script.font_path = font;
+    // Small pictures, so that there are many: inputs ask for larger ones. The pitch has room for
+    // the text of the smallest output.
+    for (size_t post = 0; post < 4; post++) {
+        script.width[post] = 352;
+        script.height[post] = 240;
+        script.planes[post][0].pitch = 64;
+        script.planes[post][1].pitch = 192;
+    }
 
     try {
         for (int passes = 0; passes < PASSES && !input.empty();) {
