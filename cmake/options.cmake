@@ -5,7 +5,7 @@ include(CheckCXXCompilerFlag)
 
 option(FOCUS_WERROR "Treat warnings as errors" OFF)
 set(FOCUS_SANITIZE "" CACHE STRING "Sanitizers to build with, as for -fsanitize=")
-option(FOCUS_COVERAGE "Instrument src/ for gcov" OFF)
+option(FOCUS_COVERAGE "Instrument src/ for coverage: gcov, or with clang its conditions" OFF)
 
 # For everything, with and without sanitizers.
 add_library(focus_base INTERFACE)
@@ -50,7 +50,11 @@ target_compile_options(focus_product INTERFACE
     # The smallest build leaves out unused functions; the others keep them for a debugger.
     "$<$<CONFIG:MinSizeRel>:-ffunction-sections;-fdata-sections>")
 target_link_options(focus_product INTERFACE $<$<CONFIG:MinSizeRel>:LINKER:--gc-sections>)
-if(FOCUS_COVERAGE)
+if(FOCUS_COVERAGE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # conditions, from clang 18 on
+    target_compile_options(focus_product INTERFACE
+        -fprofile-instr-generate -fcoverage-mapping -fcoverage-mcdc -O0)
+    target_link_options(focus_product INTERFACE -fprofile-instr-generate)
+elseif(FOCUS_COVERAGE)
     target_compile_options(focus_product INTERFACE --coverage -O0)
     target_link_options(focus_product INTERFACE --coverage)
 endif()
