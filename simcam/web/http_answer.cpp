@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "focus_threshold.h"
+#include "picture/scene.h"
 #include "web/http_json.h"
 #include "web/http_page.h"
 
@@ -199,6 +201,8 @@ HttpReply reply_answer(HttpServer &server, const RoutedRequest &request)
         return get_page(request);
     case RouteId::API:
         return reply_json(json_routes());
+    case RouteId::CONSTANTS:
+        return reply_json(json_constants(FOCUS_THRESHOLD_PERCENT, scene_names()));
     case RouteId::STATE:
         return reply_json(json_state(camera_state(camera), true));
     case RouteId::MEASUREMENTS:

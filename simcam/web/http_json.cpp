@@ -51,6 +51,19 @@ std::string json_done()
     return "{\"ok\":true}";
 }
 
+std::string json_constants(int threshold_percent, const std::vector<std::string> &scenes)
+{
+    json codes = json::array();
+    codes.push_back({{"code", "0x81E03246"}, {"tolerated", false}});
+    for (const char *code : {"0x81E03204", "0x81E04507", "0x81003209", "0x81E0250C"})
+        codes.push_back({{"code", code}, {"tolerated", true}});
+    return text_of(
+        {{"threshold_percent", threshold_percent},
+         {"codes", std::move(codes)},
+         {"sizes", {{1920, 1080}, {1280, 720}, {720, 576}, {720, 480}, {352, 288}, {352, 240}}},
+         {"scenes", scenes}});
+}
+
 std::string json_hello(const std::string &session)
 {
     return text_of({{"session", session}});

@@ -23,6 +23,8 @@ bool json_read_object(const std::string &text, std::vector<JsonField> *fields, s
 
 std::string json_error(int status, const std::string &message);
 std::string json_done();
+// Constants of the overlay that the page needs, and the built-in scenes.
+std::string json_constants(int threshold_percent, const std::vector<std::string> &scenes);
 std::string json_routes();
 // With time, the numbers that change with every measurement are in it; without, only what somebody
 // changed.

@@ -13,6 +13,7 @@ namespace simcam
 enum class RouteId {
     PAGE,
     API,
+    CONSTANTS,
     STATE,
     EVENTS,
     MEASUREMENTS,

@@ -70,6 +70,12 @@ static std::vector<Route> make_routes()
     return {
         {RouteId::PAGE, "GET", "/", "text/html", "the page for people, and its parts", {}},
         {RouteId::API, "GET", "/api", JSON, "this list", {}},
+        {RouteId::CONSTANTS,
+         "GET",
+         "/api/constants",
+         JSON,
+         "constants of the overlay, and the built-in scenes",
+         {}},
         {RouteId::STATE,
          "GET",
          "/api/state",

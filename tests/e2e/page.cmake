@@ -8,6 +8,11 @@ if(NOT E2E_PYTHON)
     return()
 endif()
 
+set(e2e_programs --simcam $<TARGET_FILE:simcam> --overlay $<TARGET_FILE:focus_assist>)
+
+add_test(NAME e2e_http COMMAND ${E2E_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/http_test.py ${e2e_programs})
+set_tests_properties(e2e_http PROPERTIES LABELS e2e TIMEOUT 300)
+
 add_test(NAME e2e_page
     COMMAND ${E2E_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/page_test.py
             --simcam $<TARGET_FILE:simcam> --overlay $<TARGET_FILE:focus_assist>

@@ -1,0 +1,117 @@
+#!/usr/bin/env python3
+"""Tests the simulated camera with focus_assist on it over HTTP, without a browser.
+
+    tests/e2e/http_test.py              # all tests, on the programs of build/host
+    tests/e2e/http_test.py -k threshold # the tests whose name contains a word
+"""
+import unittest
+
+import camera
+from camera import Camera, wait_for
+
+FRAME, TEXT, BOX, FILL, MARKER, HIGHLIGHT = 11, 16, 17, 18, 19, 20  # palette indices of the readout
+BAR_PLANE, TEXT_PLANE = 0, 1
+
+
+class Constants(unittest.TestCase):
+    """What /api/constants says of focus_assist is what focus_assist does."""
+
+    def setUp(self):
+        self.camera = Camera(camera.settings.simcam, "--", camera.settings.overlay)
+        self.addCleanup(self.camera.stop)
+        self.constants = self.camera.get("/api/constants")
+
+    def shows(self, post, plane):
+        return self.camera.state()["posts"][post]["planes"][plane]["shows"]
+
+    def wait_for_redraw(self, post=0):
+        """Waits for a bar and a text that were begun after this call."""
+        before = [self.shows(post, plane) for plane in (BAR_PLANE, TEXT_PLANE)]
+        wait_for("two redraws", lambda: all(
+            self.shows(post, plane) >= count + 2 for plane, count in zip((BAR_PLANE, TEXT_PLANE), before)))
+
+    def test_the_marker_of_the_bar_is_at_the_threshold(self):
+        self.wait_for_redraw(1)
+        bar = self.camera.plane(1, BAR_PLANE)
+        middle = bar[len(bar) // 2]
+
+        first = next(x for x, index in enumerate(middle) if index != FRAME)
+        width = middle.count(FILL) + middle.count(BOX) + middle.count(MARKER)
+        markers = [x for x, index in enumerate(middle) if index == MARKER]
+
+        self.assertEqual(middle[first - 1], FRAME)
+        self.assertEqual(markers, list(range(markers[0], markers[-1] + 1)))
+        center = (markers[0] + markers[-1] + 1) / 2 - first
+        self.assertEqual(round(center / width * 100), self.constants["threshold_percent"])
+
+    def test_the_text_is_highlighted_from_the_threshold_on(self):
+        self.camera.post("/api/ring", {"ring": 0.5})
+        wait_for("a peak", lambda: self.camera.state()["overlay"]["peak"])
+        seen = set()
+        ring = 0.5
+        while len(seen) < 2:
+            self.camera.post("/api/ring", {"ring": ring})
+            number = self.camera.state()["latest"]["number"]
+            wait_for("a reading there", lambda: self.camera.state()["latest"]["number"] > number + 3)
+            before = self.camera.state()["overlay"]["percent"]
+            self.wait_for_redraw()
+            indices = {index for line in self.camera.plane(0, TEXT_PLANE) for index in line}
+            after = self.camera.state()["overlay"]["percent"]
+            low, high = min(before, after) - 1, max(before, after) + 1  # the noise of the sensor moves it a little
+            threshold = self.constants["threshold_percent"]
+            if low >= threshold:
+                self.assertIn(HIGHLIGHT, indices, f"{low} to {high} %")
+                self.assertNotIn(TEXT, indices)
+                seen.add("highlighted")
+            elif high < threshold:
+                self.assertIn(TEXT, indices, f"{low} to {high} %")
+                self.assertNotIn(HIGHLIGHT, indices)
+                seen.add("not highlighted")
+            ring -= 0.005
+            self.assertGreater(ring, 0.2, "both colors are seen on the way")
+
+    def test_the_overlay_tolerates_the_tolerated_codes_and_reports_the_others(self):
+        self.wait_for_redraw()
+        codes = self.constants["codes"] + [{"code": "0x81000001", "tolerated": False}]
+        self.assertEqual(len({entry["code"] for entry in codes}), len(codes))
+        for entry in codes:
+            with self.subTest(entry["code"]):
+                self.camera.request("DELETE", "/api/faults")
+                self.camera.post("/api/posts/0/stop")
+                self.wait_for_redraw(1)  # by then the overlay has seen the stop
+                self.camera.post("/api/faults", {"call": "qm7_cl_post_open_osd", "error": entry["code"], "remaining": "forever"})
+                self.camera.post("/api/posts/0/start")
+                hits = lambda: self.camera.state()["faults"][0]["hits"]
+                # After a tolerated failure the bar's plane counts as open. Others are tried again at each redraw.
+                wait_for("the call that fails", lambda: hits() >= (1 if entry["tolerated"] else 3))
+                self.wait_for_redraw(1)
+                reported = f"qm7_cl_post_open_osd() failed. errno={entry['code']}".encode()
+                written = self.camera.fetch("/api/output?stream=2")
+                self.assertEqual(reported in written, not entry["tolerated"], written[-300:])
+                if entry["tolerated"]:
+                    self.assertEqual(hits(), 1)
+
+    def test_each_size_shows_bar_and_text(self):
+        sizes = self.constants["sizes"]
+        for at in range(0, len(sizes), 4):
+            self.camera.end_process()  # a process keeps the first size of a post
+            for post, (width, height) in enumerate(sizes[at:at + 4]):
+                self.camera.post(f"/api/posts/{post}/stop")
+                self.camera.post(f"/api/posts/{post}/start", {"size": f"{width}x{height}"})
+            self.camera.post("/api/process/start")
+            for post, size in enumerate(sizes[at:at + 4]):
+                with self.subTest(size):
+                    wait_for("bar and text", lambda: all(
+                        plane["shown"] for plane in self.camera.state()["posts"][post]["planes"][:2]))
+                    self.assertTrue(any(MARKER in line for line in self.camera.plane(post, BAR_PLANE)))
+                    self.assertTrue(any(TEXT in line or HIGHLIGHT in line for line in self.camera.plane(post, TEXT_PLANE)))
+
+    def test_each_scene_can_be_shown(self):
+        self.assertGreater(len(self.constants["scenes"]), 1)
+        for name in self.constants["scenes"]:
+            self.camera.post("/api/scene", {"scene": name})
+            self.assertEqual(self.camera.state()["scene"], name)
+
+
+if __name__ == "__main__":
+    camera.main()
