@@ -1,7 +1,10 @@
-// The two plots: the value over time, and the value over the ring's position.
+// Draws the two plots: the value over time, and the value over the ring position.
+import {placeTexts, roundUp} from './axis.js';
 
 const SECONDS = 30;
-const BINS = 500;
+const GAP = 3;           // around the text of a mark
+const FADE_S = 60;       // age at which a reading over the ring is faintest
+const BINS_JOINED = 20;  // readings over the ring are joined across at most so many empty steps
 const COLORS = {value: '#58c4dd', peak: '#f0b45a', line: '#7fcf8a', grid: '#232a31', text: '#8d99a5'};
 
 function prepare(canvas) {
@@ -17,13 +20,6 @@ function prepare(canvas) {
   context.clearRect(0, 0, width, height);
   context.font = '11px system-ui, "DejaVu Sans", sans-serif';
   return {context, area: {left: 34, top: 6, right: width - 6, bottom: height - 18}};
-}
-
-// A round number at or above value, for the top of an axis.
-function roundUp(value) {
-  const power = 10 ** Math.floor(Math.log10(Math.max(1, value)));
-  for (const step of [1, 1.5, 2, 3, 4, 5, 6, 8, 10]) if (step * power >= value) return step * power;
-  return 10 * power;
 }
 
 function drawValueAxis(context, area, top) {
@@ -56,8 +52,22 @@ function drawLevel(context, area, y, color, dash) {
   context.setLineDash([]);
 }
 
-// samples: {time, value, peak}, oldest first. marks: {time, text} of what somebody did.
-export function drawTime(canvas, samples, marks) {
+function drawMarks(context, area, marks) {
+  context.textAlign = 'left';
+  context.textBaseline = 'top';
+  context.strokeStyle = '#4b5661';
+  context.fillStyle = COLORS.text;
+  const places = placeTexts(marks.map(({at, text}) => ({at, width: context.measureText(text).width})), area.right, GAP);
+  marks.forEach(({at, text}, i) => {
+    context.setLineDash([2, 3]);
+    context.beginPath(); context.moveTo(at, area.top); context.lineTo(at, area.bottom); context.stroke();
+    if (places[i] !== null) context.fillText(text, places[i], area.top);
+  });
+  context.setLineDash([]);
+}
+
+// Draws the samples and marks of history. threshold is the percentage of the peak that is drawn as a line.
+export function drawTime(canvas, {samples, marks}, threshold) {
   const {context, area} = prepare(canvas);
   const now = samples.length ? samples[samples.length - 1].time : 0;
   let first = samples.length;
@@ -72,18 +82,7 @@ export function drawTime(canvas, samples, marks) {
   drawValueAxis(context, area, top);
   drawLabels(context, area, [[0, `${SECONDS} s ago`], [.5, `${SECONDS / 2} s`], [1, 'now']]);
 
-  for (const mark of marks) {
-    if (mark.time < now - SECONDS) continue;
-    const x = Math.round(px(mark.time)) + .5;
-    context.strokeStyle = '#4b5661';
-    context.setLineDash([2, 3]);
-    context.beginPath(); context.moveTo(x, area.top); context.lineTo(x, area.bottom); context.stroke();
-    context.setLineDash([]);
-    context.fillStyle = COLORS.text;
-    context.textAlign = x > area.right - 60 ? 'right' : 'left';
-    context.textBaseline = 'top';
-    context.fillText(mark.text, x + (x > area.right - 60 ? -3 : 3), area.top);
-  }
+  drawMarks(context, area, marks.filter((mark) => mark.time >= now - SECONDS).map(({time, text}) => ({at: Math.round(px(time)) + .5, text})));
   const trace = (color, width, dash, of) => {
     context.strokeStyle = color;
     context.lineWidth = width;
@@ -101,61 +100,53 @@ export function drawTime(canvas, samples, marks) {
     context.setLineDash([]);
   };
   trace(COLORS.peak, 1.4, [], (s) => s.peak || null);
-  trace(COLORS.line, 1.2, [5, 4], (s) => (s.peak ? s.peak * .85 : null));
+  trace(COLORS.line, 1.2, [5, 4], (s) => (s.peak ? s.peak * threshold / 100 : null));
   trace(COLORS.value, 1.8, [], (s) => s.value);
 }
 
-export function curveNew() {
-  return {value: new Float32Array(BINS + 1).fill(-1), when: new Float64Array(BINS + 1)};
-}
-
-export function curveAdd(curve, measurement) {
-  const bin = Math.round(measurement.ring * BINS);
-  curve.value[bin] = measurement.value;
-  curve.when[bin] = measurement.time_s;
-}
-
-export function drawCurve(canvas, curve, now, peak) {
+// Draws the curve of history. peakRing is the ring position of the peak, or null.
+export function drawCurve(canvas, {curve, latest, samples}, peakRing, threshold) {
   const {context, area} = prepare(canvas);
-  let highest = Math.max(10, peak.value);
+  const peak = samples.length ? samples[samples.length - 1].peak : 0;
+  const bins = curve.value.length - 1;
+  let highest = Math.max(10, peak);
   for (const value of curve.value) highest = Math.max(highest, value);
   const top = roundUp(highest * 1.05);
   const px = (ring) => area.left + ring * (area.right - area.left);
   const py = (value) => area.bottom - value / top * (area.bottom - area.top);
   drawValueAxis(context, area, top);
   drawLabels(context, area, [[0, '0 near'], [.5, '50'], [1, 'far 100']]);
-  if (peak.value) {
-    drawLevel(context, area, py(peak.value * .85), COLORS.line, [5, 4]);
-    drawLevel(context, area, py(peak.value), COLORS.peak, []);
+  if (peak) {
+    drawLevel(context, area, py(peak * threshold / 100), COLORS.line, [5, 4]);
+    drawLevel(context, area, py(peak), COLORS.peak, []);
   }
   let before = -1;
-  for (let bin = 0; bin <= BINS; bin += 1) {
+  for (let bin = 0; bin <= bins; bin += 1) {
     if (curve.value[bin] < 0) continue;
-    const age = now.time - curve.when[bin];
-    context.globalAlpha = Math.max(.35, 1 - age / 60); // older readings fade
+    context.globalAlpha = Math.max(.35, 1 - (latest.time_s - curve.when[bin]) / FADE_S);
     context.strokeStyle = context.fillStyle = COLORS.value;
-    const x = px(bin / BINS);
+    const x = px(bin / bins);
     const y = py(curve.value[bin]);
-    if (before >= 0 && bin - before <= 20) {
+    if (before >= 0 && bin - before <= BINS_JOINED) {
       context.lineWidth = 1.6;
-      context.beginPath(); context.moveTo(px(before / BINS), py(curve.value[before])); context.lineTo(x, y); context.stroke();
+      context.beginPath(); context.moveTo(px(before / bins), py(curve.value[before])); context.lineTo(x, y); context.stroke();
     } else {
       context.fillRect(x - 1, y - 1, 2, 2);
     }
     before = bin;
   }
   context.globalAlpha = 1;
-  if (peak.ring !== null) {
+  if (peakRing !== null) {
     context.fillStyle = COLORS.peak;
     context.beginPath();
-    context.moveTo(px(peak.ring), area.bottom); context.lineTo(px(peak.ring) - 4, area.bottom + 7); context.lineTo(px(peak.ring) + 4, area.bottom + 7);
+    context.moveTo(px(peakRing), area.bottom); context.lineTo(px(peakRing) - 4, area.bottom + 7); context.lineTo(px(peakRing) + 4, area.bottom + 7);
     context.fill();
   }
-  if (now.value !== null) {
+  if (latest) {
     context.strokeStyle = '#ffffff40';
     context.lineWidth = 1;
-    context.beginPath(); context.moveTo(px(now.ring), area.top); context.lineTo(px(now.ring), area.bottom); context.stroke();
+    context.beginPath(); context.moveTo(px(latest.ring), area.top); context.lineTo(px(latest.ring), area.bottom); context.stroke();
     context.fillStyle = '#fff';
-    context.beginPath(); context.arc(px(now.ring), py(now.value), 4, 0, 7); context.fill();
+    context.beginPath(); context.arc(px(latest.ring), py(latest.value), 4, 0, 7); context.fill();
   }
 }

@@ -1,8 +1,10 @@
-// The lens ring: a knurled barrel seen from the side. Its surface follows the finger.
+// The lens ring: a knurled barrel seen from the side. Its surface follows the pointer.
 
-const TRAVEL = 4.6; // radians that the barrel turns from stop to stop
+const TRAVEL = 4.6; // radians from stop to stop
 const RIB = 0.034;  // radians from rib to rib
+const SCALE_HEIGHT = 34; // of the scale above the grip
 
+// Calls onTurn with the position, 0 to 1, when a person turns the ring.
 export function ringMake(canvas, onTurn) {
   const state = {value: 0, peak: null, dragging: false, grabX: 0, grabValue: 0, dirty: true};
   const context = canvas.getContext('2d');
@@ -39,7 +41,7 @@ export function ringMake(canvas, onTurn) {
   canvas.addEventListener('wheel', (event) => {
     event.preventDefault();
     const sideways = Math.abs(event.deltaX) > Math.abs(event.deltaY);
-    // Browsers turn the wheel's axis while Shift is held.
+    // While Shift is held, browsers report the wheel along the other axis.
     const turn = sideways && !event.shiftKey ? event.deltaX : -(event.deltaY || event.deltaX);
     set(state.value + Math.sign(turn) * (event.shiftKey ? 0.001 : 0.006), true);
   }, {passive: false});
@@ -54,7 +56,7 @@ export function ringMake(canvas, onTurn) {
   });
   new ResizeObserver(() => { state.dirty = true; }).observe(canvas);
 
-  // Where a point of the surface is seen, for its angle from the middle; null behind the barrel.
+  // The x coordinate of a point of the surface, from its angle to the middle; null on the far side.
   function place(angle, width) {
     return Math.abs(angle) < Math.PI / 2 ? width / 2 + Math.sin(angle) * radius() : null;
   }
@@ -134,21 +136,20 @@ export function ringMake(canvas, onTurn) {
       canvas.height = Math.round(height * ratio);
     }
     context.setTransform(ratio, 0, 0, ratio, 0, 0);
-    drawScale(width, 34);
-    drawGrip(width, 34, height - 34);
-    context.fillStyle = '#e8473d'; // the fixed index that the scale is read at
-    context.fillRect(width / 2 - 1, 34, 2, 9);
+    drawScale(width, SCALE_HEIGHT);
+    drawGrip(width, SCALE_HEIGHT, height - SCALE_HEIGHT);
+    context.fillStyle = '#e8473d'; // the fixed mark against which the scale is read
+    context.fillRect(width / 2 - 1, SCALE_HEIGHT, 2, 9);
     context.beginPath();
-    context.moveTo(width / 2, 33);
-    context.lineTo(width / 2 - 6, 44);
-    context.lineTo(width / 2 + 6, 44);
+    context.moveTo(width / 2, SCALE_HEIGHT - 1);
+    context.lineTo(width / 2 - 6, SCALE_HEIGHT + 10);
+    context.lineTo(width / 2 + 6, SCALE_HEIGHT + 10);
     context.fill();
   }
 
   return {
     draw,
     get held() { return state.dragging; },
-    get value() { return state.value; },
     show(value) { set(value, false); },
     showPeak(value) {
       if (value !== state.peak) state.dirty = true;

@@ -1,0 +1,58 @@
+// The panel of the scene: what the camera looks at, and the light.
+import {$, element, setFacts, setPressed, setText} from './dom.js';
+import {send} from './requests.js';
+
+// Sends gains one after the other, the last one wanted at the end: requests side by side may arrive in another order.
+function gainSenderMake() {
+  let wanted = null;
+  let busy = false;
+  return async (gain) => {
+    wanted = gain;
+    if (busy) return;
+    busy = true;
+    while (wanted !== null) {
+      const next = wanted;
+      wanted = null;
+      await send('POST', '/api/gain', {gain: next});
+    }
+    busy = false;
+  };
+}
+
+// scenes: the names of the built-in ones. onFlash is called after a flash.
+export function scenePanelMake(scenes, onFlash) {
+  const setScene = (scene) => send('POST', '/api/scene', {scene});
+  const buttons = scenes.map((name) => {
+    const button = element('button', {type: 'button', 'aria-pressed': 'false', textContent: name[0].toUpperCase() + name.slice(1)});
+    button.dataset.scene = name;
+    button.addEventListener('click', () => setScene(name));
+    return button;
+  });
+  $('scenes').append(...buttons);
+  $('scene-form').addEventListener('submit', (event) => {
+    event.preventDefault();
+    if ($('scene-path').value.trim()) setScene($('scene-path').value.trim());
+  });
+
+  const sendGain = gainSenderMake();
+  const showGain = (gain) => setText($('gain-value'), `${gain.toFixed(2)}×`);
+  $('gain').addEventListener('input', () => showGain(2 ** Number($('gain').value)));
+  $('gain').addEventListener('change', () => sendGain(2 ** Number($('gain').value)));
+  $('gain-reset').addEventListener('click', () => sendGain(1));
+  $('flash').addEventListener('click', async () => {
+    if (await send('POST', '/api/flash')) onFlash();
+  });
+
+  return {
+    showState(state) {
+      for (const button of buttons) setPressed(button, button.dataset.scene === state.scene);
+      if (document.activeElement !== $('gain')) $('gain').value = String(Math.log2(state.gain));
+      showGain(state.gain);
+      setFacts($('camera-facts'), [
+        ['Scene', state.scene], ['Measurements', `${state.measured_rate_hz.toFixed(1)} of ${state.rate_hz.toFixed(0)} a second`],
+        ['Blur disc', `${state.latest.blur_px.toFixed(2)} dots`], ['Configured by overlay', state.focus_configured ? 'yes' : 'no'],
+        ['Line alignment', `${state.pitch_align} bytes`], ['Seed', state.seed], ['Run directory', state.run_directory || '–'],
+      ]);
+    },
+  };
+}

@@ -1,0 +1,98 @@
+// Looks for what a person cannot read or reach on the page as it is laid out now. The browser test runs this text as
+// a function body; it returns a list of findings, each a sentence.
+
+const TOLERANCE = 1;      // CSS pixels
+const LETTER_PART = 0.6;  // the part of a line's height that its letters take: lines may touch above and below
+
+const findings = [];
+const name = (e) => `${e.tagName.toLowerCase()}${e.id ? `#${e.id}` : ''} "${(e.getAttribute('aria-label') || e.textContent || '').trim().slice(0, 30)}"`;
+const isShown = (e) => e.checkVisibility({visibilityProperty: true}) && !e.closest('.only-heard, [hidden]');
+const overflow = (e) => getComputedStyle(e).overflowY;
+const scrolls = (e) => ['auto', 'scroll'].includes(overflow(e));
+const clips = (e) => ['hidden', 'clip'].includes(overflow(e));
+
+function ancestors(e) {
+  const list = [];
+  for (let up = e.parentElement; up && up !== document.body; up = up.parentElement) list.push(up);
+  return list;
+}
+function inside(rect, box) {
+  return rect.left >= box.left - TOLERANCE && rect.right <= box.right + TOLERANCE
+    && rect.top >= box.top - TOLERANCE && rect.bottom <= box.bottom + TOLERANCE;
+}
+function cut(rect, box) {
+  return {left: Math.max(rect.left, box.left), right: Math.min(rect.right, box.right), top: Math.max(rect.top, box.top), bottom: Math.min(rect.bottom, box.bottom)};
+}
+const overlap = (a, b) => Math.min(a.right, b.right) - Math.max(a.left, b.left) > TOLERANCE
+  && Math.min(a.bottom, b.bottom) - Math.max(a.top, b.top) > TOLERANCE;
+
+// ---- every control is inside what can be seen or scrolled to, and nothing covers it ----
+
+const view = {left: 0, top: 0, right: innerWidth, bottom: innerHeight};
+const controls = [...document.querySelectorAll('a[href], button, input, select, [tabindex]')]
+  .filter((e) => e.tabIndex >= 0 && !e.disabled && (isShown(e) || e.classList.contains('skip')));
+for (const control of controls) {
+  control.focus({preventScroll: true});
+  control.scrollIntoView({block: 'nearest', inline: 'nearest'});
+  const rect = control.getBoundingClientRect();
+  if (rect.width < 8 || rect.height < 8) findings.push(`${name(control)} has no size`);
+  let seen = cut(rect, view);
+  for (const box of ancestors(control)) {
+    if (!clips(box) && !scrolls(box)) continue;
+    const frame = box.getBoundingClientRect();
+    if (clips(box) && !inside(rect, frame)) findings.push(`${name(control)} is cut off by ${name(box)}`);
+    if (clips(box) && (box.scrollTop || box.scrollLeft)) findings.push(`${name(box)} hides what ${name(control)} scrolled to`);
+    seen = cut(seen, frame);
+  }
+  const fits = rect.height <= innerHeight && ancestors(control).filter(scrolls).every((box) => rect.height <= box.clientHeight);
+  if (fits && !inside(rect, seen)) findings.push(`${name(control)} cannot be scrolled into view`);
+  const hit = document.elementFromPoint((seen.left + seen.right) / 2, (seen.top + seen.bottom) / 2);
+  if (!control.contains(hit)) findings.push(`${name(control)} is covered by ${hit ? name(hit) : 'nothing'}`);
+}
+document.activeElement.blur();
+for (const box of document.querySelectorAll('*')) {
+  if (scrolls(box) || box === document.documentElement) box.scrollTo(0, 0);
+  if (scrolls(box) && isShown(box) && box.scrollWidth > box.clientWidth + TOLERANCE) findings.push(`${name(box)} scrolls sideways`);
+}
+scrollTo(0, 0);
+if (document.documentElement.scrollWidth > innerWidth) findings.push('the page scrolls sideways');
+
+// ---- no text is cut off, no two texts overlap ----
+
+const texts = [];
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+while (walker.nextNode()) {
+  const node = walker.currentNode;
+  const parent = node.parentElement;
+  if (!node.data.trim() || !isShown(parent) || parent.closest('select, script, .skip')) continue;
+  const range = document.createRange();
+  range.selectNodeContents(node);
+  const boxes = [parent, ...ancestors(parent)];
+  const scroller = boxes.find(scrolls) ?? null;
+  for (const line of range.getClientRects()) {
+    const spare = line.height * (1 - LETTER_PART) / 2;
+    const rect = {left: line.left, right: line.right, top: line.top + spare, bottom: line.bottom - spare};
+    const clip = boxes.slice(0, scroller ? boxes.indexOf(scroller) : boxes.length).find((box) => clips(box) && !inside(rect, box.getBoundingClientRect()));
+    if (clip) findings.push(`the text "${node.data.trim().slice(0, 30)}" is cut off by ${name(clip)}`);
+    const seen = boxes.filter((box) => scrolls(box) || clips(box)).reduce((part, box) => cut(part, box.getBoundingClientRect()), rect);
+    texts.push({node, scroller, rect, seen});
+  }
+}
+texts.forEach((a, i) => {
+  for (const b of texts.slice(i + 1)) {
+    const together = a.scroller === b.scroller; // compare also what is scrolled out of view
+    if (a.node !== b.node && overlap(together ? a.rect : a.seen, together ? b.rect : b.seen)) {
+      findings.push(`the texts "${a.node.data.trim().slice(0, 30)}" and "${b.node.data.trim().slice(0, 30)}" overlap`);
+    }
+  }
+});
+if (texts.length < 20) findings.push(`only ${texts.length} texts`); // the search itself works
+
+// ---- the first screen shows the picture and the ring ----
+
+for (const id of ['picture', 'ring']) {
+  const rect = document.getElementById(id).getBoundingClientRect();
+  if (!inside(rect, view)) findings.push(`#${id} is not on the first screen: ${Math.round(rect.top)} to ${Math.round(rect.bottom)} of ${innerHeight}`);
+  if (rect.width < 280 || rect.height < 70) findings.push(`#${id} is only ${rect.width} x ${rect.height}`);
+}
+return findings;
