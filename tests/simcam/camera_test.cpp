@@ -102,7 +102,7 @@ std::vector<uint32_t> raws(const std::vector<Measurement> &measurements)
     return values;
 }
 
-// Starts two processes, one that is deaf to SIGTERM, says their numbers, and waits for both.
+// Starts two processes, one of which ignores SIGTERM, prints their ids, and waits for both.
 constexpr const char *WRAPPER = "sleep 1000 & a=$!; (trap '' TERM; while :; do sleep 1; done) &"
                                 " echo $a $!; wait";
 
