@@ -10,7 +10,7 @@
 // The output of readelf for the executable.
 static std::string readelf(const std::string &options)
 {
-    FILE *pipe = popen((READELF " " + options + " " FOCUS_ASSIST).c_str(), "r");
+    FILE *pipe = popen(("'" READELF "' " + options + " '" FOCUS_ASSIST "'").c_str(), "r");
     std::string text;
     for (int byte = fgetc(pipe); byte != EOF; byte = fgetc(pipe))
         text += (char)byte;

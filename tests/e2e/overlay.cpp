@@ -28,6 +28,18 @@ static void choose_program(CameraOptions *options)
     options->platform_directory = platform;
 }
 
+FastSleep::FastSleep()
+{
+    setenv("LD_PRELOAD", FAST_SLEEP, 1);
+    setenv("LD_LIBRARY_PATH", FAST_SLEEP_FOLDER, 1);
+}
+
+FastSleep::~FastSleep()
+{
+    unsetenv("LD_PRELOAD");
+    unsetenv("LD_LIBRARY_PATH");
+}
+
 CameraOptions overlay_options(const std::string &post0)
 {
     CameraOptions options;

@@ -35,5 +35,12 @@ struct Overlay {
     size_t calls(const std::string &name, uint32_t error) const;
 };
 
+// While it lives, overlays that start sleep shorter between two redraws. The loader takes no path
+// with a space in LD_PRELOAD, so the folder is in LD_LIBRARY_PATH.
+struct FastSleep {
+    FastSleep();
+    ~FastSleep();
+};
+
 simcam::CameraOptions overlay_options(const std::string &post0 = "1280x720");
 simcam::CameraOptions overlay_options_all_posts();

@@ -324,7 +324,7 @@ TEST(OverlayProcess, ASecondProcessOnTheSameCameraClearsTheBarOfTheFirstUntilItE
 
 TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)
 {
-    setenv("LD_PRELOAD", FAST_SLEEP, 1);
+    const FastSleep fast_sleep;
     const Overlay overlay(overlay_options());
     for (int i = 1; i <= 100; i++) {
         overlay.wait("a readout", [&] {
@@ -338,7 +338,6 @@ TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)
     }
     overlay.wait_redraws(0, 2);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
-    unsetenv("LD_PRELOAD");
     EXPECT_EQ(overlay.state().process.starts, 101u);
     EXPECT_EQ(overlay.state().merged_reports, 0u);
 }

@@ -15,12 +15,11 @@ using namespace simcam;
 
 TEST(OverlayPicture, HundredsOfFramesAreComplete)
 {
-    setenv("LD_PRELOAD", FAST_SLEEP, 1);
+    const FastSleep fast_sleep;
     CameraOptions options = overlay_options_all_posts();
     options.sweep = true;
     options.sweep_period_s = 3; // so that the readout changes with every redraw
     const Overlay overlay(options);
-    unsetenv("LD_PRELOAD");
     for (int post = 0; post < 4; post++)
         overlay.wait_redraws(post);
 
@@ -44,7 +43,7 @@ TEST(OverlayPicture, HundredsOfFramesAreComplete)
 
 TEST(OverlayPicture, AKillWhileDrawingLeavesCompleteFrames)
 {
-    setenv("LD_PRELOAD", FAST_SLEEP, 1);
+    const FastSleep fast_sleep;
     const Overlay overlay(overlay_options());
     for (int i = 0; i < 20; i++) {
         overlay.wait_redraws(0, 1 + static_cast<uint64_t>(i) % 3);
@@ -55,7 +54,6 @@ TEST(OverlayPicture, AKillWhileDrawingLeavesCompleteFrames)
         EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
         EXPECT_EQ(camera_process_start(*overlay), "");
     }
-    unsetenv("LD_PRELOAD");
 }
 
 // ---- composition

@@ -119,7 +119,8 @@ all:
 	@echo "$(FOCUS_ASSIST_CONF_OPTS)"
 	@echo "$(FOCUS_ASSIST_DEPENDENCIES)"
 END
-        make -s -f "$box/Makefile" BR2_EXTERNAL_FOCUS_ASSIST_PATH="$source/packaging/buildroot" \
+        ln -s "$source" "$box/source" # make includes no path with a space
+        make -s -f "$box/Makefile" BR2_EXTERNAL_FOCUS_ASSIST_PATH="$box/source/packaging/buildroot" \
             >"$box/said" 2>&1 || fail "$(cat "$box/said")"
         grep -qx "is a cmake-package" "$box/said" || fail "not evaluated: $(cat "$box/said")"
         grep -qx "MIT LICENSE" "$box/said" || fail "license: $(cat "$box/said")"

@@ -93,7 +93,10 @@ struct ProbeCamera {
 std::string run_alone(const std::string &environment, const std::string &actions)
 {
     const std::string command =
-        environment + " LD_PRELOAD=" PRELOAD " ASAN_OPTIONS=verify_asan_link_order=0 " PROBE " " +
+        // The loader takes no path with a space in LD_PRELOAD.
+        environment +
+        " LD_PRELOAD=" PRELOAD " LD_LIBRARY_PATH='" PRELOAD_FOLDER
+        "' ASAN_OPTIONS=verify_asan_link_order=0 '" PROBE "' " +
         actions + " 2>&1";
     FILE *pipe = popen(command.c_str(), "r");
     std::string text;
