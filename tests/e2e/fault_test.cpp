@@ -284,7 +284,7 @@ TEST(OverlayFault, AFailedConfigurationIsNotRetriedAndNoReadingSucceeds)
     CameraOptions options = overlay_options();
     options.program = {
         "/bin/sh", "-c",
-        "until [ -e \"$SIMCAM_RUN_DIR/go\" ]; do sleep 0.05; done; exec " FOCUS_ASSIST};
+        "until [ -e \"$SIMCAM_RUN_DIR/go\" ]; do sleep 0.05; done; exec '" FOCUS_ASSIST "'"};
     const Overlay overlay(options);
     arm(overlay, "CAM_FOCUS_CONFIG", EIO, 1);
     std::ofstream(overlay.state().run_directory + "/go") << "go";

@@ -136,7 +136,7 @@ TEST(CommandLine, SnapshotsOfTheOverlayShowItsReadout)
     const std::filesystem::path directory = mkdtemp(name.data());
     const std::string options = "--scene chart --post 0=1280x720 --snapshot ";
 
-    const Outcome with = simcam(options + (directory / "with").string() + " -- " FOCUS_ASSIST);
+    const Outcome with = simcam(options + (directory / "with").string() + " -- '" FOCUS_ASSIST "'");
     const Outcome without = simcam(options + (directory / "without").string());
 
     EXPECT_EQ(with.status, 0) << with.text;
