@@ -3,6 +3,7 @@
 
 #include "clients.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <map>
 #include <memory>
@@ -211,7 +212,8 @@ template <typename Record> static bool payload(const std::vector<uint8_t> &packe
 {
     if (packet.size() < sizeof(WireReply) + sizeof *record)
         return false;
-    memcpy(record, packet.data() + sizeof(WireReply), sizeof *record);
+    std::copy_n(packet.data() + sizeof(WireReply), sizeof *record,
+                reinterpret_cast<uint8_t *>(record));
     return true;
 }
 

@@ -14,8 +14,12 @@ int main()
 {
     if (std::getenv("FAKE_STUBBORN") != nullptr)
         std::signal(SIGTERM, SIG_IGN);
-    if (open(std::getenv("FAKE_DEVICE"), O_RDONLY) < 0)
-        return 1;
+    if (const char *path = std::getenv("FAKE_DEVICE")) {
+        static int device; // open until the process ends
+        device = open(path, O_RDONLY);
+        if (device < 0)
+            return 1;
+    }
     std::ofstream(std::getenv("FAKE_PIDFILE")) << getpid() << '\n';
     int status = 0;
     if (std::ifstream(std::getenv("FAKE_EXIT")) >> status)
