@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "web/http_json.h"
-#include "web/http_route.h"
+#include "web/json.h"
+#include "web/routes.h"
 
 using namespace simcam;
 
@@ -28,10 +28,10 @@ static std::string take_line(std::string *text)
 }
 
 static void check_number(const RoutedRequest &routed, const std::string &name,
-                         const RouteParameter &parameter)
+                         const Parameter &parameter)
 {
-    const auto found = routed.number.find(name);
-    if (found == routed.number.end())
+    const auto found = routed.values.number.find(name);
+    if (found == routed.values.number.end())
         return;
     demand(found->second >= parameter.least && found->second <= parameter.most,
            "a parameter out of its bounds");
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!json_read_object(request.body, &fields, &error))
         demand(!error.empty(), "a body refused without a reason");
 
-    const RoutedRequest routed = http_route(request);
+    const RoutedRequest routed = http_route(http_routes(), request);
     if (routed.status != 200) {
         demand(routed.status >= 400 && routed.status < 500, "a status that is no refusal");
         demand(!routed.error.empty(), "a refusal without a reason");
@@ -63,18 +63,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     demand(routed.route != nullptr, "understood, but without a route");
-    demand(routed.route->method == request.method || request.method == "HEAD",
+    demand(routed.route->text.method == request.method || request.method == "HEAD",
            "a route of another method");
-    for (const RouteParameter &parameter : routed.route->parameters) {
+    for (const Parameter &parameter : routed.route->text.parameters) {
         const std::string name = parameter.name;
         if (parameter.kind == ParameterKind::SIZE) {
             check_number(routed, name + "_width", parameter);
             check_number(routed, name + "_height", parameter);
-        } else if (parameter.kind != ParameterKind::TEXT) {
+        } else if (parameter.kind != ParameterKind::TEXT &&
+                   parameter.kind != ParameterKind::CHOICES) {
             check_number(routed, name, parameter);
         } else {
-            const auto found = routed.text.find(name);
-            demand(found == routed.text.end() || (double)found->second.size() <= 4 * parameter.most,
+            const auto found = routed.values.text.find(name);
+            demand(found == routed.values.text.end() ||
+                       (double)found->second.size() <= 4 * parameter.most,
                    "a text longer than its bound");
         }
     }

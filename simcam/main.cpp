@@ -9,7 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "camera/camera.h"
-#include "web/http.h"
+#include "web/server.h"
 #include "camera/snapshot.h"
 
 using namespace simcam;

@@ -7,7 +7,7 @@
 namespace simcam
 {
 
-static std::string number_text(double value)
+std::string number_text(double value)
 {
     char text[32];
     const auto [end, code] = std::to_chars(text, text + sizeof text, value);

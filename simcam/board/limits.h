@@ -29,6 +29,7 @@ constexpr size_t RECORDS_KEPT = 4096;    // of each kind
 
 constexpr double SWEEP_DEFAULT_S = 12;
 
+std::string number_text(double value); // the shortest text of a value
 // "0.5 to 3600"
 std::string range_text(const Range &range);
 // Returns an empty string, or "NAME must be 0.5 to 3600" for a value outside range or not a number.

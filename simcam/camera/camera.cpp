@@ -265,6 +265,11 @@ static double measured_rate(const Records<Measurement> &measurements, double now
     return count;
 }
 
+std::vector<std::string> camera_scenes()
+{
+    return scene_names();
+}
+
 CameraState camera_state(Camera &camera)
 {
     CameraState state;

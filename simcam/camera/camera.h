@@ -60,6 +60,7 @@ using CameraPtr = std::unique_ptr<Camera, CameraDelete>;
 // Makes and starts a camera. Returns null with *error set for options that it refuses.
 CameraPtr camera_start(const CameraOptions &options, std::string *error);
 
+std::vector<std::string> camera_scenes(); // the built-in ones
 CameraState camera_state(Camera &camera);
 Measurement camera_latest(Camera &camera); // number 0: there is none yet
 PostState camera_post(Camera &camera, int post);

@@ -4,10 +4,15 @@
 #include <string>
 #include <vector>
 
-#include "process/process.h"
-
 namespace simcam
 {
+
+struct ProcessOptions {
+    std::vector<std::string> program; // may be empty: nothing to start
+    std::string run_directory;
+    std::string library; // libqm7codec.so.2.0
+    std::string preload; // libsimcam_preload.so
+};
 
 // The path of the program that execvp would start; name itself if there is none.
 std::string program_find(const std::string &name);

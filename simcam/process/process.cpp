@@ -23,7 +23,6 @@
 #include <unistd.h>
 
 #include "board/records.h"
-#include "process/environment.h"
 
 namespace simcam
 {

@@ -6,15 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "process/environment.h"
+
 namespace simcam
 {
-
-struct ProcessOptions {
-    std::vector<std::string> program; // may be empty: nothing to start
-    std::string run_directory;
-    std::string library; // libqm7codec.so.2.0
-    std::string preload; // libsimcam_preload.so
-};
 
 struct ProcessState {
     bool configured = false; // a program was named

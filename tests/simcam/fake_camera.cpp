@@ -51,6 +51,11 @@ void CameraDelete::operator()(Camera *camera) const
     delete camera;
 }
 
+std::vector<std::string> camera_scenes()
+{
+    return {"photo", "chart"};
+}
+
 CameraState camera_state(Camera &camera)
 {
     const std::lock_guard lock(camera.mutex);

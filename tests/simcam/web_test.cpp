@@ -1,5 +1,5 @@
 // The server over real sockets, on a camera of records.
-#include "web/http.h"
+#include "web/server.h"
 
 #include <atomic>
 #include <filesystem>
@@ -18,7 +18,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "fake_camera.h"
-#include "web/http_route.h"
+#include "web/routes.h"
 
 using namespace simcam;
 using testing::ElementsAre;
@@ -27,7 +27,7 @@ using testing::StartsWith;
 
 // ---- a client that sends what it is told, byte for byte ----
 
-struct Answer {
+struct Response {
     int status = 0;
     std::map<std::string, std::string> header; // names in lower case
     std::string body;
@@ -113,9 +113,9 @@ class Client
     std::string read_;
 };
 
-static Answer parse_answer(const std::string &text)
+static Response parse_answer(const std::string &text)
 {
-    Answer answer;
+    Response answer;
     const size_t end = text.find("\r\n\r\n");
     if (text.rfind("HTTP/1.1 ", 0) != 0 || end == std::string::npos)
         return answer;
@@ -179,17 +179,17 @@ class Http : public testing::Test
         return method + " " + target + " HTTP/1.1\r\nHost: " + host_ + "\r\nConnection: close\r\n" +
                more + "\r\n";
     }
-    Answer ask(const std::string &method, const std::string &target, const std::string &more = "")
+    Response ask(const std::string &method, const std::string &target, const std::string &more = "")
     {
         Client client(port_);
         client.send_bytes(head(method, target, more));
         return parse_answer(client.read_all());
     }
-    Answer get(const std::string &target)
+    Response get(const std::string &target)
     {
         return ask("GET", target);
     }
-    Answer post(const std::string &target, const std::string &body)
+    Response post(const std::string &target, const std::string &body)
     {
         Client client(port_);
         client.send_bytes(head("POST", target,
@@ -209,7 +209,7 @@ class Http : public testing::Test
 
 TEST_F(Http, PageAndItsPartsAreServed)
 {
-    const Answer page = get("/");
+    const Response page = get("/");
 
     EXPECT_EQ(page.status, 200);
     EXPECT_EQ(page.header.at("content-type"), "text/html; charset=utf-8");
@@ -223,12 +223,12 @@ TEST_F(Http, PageAndItsPartsAreServed)
 
 TEST_F(Http, ApiListsEveryRoute)
 {
-    const Answer list = get("/api");
+    const Response list = get("/api");
 
     EXPECT_EQ(list.status, 200);
     EXPECT_EQ(list.header.at("content-type"), "application/json");
     for (const Route &route : http_routes())
-        EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.path) + "\""));
+        EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.text.path) + "\""));
 }
 
 // Every GET of the table gives what its line says; streams just begin.
@@ -241,16 +241,16 @@ TEST_F(Http, EveryRouteThatReadsAnswers)
     plane.depth_code = 2;
     fake_show(*camera_, 0, 0, plane, {11, 18, 17, 11});
     for (const Route &route : http_routes()) {
-        if (std::string(route.method) != "GET")
+        if (std::string(route.text.method) != "GET")
             continue;
-        const std::string target = with_zeros(route.path);
+        const std::string target = with_zeros(route.text.path);
         Client client(port_);
         client.send_bytes(head("GET", target));
 
-        const Answer answer = parse_answer(client.read_until_contains("\r\n\r\n"));
+        const Response answer = parse_answer(client.read_until_contains("\r\n\r\n"));
 
         EXPECT_EQ(answer.status, 200) << target;
-        EXPECT_THAT(answer.header.at("content-type"), StartsWith(route.answer)) << target;
+        EXPECT_THAT(answer.header.at("content-type"), StartsWith(route.text.answer)) << target;
     }
 }
 
@@ -258,7 +258,7 @@ TEST_F(Http, StateTellsWhatTheCameraIs)
 {
     fake_measure(*camera_, 321);
 
-    const Answer state = get("/api/state");
+    const Response state = get("/api/state");
 
     EXPECT_THAT(state.body, HasSubstr("\"raw\":32100"));
     EXPECT_THAT(state.body, HasSubstr("\"width\":720"));
@@ -275,7 +275,7 @@ TEST_F(Http, MeasurementsComeAsJsonAndAsTable)
         "{\"measurements\":[{\"blur_px\":0.0,\"number\":2,\"overlay\":{\"current\":7,\"peak\":0,"
         "\"percent\":0,\"running\":true},\"raw\":4200,\"ring\":0.0,"
         "\"time_s\":0.0625,\"value\":42}]}");
-    const Answer table = get("/api/measurements.csv?download=1");
+    const Response table = get("/api/measurements.csv?download=1");
     EXPECT_EQ(table.body, "number,time_s,ring,blur_px,raw,value\r\n"
                           "1,0.0312,0.00000,0.000,700,7\r\n2,0.0625,0.00000,0.000,4200,42\r\n");
     EXPECT_THAT(table.header.at("content-disposition"), StartsWith("attachment"));
@@ -286,7 +286,7 @@ TEST_F(Http, OutputComesByteForByte)
     fake_write(*camera_, 1, std::string("a\0b\xFF", 4));
     fake_write(*camera_, 2, "ERR\n");
 
-    const Answer both = get("/api/output");
+    const Response both = get("/api/output");
     EXPECT_EQ(both.body, std::string("a\0b\xFF"
                                      "ERR\n",
                                      8));
@@ -321,7 +321,7 @@ TEST_F(Http, FramesHaveThePostsSizeAndThePlanesOnRequest)
 
 TEST_F(Http, AFrameOfAPostThatIsOffIsRefused)
 {
-    const Answer answer = get("/api/posts/3/frame.png");
+    const Response answer = get("/api/posts/3/frame.png");
 
     EXPECT_EQ(answer.status, 409);
     EXPECT_THAT(answer.body, HasSubstr("post 3 is off"));
@@ -337,7 +337,7 @@ TEST_F(Http, PlanesComeRawAndAsPictures)
     plane.depth_code = 2;
     fake_show(*camera_, 0, 1, plane, {11, 18, 9, 9, 0, 20, 9, 9});
 
-    const Answer raw = get("/api/posts/0/planes/1/raw");
+    const Response raw = get("/api/posts/0/planes/1/raw");
     EXPECT_EQ(raw.body, std::string("\x0B\x12\x09\x09\0\x14\x09\x09", 8));
     EXPECT_EQ(raw.header.at("x-pitch"), "4");
     EXPECT_EQ(raw.header.at("x-depth"), "8");
@@ -386,7 +386,7 @@ TEST_F(Http, StartingAPostIsOneStepOfTheCamera)
 
 TEST_F(Http, WhatTheCameraRefusesIsPassedOn)
 {
-    const Answer answer = post("/api/scene", R"({"scene":"nowhere"})");
+    const Response answer = post("/api/scene", R"({"scene":"nowhere"})");
 
     EXPECT_EQ(answer.status, 409);
     EXPECT_THAT(answer.body, HasSubstr("no such file"));
@@ -398,12 +398,12 @@ TEST_F(Http, WhatTheCameraRefusesIsPassedOn)
 
 TEST_F(Http, RefusalsAreJsonWithTheirStatus)
 {
-    const Answer missing = get("/api/nothing");
+    const Response missing = get("/api/nothing");
     EXPECT_EQ(missing.status, 404);
     EXPECT_EQ(missing.header.at("content-type"), "application/json");
     EXPECT_THAT(missing.body, HasSubstr("\"status\":404"));
 
-    const Answer method = ask("PUT", "/api/faults");
+    const Response method = ask("PUT", "/api/faults");
     EXPECT_EQ(method.status, 405);
     EXPECT_EQ(method.header.at("allow"), "GET, POST, DELETE");
     EXPECT_EQ(post("/api/ring", "{\"ring\":7}").status, 400);
@@ -583,7 +583,7 @@ TEST_F(Http, StreamsAreCapped)
         clients.back()->read_until_contains("event: hello");
     }
 
-    const Answer refused = get("/api/events");
+    const Response refused = get("/api/events");
     EXPECT_EQ(refused.status, 503);
     EXPECT_THAT(refused.body, HasSubstr("streams are taken"));
     EXPECT_EQ(get("/api/state").status, 200) << "single answers go on";

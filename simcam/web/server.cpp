@@ -1,5 +1,5 @@
-// The server: its address, connections, and who may ask.
-#include "web/http.h"
+// Connections, the checks of their requests' origin, and the address.
+#include "web/server.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -8,30 +8,44 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <microhttpd.h>
 
-#include "web/http_server.h"
+#include "web/routes.h"
+#include "web/web.h"
 
 namespace simcam
 {
 
 static constexpr size_t TARGET_MAX = 8192; // bytes of a request's path and query
 static constexpr size_t STREAM_BLOCK = 64 * 1024;
+static constexpr int HTTP_NICENESS = 5;
+
+struct HttpServer {
+    Web web;
+    std::string address;
+    std::string machine_name;
+    MHD_Daemon *daemon = nullptr;
+
+    explicit HttpServer(Camera &camera) : web(camera)
+    {
+    }
+};
 
 // ---- connections ----
 
-// One request on its way in.
+// A request that is being received.
 struct Arrival {
     std::string target;
     std::string body;
     bool too_long = false;
-    bool seen = false; // the headers were looked at
+    bool seen = false; // on_request was called for the headers
 };
 
-static void add_headers(MHD_Response *response, const HttpReply &reply)
+static void add_headers(MHD_Response *response, const Answer &answer)
 {
     const std::pair<const char *, const char *> fixed[] = {
         {"Cache-Control", "no-store"},
@@ -43,30 +57,38 @@ static void add_headers(MHD_Response *response, const HttpReply &reply)
          "default-src 'self'; img-src 'self' blob: data:; frame-ancestors 'none'; base-uri 'none'; "
          "form-action 'self'"},
     };
-    MHD_add_response_header(response, "Content-Type", reply.type.c_str());
+    MHD_add_response_header(response, "Content-Type", answer.type.c_str());
     for (const auto &[name, value] : fixed)
         MHD_add_response_header(response, name, value);
-    for (const auto &[name, value] : reply.headers)
+    for (const auto &[name, value] : answer.headers)
         MHD_add_response_header(response, name.c_str(), value.c_str());
 }
 
 static MHD_Result send_response(MHD_Connection *connection, unsigned status, MHD_Response *response,
-                                const HttpReply &reply)
+                                const Answer &answer)
 {
     if (!response)
         return MHD_NO;
-    add_headers(response, reply);
+    add_headers(response, answer);
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;
 }
 
-static MHD_Result send_reply(MHD_Connection *connection, HttpReply reply)
+static void drop_body(void *body)
 {
-    // The library copies the body, since the reply ends here.
-    MHD_Response *response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(),
-                                                             MHD_RESPMEM_MUST_COPY);
-    return send_response(connection, reply.status, response, reply);
+    delete static_cast<std::shared_ptr<const std::string> *>(body);
+}
+
+static MHD_Result send_answer(MHD_Connection *connection, const Answer &answer)
+{
+    // The response holds a reference to the body instead of a copy.
+    auto *body = new std::shared_ptr<const std::string>(answer.body);
+    MHD_Response *response = MHD_create_response_from_buffer_with_free_callback_cls(
+        (*body)->size(), const_cast<char *>((*body)->data()), drop_body, body);
+    if (!response)
+        drop_body(body);
+    return send_response(connection, answer.status, response, answer);
 }
 
 static std::string header(MHD_Connection *connection, const char *name)
@@ -75,7 +97,7 @@ static std::string header(MHD_Connection *connection, const char *name)
     return value ? value : "";
 }
 
-// Called on the connection's own thread whenever there is room for more: it may wait.
+// Called on the connection's own thread, so it may block.
 static ssize_t on_room(void *context, uint64_t, char *buffer, size_t size)
 {
     const ssize_t count = stream_read(*static_cast<Stream *>(context), buffer, size);
@@ -87,73 +109,73 @@ static void on_stream_end(void *context)
     delete static_cast<Stream *>(context);
 }
 
-static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection,
-                              const RoutedRequest &request)
+static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection, Answer answer)
 {
-    auto stream = stream_make(server, request, header(connection, "Last-Event-ID"));
-    if (server.streams > HTTP_STREAMS_MAX) { // this one counts already
-        HttpReply reply = reply_error(503, "all " + std::to_string(HTTP_STREAMS_MAX) +
-                                               " streams are taken; close one");
-        reply.headers.emplace_back("Retry-After", "5");
-        return send_reply(connection, std::move(reply));
+    if (server.web.streams > HTTP_STREAMS_MAX) { // including this one
+        Answer refusal = answer_error(503, "all " + std::to_string(HTTP_STREAMS_MAX) +
+                                               " streams are in use; close one");
+        refusal.headers.emplace_back("Retry-After", "5");
+        return send_answer(connection, refusal);
     }
     const MHD_ConnectionInfo *info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    stream->socket = info ? info->connect_fd : -1;
-    HttpReply reply;
-    reply.type = stream->type;
+    answer.stream->socket = info ? info->connect_fd : -1;
     MHD_Response *response = MHD_create_response_from_callback(
-        MHD_SIZE_UNKNOWN, STREAM_BLOCK, on_room, stream.get(), on_stream_end);
+        MHD_SIZE_UNKNOWN, STREAM_BLOCK, on_room, answer.stream.get(), on_stream_end);
     if (response)
-        (void)stream.release(); // the response frees it
-    return send_response(connection, 200, response, reply);
+        (void)answer.stream.release(); // the response deletes it
+    return send_response(connection, 200, response, answer);
 }
 
-// Whether this request may be answered at all; the empty string, or why not.
-static std::string refuse_stranger(const HttpServer &server, MHD_Connection *connection)
+// Returns an empty string, or why the origin of the request is refused.
+static std::string refuse_origin(const HttpServer &server, MHD_Connection *connection)
 {
     const std::string host = header(connection, "Host");
     if (!http_host_is_ours(host, server.machine_name))
-        return "Host \"" + host + "\" is none of this server's names";
+        return "Host \"" + host + "\" does not name this server";
     const std::string origin = header(connection, "Origin");
     if (!origin.empty() && !http_origin_is_ours(origin, host))
         return "requests from another site are refused";
     return "";
 }
 
-static HttpReply refuse_method(const RoutedRequest &request)
+static Answer answer_refusal(const RoutedRequest &request)
 {
-    HttpReply reply = reply_error(static_cast<unsigned>(request.status), request.error);
+    Answer answer = answer_error(static_cast<unsigned>(request.status), request.error);
     if (request.status == 405)
-        reply.headers.emplace_back("Allow", request.allow);
-    return reply;
+        answer.headers.emplace_back("Allow", request.allow);
+    return answer;
 }
 
 static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const char *method,
                          Arrival &arrival)
 {
-    const std::string stranger = refuse_stranger(server, connection);
-    if (!stranger.empty())
-        return send_reply(connection, reply_error(403, stranger));
+    (void)setpriority(PRIO_PROCESS, 0, HTTP_NICENESS); // of this thread: the sensor goes first
+    const std::string foreign = refuse_origin(server, connection);
+    if (!foreign.empty())
+        return send_answer(connection, answer_error(403, foreign));
     if (arrival.target.size() > TARGET_MAX)
-        return send_reply(connection, reply_error(414, "the path is too long"));
+        return send_answer(connection, answer_error(414, "the path is too long"));
     if (arrival.too_long) {
         // One expression of the three makes GCC 14 warn of array bounds in the C++ library.
         std::string reason = "the body is longer than ";
         reason += std::to_string(HTTP_BODY_MAX) + " bytes";
-        return send_reply(connection, reply_error(413, reason));
+        return send_answer(connection, answer_error(413, reason));
     }
 
-    const RoutedRequest request = http_route(
-        {method, arrival.target, header(connection, "Content-Type"), std::move(arrival.body)});
+    const RoutedRequest request =
+        http_route(http_routes(), {method, arrival.target, header(connection, "Content-Type"),
+                                   std::move(arrival.body), header(connection, "Last-Event-ID")});
     if (request.status != 200)
-        return send_reply(connection, refuse_method(request));
-    // A picture on another site would make this camera work without an Origin to tell it by.
-    if (request.route->id != RouteId::PAGE && header(connection, "Sec-Fetch-Site") == "cross-site")
-        return send_reply(connection, reply_error(403, "requests from another site are refused"));
-    if (stream_is(request.route->id))
-        return send_stream(server, connection, request);
-    return send_reply(connection, reply_answer(server, request));
+        return send_answer(connection, answer_refusal(request));
+    // Another site's <img> sends no Origin but would make the camera encode pictures.
+    if (request.route != &http_routes().front() &&
+        header(connection, "Sec-Fetch-Site") == "cross-site")
+        return send_answer(connection, answer_error(403, "requests from another site are refused"));
+    Answer answer = request.route->handle(server.web, request);
+    if (answer.stream)
+        return send_stream(server, connection, std::move(answer));
+    return send_answer(connection, answer);
 }
 
 static void *on_target(void *, const char *target, MHD_Connection *)
@@ -192,7 +214,7 @@ static void log_nothing(void *, const char *, va_list)
 {
 }
 
-// ---- start and end ----
+// ---- start and stop ----
 
 static bool parse_listen(const std::string &listen, sockaddr_storage *address, socklen_t *length)
 {
@@ -232,13 +254,14 @@ static bool parse_listen(const std::string &listen, sockaddr_storage *address, s
     return false;
 }
 
-// A socket that listens, and the address it got. -1 with *error filled on failure.
+// Returns a listening socket and its address; -1 with *error set on failure.
 static int listen_on(const std::string &listen, std::string *address, std::string *error)
 {
     sockaddr_storage storage;
     socklen_t length = 0;
     if (!parse_listen(listen, &storage, &length)) {
-        *error = "\"" + listen + "\" is no address to listen on; wanted is one like 127.0.0.1:8080";
+        *error =
+            "\"" + listen + "\" is not an address to listen on; give one such as 127.0.0.1:8080";
         return -1;
     }
     auto *generic = reinterpret_cast<sockaddr *>(&storage);
@@ -279,8 +302,7 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
     char name[256] = "";
     if (gethostname(name, sizeof name - 1) == 0)
         server->machine_name = name;
-    server->session = std::to_string(std::random_device()());
-    server->pictures = picture_cache_make(camera);
+    server->web.session = std::to_string(std::random_device()());
     server->daemon =
         MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION |
                              MHD_USE_POLL | MHD_USE_ERROR_LOG,
@@ -306,7 +328,7 @@ std::string http_address(const HttpServer &server)
 
 void HttpServerDelete::operator()(HttpServer *server) const
 {
-    server->stopping = true;
+    server->web.stopping = true;
     if (server->daemon)
         MHD_stop_daemon(server->daemon);
     delete server;

@@ -1,5 +1,5 @@
 // Pictures of views and planes, and the sharing of frames.
-#include "web/http_picture.h"
+#include "web/frames.h"
 
 #include <thread>
 
@@ -19,6 +19,23 @@ static CameraPtr camera_with(const std::string &size_of_post_1)
     return camera_start(options, &error);
 }
 
+static cv::Mat decode(const std::shared_ptr<const std::string> &png)
+{
+    if (!png)
+        return {};
+    return cv::imdecode(std::vector<uchar>(png->begin(), png->end()), cv::IMREAD_UNCHANGED);
+}
+
+static cv::Mat indices_of(const PlaneImage &plane)
+{
+    return decode(frame_plane_indices(plane));
+}
+
+static cv::Mat colors_of(const PlaneImage &plane, const std::vector<uint8_t> &palette)
+{
+    return decode(frame_plane_colors(plane, palette));
+}
+
 static cv::Vec3b at(const cv::Mat &picture, int x, int y)
 {
     return picture.at<cv::Vec3b>(y, x);
@@ -28,7 +45,7 @@ TEST(PictureView, APostKeepsItsSize)
 {
     const auto camera = camera_with("720x576");
 
-    const cv::Mat picture = picture_view(*camera, {.view = 1});
+    const cv::Mat picture = frame_picture(*camera, {.view = 1});
 
     EXPECT_EQ(picture.size(), cv::Size(720, 576));
     EXPECT_EQ(at(picture, 100, 100), cv::Vec3b(80, 80, 80));
@@ -39,15 +56,15 @@ TEST(PictureView, WidthOnlyMakesItSmaller)
 {
     const auto camera = camera_with("1280x720");
 
-    EXPECT_EQ(picture_view(*camera, {.view = 1, .width = 320}).size(), cv::Size(320, 180));
-    EXPECT_EQ(picture_view(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
+    EXPECT_EQ(frame_picture(*camera, {.view = 1, .width = 320}).size(), cv::Size(320, 180));
+    EXPECT_EQ(frame_picture(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
 }
 
 TEST(PictureView, APostThatIsOffSaysSo)
 {
     const auto camera = camera_with("");
 
-    const cv::Mat picture = picture_view(*camera, {.view = 1});
+    const cv::Mat picture = frame_picture(*camera, {.view = 1});
 
     ASSERT_FALSE(picture.empty());
     double darkest = 0;
@@ -62,7 +79,7 @@ TEST(PictureView, AllFourLieInTheirQuarters)
     const auto camera = camera_with("1280x720");
     camera_start_post(*camera, 2, {360, 360}); // square: bars at its sides
 
-    const cv::Mat picture = picture_view(*camera, {.view = VIEW_ALL});
+    const cv::Mat picture = frame_picture(*camera, {.view = VIEW_ALL});
 
     EXPECT_EQ(picture.size(), cv::Size(1280, 720));
     EXPECT_EQ(at(picture, 640 + 320, 180), cv::Vec3b(80, 80, 80));    // post 1, top right
@@ -74,7 +91,7 @@ TEST(PictureView, TheSensorIsShownAsItIs)
 {
     const auto camera = camera_with("");
 
-    const cv::Mat picture = picture_view(*camera, {.view = VIEW_SENSOR});
+    const cv::Mat picture = frame_picture(*camera, {.view = VIEW_SENSOR});
 
     EXPECT_EQ(picture.size(), cv::Size(1280, 720));
     EXPECT_EQ(at(picture, 7, 7), cv::Vec3b(99, 99, 99));
@@ -83,8 +100,8 @@ TEST(PictureView, TheSensorIsShownAsItIs)
 TEST(PictureFiles, APngIsThePictureDotByDot)
 {
     const auto camera = camera_with("352x288");
-    const cv::Mat picture = picture_view(*camera, {.view = 1});
-    const std::string bytes = picture_png(picture);
+    const cv::Mat picture = frame_picture(*camera, {.view = 1});
+    const std::string bytes = frame_png(picture);
 
     const cv::Mat read =
         cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR);
@@ -102,7 +119,7 @@ TEST(PicturePlane, EightBitsAreOneByteADotAndThePitchIsSkipped)
     state.depth_code = 2;
     const PlaneImage plane = {state, {11, 16, 17, 99, 18, 19, 20, 99}};
 
-    const cv::Mat indices = picture_plane_indices(plane);
+    const cv::Mat indices = indices_of(plane);
 
     EXPECT_THAT(std::vector<uint8_t>(indices.begin<uint8_t>(), indices.end<uint8_t>()),
                 testing::ElementsAre(11, 16, 17, 18, 19, 20));
@@ -115,11 +132,11 @@ TEST(PicturePlane, FewerBitsLieFromTheLowestUp)
     state.height = 1;
     state.pitch = 2;
     state.depth_code = 1;
-    EXPECT_THAT(cv::Mat_<uint8_t>(picture_plane_indices({state, {0x21, 0xF3}})),
+    EXPECT_THAT(cv::Mat_<uint8_t>(indices_of({state, {0x21, 0xF3}})),
                 testing::ElementsAre(1, 2, 3, 15));
 
     state.depth_code = 0;
-    EXPECT_THAT(cv::Mat_<uint8_t>(picture_plane_indices({state, {0xE4, 0}})),
+    EXPECT_THAT(cv::Mat_<uint8_t>(indices_of({state, {0xE4, 0}})),
                 testing::ElementsAre(0, 1, 2, 3));
 }
 
@@ -131,7 +148,7 @@ TEST(PicturePlane, MemoryThatEndsEarlyLeavesZeros)
     state.pitch = 2; // narrower than the plane
     state.depth_code = 2;
 
-    const cv::Mat indices = picture_plane_indices({state, {1, 2, 3}});
+    const cv::Mat indices = indices_of({state, {1, 2, 3}});
 
     EXPECT_THAT(std::vector<uint8_t>(indices.begin<uint8_t>(), indices.end<uint8_t>()),
                 testing::ElementsAre(1, 2, 0, 0, 3, 0, 0, 0));
@@ -139,8 +156,8 @@ TEST(PicturePlane, MemoryThatEndsEarlyLeavesZeros)
 
 TEST(PicturePlane, NothingShownIsNoPicture)
 {
-    EXPECT_TRUE(picture_plane_indices({}).empty());
-    EXPECT_TRUE(picture_plane_colors({}, {}).empty());
+    EXPECT_TRUE(indices_of({}).empty());
+    EXPECT_TRUE(colors_of({}, {}).empty());
 }
 
 TEST(PicturePlane, ColorsComeFromThePalette)
@@ -152,7 +169,7 @@ TEST(PicturePlane, ColorsComeFromThePalette)
     state.pitch = 3;
     state.depth_code = 2;
 
-    const cv::Mat colors = picture_plane_colors({state, {0, 18, 200}}, camera_palette(*camera));
+    const cv::Mat colors = colors_of({state, {0, 18, 200}}, camera_palette(*camera));
 
     EXPECT_EQ(colors.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 cannot be seen";
     // Y 76, Cb 84, Cr 255: red = 76 + 1.402 * 127 = 254, green = 76 + 15.1 - 90.7 = 0, blue = 76 -
@@ -166,63 +183,115 @@ static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};
 TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(*camera);
-    const auto first = picture_cache_enter(*cache, {.view = 1});
-    const auto second = picture_cache_enter(*cache, {.view = 1});
+    FrameCache cache(*camera);
+    const auto first = frame_enter(cache, {.view = 1});
+    const auto second = frame_enter(cache, {.view = 1});
 
-    const auto a = picture_cache_frame(*cache, *first, 5, ASKED);
-    const auto b = picture_cache_frame(*cache, *second, 5, ASKED);
+    const auto a = frame_next(cache, *first, 5, ASKED);
+    const auto b = frame_next(cache, *second, 5, ASKED);
 
     EXPECT_EQ(a, b);
-    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
-    EXPECT_NE(picture_cache_frame(*cache, *second, 6, ASKED), a);
-    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
-    EXPECT_NE(picture_cache_frame(*cache, *first, 5, ASKED), a) << "a later one will do";
-    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
+    EXPECT_EQ(cache.encoded, 1u);
+    EXPECT_NE(frame_next(cache, *second, 6, ASKED), a);
+    EXPECT_EQ(cache.encoded, 2u);
+    EXPECT_NE(frame_next(cache, *first, 5, ASKED), a) << "a later one will do";
+    EXPECT_EQ(cache.encoded, 2u);
 }
 
 TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(*camera);
-    const auto entry = picture_cache_enter(*cache, {.view = 1});
-    picture_cache_frame(*cache, *entry, 5, ASKED);
+    FrameCache cache(*camera);
+    const auto entry = frame_enter(cache, {.view = 1});
+    frame_next(cache, *entry, 5, ASKED);
 
-    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(399));
-    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
-    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
-    EXPECT_EQ(picture_cache_encoded(*cache), 2u);
-    picture_cache_frame(*cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
-    EXPECT_EQ(picture_cache_encoded(*cache), 2u) << "counted from the frame made last";
+    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(399));
+    EXPECT_EQ(cache.encoded, 1u);
+    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
+    EXPECT_EQ(cache.encoded, 2u);
+    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
+    EXPECT_EQ(cache.encoded, 2u) << "counted from the frame made last";
 }
 
 // Viewers that ask while a frame is being made get that one, however long it takes.
 TEST(PictureCache, ManyAtOnceShareOneFrame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(*camera);
-    const auto entry = picture_cache_enter(*cache, {.view = 1});
+    FrameCache cache(*camera);
+    const auto entry = frame_enter(cache, {.view = 1});
     std::vector<std::shared_ptr<const std::string>> frames(8);
     std::vector<std::thread> viewers;
 
     for (auto &frame : frames)
-        viewers.emplace_back([&] { frame = picture_cache_frame(*cache, *entry, 5, ASKED); });
+        viewers.emplace_back([&] { frame = frame_next(cache, *entry, 5, ASKED); });
     for (std::thread &viewer : viewers)
         viewer.join();
 
     EXPECT_THAT(frames, testing::Each(frames[0]));
-    EXPECT_EQ(picture_cache_encoded(*cache), 1u);
+    EXPECT_EQ(cache.encoded, 1u);
 }
 
 TEST(PictureCache, OtherWishesGetTheirOwnFrame)
 {
     const auto camera = camera_with("352x288");
-    const auto cache = picture_cache_make(*camera);
+    FrameCache cache(*camera);
 
-    const auto plain = picture_cache_enter(*cache, {.view = 1, .planes = false});
-    const auto full = picture_cache_enter(*cache, {.view = 1});
+    const auto plain = frame_enter(cache, {.view = 1, .planes = false});
+    const auto full = frame_enter(cache, {.view = 1});
 
     EXPECT_NE(plain, full);
-    EXPECT_NE(*picture_cache_frame(*cache, *plain, 1, ASKED),
-              *picture_cache_frame(*cache, *full, 1, ASKED));
+    EXPECT_NE(*frame_next(cache, *plain, 1, ASKED), *frame_next(cache, *full, 1, ASKED));
+}
+
+TEST(FrameStill, ReadersThatWaitForTheEncoderShareTheNextFrame)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    const FrameRequest request = {.view = 1, .quality = QUALITY_PNG};
+    const std::shared_ptr<Frame> frame = frame_enter(cache, request);
+    std::vector<std::shared_ptr<const std::string>> stills(8);
+    std::vector<std::thread> readers;
+
+    frame->mutex.lock(); // as if another reader were encoding
+    for (auto &still : stills)
+        readers.emplace_back([&] {
+            uint64_t number = 0;
+            still = frame_still(cache, request, &number);
+        });
+    while (frame.use_count() < 9) // until all readers have asked
+        std::this_thread::yield();
+    frame->mutex.unlock();
+    for (std::thread &reader : readers)
+        reader.join();
+
+    EXPECT_THAT(stills, testing::Each(stills[0]));
+    EXPECT_EQ(cache.encoded, 1u);
+}
+
+TEST(FrameStill, IsNeverOlderThanItsRequest)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    const FrameRequest request = {.view = 1, .quality = QUALITY_PNG};
+    const auto hold = frame_enter(cache, request);
+    uint64_t number = 0;
+    EXPECT_EQ(decode(frame_still(cache, request, &number)).size(), cv::Size(352, 288));
+
+    EXPECT_EQ(camera_start_post(*camera, 1, {720, 480}), "");
+    fake_measure(*camera, 3);
+
+    EXPECT_EQ(decode(frame_still(cache, request, &number)).size(), cv::Size(720, 480));
+    EXPECT_EQ(number, 1u);
+}
+
+TEST(FrameStill, IsFreedByItsLastReader)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    uint64_t number = 0;
+
+    const std::weak_ptr<const std::string> still =
+        frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
+
+    EXPECT_TRUE(still.expired());
 }

@@ -1,4 +1,4 @@
-// The page's files, built into the program from simcam/page/.
+// The page's files, built into the program from simcam/web/page/.
 #pragma once
 
 #include <string_view>
@@ -12,7 +12,7 @@ struct PageFile {
     std::string_view content;
 };
 
-// The file at path; null where there is none.
+// The file at path; null if there is none.
 const PageFile *page_find(std::string_view path);
 
 } // namespace simcam

@@ -1,7 +1,8 @@
 // JSON in and out of the web interface; the only source that includes the JSON library.
-#include "web/http_json.h"
+#include "web/json.h"
 
 #include <cstdio>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -18,9 +19,18 @@ static std::string text_of(const json &value)
 bool json_read_object(const std::string &text, std::vector<JsonField> *fields, std::string *error)
 {
     fields->clear();
-    const json object = json::parse(text, nullptr, false);
+    std::set<std::string> names;
+    const auto refuse_twice = [&](int depth, json::parse_event_t event, const json &value) {
+        if (depth == 1 && event == json::parse_event_t::key && !names.insert(value).second)
+            *error = value.get<std::string>() + " is given twice";
+        return true;
+    };
+    error->clear();
+    const json object = json::parse(text, refuse_twice, false);
+    if (!error->empty())
+        return false;
     if (!object.is_object()) {
-        *error = object.is_discarded() ? "the body is no JSON" : "the body must be a JSON object";
+        *error = object.is_discarded() ? "the body is not JSON" : "the body must be a JSON object";
         return false;
     }
     for (const auto &[name, value] : object.items()) {
@@ -69,50 +79,31 @@ std::string json_hello(const std::string &session)
     return text_of({{"session", session}});
 }
 
-// ---- what there is ----
+// ---- routes ----
 
-static const char *kind_name(ParameterKind kind)
+std::string json_routes(const std::vector<const RouteText *> &routes)
 {
-    switch (kind) {
-    case ParameterKind::INTEGER:
-        return "integer";
-    case ParameterKind::NUMBER:
-        return "number";
-    case ParameterKind::FLAG:
-        return "flag";
-    case ParameterKind::TEXT:
-        return "text";
-    case ParameterKind::SIZE:
-        return "size";
-    case ParameterKind::CODE:
-        return "code";
-    }
-    return "";
-}
-
-std::string json_routes()
-{
-    json routes = json::array();
-    for (const Route &route : http_routes()) {
+    json list = json::array();
+    for (const RouteText *route : routes) {
         json parameters = json::array();
-        for (const RouteParameter &parameter : route.parameters) {
-            json item = {{"name", parameter.name},
-                         {"kind", kind_name(parameter.kind)},
-                         {"least", parameter.least},
-                         {"most", parameter.most},
-                         {"required", parameter.fallback == nullptr},
-                         {"help", parameter.help}};
-            if (parameter.fallback && *parameter.fallback)
-                item["default"] = parameter.fallback;
+        for (const Parameter &parameter : route->parameters) {
+            json item = {
+                {"name", parameter.name},          {"kind", parameter_kind_name(parameter.kind)},
+                {"least", parameter.least},        {"most", parameter.most},
+                {"required", !parameter.fallback}, {"help", parameter.help}};
+            if (parameter.fallback && !parameter.fallback->empty())
+                item["default"] = *parameter.fallback;
+            if (!parameter.choices.empty())
+                item["choices"] = parameter.choices;
             parameters.push_back(std::move(item));
         }
-        routes.push_back({{"method", route.method},
-                          {"path", route.path},
-                          {"answer", route.answer},
-                          {"help", route.help},
-                          {"parameters", std::move(parameters)}});
+        list.push_back({{"method", route->method},
+                        {"path", route->path},
+                        {"answer", route->answer},
+                        {"help", route->help},
+                        {"parameters", std::move(parameters)}});
     }
-    return text_of({{"routes", std::move(routes)}});
+    return text_of({{"routes", std::move(list)}});
 }
 
 // ---- records ----

@@ -1,5 +1,5 @@
-// Streams of the web interface: pictures and events that go on until their reader leaves.
-#include "web/http_server.h"
+// Streams of pictures and of server-sent events.
+#include "web/streams.h"
 
 #include <algorithm>
 #include <chrono>
@@ -8,28 +8,29 @@
 
 #include <poll.h>
 
-#include "web/http_json.h"
+#include "web/json.h"
+#include "web/web.h"
 
 namespace simcam
 {
 
 using Clock = std::chrono::steady_clock;
 
-static constexpr double WAIT_SLICE_S = 0.25; // how long a stream waits before it looks around
+static constexpr double WAIT_SLICE_S = 0.25; // after which a stream checks its reader
 static constexpr auto STATE_EVERY = std::chrono::milliseconds(200);
 static constexpr auto STATE_AT_LEAST_EVERY = std::chrono::seconds(1);
-static constexpr size_t EVENT_BATCH = 256; // records of a kind in one go
+static constexpr size_t EVENT_BATCH = 256; // records of a kind at once
 
 // ---- streams ----
 
-Stream::Stream(HttpServer *of) : server(of)
+Stream::Stream(Web *of) : web(of)
 {
-    ++server->streams;
+    ++web->streams;
 }
 
 Stream::~Stream()
 {
-    --server->streams;
+    --web->streams;
 }
 
 static bool reader_left(int socket)
@@ -41,7 +42,7 @@ static bool reader_left(int socket)
 ssize_t stream_read(Stream &stream, char *buffer, size_t size)
 {
     while (stream.sent == stream.pending.size()) {
-        if (stream.server->stopping || reader_left(stream.socket))
+        if (stream.web->stopping || reader_left(stream.socket))
             return -1;
         stream.pending = stream.next();
         stream.sent = 0;
@@ -52,11 +53,12 @@ ssize_t stream_read(Stream &stream, char *buffer, size_t size)
     return static_cast<ssize_t>(count);
 }
 
-// Pictures, one part each, at most fps a second, and only as fast as the reader takes them.
+// ---- pictures ----
+
 struct PictureStream {
-    HttpServer *server;
-    std::shared_ptr<CachedPicture> entry;
-    std::chrono::duration<double> pause{};
+    Web *web;
+    std::shared_ptr<Frame> frame;
+    Clock::duration pause;
     uint64_t number = 0;
     Clock::time_point due = Clock::now();
 
@@ -68,27 +70,39 @@ struct PictureStream {
                 std::min<Clock::duration>(due - start, std::chrono::milliseconds(250)));
             return {};
         }
-        // Without measurements the pictures go on, slowly: posts and planes change all the same.
-        camera_wait(server->camera, number, WAIT_SLICE_S * 2);
-        if (server->stopping)
+        // Without measurements the stream continues slowly, since posts and planes still change.
+        camera_wait(web->camera, number, WAIT_SLICE_S * 2);
+        if (web->stopping)
             return {};
-        number = camera_latest(server->camera).number;
-        const auto jpeg = picture_cache_frame(*server->pictures, *entry, number, Clock::now());
-        // Counted from when it was due, so that waiting does not add up; from now after a long
-        // stall.
-        const auto step = std::chrono::duration_cast<Clock::duration>(pause);
-        due = std::max(due + step, Clock::now() - step);
+        number = camera_latest(web->camera).number;
+        const auto jpeg = frame_next(web->frames, *frame, number, Clock::now());
+        // From the time it was due, so that delays do not add up; from now on after a long stall.
+        due = std::max(due + pause, Clock::now() - pause);
         return "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: " +
                std::to_string(jpeg->size()) + "\r\nX-Measurement: " + std::to_string(number) +
                "\r\n\r\n" + *jpeg + "\r\n";
     }
 };
 
-// Server-sent events of several kinds over one connection.
+std::unique_ptr<Stream> stream_pictures(Web &web, const FrameRequest &request, double fps)
+{
+    auto stream = std::make_unique<Stream>(&web);
+    stream->type = "multipart/x-mixed-replace; boundary=frame";
+    auto pictures = std::make_shared<PictureStream>();
+    pictures->web = &web;
+    pictures->frame = frame_enter(web.frames, request);
+    pictures->pause =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1 / fps));
+    stream->next = [pictures] { return pictures->next(); };
+    return stream;
+}
+
+// ---- events ----
+
 struct EventStream {
-    HttpServer *server;
+    Web *web;
     bool states = false, measurements = false, outputs = false, calls = false;
-    uint64_t measurement = 0, output = 0, call = 0; // numbers of what was sent last
+    uint64_t measurement = 0, output = 0, call = 0; // numbers of the last records sent
     bool greeted = false;
     std::string state_sent;
     Clock::time_point state_time{};
@@ -96,7 +110,7 @@ struct EventStream {
 
     std::string event(const char *name, const std::string &data) const
     {
-        return "event: " + std::string(name) + "\nid: " + server->session + "-" +
+        return "event: " + std::string(name) + "\nid: " + web->session + "-" +
                std::to_string(measurement) + "-" + std::to_string(output) + "-" +
                std::to_string(call) + "\ndata: " + data + "\n\n";
     }
@@ -106,7 +120,7 @@ struct EventStream {
         const Clock::time_point now = Clock::now();
         if (now - state_time < STATE_EVERY && !state_sent.empty())
             return {};
-        const CameraState state = camera_state(server->camera);
+        const CameraState state = camera_state(web->camera);
         std::string settled = json_state(state, false);
         if (settled == state_sent && now - state_time < STATE_AT_LEAST_EVERY)
             return {};
@@ -120,25 +134,25 @@ struct EventStream {
         std::string text;
         if (!greeted) {
             greeted = true;
-            text += "retry: 1000\n" + event("hello", json_hello(server->session));
+            text += "retry: 1000\n" + event("hello", json_hello(web->session));
         }
         if (states)
             text += state_event();
         if (outputs) {
-            for (const OutputChunk &chunk : camera_output(server->camera, output, EVENT_BATCH)) {
+            for (const OutputChunk &chunk : camera_output(web->camera, output, EVENT_BATCH)) {
                 output = chunk.number;
                 text += event("output", json_output(chunk));
             }
         }
         if (calls) {
-            for (const CallRecord &record : camera_calls(server->camera, call, EVENT_BATCH)) {
+            for (const CallRecord &record : camera_calls(web->camera, call, EVENT_BATCH)) {
                 call = record.number;
                 text += event("call", json_call(record));
             }
         }
         if (measurements) {
             for (const Measurement &m :
-                 camera_measurements(server->camera, measurement, EVENT_BATCH)) {
+                 camera_measurements(web->camera, measurement, EVENT_BATCH)) {
                 measurement = m.number;
                 text += event("measurement", json_measurement(m));
             }
@@ -151,13 +165,13 @@ struct EventStream {
         std::string text = gather();
         const Clock::time_point now = Clock::now();
         if (text.empty() && now - anything_time > std::chrono::seconds(2))
-            text = ": still here\n\n"; // a reader that is gone shows only when something is sent
+            text = ": still here\n\n"; // detects readers that are gone
         if (!text.empty()) {
             anything_time = now;
             return text;
         }
         if (measurements)
-            camera_wait(server->camera, measurement, WAIT_SLICE_S / 2);
+            camera_wait(web->camera, measurement, WAIT_SLICE_S / 2);
         else
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return {};
@@ -169,10 +183,10 @@ static bool has_kind(const std::string &kinds, const std::string &kind)
     return ("," + kinds + ",").find("," + kind + ",") != std::string::npos;
 }
 
-// Where a reader that lost its connection was, as the id of its last event says.
+// Continues after the event of that id, if it is of this session.
 static void resume_events(const std::string &last_id, EventStream *events)
 {
-    const std::string prefix = events->server->session + "-";
+    const std::string prefix = events->web->session + "-";
     unsigned long long m = 0, o = 0, c = 0;
     if (last_id.rfind(prefix, 0) != 0 ||
         sscanf(last_id.c_str() + prefix.size(), "%19llu-%19llu-%19llu", &m, &o, &c) != 3)
@@ -182,48 +196,25 @@ static void resume_events(const std::string &last_id, EventStream *events)
     events->call = c;
 }
 
-static EventStream make_events(HttpServer &server, const RoutedRequest &request,
-                               const std::string &last_id)
+std::unique_ptr<Stream> stream_events(Web &web, const std::string &kinds, bool backlog,
+                                      const std::string &last_id)
 {
-    EventStream events;
-    events.server = &server;
-    const std::string &kinds = request.text.at("kinds");
-    events.states = has_kind(kinds, "state");
-    events.measurements = has_kind(kinds, "measurement");
-    events.outputs = has_kind(kinds, "output");
-    events.calls = has_kind(kinds, "call");
-    if (request.number.at("backlog") == 0) {
-        const CameraNewest newest = camera_newest(server.camera);
-        events.measurement = newest.measurement;
-        events.output = newest.output;
-        events.call = newest.call;
+    auto stream = std::make_unique<Stream>(&web);
+    stream->type = "text/event-stream";
+    auto events = std::make_shared<EventStream>();
+    events->web = &web;
+    events->states = has_kind(kinds, "state");
+    events->measurements = has_kind(kinds, "measurement");
+    events->outputs = has_kind(kinds, "output");
+    events->calls = has_kind(kinds, "call");
+    if (!backlog) {
+        const CameraNewest newest = camera_newest(web.camera);
+        events->measurement = newest.measurement;
+        events->output = newest.output;
+        events->call = newest.call;
     }
-    resume_events(last_id, &events);
-    return events;
-}
-
-bool stream_is(RouteId id)
-{
-    return id == RouteId::EVENTS || id == RouteId::POST_STREAM || id == RouteId::ALL_STREAM ||
-           id == RouteId::SENSOR_STREAM;
-}
-
-std::unique_ptr<Stream> stream_make(HttpServer &server, const RoutedRequest &request,
-                                    const std::string &last_id)
-{
-    auto stream = std::make_unique<Stream>(&server);
-    if (request.route->id == RouteId::EVENTS) {
-        stream->type = "text/event-stream";
-        auto events = std::make_shared<EventStream>(make_events(server, request, last_id));
-        stream->next = [events] { return events->next(); };
-        return stream;
-    }
-    stream->type = "multipart/x-mixed-replace; boundary=frame";
-    auto pictures = std::make_shared<PictureStream>();
-    pictures->server = &server;
-    pictures->entry = picture_cache_enter(*server.pictures, reply_picture_request(request));
-    pictures->pause = std::chrono::duration<double>(1 / request.number.at("fps"));
-    stream->next = [pictures] { return pictures->next(); };
+    resume_events(last_id, events.get());
+    stream->next = [events] { return events->next(); };
     return stream;
 }
 

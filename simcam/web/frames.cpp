@@ -1,21 +1,19 @@
-// Pictures of the web interface: views, planes, and the frames that viewers share.
-#include "web/http_picture.h"
+// Views, encoding and the sharing of frames.
+#include "web/frames.h"
 
 #include <algorithm>
-#include <atomic>
-#include <map>
-#include <mutex>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "camera/camera.h"
 #include "camera/pictures.h"
 #include "picture/compose.h"
 
 namespace simcam
 {
 
-static constexpr int TILE_WIDTH = 640; // a post's share of the picture of all four
+static constexpr int TILE_WIDTH = 640; // of a post in the picture of all four
 static constexpr int TILE_HEIGHT = 360;
 static const cv::Scalar DARK(26, 22, 20); // blue, green, red
 static const cv::Scalar PALE(150, 140, 132);
@@ -66,7 +64,7 @@ static cv::Mat all_posts(Camera &camera, bool planes)
     return all;
 }
 
-cv::Mat picture_view(Camera &camera, const PictureRequest &request)
+cv::Mat frame_picture(Camera &camera, const FrameRequest &request)
 {
     cv::Mat picture = request.view == VIEW_ALL ? all_posts(camera, request.planes)
                       : request.view == VIEW_SENSOR
@@ -91,14 +89,9 @@ static std::string encode(const char *kind, const cv::Mat &picture, const std::v
     return std::string(bytes.begin(), bytes.end());
 }
 
-std::string picture_png(const cv::Mat &picture)
+std::string frame_png(const cv::Mat &picture)
 {
     return encode(".png", picture, {cv::IMWRITE_PNG_COMPRESSION, 1});
-}
-
-std::string picture_jpeg(const cv::Mat &picture, int quality)
-{
-    return encode(".jpg", picture, {cv::IMWRITE_JPEG_QUALITY, quality});
 }
 
 // ---- planes ----
@@ -110,75 +103,75 @@ static ShownPlane shown_plane(const PlaneImage &plane)
         plane.bytes.data(), plane.bytes.size(), p.width, p.height, p.pitch, p.depth_code, p.x, p.y};
 }
 
-cv::Mat picture_plane_indices(const PlaneImage &plane)
+static std::shared_ptr<const std::string> png_or_null(const cv::Mat &picture)
 {
-    return plane_indices(shown_plane(plane));
+    return picture.empty() ? nullptr : std::make_shared<const std::string>(frame_png(picture));
 }
 
-cv::Mat picture_plane_colors(const PlaneImage &plane, const std::vector<uint8_t> &palette)
+std::shared_ptr<const std::string> frame_plane_indices(const PlaneImage &plane)
 {
-    return plane_colors(shown_plane(plane), palette);
+    return png_or_null(plane_indices(shown_plane(plane)));
 }
 
-// ---- frames for several viewers ----
-
-struct CachedPicture {
-    PictureRequest request;
-    // Held while the frame is made: the others wait for it instead of making their own.
-    std::mutex mutex;
-    uint64_t number = 0;
-    std::chrono::steady_clock::time_point asked; // by whoever made the frame
-    std::shared_ptr<const std::string> jpeg;
-};
-
-struct PictureCache {
-    Camera &camera;
-    std::mutex mutex; // of entries
-    std::map<PictureRequest, std::weak_ptr<CachedPicture>> entries;
-    std::atomic<uint64_t> encoded{0};
-
-    explicit PictureCache(Camera &its_camera) : camera(its_camera)
-    {
-    }
-};
-
-std::shared_ptr<PictureCache> picture_cache_make(Camera &camera)
+std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
+                                                      const std::vector<uint8_t> &palette)
 {
-    return std::make_shared<PictureCache>(camera);
+    return png_or_null(plane_colors(shown_plane(plane), palette));
 }
 
-std::shared_ptr<CachedPicture> picture_cache_enter(PictureCache &cache,
-                                                   const PictureRequest &request)
+// ---- frames for several readers ----
+
+std::shared_ptr<Frame> frame_enter(FrameCache &cache, const FrameRequest &request)
 {
     const std::lock_guard lock(cache.mutex);
     std::erase_if(cache.entries, [](const auto &entry) { return entry.second.expired(); });
-    std::shared_ptr<CachedPicture> entry = cache.entries[request].lock();
-    if (!entry) {
-        entry = std::make_shared<CachedPicture>();
-        entry->request = request;
-        cache.entries[request] = entry;
+    std::shared_ptr<Frame> frame = cache.entries[request].lock();
+    if (!frame) {
+        frame = std::make_shared<Frame>();
+        frame->request = request;
+        cache.entries[request] = frame;
     }
-    return entry;
+    return frame;
 }
 
-std::shared_ptr<const std::string> picture_cache_frame(PictureCache &cache, CachedPicture &entry,
-                                                       uint64_t number,
-                                                       std::chrono::steady_clock::time_point asked)
+// The frame's mutex is held.
+static void encode_frame(FrameCache &cache, Frame &frame, uint64_t number)
 {
-    const std::lock_guard lock(entry.mutex);
-    if (entry.jpeg && entry.number >= number && asked - entry.asked < FRAME_AGE_MAX)
-        return entry.jpeg;
-    const cv::Mat picture = picture_view(cache.camera, entry.request);
-    entry.jpeg = std::make_shared<std::string>(picture_jpeg(picture, entry.request.quality));
-    entry.number = number;
-    entry.asked = asked;
+    const FrameRequest &request = frame.request;
+    const cv::Mat picture = frame_picture(cache.camera, request);
+    frame.bytes = std::make_shared<const std::string>(
+        request.quality == QUALITY_PNG
+            ? frame_png(picture)
+            : encode(".jpg", picture, {cv::IMWRITE_JPEG_QUALITY, request.quality}));
+    frame.number = number;
     ++cache.encoded;
-    return entry.jpeg;
 }
 
-uint64_t picture_cache_encoded(const PictureCache &cache)
+std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t number,
+                                              FrameClock::time_point asked)
 {
-    return cache.encoded;
+    const std::lock_guard lock(frame.mutex);
+    if (frame.bytes && frame.number >= number && asked - frame.asked < FRAME_AGE_MAX)
+        return frame.bytes;
+    frame.asked = asked;
+    frame.begun = FrameClock::now();
+    encode_frame(cache, frame, number);
+    return frame.bytes;
+}
+
+std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameRequest &request,
+                                               uint64_t *number)
+{
+    const FrameClock::time_point asked = FrameClock::now();
+    const std::shared_ptr<Frame> frame = frame_enter(cache, request);
+    const std::lock_guard lock(frame->mutex);
+    if (!frame->bytes || frame->begun < asked) {
+        const std::lock_guard still(cache.still);
+        frame->asked = frame->begun = FrameClock::now();
+        encode_frame(cache, *frame, camera_latest(cache.camera).number);
+    }
+    *number = frame->number;
+    return frame->bytes;
 }
 
 } // namespace simcam

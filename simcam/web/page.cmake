@@ -1,5 +1,5 @@
 # Writes a C++ source with the page's files as text:
-# cmake -DPAGE=folder -DFILES=a,b -DOUTPUT=file -P http_page.cmake
+# cmake -DPAGE=folder -DFILES=a,b -DOUTPUT=file -P page.cmake
 string(REPLACE "," ";" FILES "${FILES}")
 set(entries "")
 foreach(file IN LISTS FILES)
@@ -20,7 +20,7 @@ foreach(file IN LISTS FILES)
     string(APPEND entries "    {\"${path}\", \"${type}\", R\"~~~(${content})~~~\"},\n")
 endforeach()
 file(WRITE "${OUTPUT}" "// Made from simcam/web/page/ at build time.
-#include \"web/http_page.h\"
+#include \"web/page.h\"
 
 namespace simcam
 {

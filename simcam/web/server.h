@@ -1,10 +1,8 @@
-// The web interface of the simulated camera: the page, and everything the page does for scripts and
-// tests.
+// The web server of the simulated camera: the page, and the same for scripts and tests.
 //
-// One thread a connection, at most HTTP_CONNECTIONS_MAX; a reader that stalls holds up its own
-// thread only. The address must be one of this machine; a request is answered only where its Host
-// names this server by a loopback name, an address or the machine's name, and where no other site
-// sent it.
+// One thread for each connection, at most HTTP_CONNECTIONS_MAX; a reader that stalls delays its own
+// thread only. A request is refused if its Host is not a loopback name, a numeric address or the
+// machine's name, or if another site sent it.
 #pragma once
 
 #include <memory>
@@ -16,9 +14,9 @@ namespace simcam
 {
 
 constexpr unsigned HTTP_CONNECTIONS_MAX = 48;
-constexpr unsigned HTTP_STREAMS_MAX = 16;   // of those, endless ones: pictures and events
-constexpr unsigned HTTP_IDLE_S = 15;        // a connection without progress is closed after it
-constexpr size_t HTTP_BODY_MAX = 16 * 1024; // bytes of a request's body
+constexpr unsigned HTTP_STREAMS_MAX = 16;   // of them with a stream of pictures or events
+constexpr unsigned HTTP_IDLE_S = 15;        // after which a connection without progress is closed
+constexpr size_t HTTP_BODY_MAX = 16 * 1024; // bytes of a request
 constexpr const char *HTTP_LISTEN_DEFAULT = "127.0.0.1:8080";
 
 struct HttpServer;

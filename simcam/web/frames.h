@@ -1,0 +1,81 @@
+// Pictures as the web interface sends them: views, encoding, and frames that several readers share.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+#include "board/state.h"
+
+namespace simcam
+{
+
+struct Camera;
+
+constexpr int VIEW_ALL = POST_COUNT;        // the four posts in one picture
+constexpr int VIEW_SENSOR = POST_COUNT + 1; // the sensor's picture, without planes
+constexpr int QUALITY_PNG = 0;
+
+struct FrameRequest {
+    int view = 0; // a post, VIEW_ALL or VIEW_SENSOR
+    bool planes = true;
+    int width = 0;    // at most so wide; 0: as it is
+    int quality = 80; // of a JPEG; QUALITY_PNG: a PNG
+
+    auto operator<=>(const FrameRequest &) const = default;
+};
+
+// 8-bit BGR; a post that is off gives a dark picture that says so.
+cv::Mat frame_picture(Camera &camera, const FrameRequest &request);
+std::string frame_png(const cv::Mat &picture);
+
+// A plane's palette indices as gray values, and a plane in its colors, as PNGs. Null if the plane
+// has no pixels.
+std::shared_ptr<const std::string> frame_plane_indices(const PlaneImage &plane);
+std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
+                                                      const std::vector<uint8_t> &palette);
+
+using FrameClock = std::chrono::steady_clock;
+
+// The newest frame of one request.
+struct Frame {
+    FrameRequest request;
+    std::mutex mutex;    // held during encoding: others wait for it instead of encoding as well
+    uint64_t number = 0; // of the measurement
+    FrameClock::time_point asked; // by the reader that encoded it
+    FrameClock::time_point begun; // when its encoding began
+    std::shared_ptr<const std::string> bytes;
+};
+
+struct FrameCache {
+    Camera &camera;
+    std::mutex mutex; // of entries
+    std::map<FrameRequest, std::weak_ptr<Frame>> entries;
+    std::mutex still; // one still picture is encoded at a time
+    std::atomic<uint64_t> encoded{0};
+
+    explicit FrameCache(Camera &its_camera) : camera(its_camera)
+    {
+    }
+};
+
+// One reader's hold on the frames of request; the last one frees them.
+std::shared_ptr<Frame> frame_enter(FrameCache &cache, const FrameRequest &request);
+// How old a frame of a stream may get while nothing is measured: posts and planes still change.
+constexpr std::chrono::milliseconds FRAME_AGE_MAX{400};
+// For streams: the frame of measurement number or a later one, encoded by the reader that comes
+// first. asked is when the caller asked; the time it waits for another reader's encode is ignored.
+std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t number,
+                                              FrameClock::time_point asked);
+// For still pictures: a frame whose encoding began after the call. Readers that wait for the
+// encoder share the next frame. Sets *number to that of its measurement.
+std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameRequest &request,
+                                               uint64_t *number);
+
+} // namespace simcam
