@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <malloc.h>
 #include <string>
 #include <unistd.h>
 
@@ -46,6 +47,14 @@ struct Options {
     std::string snapshot;
 };
 
+static std::string join(const std::vector<std::string> &words)
+{
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
 // Prints the message and exits with status 2, wrong usage.
 [[noreturn]] static void refuse(const std::string &message)
 {
@@ -83,7 +92,7 @@ static void parse(int argc, char **argv, Options *options)
     app.get_formatter()->column_width(34);
     CameraOptions &camera = options->camera;
     app.add_option("--scene", camera.scene,
-                   "photo, chart, or the path of a picture, a video or a\n/dev/video*")
+                   join(camera_scenes()) + ", or the path of a picture, a video or a\n/dev/video*")
         ->type_name("NAME")
         ->capture_default_str();
     app.add_option("--post", options->posts,
@@ -98,7 +107,7 @@ static void parse(int argc, char **argv, Options *options)
         ->capture_default_str();
     app.add_flag("--sweep", camera.sweep, "turn the ring back and forth");
     app.add_option("--sweep-period", camera.sweep_period_s,
-                   "time of one turn back and forth, 0.5 to 3600")
+                   "time of one turn back and forth, " + range_text(SWEEP_RANGE_S))
         ->type_name("SECONDS")
         ->capture_default_str();
     app.add_option("--seed", camera.seed, "seed of the noise; same seed, same numbers")
@@ -109,7 +118,8 @@ static void parse(int argc, char **argv, Options *options)
                    "pad plane lines to a multiple of 1, 8, 16, 32 or 64")
         ->type_name("BYTES")
         ->capture_default_str();
-    app.add_option("--rate", camera.rate_hz, "measurements per second, 1 to 240")
+    app.add_option("--rate", camera.rate_hz,
+                   "measurements per second, " + range_text(RATE_RANGE_HZ))
         ->type_name("HZ")
         ->capture_default_str();
     app.add_option("--listen", options->listen, "address of the page; port 0 chooses a free port")
@@ -176,8 +186,18 @@ static int run(Camera &camera, const Options &options, const sigset_t &signals)
     return 0;
 }
 
+// Returns freed memory to the system. By default every thread of the web server gets an arena of
+// its own, and freed pictures stay in it.
+static void limit_memory()
+{
+    (void)mallopt(M_ARENA_MAX, 2);
+    (void)mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    (void)mallopt(M_TRIM_THRESHOLD, 1 << 20);
+}
+
 int main(int argc, char **argv)
 {
+    limit_memory();
     Options options;
     parse(argc, argv, &options);
     const sigset_t signals = block_signals();

@@ -51,7 +51,7 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
     expect_refused("--pitch-align 5", "1, 8, 16, 32 or 64");
     expect_refused("--ring 2", "must be 0 to 1");
     expect_refused("--ring left", "left");
-    expect_refused("--rate 0", "between 1 and 240");
+    expect_refused("--rate 0", "must be 1 to 240");
     expect_refused("--scene /no/such/picture.png", "/no/such/picture.png");
     expect_refused("--unknown", "--unknown");
     expect_refused("-- /no/such/program", "/no/such/program");
