@@ -585,7 +585,7 @@ TEST_F(Http, StreamsAreCapped)
 
     const Response refused = get("/api/events");
     EXPECT_EQ(refused.status, 503);
-    EXPECT_THAT(refused.body, HasSubstr("streams are taken"));
+    EXPECT_THAT(refused.body, HasSubstr("streams are in use"));
     EXPECT_EQ(get("/api/state").status, 200) << "single answers go on";
 
     clients.clear();
@@ -770,7 +770,7 @@ TEST(HttpStart, AddressesThatAreNoneAreRefused)
     for (const char *listen : {"", "x", "127.0.0.1:", "127.0.0.1:99999", "nowhere.example:80",
                                "1.2.3:80", "127.0.0.1:-1", "[::1:80"}) {
         EXPECT_EQ(http_start(*camera, listen, &error), nullptr) << listen;
-        EXPECT_THAT(error, HasSubstr("no address to listen on"));
+        EXPECT_THAT(error, HasSubstr("not an address to listen on"));
     }
 }
 
