@@ -3,10 +3,11 @@
 // The camera checks every call and keeps all state that outlives a process; here are the
 // connection, the mappings of the memory it lends, and the thread that runs the notify callback.
 // One lock guards all of it; it is held during a call, so calls of several threads go one after
-// another. The notify thread takes it only to read the callback, never while the callback runs.
+// another. The notify thread does not take it, so a slow call delays no report.
 
 #include "qm7codec.h"
 
+#include <atomic>
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
@@ -37,13 +38,13 @@ struct Library {
     int events;     // what WireNotify records arrive on; valid while initialized
     bool thread_runs;
     pthread_t thread;
-    PostNotifyCallback callback;
     Mapping color;
     PlaneMappings plane[WIRE_POSTS][WIRE_PLANES];
 };
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-static Library library; // guarded by lock
+static Library library;                                 // guarded by lock
+static std::atomic<PostNotifyCallback> notify_callback; // set with the lock held, read without
 
 static int32_t fail(uint32_t code)
 {
@@ -144,9 +145,7 @@ static void *notify_run(void *argument)
             continue;
         if (length != (ssize_t)sizeof record)
             break;
-        pthread_mutex_lock(&lock);
-        const PostNotifyCallback callback = library.callback;
-        pthread_mutex_unlock(&lock);
+        const PostNotifyCallback callback = notify_callback;
         if (callback)
             callback({record.mask_bit, record.post_res_id, record.post, record.running});
     }
@@ -230,6 +229,7 @@ int32_t qm7_cl_library_exit()
     close(library.connection);
     unmap_all();
     library = {};
+    notify_callback = nullptr;
     pthread_mutex_unlock(&lock);
 
     if (thread_runs && pthread_equal(thread, pthread_self()))
@@ -257,7 +257,7 @@ int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback)
     if (result == 0)
         result = notify_start();
     if (result == 0)
-        library.callback = callback;
+        notify_callback = callback;
     pthread_mutex_unlock(&lock);
     return result;
 }

@@ -190,6 +190,34 @@ TEST_F(CodecTest, TheCallbackRunsOnAThreadOfTheLibrary)
     EXPECT_FAILS(qm7_cl_post_thread_get_status(res_id, &status), CODEC_POST_NOT_RUNNING);
 }
 
+TEST_F(CodecTest, ASlowCallDelaysNoReport)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
+    ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
+    told_at(0);
+    EXPECT_EQ(board_set_fault(board, {"qm7_cl_post_thread_get_status", 0, 1, 4000, 0}), "");
+    std::atomic<bool> returned = false;
+    std::thread slow([&] {
+        PostStatus status = {};
+        (void)qm7_cl_post_thread_get_status(res_id, &status);
+        returned = true;
+    });
+    const auto taken = [&] {
+        const std::lock_guard guard(board.lock);
+        return board.faults.empty();
+    };
+    while (!taken()) // until the call is under way
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+    EXPECT_EQ(board_stop_post(board, 0), "");
+
+    EXPECT_EQ(told_at(1).running, 0u);
+    EXPECT_FALSE(returned);
+    slow.join();
+}
+
 static std::atomic<int32_t> called_back_result = 1;
 
 TEST_F(CodecTest, TheCallbackMayCallTheLibrary)
