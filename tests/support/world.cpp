@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include "product_state.h"
-#include "world_parts.h"
 
 namespace world
 {

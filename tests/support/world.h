@@ -5,12 +5,17 @@
 //
 // FreeType and the files are the real ones behind a wrapper; memory of the codec library is
 // guarded. Only the display thread may call in.
+//
+// Implemented by world.cpp, world_codec.cpp, world_files.cpp and world_freetype.cpp; a test program
+// links the sources that it needs.
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -176,5 +181,22 @@ struct Streams {
     std::string err;
 };
 Streams with_streams(const std::function<void()> &action);
+
+// ---- for world_codec.cpp, world_files.cpp and world_freetype.cpp -------------------------------
+
+struct Object {
+    int64_t number;
+    Fn maker;
+};
+extern std::map<const void *, Object> objects; // those that exist
+
+// Records that maker made object, in place of any older one at that address. Returns its number.
+int64_t born(const void *object, Fn maker);
+
+// Records that object is released; false if it does not exist.
+bool die(const void *object);
+
+// Records a call. The reference is valid until the next one.
+Event &begin(Fn fn, std::initializer_list<int64_t> in = {});
 
 } // namespace world

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "osd/osd_session.h"
-#include "world_parts.h"
+#include "world.h"
 
 using namespace world;
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "osd/osd_palette.h"
-#include "world_parts.h"
+#include "world.h"
 
 using namespace world;
 

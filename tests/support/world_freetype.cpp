@@ -7,7 +7,7 @@
 
 #include "font/font_engine.h"
 #include "freetype_wrap.h"
-#include "world_parts.h"
+#include "world.h"
 
 using namespace world;
 
