@@ -1,5 +1,5 @@
-// The program's steps, each once, for an instruction counter: scripts/bench-baseline runs this
-// under callgrind, which collects only between begin and end. Prints the allocations of each step.
+// Runs each step of the program once for an instruction counter: scripts/bench-baseline runs this
+// under callgrind, which counts only while a step runs. Prints the allocations of each step.
 //
 // Argument: the font.
 
@@ -33,7 +33,7 @@ static const Size SIZES[POST_COUNT] = {{"1920x1080", 1920, 1080},
 
 // ---- steps -------------------------------------------------------------------------------------
 
-// Does step once, counted under name.
+// Runs step once, counted under name.
 template <typename Step> static void count(const std::string &name, Step step)
 {
     const int64_t before = allocations().calls;
@@ -72,7 +72,7 @@ int main(int argc, char **argv)
     for (uint32_t post = 0; post < POST_COUNT; post++) {
         null_codec_set_post(post, SIZES[post].width, SIZES[post].height);
         osd_post_notify({0, post, post, 1});
-        display_pass(&state, &display); // opens the planes; binds what is bound at a first call
+        display_pass(&state, &display); // opens the planes; the loader binds the functions it calls
         count(std::string("pass-") + SIZES[post].name, [&] { display_pass(&state, &display); });
         osd_post_notify({0, post, post, 0});
         PostState *drawn = &display.posts[post];

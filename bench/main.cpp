@@ -1,9 +1,9 @@
 // What drawing costs, as a multiple of setting the same bytes in the same run: one table, with the
 // pixel-by-pixel reference beside the program. Every figure is the best of several runs taken in
-// random order, so that what else the machine does counts little.
+// random order, which reduces the influence of other load on the machine.
 //
-// --limits=FACTOR ends with status 1 where a line is over FACTOR times its limit by more than the
-// "/"; everything else is the benchmark library's.
+// --limits=FACTOR exits with status 1 if a line, without the time for rendering the "/", exceeds
+// FACTOR times its limit. All other options belong to the benchmark library.
 
 #include <algorithm>
 #include <cstdint>
@@ -115,12 +115,12 @@ static void render_slash(const FontEngine &engine)
 // One line of the table: an operation and what it is compared with.
 struct Line {
     std::string name;
-    size_t bytes; // that memset sets
-    double limit; // of product / memset; 0: none
+    size_t bytes; // set by memset
+    double limit; // of product / memset; 0: no limit
     std::function<void()> memset;
     std::function<void()> product;
     std::function<void()> literal; // may be empty
-    std::function<void()> slash;   // the part that is FreeType's, may be empty
+    std::function<void()> slash;   // FreeType rendering the "/"; may be empty
 };
 
 // Keeps the best time of every benchmark.
@@ -166,7 +166,7 @@ static void measure(const std::string &line, const std::string &part,
     });
 }
 
-// Copies so many bytes.
+// Returns an action that copies this many bytes.
 static std::function<void()> make_copy(size_t bytes)
 {
     const auto source = std::make_shared<std::vector<uint8_t>>(bytes, (uint8_t)1);
@@ -180,7 +180,7 @@ static std::function<void()> make_copy(size_t bytes)
 
 static long allocations_of(const std::function<void()> &action)
 {
-    action(); // what is made once
+    action(); // makes what is allocated only once
     const int64_t before = allocations().calls;
     action();
     return (long)(allocations().calls - before);
@@ -207,7 +207,7 @@ static const char *remark(double multiple, double slash, double limit)
     return is_over(multiple - slash, limit) ? "  OVER" : "  over, by the \"/\"";
 }
 
-// Returns how many lines are over their limit times factor.
+// Returns the number of lines that exceed their limit times factor.
 static int print(const std::vector<Line> &lines, const BestTimes &times, double factor)
 {
     int over = 0;
@@ -235,7 +235,7 @@ static int print(const std::vector<Line> &lines, const BestTimes &times, double 
 
 // ---- main --------------------------------------------------------------------------------------
 
-// The bar of a post, and a filled box of the same size; limited: with the limits of these two.
+// The bar of a post, and a filled box of the same size. limited: their limits apply.
 static void add_painters(std::vector<Line> *lines, const Post *post, bool limited)
 {
     const OsdRegion &region = post->regions[0];
@@ -253,7 +253,7 @@ static void add_painters(std::vector<Line> *lines, const Post *post, bool limite
                       [=] { reference::paint_rectangle(*memory, rect); }, nullptr});
 }
 
-// The text's box alone, in a buffer of its own.
+// The box of the text alone, in its own buffer.
 static void add_text(std::vector<Line> *lines, const std::string &name, Post *post)
 {
     const DrawRect target = *make_string_rect(&post->regions[1], &post->state, 1);
@@ -365,7 +365,7 @@ int main(int argc, char **argv)
         measure(line.name, "slash", line.slash);
     }
 
-    // Arguments of the command line stand last and win.
+    // Arguments of the command line come last and so take precedence.
     std::vector<std::string> arguments = {argv[0], "--benchmark_repetitions=15",
                                           "--benchmark_min_time=0.01",
                                           "--benchmark_enable_random_interleaving=true"};

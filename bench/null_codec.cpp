@@ -72,7 +72,7 @@ int32_t qm7_cl_post_thread_get_status(uint32_t post, PostStatus *status)
 
 int32_t qm7_cl_post_open_osd(uint32_t post, const OsdOpenParam *param, uint32_t *, uint32_t *pitch)
 {
-    *pitch = (param->width + 15u) & ~15u; // lines as most display hardware wants them
+    *pitch = (param->width + 15u) & ~15u; // a common alignment of display hardware
     plane_bytes[post][param->number] = *pitch * param->height;
     return plane_bytes[post][param->number] > sizeof plane_memory[0][0];
 }

@@ -1,11 +1,11 @@
-// A codec library that hands out static memory and does nothing else, so that what is counted or
-// timed is the program itself. Posts have their index as resource id.
+// A codec library that hands out static memory and does nothing else, so that only the
+// program itself is counted or timed. A post's index is its resource id.
 #pragma once
 
 #include <span>
 #include <stdint.h>
 
-// The size that a post reports of itself from now on.
+// Sets the size that a post reports from now on.
 void null_codec_set_post(uint32_t post, uint16_t width, uint16_t height);
 
 // The memory of a plane that has been opened.

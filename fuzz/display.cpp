@@ -1,5 +1,5 @@
-// A camera that does what the input says: reports, outputs, answers, memory and focus values
-// between and during passes of the display thread. Every pass has to be what the model makes of it.
+// A camera controlled by the input: reports, outputs, answers, memory and focus values between and
+// during passes of the display thread. Every pass must match the model.
 
 #include <algorithm>
 #include <array>
@@ -37,7 +37,7 @@ static uint32_t post_id(Input *input)
     return 0x51000000 + input->byte() % 16;
 }
 
-// A value of some importance, or any.
+// A boundary value, or any value.
 static uint32_t number(Input *input)
 {
     static const std::array<uint32_t, 16> VALUES = {
@@ -76,8 +76,8 @@ static void set_plane(Input *input)
         plane.size = number(input) % MEMORY_MAX;
     if ((what & 16) != 0)
         plane.failed_pitch = number(input);
-    // Without a size of its own the memory has what pitch and height ask for; the pitch may be that
-    // of a plane which was opened before.
+    // Without an explicit size the memory has pitch x height bytes; the pitch may be that of a
+    // plane opened before.
     const uint32_t pitch = std::max(plane.pitch.value_or(0), plane.opened_pitch);
     if (pitch > 2000 && !plane.size)
         plane.size = pitch % MEMORY_MAX;
@@ -139,8 +139,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string font = script.font_path;
     script = Script();
     script.font_path = font;
-    // Small pictures, so that there are many: inputs ask for larger ones. The pitch has room for
-    // the text of the smallest output.
+    // Small pictures, so that many fit into a run; inputs can request larger ones. The pitch has
+    // room for the text of the smallest output.
     for (size_t post = 0; post < 4; post++) {
         script.width[post] = 352;
         script.height[post] = 240;
@@ -177,7 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         one_pass(&input);
     } catch (const model::Mismatch &mismatch) {
-        fprintf(stderr, "not as the model: %s\n", mismatch.what());
+        fprintf(stderr, "differs from the model: %s\n", mismatch.what());
         abort();
     }
     if (objects_alive() != 4 * (1 + 1 + 1 + 65)) { // libraries, faces, arrays, glyphs

@@ -1,5 +1,5 @@
-// Any file where the font should be: start-up, three passes on four outputs and tear-down may fail
-// or draw, as the model makes of what FreeType says, and nothing is left behind.
+// Any file in place of the font: start-up, three passes on four outputs and teardown fail or draw
+// as the model does with FreeType's results, and release every object.
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,9 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Scene scene;
     const MemoryFile file(data, size);
     script.font_path = file.path();
-    // A font can ask for 260 glyphs of any size; a camera has no memory for large ones.
+    // A font can request 260 glyphs of any size; a camera lacks the memory for large ones.
     script.largest_block = 1 << 20;
-    // Narrow planes: what is drawn on them costs little beside FreeType.
+    // Narrow planes: drawing on them takes little time compared with FreeType.
     for (size_t post = 0; post < 4; post++) {
         script.planes[post][0].pitch = 32;
         script.planes[post][1].pitch = 192;
@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             scene.check([i] { (void)font_clear_engine(&font_engines[i]); },
                         [&scene, i] { scene.model.clear_engine(&scene.model.engines[i]); });
     } catch (const model::Mismatch &mismatch) {
-        fprintf(stderr, "not as the model: %s\n", mismatch.what());
+        fprintf(stderr, "differs from the model: %s\n", mismatch.what());
         abort();
     }
     if (objects_alive() != 0) {

@@ -1,5 +1,5 @@
-// A request of the web interface: it is refused with a reason or has a route with every parameter
-// within its bounds.
+// A request to the web interface is either refused with a reason or gets a route with every
+// parameter within its bounds.
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +18,7 @@ static void demand(bool holds, const char *what)
     }
 }
 
-// Up to the next line end.
+// Returns the text up to the next line end.
 static std::string take_line(std::string *text)
 {
     const size_t end = text->find('\n');
@@ -57,14 +57,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const RoutedRequest routed = http_route(http_routes(), request);
     if (routed.status != 200) {
-        demand(routed.status >= 400 && routed.status < 500, "a status that is no refusal");
+        demand(routed.status >= 400 && routed.status < 500,
+               "a refusal with a status outside 400..499");
         demand(!routed.error.empty(), "a refusal without a reason");
         (void)json_error(routed.status, routed.error);
         return 0;
     }
-    demand(routed.route != nullptr, "understood, but without a route");
+    demand(routed.route != nullptr, "accepted without a route");
     demand(routed.route->text.method == request.method || request.method == "HEAD",
-           "a route of another method");
+           "a route with another method");
     for (const Parameter &parameter : routed.route->text.parameters) {
         const std::string name = parameter.name;
         if (parameter.kind == ParameterKind::SIZE) {

@@ -1,4 +1,4 @@
-// An input taken apart from its front; what is missing at the end is zero.
+// Reads values from the front of an input; past its end, every byte is zero.
 #pragma once
 
 #include <cstddef>

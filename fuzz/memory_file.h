@@ -1,4 +1,4 @@
-// A file in memory that can be opened by its path as long as it lives.
+// A file in memory that can be opened by its path while this object exists.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-// The wrapped calls are the program's; this is none of them.
+// Bypasses the wrapper, which records the program's calls only.
 extern "C" int __real_close(int file);
 
 struct MemoryFile {

@@ -1,4 +1,4 @@
-// The two painters, on memory of any size: every byte is that of the pixel-by-pixel reference.
+// The two painters on memory of any size: every byte must match the pixel-by-pixel reference.
 
 #include <algorithm>
 #include <cstdio>
@@ -10,7 +10,7 @@
 #include "input.h"
 #include "reference.h"
 
-// A number near 0, near the width of memory, or any.
+// A number near 0, near the width of memory, or any number.
 static int32_t number(Input *input, int kind)
 {
     const uint8_t byte = input->byte();
@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int32_t percent = number(&input, what >> 4);
     const size_t bytes = input.half() % 512;
 
-    // To the byte on the heap, so that the sanitizer sees what lies outside.
+    // Exact-size heap blocks, so that the sanitizer detects accesses outside them.
     const std::unique_ptr<uint8_t[]> painted(new uint8_t[bytes]);
     const std::unique_ptr<uint8_t[]> expected(new uint8_t[bytes]);
     memset(painted.get(), 0xA5, bytes);

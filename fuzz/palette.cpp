@@ -1,5 +1,5 @@
-// A palette file of any content on color memory of any size, read whole or cut short, and the
-// session around it failing anywhere.
+// A palette file with any content and color memory of any size; the read may be short, and any
+// call of the session may fail.
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,11 +35,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (result != expected)
             throw model::Mismatch("result " + std::to_string(result));
     } catch (const model::Mismatch &mismatch) {
-        fprintf(stderr, "not as the model: %s\n", mismatch.what());
+        fprintf(stderr, "differs from the model: %s\n", mismatch.what());
         abort();
     }
     if (objects_alive() != 0) {
-        fprintf(stderr, "a descriptor left open\n");
+        fprintf(stderr, "a descriptor is still open\n");
         abort();
     }
     return 0;

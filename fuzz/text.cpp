@@ -1,6 +1,6 @@
-// A string of glyphs of any shape, pitch and place, on memory of any size and depth: every byte is
-// that of the pixel-by-pixel reference. The engine is built once; its cached glyphs are replaced by
-// those of the input. FreeType renders the one character that the cache lacks.
+// A string of glyphs of any shape, pitch and position on memory of any size and depth: every byte
+// must match the pixel-by-pixel reference. The engine is built once; its cached glyphs are replaced
+// by those of the input. FreeType renders the one character that the cache lacks.
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 #include "reference.h"
 
 static constexpr char CHARACTERS[] = "019 -aZ/"; // "/" is not in the cache
-static constexpr size_t GLYPHS = 3;              // of the input, in turn
+static constexpr size_t GLYPHS = 3;              // in the input, used in turn
 
 static FontEngine &engine()
 {
@@ -23,7 +23,7 @@ static FontEngine &engine()
     return made;
 }
 
-// A bitmap of its own size on the heap, so that the sanitizer sees what is read outside.
+// A bitmap in an exact-size heap block, so that the sanitizer detects reads outside it.
 struct Shape {
     FT_BitmapGlyphRec glyph = {};
     std::unique_ptr<uint8_t[]> bits;

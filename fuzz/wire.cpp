@@ -1,5 +1,5 @@
-// Packets of two clients at the camera's socket, and posts that start and stop between them: each
-// is refused or answered by a record of the protocol.
+// Packets from two clients of the camera's socket, and posts that start and stop in between. Each
+// packet must be refused or answered by a record of the protocol.
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,12 +25,12 @@ static void packet(Board &board, Session &session, Input *input)
     uint8_t bytes[WIRE_REQUEST_MAX + 8] = {};
     size_t size = input->byte() % sizeof bytes;
     size_t from = 0;
-    if (shape < 224) { // a packet of the right head and length
+    if (shape < 224) { // a packet with a valid header and length
         const WireHeader header = {WIRE_VERSION, shape % (WIRE_CALL_END + 1u), input->byte()};
         memcpy(bytes, &header, sizeof header);
         from = sizeof header;
         size = from + wire_request_size(header.call);
-        // Ids that exist are rare among all: the input may name one by its number.
+        // Random ids rarely exist, so the input can select an existing one by its index.
         if ((shape & 64) != 0 && size >= from + 4) {
             const uint32_t id = board.post[input->byte() % POST_COUNT].state.res_id;
             memcpy(bytes + from, &id, sizeof id);
@@ -43,7 +43,7 @@ static void packet(Board &board, Session &session, Input *input)
     Request request;
     if (!request_decode(bytes, size, &request))
         return;
-    demand(request.header.call < WIRE_CALL_END, "a call that there is not");
+    demand(request.header.call < WIRE_CALL_END, "an unknown call");
     demand(size == sizeof(WireHeader) + wire_request_size(request.header.call), "a wrong length");
     demand(request_call(request_name(request.header.call)) == request.header.call, "a wrong name");
     (void)request_arguments(request);
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     Input input = {data, size};
     Board board;
-    demand(board_init(board, 1, 1u << input.byte() % 7), "no board");
+    demand(board_init(board, 1, 1u << input.byte() % 7), "board_init failed");
     Session sessions[2];
     for (Session &session : sessions)
         board_add_session(board, session, 1);
