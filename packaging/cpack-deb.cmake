@@ -1,5 +1,5 @@
-# Runs after a package was made: writes the outer archive of a .deb anew without the times and
-# modes of temporary files.
+# Runs after a package was made: rewrites the outer archive of a .deb without the times and modes of
+# temporary files.
 
 foreach(package ${CPACK_PACKAGE_FILES})
     if(NOT package MATCHES "\\.deb$")

@@ -1,5 +1,5 @@
-# Runs before a package is made of a staged folder: gives every file the time SOURCE_DATE_EPOCH, so
-# that the same files make the same package.
+# Runs before a package is made of a staged folder: gives every file the time SOURCE_DATE_EPOCH, which
+# makes packages reproducible.
 
 if(DEFINED ENV{SOURCE_DATE_EPOCH})
     execute_process(COMMAND find ${CPACK_TEMPORARY_INSTALL_DIRECTORY} -exec

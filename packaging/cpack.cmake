@@ -1,4 +1,4 @@
-# What goes into which package; read by cpack once a generator.
+# Selects the components of each package. cpack reads this once for each generator.
 
 set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
 if(CPACK_GENERATOR STREQUAL "DEB")

@@ -2,7 +2,7 @@
 // virtio-serial port: a LinkHead, then its bytes. Little-endian on both sides.
 //
 // Every connection of the guest (a process that uses the codec library, an open device) is a client
-// with a number of its own. Its packets are those of platform/wire.h, unchanged; memory cannot
+// with its own number. Its packets are those of platform/wire.h, unchanged; memory cannot
 // cross the port, so the bytes of a plane or of the color table go to the host right before the
 // call that shows them.
 #pragma once
@@ -13,7 +13,7 @@
 struct LinkHead {
     uint32_t size;   // bytes that follow
     uint16_t type;   // a LinkType
-    uint16_t client; // 0 where the record belongs to no client
+    uint16_t client; // 0 if the record belongs to no client
 };
 static_assert(sizeof(LinkHead) == 8, "link record");
 
@@ -21,10 +21,10 @@ constexpr uint32_t LINK_SIZE_MAX = 64u << 20; // a longer record is an error
 
 enum LinkType : uint16_t {
     // from the guest
-    LINK_HELLO = 1, // the server runs and /dev/cam is there
+    LINK_HELLO = 1, // the server runs and /dev/cam exists
     LINK_OPEN,      // a new client
     LINK_CALL,      // a request packet of a client
-    LINK_CLOSE,     // a client has gone
+    LINK_CLOSE,     // a client has disconnected
     LINK_PLANE,     // LinkPlane, then bytes of a plane that the next call shows
     LINK_COLORS,    // the color table that the next call sets
     LINK_OUTPUT,    // bytes that the overlay wrote
@@ -32,7 +32,7 @@ enum LinkType : uint16_t {
     LINK_DONE,      // an action has ended: its LinkAction and the exit status, a word each
 
     // from the host
-    LINK_REPLY, // a reply packet; that of the color memory is followed by the color table
+    LINK_REPLY, // a reply packet; after one for the color memory, the color table
     LINK_EVENT, // a WireNotify of a client
     LINK_GONE,  // simcam has closed the client's connection
     LINK_ACTION // one word, a LinkAction; then the text of ACTION_SHELL

@@ -1,12 +1,12 @@
-// Stands in for the CGI support library of a camera: writes the process id, in decimal and with a
-// line end, into a pid file.
+// Replaces the CGI support library of a camera: writes the process id, in decimal with a line end,
+// into a pid file.
 
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <unistd.h>
 
-// Returns 0, or -1 where the file could not be written; path is then as far written as it came.
+// Returns 0, or -1 if the file could not be written; the file may then be incomplete.
 extern "C" int32_t cgi_set_pid(const char *path);
 
 extern "C" int32_t cgi_set_pid(const char *path)
@@ -18,6 +18,6 @@ extern "C" int32_t cgi_set_pid(const char *path)
     if (file < 0)
         return -1;
     const ssize_t written = write(file, text, (size_t)length);
-    (void)close(file); // what was written stays written, whatever close says
+    (void)close(file); // the bytes are written already, so a failing close does not matter
     return written == length ? 0 : -1;
 }

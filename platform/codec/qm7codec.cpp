@@ -1,9 +1,9 @@
-// Stands in for the camera codec library: a client of the simulated camera.
+// Replaces the camera codec library: a client of the simulated camera.
 //
-// The camera checks every call and keeps all state that outlives a process; here are the
-// connection, the mappings of the memory it lends, and the thread that runs the notify callback.
-// One lock guards all of it; it is held during a call, so calls of several threads go one after
-// another. The notify thread does not take it, so a slow call delays no report.
+// The camera checks every call and keeps all state that outlives a process. This file keeps the
+// connection, the mappings of the memory that the camera lends, and the thread that runs the notify
+// callback. One lock guards all of it and is held during a call, which serializes calls of several
+// threads. The notify thread does not take it, so a slow call delays no report.
 
 #include "qm7codec.h"
 
@@ -22,7 +22,7 @@
 
 struct Mapping {
     uint8_t *base;
-    size_t reserved; // bytes, with the unmapped page behind
+    size_t reserved; // bytes, including the unmapped page after the memory
     WireMemory memory;
 };
 
@@ -33,9 +33,9 @@ struct PlaneMappings {
 
 struct Library {
     bool initialized;
-    bool dead;      // the camera went away; only library_exit succeeds
+    bool dead;      // the connection failed; only library_exit succeeds
     int connection; // valid while initialized
-    int events;     // what WireNotify records arrive on; valid while initialized
+    int events;     // socket that receives WireNotify records; valid while initialized
     bool thread_runs;
     pthread_t thread;
     Mapping color;
@@ -52,7 +52,7 @@ static int32_t fail(uint32_t code)
     return -1;
 }
 
-// Makes the call and turns its outcome into a library result. The lock is held.
+// Makes the call and converts its outcome into a library result. The caller holds the lock.
 static int32_t call_camera(uint32_t call, const void *request, void *reply, int *fd)
 {
     if (!library.initialized)
@@ -78,7 +78,7 @@ static int32_t call_locked(uint32_t call, const void *request, void *reply)
     return result;
 }
 
-// Closes the descriptor that came with an answer, if one did; the result's code stays in errno.
+// Closes the descriptor received with an answer, if any. Preserves errno.
 static void close_received(int fd)
 {
     if (fd < 0)
@@ -97,7 +97,8 @@ static void unmap(Mapping *mapping)
     *mapping = {};
 }
 
-// Maps the memory behind fd so that its last byte is the last of a page and the page behind faults.
+// Maps the memory of fd so that its last byte is the last of a page; the next page is unmapped, so
+// that an access beyond the end faults.
 static bool map(Mapping *mapping, const WireMemory *memory, int fd)
 {
     const size_t page = (size_t)sysconf(_SC_PAGESIZE);
@@ -134,7 +135,8 @@ static void unmap_all()
 
 // ---- notification
 
-// Runs the callback for every report until the camera closes its end. events is this thread's own.
+// Runs the callback for every report until the camera closes its end. Only this thread uses and
+// closes events.
 static void *notify_run(void *argument)
 {
     const int events = (int)(intptr_t)argument;
@@ -153,7 +155,7 @@ static void *notify_run(void *argument)
     return nullptr;
 }
 
-// Starts the thread with every signal blocked: signals are the program's business.
+// Starts the thread with every signal blocked: the program's own threads handle signals.
 static int32_t notify_start()
 {
     if (library.thread_runs)
@@ -172,7 +174,7 @@ static int32_t notify_start()
 
 // ---- the library's functions
 
-// A program that is started without a camera may end before it makes a call, and without a word.
+// A program started without a camera may exit before its first call and print nothing.
 __attribute__((constructor)) static void explain_without_camera()
 {
     client_check();
@@ -330,8 +332,8 @@ int32_t qm7_cl_post_close_osd(uint32_t post_res_id, uint32_t number)
     return call_locked(WIRE_POST_CLOSE_OSD, &request, nullptr);
 }
 
-// Finds or makes the mapping of the buffer that reply describes. Memory of an earlier opening of
-// the plane is unmapped: who still draws into it does so after the end of its post.
+// Finds or makes the mapping of the buffer that reply describes. Unmaps memory of an earlier
+// opening of the plane: drawing into it after its post has stopped is an error.
 static Mapping *plane_mapping(const WireOsdMem *reply, int fd)
 {
     if (reply->post >= WIRE_POSTS || reply->number >= WIRE_PLANES || reply->buffer >= WIRE_BUFFERS)

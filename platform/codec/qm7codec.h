@@ -1,13 +1,14 @@
-// The camera codec library's interface, as far as an overlay on a post-processor output needs it.
+// The camera codec library's interface, limited to what an overlay on a post-processor output
+// needs.
 //
-// Every function returns 0, or -1 with the library's code in errno (top byte 0x81). The stand-in
-// reaches the simulated camera named by the environment.
+// Every function returns 0, or -1 with the library's code in errno (top byte 0x81). This
+// implementation connects to the simulated camera that the environment names.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
-// What a notify callback is told, by value.
+// The argument of a notify callback, passed by value.
 struct PostNotifyInfo {
     uint32_t mask_bit;    // the bit of the notify mask that selects this report
     uint32_t post_res_id; // new with every start of the post
@@ -24,7 +25,7 @@ struct PostStatus {
 };
 static_assert(sizeof(PostStatus) == 48, "library record");
 
-// A piece of the library's memory, for the caller to write and never to free.
+// Memory of the library. The caller writes to it and never frees it.
 struct OsdMem {
     void *addr;
     uint32_t size; // bytes
@@ -53,10 +54,10 @@ int32_t qm7_cl_library_init();
 int32_t qm7_cl_library_exit();
 int32_t qm7_cl_sys_open_device();
 int32_t qm7_cl_sys_close_device();
-// The callback runs on a thread of the library's own.
+// The callback runs on a thread of the library.
 int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback);
-// Bit p of mask selects the reports of post p. Selected posts that run already are reported at
-// once.
+// Bit p of mask selects the reports of post p. Selected posts that are already running are reported
+// at once.
 int32_t qm7_cl_post_set_notify(uint32_t mask);
 int32_t qm7_cl_post_get_osd_color_mem(OsdMem *mem);
 int32_t qm7_cl_post_set_osd_color();
@@ -65,7 +66,7 @@ int32_t qm7_cl_post_open_osd(uint32_t post_res_id, const OsdOpenParam *param, ui
                              uint32_t *pitch);
 int32_t qm7_cl_post_clear_osd(uint32_t post_res_id, uint32_t number);
 int32_t qm7_cl_post_close_osd(uint32_t post_res_id, uint32_t number);
-// A buffer that is not on the screen; the same one until it is shown.
+// Returns a buffer that is not on the screen; the same one until it is shown.
 int32_t qm7_cl_post_get_osd_mem(uint32_t post_res_id, int32_t number, uint32_t *osd_id,
                                 OsdMem *mem);
 int32_t qm7_cl_post_set_osd(uint32_t post_res_id, uint32_t osd_id, OsdPosition position);

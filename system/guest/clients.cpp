@@ -1,5 +1,5 @@
-// Packets pass through as they are. Where an answer of the camera comes with a descriptor, one that
-// is made here goes with it instead: shared memory of this machine, or a socket for reports.
+// Packets pass through unchanged. A descriptor that belongs to an answer cannot cross the port, so
+// a replacement is made here: shared memory of this machine, or a socket for reports.
 
 #include "clients.h"
 
@@ -21,13 +21,13 @@
 static const char RUN_DIRECTORY[] = "/run/simcam";
 static const char SOCKET_PATH[] = "/run/simcam/" SIMCAM_SOCKET_NAME;
 
-// Shared memory; what is lent are the last size bytes.
+// Shared memory; its last layout.size bytes are lent.
 struct Memory {
     int fd = -1;
     uint8_t *base = nullptr;
     WireMemory layout = {};
     LinkPlane plane = {};
-    uint32_t osd_id = 0; // under which it is lent now
+    uint32_t osd_id = 0; // of the current loan
 
     Memory() = default;
     Memory(const Memory &) = delete;
@@ -43,7 +43,7 @@ struct Memory {
 
 struct Client {
     int socket = -1;
-    int events = -1; // reports of posts go out here
+    int events = -1; // where reports of posts are sent
     std::unique_ptr<Memory> colors;
     std::map<std::tuple<uint32_t, uint32_t, uint32_t>, Memory> planes; // by post, number, buffer
 };
@@ -51,9 +51,9 @@ struct Client {
 static int listener = -1;
 static uint16_t last_number;
 static std::map<uint16_t, Client> clients;
-static std::vector<uint16_t> polled; // the client of each entry behind the listener's
+static std::vector<uint16_t> polled; // the client of each entry after the listener's
 
-// Numbers from 1 to 0x7FFF; those above are the device's.
+// Returns a number from 1 to 0x7FFF; those above belong to the device.
 static uint16_t free_number()
 {
     do
@@ -109,17 +109,17 @@ static bool make_memory(Memory *memory, const WireMemory &layout)
     if (base == MAP_FAILED)
         return false;
     memory->base = static_cast<uint8_t *>(base);
-    memset(memory->base, 0xA5, layout.map_size); // nobody may rely on what it holds
+    memset(memory->base, 0xA5, layout.map_size); // exposes clients that rely on the initial content
     return true;
 }
 
-// The memory that a reply describes; makes it where it is new. Null where there is no memory.
+// Returns the memory that a reply describes, and makes it if it is new. Null if out of memory.
 static Memory *plane_memory(Client &client, const WireOsdMem &reply)
 {
     std::erase_if(client.planes, [&](const auto &entry) {
         const LinkPlane &plane = entry.second.plane;
         return plane.post == reply.post && plane.number == reply.number &&
-               plane.epoch != reply.epoch; // of an earlier opening: gone with it
+               plane.epoch != reply.epoch; // of an earlier opening, which is closed
     });
     const auto [entry, fresh] = client.planes.try_emplace({reply.post, reply.number, reply.buffer});
     Memory &memory = entry->second;
@@ -141,7 +141,7 @@ static void send_memory(uint16_t type, uint16_t number, const Memory &memory)
 
 // ---- requests of the clients
 
-// Sends the memory that the call shows.
+// Sends the content of the memory that the call shows.
 static void send_shown(uint16_t number, const Client &client, const uint8_t *packet, size_t size)
 {
     WireHeader header;
@@ -188,7 +188,7 @@ void clients_serve(const std::vector<pollfd> &entries)
 
 // ---- answers of the camera
 
-// Sends a packet and the descriptor, where it is not -1.
+// Sends a packet, with the descriptor unless that is -1.
 static bool send_packet(int socket, const uint8_t *bytes, size_t size, int fd)
 {
     iovec part = {const_cast<uint8_t *>(bytes), size};
@@ -217,8 +217,8 @@ template <typename Record> static bool payload(const std::vector<uint8_t> &packe
     return true;
 }
 
-// The descriptor that goes with a successful answer: -1 for none, -2 where it could not be made.
-// *size becomes that of the packet for the client; *owned says that the descriptor is to be closed.
+// Returns the descriptor for a successful answer: -1 for none, -2 if it could not be made.
+// Stores the size of the client's packet in *size, and in *owned whether to close the descriptor.
 static int make_descriptor(Client &client, uint32_t call, const std::vector<uint8_t> &packet,
                            size_t *size, bool *owned)
 {
@@ -285,7 +285,7 @@ bool clients_record(const Record &record)
         good = take_reply(client, record.bytes);
     else if (record.head.type == LINK_EVENT && client.events >= 0)
         (void)!send(client.events, record.bytes.data(), record.bytes.size(),
-                    MSG_DONTWAIT | MSG_NOSIGNAL); // lost where the client does not read them
+                    MSG_DONTWAIT | MSG_NOSIGNAL); // lost if the client does not read them
     if (!good)
         forget(found->first);
     return true;

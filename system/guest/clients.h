@@ -8,10 +8,10 @@
 
 #include "port.h"
 
-// Listens on the socket. False with a message where it cannot.
+// Listens on the socket. On failure prints a message and returns false.
 bool clients_listen();
-// Adds what to poll, and serves what was found there.
+// Adds the entries to poll, and serves those that are ready.
 void clients_poll(std::vector<pollfd> *entries);
 void clients_serve(const std::vector<pollfd> &entries);
-// Whether the client is one of these; then takes its record from the host.
+// Handles a record from the host if its client is one of these; returns whether it is.
 bool clients_record(const Record &record);

@@ -1,9 +1,9 @@
-// The kernel's end is the CUSE protocol of linux/fuse.h: requests are read from /dev/cuse and
+// Speaks the CUSE protocol of linux/fuse.h with the kernel: requests are read from /dev/cuse and
 // answered in any order by their unique number.
 //
 // The host answers one call of a client at a time, so calls of several threads on one open file
-// queue up here. A measurement that nobody waits for any more (the reader was interrupted, or asked
-// without waiting) is kept: it answers the next read, and poll() reports it.
+// queue up here. A measurement whose reader no longer waits (it was interrupted, or reads without
+// blocking) is kept: it answers the next read, and poll() reports it.
 
 #include "device.h"
 
@@ -26,7 +26,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t CAM_FOCUS_CONFIG = 0x405C7000;
 constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;
-// A read fails after this time where the camera has gone: the overlay's loop has no other pace.
+// Without a camera, reads fail only after this time: nothing else limits the rate of the overlay's
+// loop.
 constexpr std::chrono::milliseconds LOST_CAMERA_PAUSE(33);
 
 struct Answer {
@@ -41,18 +42,18 @@ struct Config {
 
 struct File {
     bool waits = true;              // false: opened with O_NONBLOCK
-    bool dead = false;              // the camera has gone
+    bool dead = false;              // the connection to the camera is closed
     uint32_t busy = 0;              // the WireCall that the host has not answered yet
     uint64_t opening = 0;           // unique of the open request, until it is answered
     std::deque<uint64_t> readers;   // uniques of waiting reads
-    std::deque<Config> configs;     // the first one is under way where busy says so
-    std::optional<Answer> answer;   // a measurement that nobody has had yet
+    std::deque<Config> configs;     // the first one is under way if busy is WIRE_FOCUS_CONFIG
+    std::optional<Answer> answer;   // a measurement not yet handed out
     std::optional<uint64_t> poller; // handle of a poll() to wake
 };
 
 static int cuse = -1;
 static std::map<uint16_t, File> files; // by client number, which is the file's handle
-static std::deque<std::pair<Clock::time_point, uint64_t>> late; // reads that fail when they are due
+static std::deque<std::pair<Clock::time_point, uint64_t>> late; // reads that fail at that time
 
 // ---- answers to the kernel
 
@@ -64,7 +65,7 @@ static void answer_bytes(uint64_t unique, const void *first, size_t first_size,
     const iovec parts[3] = {{&head, sizeof head},
                             {const_cast<void *>(first), first_size},
                             {const_cast<void *>(second), second_size}};
-    (void)!writev(cuse, parts, 3); // fails where the request was given up
+    (void)!writev(cuse, parts, 3); // fails if the request was given up
 }
 
 static void answer_error(uint64_t unique, int error)
@@ -92,7 +93,7 @@ static void wake_poller(File &file)
         fuse_notify_poll_wakeup_out wakeup;
     } notice = {{sizeof notice, FUSE_NOTIFY_POLL, 0}, {*file.poller}};
     file.poller.reset();
-    (void)!write(cuse, &notice, sizeof notice); // nobody polls any more
+    (void)!write(cuse, &notice, sizeof notice); // fails if no process polls any more
 }
 
 // ---- calls to the host
@@ -109,7 +110,7 @@ static void fail_late(uint64_t unique)
     late.emplace_back(Clock::now() + LOST_CAMERA_PAUSE, unique);
 }
 
-// Does what can be done next for the file.
+// Does the next possible step for the file.
 static void advance(uint16_t client, File &file)
 {
     if (file.dead) {
@@ -125,7 +126,7 @@ static void advance(uint16_t client, File &file)
     if (file.busy)
         return;
     if (!file.configs.empty()) {
-        file.answer.reset(); // measured with the window before
+        file.answer.reset(); // measured with the previous window
         call(client, file, WIRE_FOCUS_CONFIG, &file.configs.front().words, sizeof(WireFocusConfig));
         return;
     }
@@ -140,7 +141,7 @@ static void advance(uint16_t client, File &file)
 
 // ---- requests of the kernel
 
-// Numbers from 0x8000; those below are processes.
+// Numbers from 0x8000; those below belong to processes.
 static uint16_t free_number()
 {
     static uint16_t last;
@@ -203,13 +204,13 @@ static void serve_poll(uint64_t unique, const fuse_poll_in &in)
     else
         file.poller = in.kh;
     answer_bytes(unique, &out, sizeof out);
-    advance(found->first, file); // asks for a measurement where none is under way
+    advance(found->first, file); // asks for a measurement if none is under way
     if (!(in.flags & FUSE_POLL_SCHEDULE_NOTIFY))
         file.poller.reset();
 }
 
-// A signal for the thread that made the request; one that is answered already is not known any
-// more.
+// The thread that made the request received a signal. Requests that were already answered are
+// ignored.
 static void serve_interrupt(const fuse_interrupt_in &in)
 {
     for (auto &[client, file] : files) {

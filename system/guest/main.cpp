@@ -2,8 +2,8 @@
 // serves the codec library, and carries the calls of both to the bridge on the host. One thread,
 // one poll.
 //
-// It goes into the background once everything is there, so that what is started after it finds the
-// camera. With the argument "late" /dev/cam appears only when the host asks for it.
+// Goes into the background once everything is ready, so that programs started after it find the
+// camera. With the argument "late", /dev/cam appears only when the host asks for it.
 
 #include <algorithm>
 #include <fcntl.h>
@@ -80,7 +80,7 @@ static void take_record(const Record &record)
         while (poll(&again, 1, 0) == 1) {
             Record record;
             if (!(again.revents & POLLIN) || !port_receive(&record)) {
-                fprintf(stderr, "camera-server: the host does not answer any more\n");
+                fprintf(stderr, "camera-server: the host no longer answers\n");
                 _exit(1);
             }
             take_record(record);

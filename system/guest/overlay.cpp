@@ -1,4 +1,4 @@
-// A terminal rather than a pipe: what the overlay prints then arrives line by line, as on a
+// The overlay writes to a terminal rather than a pipe, so its output arrives line by line, as on a
 // console.
 
 #include "overlay.h"

@@ -1,4 +1,4 @@
-// The overlay process: what it writes, how it is doing, and the commands that start and stop it.
+// The overlay process: its output, its state, and the commands that start and stop it.
 #pragma once
 
 #include <stdint.h>
@@ -11,8 +11,8 @@ int overlay_terminal();
 void overlay_output(int terminal);
 // Sends the state of the process to the host.
 void overlay_report();
-// Starts the command for a LinkAction, of ACTION_SHELL with its text; several run one after
-// another. What it prints goes to the terminal.
+// Starts the command for a LinkAction; text is the command of ACTION_SHELL. Several run one after
+// another. Their output goes to the terminal.
 void overlay_action(uint32_t action, const std::string &text);
-// Reaps commands that have ended, and says so to the host.
+// Reaps commands that have ended, and reports them to the host.
 void overlay_reap();

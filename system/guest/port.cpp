@@ -57,7 +57,7 @@ void port_send(uint16_t type, uint16_t client, const void *first, size_t first_s
                const void *second, size_t second_size)
 {
     const LinkHead head = {static_cast<uint32_t>(first_size + second_size), type, client};
-    if (second_size < 4096) { // one write is one transfer of the emulated device
+    if (second_size < 4096) { // saves writes: each is a transfer of the emulated device
         uint8_t packet[sizeof head + 8192];
         if (first_size <= 4096) {
             memcpy(packet, &head, sizeof head);

@@ -12,11 +12,11 @@ struct Record {
     std::vector<uint8_t> bytes;
 };
 
-// Opens the port, waiting up to ten seconds for its driver. Returns the descriptor, or -1.
+// Opens the port, waiting up to ten seconds for its driver. Returns the descriptor or -1.
 int port_open();
-// Reads one record; waits for it. False where the port has failed.
+// Waits for a record and reads it. Returns false if the port failed.
 bool port_receive(Record *record);
-// Writes a record made of up to two pieces. Ends the server where the port has failed: nothing can
-// be served without it.
+// Writes a record made of up to two pieces. Exits if the port failed: the server cannot work
+// without it.
 void port_send(uint16_t type, uint16_t client, const void *first = nullptr, size_t first_size = 0,
                const void *second = nullptr, size_t second_size = 0);

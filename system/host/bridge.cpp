@@ -76,7 +76,7 @@ static void take_plane(BridgeClient &client, const WireOsdMem &reply, int fd)
     const uint32_t key = reply.post << 16 | reply.number << 8 | reply.buffer;
     const auto found = client.planes.find(key);
     if (found != client.planes.end() && found->second.plane.epoch == reply.epoch)
-        return; // known already
+        return; // already known
     if (found != client.planes.end())
         client.planes.erase(found);
     BridgePlane &plane = client.planes[key];
@@ -84,7 +84,7 @@ static void take_plane(BridgeClient &client, const WireOsdMem &reply, int fd)
     plane.memory.map(fd, reply.memory);
 }
 
-// Takes the descriptor that came with a successful answer.
+// Takes the descriptor received with a successful answer.
 static void take_descriptor(BridgeClient &client, uint32_t call, const uint8_t *payload, int fd)
 {
     if (call == WIRE_LIBRARY_INIT) {
@@ -184,7 +184,7 @@ static void take_plane_bytes(BridgeClient &client, Bridge &bridge, const uint8_t
     std::memcpy(&plane, bytes, sizeof plane);
     const auto found = client.planes.find(plane.post << 16 | plane.number << 8 | plane.buffer);
     if (found == client.planes.end() || found->second.plane.epoch != plane.epoch)
-        return; // of a plane that was opened anew meanwhile: simcam refuses to show it
+        return; // the plane was opened again meanwhile; simcam refuses to show this memory
     found->second.memory.store(bytes + sizeof plane, size - sizeof plane);
     bridge.shows++;
     if (plane.post < WIRE_POSTS && plane.number == 1)
@@ -204,7 +204,7 @@ static void take_client_record(Bridge &bridge, const LinkHead &head, const uint8
     }
     const auto found = bridge.clients.find(head.client);
     if (found == bridge.clients.end())
-        return; // told already that it has gone
+        return; // the guest was already told that this client is gone
     if (head.type == LINK_CLOSE)
         bridge.clients.erase(found);
     else if (head.type == LINK_PLANE)
@@ -278,7 +278,7 @@ void bridge_poll(const Bridge &bridge, std::vector<pollfd> *entries)
 
 bool bridge_serve(Bridge &bridge, const std::vector<pollfd> &entries)
 {
-    std::vector<uint16_t> numbers; // in the order of entries, before any of them goes
+    std::vector<uint16_t> numbers; // in the order of entries; serving may remove clients
     for (const auto &entry : bridge.clients)
         numbers.push_back(entry.first);
     for (size_t i = 0; i < numbers.size(); i++) {

@@ -1,5 +1,5 @@
-// The host's end of the link: connects every client of the guest to simcam, and passes what the
-// overlay writes and how it is doing to whoever stands for it as simcam's program.
+// The host's end of the link: connects every client of the guest to simcam, and collects the
+// overlay's output and state for the process that represents it as simcam's program.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@
 #include "link.h"
 #include "wire.h"
 
-// Shared memory of simcam; empty where it could not be mapped.
+// Shared memory of simcam; empty if it could not be mapped.
 struct Mapping {
     uint8_t *base = nullptr;
     WireMemory layout = {};
@@ -34,7 +34,7 @@ struct BridgeClient {
     int connection = -1;
     int events = -1;
     Mapping colors;
-    std::map<uint32_t, BridgePlane> planes; // by post, number and buffer, a byte each
+    std::map<uint32_t, BridgePlane> planes; // by post << 16 | number << 8 | buffer
 
     BridgeClient() = default;
     BridgeClient(const BridgeClient &) = delete;
@@ -51,7 +51,7 @@ struct Bridge {
     bool shown[WIRE_POSTS] = {}; // a text plane of the post has been shown
     uint32_t shows = 0;
     LinkProcess process = {};
-    std::string output; // what the overlay wrote, until it is taken
+    std::string output; // written by the overlay, until it is taken
     struct Done {
         uint32_t action;
         uint32_t status; // of wait()
@@ -60,6 +60,6 @@ struct Bridge {
 };
 
 void bridge_poll(const Bridge &bridge, std::vector<pollfd> *entries);
-// Serves what was found. False where the guest has gone or talks nonsense.
+// Serves the entries that are ready. Returns false if the guest is gone or sent an invalid record.
 bool bridge_serve(Bridge &bridge, const std::vector<pollfd> &entries);
 bool bridge_act(const Bridge &bridge, uint32_t action, const std::string &text = {});

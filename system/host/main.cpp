@@ -1,12 +1,12 @@
-// Runs a whole emulated camera: the emulator with a Linux for ARM in it, and simcam, whose program
-// is the overlay in that guest.
+// Runs a whole emulated camera: an emulator that runs Linux for ARM, and simcam, whose program is
+// the overlay in that guest.
 //
 //   simcam-system [options] -- SIMCAM ARGS...   boots the guest and starts simcam
 //   simcam-system --attach SOCKET               started by simcam in place of the overlay
 //   simcam-system --send SOCKET ACTION          asks a running one for an action of the guest
 //
-// The attached process passes on what the overlay writes. Stopping it stops the overlay in the
-// guest, killing it kills the overlay, starting it starts the overlay.
+// The attached process prints the overlay's output. Stopping it stops the overlay in the guest,
+// killing it kills the overlay, starting it starts the overlay.
 
 #include <algorithm>
 #include <cerrno>
@@ -41,16 +41,17 @@ static const char USAGE[] =
     "Boots an emulated ARM camera from the files of scripts/system-image and starts simcam with "
     "the\n"
     "overlay of that camera as its program. Ends when simcam ends.\n"
-    "  --image DIRECTORY   files of scripts/system-image (default: build/system)\n"
-    "  --packaged-kernel   boot the distribution's compressed kernel even where a faster one is "
-    "there\n"
-    "  --console           a shell of the guest on this terminal; Control-A X switches the guest "
+    "  --image DIRECTORY   directory with the files of scripts/system-image (default: "
+    "build/system)\n"
+    "  --packaged-kernel   boot the distribution's compressed kernel even if a faster one is "
+    "available\n"
+    "  --console           run a shell of the guest on this terminal; Control-A X powers the guest "
     "off\n"
-    "  --log FILE          what the guest's console prints (default: a temporary file)\n"
-    "  --memory MIB        of the guest (default: 128)\n"
-    "  --append TEXT       more words for the kernel's command line\n"
-    "  --socket FILE       where --send reaches this camera (default: a temporary one)\n"
-    "  --once              power the camera off for good when the guest switches itself off\n";
+    "  --log FILE          write the guest's console output to FILE (default: a temporary file)\n"
+    "  --memory MIB        memory of the guest (default: 128)\n"
+    "  --append TEXT       append TEXT to the kernel's command line\n"
+    "  --socket FILE       control socket that --send uses (default: a temporary one)\n"
+    "  --once              exit when the guest powers itself off, instead of booting again\n";
 
 struct Options {
     std::string image = "build/system";
@@ -64,15 +65,15 @@ struct Options {
     std::vector<std::string> simcam;
 };
 
-// A guest that is not up after this time does not boot.
+// A guest that is not up after this time is considered unable to boot.
 constexpr std::chrono::seconds BOOT_TIMEOUT(90);
 
-// What a process on the control socket says, and hears.
+// Messages from and to a process on the control socket.
 enum ControlType : uint32_t {
     CONTROL_ATTACH = 1, // text: simcam's run directory
     CONTROL_ACTION,     // value: a LinkAction; text: the command of ACTION_SHELL
-    CONTROL_OUTPUT,     // text: what the overlay wrote
-    CONTROL_DONE,       // value: exit status of the action that was asked for
+    CONTROL_OUTPUT,     // text: output of the overlay
+    CONTROL_DONE,       // value: exit status of the requested action
 };
 struct Control {
     uint32_t type;
@@ -121,7 +122,7 @@ static bool control_send(int fd, ControlType type, uint32_t value, const std::st
     return send(fd, &control, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
 }
 
-// Bytes of text, or -1 where the other end has gone.
+// Returns the bytes of text, or -1 if the other end is closed.
 static ssize_t control_receive(int fd, Control *control)
 {
     const ssize_t size = recv(fd, control, sizeof *control, 0);
@@ -131,7 +132,7 @@ static ssize_t control_receive(int fd, Control *control)
 
 // ---- attached: simcam's program
 
-// Ends as a program does that does not handle the signal.
+// Exits as a program that does not handle the signal.
 [[noreturn]] static void end_by(int signal_number)
 {
     signal(signal_number, SIG_DFL);
@@ -199,7 +200,7 @@ static int send_action(const std::string &path, const std::string &name, const s
 struct Peer {
     int fd;
     bool attached;  // simcam's program
-    uint32_t waits; // for the end of that action; 0 for none
+    uint32_t waits; // the action whose end it waits for; 0 for none
 };
 
 struct Machine {
@@ -232,7 +233,7 @@ static pid_t start_child(const std::vector<std::string> &words, int inherited, b
     if (getppid() != parent)
         _exit(127);
     if (own_group)
-        setpgid(0, 0); // the terminal's interrupt ends simcam, and after it the guest
+        setpgid(0, 0); // Control-C ends simcam first, and simcam's end then ends the guest
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -321,7 +322,7 @@ static void show_log_end(const std::string &path)
         std::fprintf(stderr, "  %s\n", lines[i].c_str());
 }
 
-// Of the overlay process in the guest, for simcam: its pid, processor time and memory.
+// Writes pid, processor time and memory of the overlay process in the guest to simcam's file.
 static void tell_simcam(const Machine &machine)
 {
     if (machine.bridge.run_directory.empty())
@@ -343,7 +344,7 @@ static void serve_peer(Machine &machine, size_t index)
         close(gone.fd);
         machine.peers[index].fd = -1;
         if (gone.attached && gone.waits != ACTION_STOP && machine.bridge.up)
-            bridge_act(machine.bridge, ACTION_KILL); // it was killed, so the overlay is
+            bridge_act(machine.bridge, ACTION_KILL); // simcam killed the attached process
         return;
     }
     Peer &peer = machine.peers[index];
@@ -351,16 +352,16 @@ static void serve_peer(Machine &machine, size_t index)
         peer.attached = true;
         machine.bridge.run_directory.assign(heard.text, static_cast<size_t>(length));
         if (machine.bridge.up)
-            bridge_act(machine.bridge, ACTION_START); // else the guest starts it when it boots
+            bridge_act(machine.bridge, ACTION_START); // otherwise the guest starts it when it boots
     } else if (heard.type == CONTROL_ACTION) {
         peer.waits = heard.value;
         const std::string text(heard.text, static_cast<size_t>(length));
         if (!machine.bridge.up || !bridge_act(machine.bridge, heard.value, text))
-            control_send(peer.fd, CONTROL_DONE, 0); // nothing runs that could be stopped
+            control_send(peer.fd, CONTROL_DONE, 0); // the guest is down, so nothing is running
     }
 }
 
-// Hands on what the bridge has collected.
+// Passes on the output and results that the bridge has collected.
 static void hand_on(Machine &machine)
 {
     Bridge &bridge = machine.bridge;
@@ -395,7 +396,7 @@ static void hand_on(Machine &machine)
     }
 }
 
-// Reaps children. False when simcam has ended, *status being what it ended with.
+// Reaps children. Returns false if simcam has ended, with its exit status in *status.
 static bool reap(Machine &machine, int *status)
 {
     int how = 0;
@@ -465,7 +466,7 @@ static void step(Machine &machine)
         machine.bridge.link = -1;
         machine.bridge.up = false;
         machine.bridge.clients.clear();
-        for (Peer &peer : machine.peers) { // no action ends any more
+        for (Peer &peer : machine.peers) { // no pending action can end now
             if (peer.waits)
                 control_send(peer.fd, CONTROL_DONE, 1);
             peer.waits = 0;

@@ -7,7 +7,7 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=f7f91550c717c65dcdc91f62f1630910"
 
 inherit cmake python3native systemd update-rc.d externalsrc
 
-# The sources are those that this layer lies in; the version is the newest of their changelog.
+# The sources are those that contain this layer; the version is the newest in their changelog.
 EXTERNALSRC = "${FOCUS_ASSIST_LAYER}/../.."
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 PV = "${@focus_assist_version(d)}"
@@ -22,7 +22,7 @@ def focus_assist_version(d):
 COMPATIBLE_HOST = "arm.*-linux-gnueabi"
 DEPENDS = "freetype"
 
-# A camera's own recipe names its libraries here and adds what provides them to DEPENDS.
+# A camera's recipe names its libraries here and adds their recipes to DEPENDS.
 FOCUS_CODEC_LIBRARY ?= "${STAGING_LIBDIR}/libqm7codec.so.2.0"
 FOCUS_CGI_LIBRARY ?= ""
 # Empty: the camera has the font already, at /usr/local/morvel/import/font/dejavu/font.
@@ -56,5 +56,5 @@ INITSCRIPT_NAME = "focus_assist"
 INITSCRIPT_PARAMS = "defaults 80"
 
 FILES:${PN} += "/usr/local/bin /usr/local/morvel ${systemd_system_unitdir}"
-# The codec library is the camera maker's, without a package that says so.
+# The camera maker supplies the codec library; no package declares it.
 INSANE_SKIP:${PN} += "file-rdeps"
