@@ -1,4 +1,4 @@
-// Draws the lens chart at twice its size and halves it: everything is anti-aliased alike.
+// Draws the lens chart at twice its size and halves it, which anti-aliases all of it equally.
 #include "picture/chart.h"
 
 #include <array>
@@ -17,7 +17,7 @@ static constexpr double CHART_HEIGHT = 720.0;
 static constexpr int SUB = 8;
 static constexpr double PI = 3.14159265358979323846;
 
-// Light on dark, and of mild contrast: the measurement then stays within three digits.
+// Light on dark with low contrast, which keeps the measurement within three digits.
 static const cv::Scalar PAPER(56, 51, 47);
 static const cv::Scalar INK(134, 141, 144);
 static const cv::Scalar ACCENT(84, 140, 222);
@@ -83,7 +83,7 @@ static void draw_star(const Sheet &sheet, double x, double y, double radius, int
     fill_circle(sheet, x, y, radius * 0.05, ACCENT);
 }
 
-// A square turned a little, as one measures edges with.
+// A slightly rotated square, as used to measure edges.
 static void draw_slanted_square(const Sheet &sheet, double x, double y, double side, double degrees)
 {
     const double angle = degrees * PI / 180;
@@ -104,7 +104,7 @@ static void draw_checker(const Sheet &sheet, double x, double y, int columns, in
             fill_box(sheet, x + column * side, y + line * side, side, side, INK);
 }
 
-// Lines that narrow evenly: every spacing between the first and the last is there.
+// Lines whose spacing shrinks evenly from the first to the last.
 static void draw_wedge(const Sheet &sheet, double x, double y, double length, double wide,
                        double narrow)
 {

@@ -15,11 +15,11 @@ extern char **environ;
 namespace simcam
 {
 
-// The machine of an ELF file; 0 for any other file.
+// Returns the machine (e_machine) of an ELF file; 0 for any other file.
 static uint16_t elf_machine(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    Elf32_Ehdr head = {}; // both word sizes agree up to the machine
+    Elf32_Ehdr head = {}; // the 32-bit and 64-bit headers agree up to e_machine
     file.read(reinterpret_cast<char *>(&head), sizeof head);
     if (!file || std::memcmp(head.e_ident, ELFMAG, SELFMAG) != 0)
         return 0;
@@ -51,7 +51,7 @@ static void set_variable(std::vector<std::string> *environment, const std::strin
     environment->push_back(name + "=" + value);
 }
 
-// A list that begins with first and goes on with the variable's previous value.
+// Prepends first to the list in the variable's previous value.
 static std::string joined(const std::string &first, const char *rest)
 {
     return rest && rest[0] ? first + ":" + rest : first;
@@ -69,7 +69,7 @@ std::vector<std::string> environment_make(const ProcessOptions &options)
     const uint16_t program = elf_machine(program_find(options.program[0]));
     const uint16_t preload = elf_machine(options.preload);
     if (program && program != preload) {
-        // An emulator for the preload object's machine: sets the variables for the program only.
+        // An emulator for the preload object's machine sets the variables for its program only.
         set_variable(&environment, "QEMU_SET_ENV",
                      "LD_PRELOAD=" + options.preload + ",LD_LIBRARY_PATH=" + library_directory);
     } else {
@@ -78,7 +78,7 @@ std::vector<std::string> environment_make(const ProcessOptions &options)
         set_variable(&environment, "LD_LIBRARY_PATH",
                      joined(library_directory, std::getenv("LD_LIBRARY_PATH")));
     }
-    // In a program with a sanitizer the preload object is loaded before the sanitizer's runtime.
+    // A program built with a sanitizer loads the preload object before the sanitizer's runtime.
     set_variable(&environment, "ASAN_OPTIONS",
                  joined("verify_asan_link_order=0", std::getenv("ASAN_OPTIONS")));
     return environment;

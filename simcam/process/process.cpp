@@ -1,5 +1,5 @@
-// One thread owns the child: it forks it (the child is killed when the forking thread ends, that
-// is, with simcam), reads its output and reaps it. Other threads queue jobs for it.
+// One thread owns the child: it forks it, reads its output and reaps it. The kernel kills the child
+// when this thread ends, so also when simcam crashes. Other threads queue jobs for this thread.
 
 #include "process/process.h"
 
@@ -35,15 +35,15 @@ struct Process {
     int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::thread thread;
 
-    std::mutex lock; // guards what follows
+    std::mutex lock; // guards the four fields below
     std::deque<std::packaged_task<std::string()>> jobs;
     bool ending = false;
     ProcessState state;
     Records<OutputChunk> output;
 
-    // used by the thread only
+    // used only by the thread
     pid_t child = 0;
-    int child_end = -1;      // a pidfd, readable when the child has ended; -1: not supported
+    int child_end = -1;      // a pidfd, readable once the child has exited; -1: not supported
     int pipes[2] = {-1, -1}; // standard output, standard error
     double cpu_s = 0;        // processor time when it was last measured
     Clock::time_point looked;
@@ -67,7 +67,7 @@ static std::vector<char *> pointers(std::vector<std::string> &strings)
     return list;
 }
 
-// In the child, between fork and exec: system calls only.
+// Runs in the child between fork and exec: makes system calls only.
 [[noreturn]] static void become(const char *path, char **arguments, char **environment,
                                 const int *ends, int report, pid_t parent)
 {
@@ -78,7 +78,7 @@ static std::vector<char *> pointers(std::vector<std::string> &strings)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL);
-    setpgid(0, 0); // Control-C is for simcam only
+    setpgid(0, 0); // Control-C interrupts simcam only
     const int input = open("/dev/null", O_RDONLY);
     dup2(input, 0);
     dup2(ends[0], 1);
@@ -154,7 +154,7 @@ static std::string start(Process &process)
 
 // ---- running
 
-// Reads what one pipe holds, at most 64 KiB; closes it at its end.
+// Reads what one pipe holds, at most 64 KiB; closes it at end of file.
 static void take_output(Process &process, int stream)
 {
     int &pipe = process.pipes[stream - 1];
@@ -194,7 +194,7 @@ static void reap(Process &process)
         take_output(process, stream); // its last output
         int &pipe = process.pipes[stream - 1];
         if (pipe >= 0)
-            close(pipe); // a grandchild may hold the other end for ever
+            close(pipe); // a grandchild may keep the other end open
         pipe = -1;
     }
     process.child = 0;
@@ -215,13 +215,13 @@ struct Usage {
     uint64_t resident_bytes;
 };
 
-// Reads the child's numbers from the kernel.
+// Reads the child's processor time and memory from the kernel.
 static bool read_usage(pid_t child, Usage *usage)
 {
     std::ifstream file("/proc/" + std::to_string(child) + "/stat");
     std::string text;
     std::getline(file, text);
-    const size_t name_end = text.rfind(')'); // the name may hold anything
+    const size_t name_end = text.rfind(')'); // the name may contain any character
     unsigned long user = 0, system = 0;
     long pages = 0;
     if (name_end == std::string::npos ||
@@ -246,7 +246,7 @@ static bool read_usage_file(const std::string &path, Usage *usage)
     return true;
 }
 
-// Once a second: processor time and memory.
+// Measures processor time and memory once a second.
 static void look(Process &process)
 {
     const double passed = std::chrono::duration<double>(Clock::now() - process.looked).count();
@@ -336,7 +336,8 @@ std::string process_signal(Process &process, int signal)
     return ask(process, [&process, signal]() -> std::string {
         if (!process.child)
             return "the program is not running";
-        // To its process group: a wrapper script would end alone and leave the program running.
+        // Signals the process group: signaling only a wrapper script would leave the program
+        // running.
         return kill(-process.child, signal) == 0 ? "" : std::strerror(errno);
     });
 }

@@ -14,7 +14,7 @@ namespace simcam
 
 namespace fs = std::filesystem;
 
-// Where the distribution's package of the font puts it.
+// Installed by the distribution's font package.
 static const char FONT[] = "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf";
 static const char FONT_PACKAGE[] = "fonts-dejavu-core";
 
@@ -61,7 +61,7 @@ static void fill(const fs::path &root)
 }
 
 static const char MADE_NAME[] = "simcam-"; // followed by six characters
-// A file in every directory made here: its name alone would not tell.
+// A file in every directory made here; the directory's name alone does not prove its origin.
 static const char MARK_NAME[] = ".made-by-simcam";
 
 static int lock_directory(const fs::path &path)
@@ -73,8 +73,8 @@ static int lock_directory(const fs::path &path)
     return -1;
 }
 
-// Removes run directories left by crashed instances: those whose lock is free. A directory that is
-// just being made gets its mark only after its lock.
+// Removes run directories left by crashed instances: those whose lock is free. A directory
+// gets its mark only after its lock, so one that is being made is never removed.
 static void remove_left_behind(const fs::path &where)
 {
     std::error_code ignored;
@@ -92,7 +92,8 @@ static void remove_left_behind(const fs::path &where)
     }
 }
 
-// Of the loader's lists (space, colon, semicolon) and of the emulator's list of variables (comma).
+// Separators of the loader's lists (space, colon, semicolon) and of the emulator's list of
+// variables (comma).
 static const char SEPARATORS[] = " :;,";
 
 static bool check_path(const std::string &path, std::string *error)
@@ -128,7 +129,7 @@ bool run_directory_make(const std::string &path, RunDirectory *directory, std::s
             if (!check_path(name, error))
                 return false;
             fs::create_directories(path);
-            fs::remove(fs::path(path) / MARK_NAME); // left by a crashed instance; now it is to stay
+            fs::remove(fs::path(path) / MARK_NAME); // a directory that the user names is kept
             directory->path = name;
         }
         fill(directory->path);

@@ -78,7 +78,7 @@ struct TestClient {
         std::memset(static_cast<uint8_t *>(base) + memory.offset, value, memory.size);
         munmap(base, memory.map_size);
     }
-    // Takes the oldest report; post 99 where there is none.
+    // Takes the oldest report; post 99 if there is none.
     PostReport report()
     {
         const std::lock_guard guard(board.lock);
@@ -163,7 +163,7 @@ TEST_F(BoardTest, NotificationTellsOfRunningPostsAndThenOfChanges)
     const PostReport stop = client.report();
     EXPECT_EQ(stop.post, 2);
     EXPECT_FALSE(stop.running);
-    EXPECT_EQ(board_stop_post(board, 2), ""); // stopped already: no report
+    EXPECT_EQ(board_stop_post(board, 2), ""); // already stopped: no report
     EXPECT_EQ(client.report().post, 99);
 
     const uint32_t again = start(2);
@@ -189,7 +189,7 @@ TEST_F(BoardTest, MaskSelectsThePostsThatAreReported)
     EXPECT_EQ(client.report().post, 99);
 }
 
-TEST_F(BoardTest, ReportsThatWaitAreMergedToTheLastState)
+TEST_F(BoardTest, PendingReportsAreMergedIntoTheLastState)
 {
     TestClient client(board);
     client.listen(15);
@@ -297,10 +297,10 @@ TEST_F(BoardTest, MemoryEndsWhereItsPageEndsAndIsFullOfJunk)
         ASSERT_NE(base[memory.offset + i], 0) << i;
     EXPECT_NE(std::memcmp(base + memory.offset, base + memory.offset + 480, 480), 0);
     munmap(base, memory.map_size);
-    EXPECT_NE(ftruncate(client.reply.fd, 1), 0); // nobody can take it away from under the camera
+    EXPECT_NE(ftruncate(client.reply.fd, 1), 0); // clients cannot shrink the camera's memory
 }
 
-TEST_F(BoardTest, OpenIsRefusedForSizesDepthsAndNumbersThatThereAreNone)
+TEST_F(BoardTest, OpenRefusesInvalidSizesDepthsAndNumbers)
 {
     TestClient client(board);
     client.open_session();
@@ -320,7 +320,7 @@ TEST_F(BoardTest, OpenIsRefusedForSizesDepthsAndNumbersThatThereAreNone)
     EXPECT_EQ(open(1, 100, 10, 2), 0u);
 }
 
-TEST_F(BoardTest, ClosedPlanesTakeNoCallsButOpen)
+TEST_F(BoardTest, ClosedPlanesAcceptOnlyOpen)
 {
     TestClient client(board);
     client.open_session();
@@ -353,7 +353,7 @@ TEST_F(BoardTest, TheShownBufferIsNeverHandedOut)
         EXPECT_LT(mem.buffer, 2u); // one client needs two
         client.fill(mem.memory, static_cast<uint8_t>(i));
         ASSERT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
-        EXPECT_EQ(client.result<WireOsdMem>().osd_id, mem.osd_id); // the same until it is shown
+        EXPECT_EQ(client.result<WireOsdMem>().osd_id, mem.osd_id); // the same one until it is shown
         if (i) {
             EXPECT_EQ(board_plane_image(board, 0, 0).bytes.front(), i - 1);
         }
@@ -379,11 +379,11 @@ TEST_F(BoardTest, OnlyABufferThatIsLentCanBeShown)
         return by.call(WIRE_POST_SET_OSD, WireSetOsd{res_id, buffer, 0, 0});
     };
 
-    EXPECT_EQ(set(client, id, osd_id), CODEC_BUFFER_NOT_LENT); // shown already
+    EXPECT_EQ(set(client, id, osd_id), CODEC_BUFFER_NOT_LENT); // already shown
     EXPECT_EQ(set(client, id, 0), CODEC_BUFFER_NOT_LENT);
     client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0});
     const uint32_t next = client.result<WireOsdMem>().osd_id;
-    EXPECT_EQ(set(other, id, next), CODEC_BUFFER_NOT_LENT);         // lent to somebody else
+    EXPECT_EQ(set(other, id, next), CODEC_BUFFER_NOT_LENT);         // lent to another client
     EXPECT_EQ(set(client, elsewhere, next), CODEC_BUFFER_NOT_LENT); // of another post
     EXPECT_EQ(set(client, id, next), 0u);
 }
@@ -407,7 +407,7 @@ TEST_F(BoardTest, TwoClientsDrawIntoBuffersOfTheirOwn)
     EXPECT_EQ(board_plane_image(board, 0, 0).bytes[0], 1);
 }
 
-TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersComeFree)
+TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersAreFreed)
 {
     const uint32_t id = start(0);
     {
@@ -415,7 +415,7 @@ TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersComeFree)
         killed.open_session();
         killed.call(WIRE_POST_OPEN_OSD, bar(id));
         killed.show(id, 0, 42);
-        killed.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}); // half drawn when it ends
+        killed.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}); // never shown
         killed.fill(killed.result<WireOsdMem>().memory, 43);
     }
 
@@ -431,7 +431,7 @@ TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersComeFree)
     EXPECT_EQ(next.call(WIRE_POST_OPEN_OSD, bar(fresh)), 0u);
 }
 
-TEST_F(BoardTest, ColorsApplyWhenToldTo)
+TEST_F(BoardTest, ColorsApplyOnlyWhenSet)
 {
     TestClient client(board);
     client.open_session();
@@ -502,7 +502,7 @@ struct OverlayTest : BoardTest {
 TEST_F(OverlayTest, ThePeakIsHeldUntilTheValueMovesByMoreThanFour)
 {
     expect(0, 0, 0);
-    read(1099); // the first value is no movement, whatever it is
+    read(1099); // the first value is never a movement
     expect(10, 0, 0);
     read(1400);
     read(1000);
@@ -527,7 +527,7 @@ TEST_F(OverlayTest, AValueAfterZeroIsNoMovement)
     read(99);
     read(30000);
     expect(300, 0, 0);
-    read(99); // moved by 300, but 0 is no peak
+    read(99); // moved by 300, but a peak of 0 counts as none
     expect(0, 0, 0);
     read(30100);
     expect(301, 301, 100);
@@ -591,11 +591,11 @@ TEST_F(BoardTest, AReadingIsHandedOutOnceToEachClient)
     board_publish(board, Measurement{.number = 2});
     EXPECT_TRUE(board_reading_ready(board, client.session));
     client.call(WIRE_FOCUS_READ);
-    EXPECT_FALSE(board_reading_ready(board, client.session)); // a failed read is paced, too
+    EXPECT_FALSE(board_reading_ready(board, client.session)); // a failed read consumes it, too
     EXPECT_TRUE(board_reading_ready(board, other.session));
 }
 
-TEST_F(BoardTest, FaultsHitAsOftenAsTold)
+TEST_F(BoardTest, FaultsHitAsOftenAsConfigured)
 {
     EXPECT_EQ(board_set_fault(board, {"qm7_cl_post_set_osd", 0x81E00099, 2, 0, 0}), "");
 
@@ -669,7 +669,7 @@ TEST_F(BoardTest, TheCallLogKeepsTheNewestAndLeavesGoodReadsOut)
     EXPECT_TRUE(records_after(board.calls, 5002, 3).empty());
 }
 
-TEST_F(BoardTest, PostsThatThereAreNotAndSizesThatAreNoneAreRefused)
+TEST_F(BoardTest, UnknownPostsAndInvalidSizesAreRefused)
 {
     EXPECT_EQ(board_start_post(board, 7, {1280, 720}), "post 7: the posts are 0 to 3");
     EXPECT_NE(board_stop_post(board, -1), "");

@@ -24,7 +24,7 @@ using namespace simcam;
 namespace
 {
 
-constexpr double PATIENCE_S = 60; // a machine under load; nothing here waits so long otherwise
+constexpr double PATIENCE_S = 60; // for a machine under load; the waits are much shorter otherwise
 
 struct TestCamera {
     std::string error;
@@ -42,10 +42,10 @@ struct TestCamera {
         EXPECT_TRUE(camera_wait(*camera, count - 1, PATIENCE_S));
         return camera_measurements(*camera, 0, count);
     }
-    // The first measurement that knows of everything set before this call.
+    // The first measurement that reflects everything set before this call.
     Measurement next() const
     {
-        const uint64_t number = camera_state(*camera).latest.number + 1; // may be under way
+        const uint64_t number = camera_state(*camera).latest.number + 1; // may have started before
         EXPECT_TRUE(camera_wait(*camera, number, PATIENCE_S));
         return camera_measurements(*camera, number, 1).at(0);
     }
@@ -110,7 +110,7 @@ void expect_ended(const std::string &pids)
 {
     std::istringstream words(pids);
     for (int pid = 0; words >> pid;) {
-        // Whoever adopted it may take a while to reap it.
+        // The process that adopted it may reap it late.
         EXPECT_TRUE(wait_until([&] {
             std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
             std::string stat;
@@ -165,7 +165,7 @@ TEST(Camera, SharpnessIsHighestWhereTheLensIsInFocus)
     }
 }
 
-TEST(Camera, SweepRacksFromWhereTheRingIsUpAndBack)
+TEST(Camera, SweepRacksFromTheRingsPositionUpAndBack)
 {
     CameraOptions options = chart();
     options.ring = 0.5;
@@ -174,7 +174,7 @@ TEST(Camera, SweepRacksFromWhereTheRingIsUpAndBack)
     const auto seen = TestCamera(options).measure(60);
 
     for (size_t i = 0; i < seen.size(); i++) {
-        const double phase = 0.25 + static_cast<double>(i + 1) / 60.0; // upwards at 0.5 first
+        const double phase = 0.25 + static_cast<double>(i + 1) / 60.0; // starts at 0.5, going up
         const double part = phase - std::floor(phase);
         EXPECT_NEAR(seen[i].ring, part < 0.5 ? 2 * part : 2 - 2 * part, 1e-9) << i;
     }
@@ -220,7 +220,7 @@ TEST(Camera, AGainStepMovesSharpnessUntilItIsTakenBack)
     EXPECT_NEAR(camera.next().raw, before, 0.05 * before);
 }
 
-TEST(Camera, WhatCannotBeHadIsRefusedWithASentence)
+TEST(Camera, InvalidCommandsAreRefusedWithASentence)
 {
     const TestCamera camera(chart());
     EXPECT_NE(camera_set_ring(*camera, 1.01), "");
@@ -232,7 +232,7 @@ TEST(Camera, WhatCannotBeHadIsRefusedWithASentence)
     EXPECT_EQ(camera_state(*camera).scene, "photo");
 }
 
-TEST(Camera, OptionsThatAreNotToBeHadStopTheStart)
+TEST(Camera, InvalidOptionsFailTheStart)
 {
     const auto refusal = [](const std::function<void(CameraOptions &)> &change) {
         CameraOptions options = chart();
@@ -275,7 +275,7 @@ TEST(Camera, PostsShowTheirPictureAtTheirSizeAndNothingWhileOff)
 
 // ---- process
 
-TEST(Camera, TheProgramsOutputAndEndAreKept)
+TEST(Camera, TheProgramsOutputAndExitStatusAreKept)
 {
     const TestCamera camera(shell("printf 'no line end'; echo trouble >&2; exit 3"));
     ASSERT_TRUE(wait_for_end(*camera));
@@ -288,7 +288,7 @@ TEST(Camera, TheProgramsOutputAndEndAreKept)
     EXPECT_TRUE(state.configured);
 }
 
-TEST(Camera, TheProgramIsToldItsCamera)
+TEST(Camera, TheProgramsEnvironmentNamesItsCamera)
 {
     const TestCamera camera(shell("echo $SIMCAM_RUN_DIR; echo $LD_PRELOAD; echo $LD_LIBRARY_PATH"));
     ASSERT_TRUE(wait_for_end(*camera));
@@ -317,11 +317,11 @@ TEST(Camera, TheProgramCanBeStoppedKilledAndStartedAgain)
     EXPECT_EQ(camera_state(*camera).process.last_end, "signal 9 (Killed)");
 }
 
-TEST(Camera, TheProgramsProcessorTimeAndMemoryAreTold)
+TEST(Camera, TheProgramsProcessorTimeAndMemoryAreReported)
 {
     const TestCamera camera(shell("while :; do :; done"));
     const auto process = [&] { return camera_state(*camera).process; };
-    // All of one processor, which others may want as well.
+    // The program uses all of one processor if no other process needs it.
     EXPECT_TRUE(wait_until([&] { return process().cpu_percent > 5; }));
 
     const ProcessState busy = process();
@@ -359,7 +359,7 @@ TEST(Camera, StoppingTheCameraEndsAndReapsTheProgram)
     EXPECT_NE(kill(deaf, 0), 0);
 }
 
-TEST(Camera, StoppingTheCameraEndsWhatAWrapperStarted)
+TEST(Camera, StoppingTheCameraEndsChildrenOfAWrapper)
 {
     std::string pids;
     {
@@ -370,7 +370,7 @@ TEST(Camera, StoppingTheCameraEndsWhatAWrapperStarted)
     expect_ended(pids);
 }
 
-TEST(Camera, KillingTheProgramEndsWhatAWrapperStarted)
+TEST(Camera, KillingTheProgramEndsChildrenOfAWrapper)
 {
     const TestCamera camera(shell(WRAPPER));
     ASSERT_TRUE(wait_until([&] { return output(*camera, 1).ends_with('\n'); }));
@@ -380,7 +380,7 @@ TEST(Camera, KillingTheProgramEndsWhatAWrapperStarted)
     expect_ended(output(*camera, 1));
 }
 
-TEST(Camera, AStopReachesWhatAWrapperStarted)
+TEST(Camera, AStopReachesChildrenOfAWrapper)
 {
     const TestCamera camera(
         shell("trap : TERM; sh -c 'echo $$; exec sleep 1000' & wait; wait; echo both"));
@@ -398,7 +398,7 @@ TEST(Camera, EndlessOutputIsBounded)
     ASSERT_TRUE(wait_for_end(*camera));
 
     EXPECT_LE(camera_output(*camera, 0, 1000000).size(), 4096u);
-    EXPECT_TRUE(output(*camera, 1).ends_with("\nend\n")); // in as many pieces as it was read
+    EXPECT_TRUE(output(*camera, 1).ends_with("\nend\n")); // joined from the pieces that were read
 }
 
 // ---- run directory
@@ -418,7 +418,7 @@ TEST(Camera, AFreshRunDirectoryIsRemoved)
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST(Camera, WhatAKilledOneLeftBehindIsRemovedAndNothingElse)
+TEST(Camera, OnlyDirectoriesOfKilledInstancesAreRemoved)
 {
     const TestDirectory temporary;
     const auto make = [&](const std::string &name, bool marked) {
@@ -431,7 +431,7 @@ TEST(Camera, WhatAKilledOneLeftBehindIsRemovedAndNothingElse)
     const auto of_another_name = make("simcam-Dead012", true);
     const auto in_use = make("simcam-Live01", true);
     const auto of_somebody = make("simcam-Mine01", false);
-    std::filesystem::create_directory(temporary.path / "simcam-Early1"); // not yet held
+    std::filesystem::create_directory(temporary.path / "simcam-Early1"); // not locked yet
     std::ofstream(temporary.path / "simcam-aFile1") << "mine";
     const int lock = open(in_use.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
@@ -442,14 +442,14 @@ TEST(Camera, WhatAKilledOneLeftBehindIsRemovedAndNothingElse)
     {
         const TestCamera camera(chart());
         EXPECT_TRUE(camera.camera) << camera.error;
-        const TestCamera second(chart()); // does not take the first one's for left behind
+        const TestCamera second(chart()); // does not remove the first one's directory
         EXPECT_TRUE(second.camera) << second.error;
         const std::filesystem::path made = camera_state(*camera).run_directory;
         EXPECT_TRUE(std::filesystem::exists(made / "socket"));
         EXPECT_TRUE(std::filesystem::exists(made / ".made-by-simcam"));
     }
     CameraOptions options = chart();
-    options.run_directory = make("simcam-Named1", true); // once left behind, now named
+    options.run_directory = make("simcam-Named1", true); // of a killed instance, now named
     {
         const TestCamera named(options);
         EXPECT_TRUE(named.camera) << named.error;
@@ -487,7 +487,7 @@ TEST(Camera, ANamedRunDirectoryStaysWithTheFilesThatWereInIt)
         const TestCamera second(options);
         EXPECT_FALSE(second.camera);
         EXPECT_NE(second.error.find("another simcam"), std::string::npos);
-        EXPECT_TRUE(std::filesystem::exists(directory.path / "socket")); // still the first one's
+        EXPECT_TRUE(std::filesystem::exists(directory.path / "socket")); // the first instance's
     }
     EXPECT_EQ(std::filesystem::file_size(palette), 4u);
     EXPECT_FALSE(std::filesystem::exists(directory.path / "socket"));
@@ -515,7 +515,7 @@ TEST(Camera, APlatformFolderOfAnyNameReachesTheProgram)
     }
 }
 
-TEST(Camera, ARunDirectoryThatTheLoaderCannotNameIsRefused)
+TEST(Camera, ARunDirectoryWithSeparatorsOfTheLoaderIsRefused)
 {
     const TestDirectory directory;
     for (const char *name : {"with a space", "a:b", "a;b", "a,b"}) {
@@ -542,7 +542,7 @@ TEST(Camera, ARunDirectoryThatTheLoaderCannotNameIsRefused)
     EXPECT_TRUE(std::filesystem::is_empty(fresh_ones));
 }
 
-TEST(Camera, WhatIsCalledPlatformInANamedRunDirectoryIsKept)
+TEST(Camera, AnEntryNamedPlatformInANamedRunDirectoryIsKept)
 {
     const TestDirectory directory;
     const auto place = directory.path / "platform";
@@ -557,7 +557,7 @@ TEST(Camera, WhatIsCalledPlatformInANamedRunDirectoryIsKept)
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::symlink_status(place)));
 
     std::filesystem::remove(place);
-    std::filesystem::create_directory_symlink("/nowhere", place); // a killed one's
+    std::filesystem::create_directory_symlink("/nowhere", place); // left by a killed instance
     {
         const TestCamera camera(options);
         EXPECT_TRUE(camera.camera) << camera.error;

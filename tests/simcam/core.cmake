@@ -1,4 +1,4 @@
-# The camera behind the pictures: requests, board, socket server, processes.
+# The camera without its pictures: requests, board, socket server, processes.
 add_executable(simcam_core_test
     ${CMAKE_CURRENT_LIST_DIR}/request_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp

@@ -1,4 +1,5 @@
-// A camera of records only: no thread, no optics, no process. Nothing happens but what a test does.
+// A fake camera without threads, optics or a process: its state changes only when a test changes
+// it.
 #include "fake_camera.h"
 
 #include <algorithm>
@@ -238,7 +239,7 @@ CameraNewest camera_newest(Camera &camera)
     return {camera.measurements.size(), camera.calls.size(), camera.output.size()};
 }
 
-// Gray (post + 1) * 40, with a white spot where planes are asked for.
+// Gray (post + 1) * 40, with a white spot if planes are requested.
 cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
 {
     const std::lock_guard lock(camera.mutex);
@@ -291,7 +292,7 @@ void fake_measure(Camera &camera, uint32_t value)
         m.value = value;
         m.ring = camera.state.ring;
         m.overlay = camera.state.overlay;
-        camera.state.overlay.running = true; // a process that reads every measurement
+        camera.state.overlay.running = true; // simulates a process that reads every measurement
         overlay_focus_read(&camera.state.overlay, m.raw);
         camera.measurements.push_back(m);
         camera.state.latest = m;

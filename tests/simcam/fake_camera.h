@@ -1,4 +1,4 @@
-// What tests can do to the fake behind simcam/camera.h, and see of it.
+// Controls and observes the fake implementation of simcam/camera.h.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 namespace simcam
 {
 
-// Makes one more measurement of this display value; wakes who waits.
+// Adds a measurement with this display value and wakes waiting threads.
 void fake_measure(Camera &camera, uint32_t value);
-// Adds what an overlay process would have written.
+// Adds output of the overlay process.
 void fake_write(Camera &camera, int stream, const std::string &bytes);
 // Adds a call of the library.
 void fake_call(Camera &camera, const std::string &call, uint32_t error);
@@ -20,9 +20,9 @@ void fake_show(Camera &camera, int post, int plane, const PlaneState &state,
                const std::vector<uint8_t> &bytes);
 // The functions of camera.h that changed something, as text, oldest first: "ring 0.5", "stop 2".
 std::vector<std::string> fake_changes(Camera &camera);
-// Makes the pictures of posts noise, which no format makes small.
+// Fills the pictures of posts with noise, which does not compress.
 void fake_noise(Camera &camera);
-// Pictures taken of posts since the start.
+// Number of pictures taken of posts since the start.
 int fake_pictures(Camera &camera);
 
 } // namespace simcam

@@ -71,7 +71,7 @@ TEST(PictureView, APostThatIsOffSaysSo)
     double brightest = 0;
     cv::minMaxLoc(picture.reshape(1), &darkest, &brightest);
     EXPECT_LT(darkest, 40);
-    EXPECT_GT(brightest, 120) << "there is writing on it";
+    EXPECT_GT(brightest, 120) << "it contains text";
 }
 
 TEST(PictureView, AllFourLieInTheirQuarters)
@@ -171,7 +171,7 @@ TEST(PicturePlane, ColorsComeFromThePalette)
 
     const cv::Mat colors = colors_of({state, {0, 18, 200}}, camera_palette(*camera));
 
-    EXPECT_EQ(colors.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 cannot be seen";
+    EXPECT_EQ(colors.at<cv::Vec4b>(0, 0)[3], 0) << "entry 0 is invisible";
     // Y 76, Cb 84, Cr 255: red = 76 + 1.402 * 127 = 254, green = 76 + 15.1 - 90.7 = 0, blue = 76 -
     // 78 = 0
     EXPECT_EQ(colors.at<cv::Vec4b>(0, 1), cv::Vec4b(0, 0, 254, 255));
@@ -194,7 +194,7 @@ TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
     EXPECT_EQ(cache.encoded, 1u);
     EXPECT_NE(frame_next(cache, *second, 6, ASKED), a);
     EXPECT_EQ(cache.encoded, 2u);
-    EXPECT_NE(frame_next(cache, *first, 5, ASKED), a) << "a later one will do";
+    EXPECT_NE(frame_next(cache, *first, 5, ASKED), a) << "a later frame is accepted";
     EXPECT_EQ(cache.encoded, 2u);
 }
 
@@ -210,10 +210,10 @@ TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
     frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
     EXPECT_EQ(cache.encoded, 2u);
     frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
-    EXPECT_EQ(cache.encoded, 2u) << "counted from the frame made last";
+    EXPECT_EQ(cache.encoded, 2u) << "counted from the newest frame";
 }
 
-// Viewers that ask while a frame is being made get that one, however long it takes.
+// Viewers that ask while a frame is being encoded get that frame, however long it takes.
 TEST(PictureCache, ManyAtOnceShareOneFrame)
 {
     const auto camera = camera_with("352x288");
@@ -231,7 +231,7 @@ TEST(PictureCache, ManyAtOnceShareOneFrame)
     EXPECT_EQ(cache.encoded, 1u);
 }
 
-TEST(PictureCache, OtherWishesGetTheirOwnFrame)
+TEST(PictureCache, OtherParametersGetTheirOwnFrame)
 {
     const auto camera = camera_with("352x288");
     FrameCache cache(*camera);

@@ -1,4 +1,4 @@
-// The command line: what it says, how it ends.
+// The command line: output and exit status.
 
 #include <csignal>
 #include <cstdio>
@@ -75,7 +75,7 @@ TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
         EXPECT_EQ(outcome.text.find(std::string(" ") + jargon), std::string::npos) << jargon;
 }
 
-// How much neighboring dots differ, squared: what the lens's blur takes away.
+// Mean squared difference of neighboring pixels, which the lens's blur reduces.
 static double steps(const std::filesystem::path &file)
 {
     cv::Mat picture;
@@ -118,7 +118,7 @@ TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
     std::filesystem::remove_all(directory);
 }
 
-// How far apart two pictures are inside and outside of where the readout is, a level a channel.
+// Mean difference of two pictures inside and outside the readout, in levels per channel.
 static std::pair<double, double> distances(const cv::Mat &one, const cv::Mat &other,
                                            const cv::Rect &readout)
 {
@@ -190,7 +190,7 @@ TEST(CommandLine, AnInterruptEndsSnapshotsThatWaitForAReadout)
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
     for (const auto &file : std::filesystem::directory_iterator(directory))
-        EXPECT_EQ(file.path().filename(), "started"); // it did not go through its stops first
+        EXPECT_EQ(file.path().filename(), "started"); // it exited before taking any picture
     std::filesystem::remove_all(directory);
 }
 
@@ -208,7 +208,7 @@ TEST(CommandLine, AnInterruptEndsItAndItsProgram)
         }
         close(out[1]);
         char first = 0;
-        EXPECT_EQ(read(out[0], &first, 1), 1); // its line: it is up
+        EXPECT_EQ(read(out[0], &first, 1), 1); // the first line: it is ready
 
         EXPECT_EQ(kill(child, signal), 0);
         int status = 0;
@@ -217,7 +217,7 @@ TEST(CommandLine, AnInterruptEndsItAndItsProgram)
         EXPECT_EQ(WEXITSTATUS(status), 0);
         char rest[256];
         while (read(out[0], rest, sizeof rest) > 0) {
-        } // ends when nobody, a left over program neither, holds the other end
+        } // ends when no process, not even a leftover program, holds the other end
         close(out[0]);
     }
 }

@@ -117,7 +117,7 @@ class Documentation(unittest.TestCase):
     def test_names_every_option_with_its_default(self):
         text = subprocess.run([settings.simcam, "--help"], stdout=subprocess.PIPE, text=True,
                               check=True).stdout
-        # An option at the beginning of a line, what it takes, and lines further in that explain it.
+        # An option at the start of a line, its argument, and indented lines that explain it.
         options = re.findall(r"^  (?:-h,)?(--[\w-]+(?: [A-Z]\S*)?)(.*\n(?: {10}.*\n)*)", text, re.M)
         defaults = {option: re.search(r"\(default: ([^)]+)\)", rest)
                     for option, rest in options}

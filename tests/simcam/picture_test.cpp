@@ -37,7 +37,7 @@ double largest_difference(const cv::Mat &one, const cv::Mat &two)
     return cv::norm(one, two, cv::NORM_INF);
 }
 
-// A folder of its own for the files of one test.
+// A separate directory for the files of one test.
 struct TestFolder {
     std::filesystem::path path;
 
@@ -71,7 +71,7 @@ void write_steps(const std::string &path)
 
 } // namespace
 
-// Takes the place of the one in the shared library; does the same but where a test wants trouble.
+// Replaces the function of the shared library; behaves the same unless a test requests an error.
 bool cv::VideoCapture::read(cv::OutputArray image)
 {
     if (reading_throws)
@@ -315,7 +315,7 @@ TEST(Sharpness, WeighsColorsAsLuma)
     }
 }
 
-TEST(Sharpness, OfNextToNothingIsZero)
+TEST(Sharpness, OfTooSmallAWindowIsZero)
 {
     const cv::Mat picture = random_picture(16, 16, 1);
     EXPECT_EQ(sharpness_measure(picture, {0, 0, 2, 16}), 0U);
@@ -363,7 +363,7 @@ class BuiltInScene : public testing::TestWithParam<const char *>
 TEST_P(BuiltInScene, GrowsSharperTowardsBestFocusFromBothSides)
 {
 #ifdef __SANITIZE_THREAD__
-    constexpr int STEPS = 10; // a minute otherwise, and there is one thread
+    constexpr int STEPS = 10; // 50 would take a minute; only one thread runs
 #else
     constexpr int STEPS = 50;
 #endif
@@ -381,7 +381,7 @@ TEST_P(BuiltInScene, GrowsSharperTowardsBestFocusFromBothSides)
     }
 }
 
-TEST_P(BuiltInScene, ShowsThreeDigitsAtThePeakAndNeverNothing)
+TEST_P(BuiltInScene, ShowsThreeDigitsAtThePeakAndIsNeverZero)
 {
     const uint32_t peak = measure(lens_best_ring(), 1) / 100;
     EXPECT_GE(peak, 200U);
@@ -390,7 +390,7 @@ TEST_P(BuiltInScene, ShowsThreeDigitsAtThePeakAndNeverNothing)
     EXPECT_LE(measure(0, 2) / 100, peak / 8);
 }
 
-TEST_P(BuiltInScene, HasTheSensorsSizeAndStandsStill)
+TEST_P(BuiltInScene, HasTheSensorsSizeAndDoesNotMove)
 {
     bool changed = false;
     EXPECT_EQ(scene_picture(*scene, 0, &changed).size(), cv::Size(SENSOR_WIDTH, SENSOR_HEIGHT));
@@ -509,7 +509,7 @@ TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
 }
 
 #if SIMCAM_VIDEO
-TEST(SceneVideo, StandsStillWhileReadingThrows)
+TEST(SceneVideo, FreezesWhileReadingThrows)
 {
     const TestFolder folder;
     const std::string path = folder.file("steps.avi");
@@ -674,7 +674,7 @@ TEST(Compose, ShowsWidthPixelsOfEachLineClippedAtPictureAndMemory)
     }
 }
 
-TEST(Compose, PlacesAndSizesBeyondAllBoundsShowNothing)
+TEST(Compose, PositionsAndSizesOutOfBoundsShowNothing)
 {
     const std::vector<uint8_t> bytes(16, 2);
     constexpr uint32_t HUGE_NUMBER = 0xFFFFFFFF;

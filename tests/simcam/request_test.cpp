@@ -1,4 +1,4 @@
-// Taking packets apart: what is a request and what is none.
+// Decoding packets: which are accepted as requests and which are refused.
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -21,9 +21,9 @@ static bool decodes(const std::vector<uint8_t> &bytes)
     return request_decode(bytes.data(), bytes.size(), &request);
 }
 
-TEST(Request, EveryCallIsTakenAtItsOwnSizeOnly)
+TEST(Request, EveryCallIsAcceptedOnlyAtItsSize)
 {
-    // In the order of WireCall: bytes behind the header.
+    // In the order of WireCall: bytes after the header.
     const size_t sizes[] = {0, 0, 0, 0, 4, 4, 0, 0, 4, 16, 8, 8, 8, 12, 0, 92, 0};
 
     for (uint32_t call = 1; call <= std::size(sizes); call++) {

@@ -1,4 +1,4 @@
-// Requests and what is read out of them; no socket takes part.
+// Finding routes and reading parameters, without sockets.
 #include "web/routes.h"
 
 #include <random>
@@ -198,8 +198,8 @@ TEST(HttpRoute, DeepNestingIsRefusedWithoutHarm)
     EXPECT_EQ(post("/api/ring", "{\"ring\":" + deep + std::string(8000, ']') + "}").status, 400);
 }
 
-// Bytes at random, and valid requests with bytes changed: whatever comes out is a route with all
-// its parameters or a refusal with a sentence.
+// Valid requests with random bytes changed: each result is a route with all its parameters or a
+// refusal with a sentence.
 TEST(HttpRoute, NoiseGivesARouteOrARefusal)
 {
     std::mt19937 random(7);
@@ -243,7 +243,7 @@ TEST(HttpRoutes, EveryMethodOfAPathHasOneRoute)
     EXPECT_STREQ(http_routes().front().text.path, "/") << "the page is the first one";
 }
 
-TEST(HttpHost, OnlyNamesOfThisServerAreOurs)
+TEST(HttpHost, OnlyNamesOfThisServerAreAccepted)
 {
     for (const char *ours : {"127.0.0.1:8080", "127.0.0.1", "localhost:9000", "LocalHost",
                              "[::1]:8080", "[::1]", "192.168.1.5:80", "bench7:8080", "BENCH7"})
@@ -256,7 +256,7 @@ TEST(HttpHost, OnlyNamesOfThisServerAreOurs)
     EXPECT_FALSE(http_host_is_ours("", "")) << "a machine without a name";
 }
 
-TEST(HttpOrigin, OnlyThePageItselfIsOurs)
+TEST(HttpOrigin, OnlyThePageItselfIsAccepted)
 {
     EXPECT_TRUE(http_origin_is_ours("http://127.0.0.1:8080", "127.0.0.1:8080"));
     for (const char *other : {"http://127.0.0.1:8081", "https://127.0.0.1:8080", "null",
@@ -264,7 +264,7 @@ TEST(HttpOrigin, OnlyThePageItselfIsOurs)
         EXPECT_FALSE(http_origin_is_ours(other, "127.0.0.1:8080")) << other;
 }
 
-TEST(HttpJson, BytesThatAreNoTextAreReplaced)
+TEST(HttpJson, InvalidUtf8IsReplaced)
 {
     EXPECT_EQ(json_output({3, 0.5, 2, "a\xFF\"\n"}),
               "{\"number\":3,\"stream\":2,\"text\":\"a\xEF\xBF\xBD\\\"\\n\",\"time_s\":0.5}");

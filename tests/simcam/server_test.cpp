@@ -1,4 +1,4 @@
-// The socket: clients that misbehave, and those beside them that must not notice.
+// The socket: misbehaving clients, and other clients that they must not affect.
 
 #include <cerrno>
 #include <cstring>
@@ -17,7 +17,7 @@ using namespace simcam;
 namespace
 {
 
-constexpr int PATIENCE_MS = 20000; // a machine under load; nothing here waits so long otherwise
+constexpr int PATIENCE_MS = 20000; // for a machine under load; the waits are much shorter otherwise
 
 size_t open_descriptors()
 {
@@ -71,7 +71,7 @@ bool send_call(int fd, uint32_t call, uint32_t number)
     return send(fd, &header, sizeof header, MSG_NOSIGNAL) == sizeof header;
 }
 
-// Waits for an answer. False where the connection ends instead.
+// Waits for an answer. Returns false if the connection ends instead.
 bool receive(int fd, WireReply *reply)
 {
     pollfd entry = {fd, POLLIN, 0};
@@ -188,16 +188,16 @@ TEST_F(ServerTest, ASlowCallThatIsDueWhileAnotherIsServedWaitsNoLonger)
     constexpr std::chrono::milliseconds delay(300);
     EXPECT_EQ(board_set_fault(board, {"qm7_cl_sys_open_device", 0, 1, delay.count(), 0}), "");
     ASSERT_TRUE(send_call(slow, WIRE_SYS_OPEN_DEVICE, 1));
-    ASSERT_TRUE(answers(quick)); // the slow one was looked at before
+    ASSERT_TRUE(answers(quick)); // the server has read the slow request before this one
     {
         const std::lock_guard guard(board.lock);
-        ASSERT_TRUE(send_call(quick, WIRE_LIBRARY_EXIT, 2)); // is held up until the other is due
+        ASSERT_TRUE(send_call(quick, WIRE_LIBRARY_EXIT, 2)); // delayed until the slow call is due
         std::this_thread::sleep_for(delay + std::chrono::milliseconds(50));
     }
 
     WireReply reply;
     EXPECT_TRUE(receive(quick, &reply));
-    EXPECT_TRUE(receive(slow, &reply)); // no measurement ever comes here
+    EXPECT_TRUE(receive(slow, &reply)); // the test makes no measurements
     EXPECT_EQ(reply.number, 1u);
     close(slow);
     close(quick);
@@ -295,7 +295,7 @@ TEST_F(ServerTest, AClientThatDidNotReadItsReportsGetsTheLastStateOfAPost)
     close(client.fd);
 }
 
-TEST_F(ServerTest, AClientThatClosedItsReportsCostsNothing)
+TEST_F(ServerTest, AClientThatClosedItsReportsIsHarmless)
 {
     const Listener client = listen_to_post_0(connect_client());
     close(client.events);
@@ -339,7 +339,7 @@ TEST_F(ServerTest, ClientsAboveTheLimitAreTurnedAway)
     EXPECT_TRUE(is_closed(surplus));
     close(surplus);
     EXPECT_TRUE(answers(clients.front()));
-    close(clients.back()); // one place comes free
+    close(clients.back()); // frees one place
     bool taken = false;
     for (int i = 0; i < 1000 && !taken; i++) {
         clients.back() = connect_client();
@@ -368,7 +368,7 @@ TEST_F(ServerTest, ThousandsOfConnectionsLeaveNothingBehind)
     }
 
     EXPECT_TRUE(answers(good));
-    const int last = connect_client(); // taken in behind all that still wait to be
+    const int last = connect_client(); // accepted after all connections still in the queue
     EXPECT_TRUE(answers(last));
     close(last);
     for (int i = 0; i < 2000 && (sessions() > 1 || open_descriptors() != before); i++)

@@ -1,4 +1,4 @@
-// The server over real sockets, on a camera of records.
+// The server over real sockets, with the fake camera.
 #include "web/server.h"
 
 #include <atomic>
@@ -25,7 +25,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// ---- a client that sends what it is told, byte for byte ----
+// ---- a client that sends exactly the given bytes ----
 
 struct Response {
     int status = 0;
@@ -43,7 +43,7 @@ static std::string lower(std::string text)
 class Client
 {
   public:
-    // receive_bytes: what the system keeps of unread answers; 0 leaves that to the system.
+    // receive_bytes: size of the socket's receive buffer; 0 for the system's default.
     explicit Client(int port, int receive_bytes = 0)
     {
         socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -80,8 +80,8 @@ class Client
     {
         (void)!send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
-    // Reads until done says so of everything read so far, the server closes, or ten seconds are
-    // over.
+    // Reads until done, given everything read so far, returns true, the server closes, or ten
+    // seconds have passed.
     const std::string &read_until(const std::function<bool(const std::string &)> &done)
     {
         char buffer[65536];
@@ -231,7 +231,7 @@ TEST_F(Http, ApiListsEveryRoute)
         EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.text.path) + "\""));
 }
 
-// Every GET of the table gives what its line says; streams just begin.
+// Every GET of the table answers with the type of its row; of streams only the beginning is read.
 TEST_F(Http, EveryRouteThatReadsAnswers)
 {
     PlaneState plane;
@@ -254,7 +254,7 @@ TEST_F(Http, EveryRouteThatReadsAnswers)
     }
 }
 
-TEST_F(Http, StateTellsWhatTheCameraIs)
+TEST_F(Http, StateDescribesTheCamera)
 {
     fake_measure(*camera_, 321);
 
@@ -384,13 +384,13 @@ TEST_F(Http, StartingAPostIsOneStepOfTheCamera)
     EXPECT_THAT(fake_changes(*camera_), ElementsAre("start 0 352x288 if another size"));
 }
 
-TEST_F(Http, WhatTheCameraRefusesIsPassedOn)
+TEST_F(Http, RefusalsOfTheCameraArePassedOn)
 {
     const Response answer = post("/api/scene", R"({"scene":"nowhere"})");
 
     EXPECT_EQ(answer.status, 409);
     EXPECT_THAT(answer.body, HasSubstr("no such file"));
-    EXPECT_EQ(post("/api/process/stop", "").status, 409) << "it does not run";
+    EXPECT_EQ(post("/api/process/stop", "").status, 409) << "it is not running";
     EXPECT_EQ(post("/api/posts/3/start", "").status, 409) << "it has had no size yet";
 }
 
@@ -596,7 +596,7 @@ TEST_F(Http, StreamsAreCapped)
         next.send_bytes(head("GET", "/api/events"));
         status = parse_answer(next.read_until_contains("\r\n\r\n")).status;
     }
-    EXPECT_EQ(status, 200) << "places of readers that left are free again";
+    EXPECT_EQ(status, 200) << "readers that left free their places";
 }
 
 TEST_F(Http, ConnectionsAreCapped)
@@ -633,7 +633,7 @@ TEST_F(Http, ConnectionsAreCapped)
         if (!answered)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    EXPECT_TRUE(answered) << "the place of one that left is free again";
+    EXPECT_TRUE(answered) << "a closed connection frees its place";
 }
 
 TEST_F(Http, AReaderThatStallsDelaysNobody)
@@ -660,7 +660,7 @@ TEST_F(Http, AReaderThatStallsDelaysNobody)
     const std::string &read = client.read_until([&](const auto &all) { return frames(all) >= 40; });
 
     EXPECT_GE(frames(read), 40u);
-    EXPECT_GT(read.size(), 16u << 20); // more than the system keeps for a reader that does not
+    EXPECT_GT(read.size(), 16u << 20); // more than the system's socket buffers hold
     EXPECT_EQ(get("/api/state").status, 200);
     stop = true;
     clock.join();
@@ -691,7 +691,7 @@ TEST_F(Http, ConnectionsWithoutProgressAreClosedAfterFifteenSeconds)
     EXPECT_GT(passed, seconds(14));
     EXPECT_LT(passed, seconds(30));
 
-    // What the system kept for the reader was full soon, and is all that it gets.
+    // The reader gets only what fitted into the socket buffers, which filled quickly.
     std::this_thread::sleep_until(start + seconds(22));
     const auto enough = Clock::now() + seconds(5);
     reader.read_until([&](const std::string &) { return Clock::now() > enough; });
@@ -710,7 +710,7 @@ static size_t count_of(const char *folder)
     return count;
 }
 
-// Waits until the numbers are back at what they were, which takes as long as the slowest
+// Waits until the counts are back at their earlier values, which takes as long as the slowest
 // connection.
 static bool settles(const std::function<bool()> &settled)
 {
@@ -724,7 +724,7 @@ static bool settles(const std::function<bool()> &settled)
 
 TEST_F(Http, AThousandConnectsAndDropsLeaveNothingBehind)
 {
-    cv::setNumThreads(1); // the picture library starts no threads of its own
+    cv::setNumThreads(1); // keeps the picture library from starting threads
     const size_t threads = count_of("/proc/self/task");
     const size_t descriptors = count_of("/proc/self/fd");
     const std::string targets[] = {"/api/state", "/api/events", "/api/posts/0/stream.mjpeg",
@@ -763,7 +763,7 @@ TEST_F(Http, StoppingEndsStreams)
 
 // ---- listening ----
 
-TEST(HttpStart, AddressesThatAreNoneAreRefused)
+TEST(HttpStart, InvalidAddressesAreRefused)
 {
     std::string error;
     const auto camera = camera_start({}, &error);
@@ -774,7 +774,7 @@ TEST(HttpStart, AddressesThatAreNoneAreRefused)
     }
 }
 
-TEST(HttpStart, APortThatIsTakenIsReported)
+TEST(HttpStart, APortInUseIsReported)
 {
     std::string error;
     const auto camera = camera_start({}, &error);
