@@ -337,6 +337,9 @@ TEST_F(Http, PlanesComeRawAndAsPictures)
     plane.depth_code = 2;
     fake_show(*camera_, 0, 1, plane, {11, 18, 9, 9, 0, 20, 9, 9});
 
+    const std::string state = get("/api/posts/0/planes/1").body;
+    EXPECT_THAT(state, HasSubstr("\"pitch\":4,"));
+    EXPECT_THAT(state, HasSubstr("\"size\":8,"));
     const Response raw = get("/api/posts/0/planes/1/raw");
     EXPECT_EQ(raw.body, std::string("\x0B\x12\x09\x09\0\x14\x09\x09", 8));
     EXPECT_EQ(raw.header.at("x-pitch"), "4");
@@ -346,7 +349,14 @@ TEST_F(Http, PlanesComeRawAndAsPictures)
         cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_UNCHANGED);
     EXPECT_THAT(cv::Mat_<uint8_t>(indices.reshape(1, 1)), ElementsAre(11, 18, 0, 20));
     EXPECT_EQ(get("/api/posts/0/planes/0/raw").status, 404);
+    const std::string colors = get("/api/posts/0/planes/1/colors.png").body;
+    const cv::Mat dots =
+        cv::imdecode(std::vector<uchar>(colors.begin(), colors.end()), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(dots.type(), CV_8UC4);
+    EXPECT_EQ(dots.at<cv::Vec4b>(0, 0)[3], 255) << "entry 11 is opaque";
+    EXPECT_EQ(dots.at<cv::Vec4b>(1, 0)[3], 0) << "entry 0 is invisible";
     EXPECT_EQ(get("/api/palette/raw").body.size(), 1024u);
+    EXPECT_THAT(get("/api/palette").body, HasSubstr("[76,84,255,8]")); // entry 18
 }
 
 // ---- changing ----
