@@ -21,6 +21,12 @@ struct Input {
         return *data++;
     }
 
+    int32_t signed_byte() // -128..127
+    {
+        const int32_t value = byte();
+        return value < 128 ? value : value - 256;
+    }
+
     uint16_t half()
     {
         const uint8_t low = byte();

@@ -77,10 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     target.depth = DEPTHS[what % 4];
     const bool highlight = (what & 4) != 0;
     const bool wide = (what & 8) != 0;
-    target.width = (int8_t)input.byte();
-    target.height = (int8_t)input.byte() / 2;
-    target.pitch = (int8_t)input.byte() + (wide ? 128 : 64);
-    target.cell_width = (int8_t)input.byte() / 8;
+    target.width = input.signed_byte();
+    target.height = input.signed_byte() / 2;
+    target.pitch = input.signed_byte() + (wide ? 128 : 64);
+    target.cell_width = input.signed_byte() / 8;
     target.fg_color = input.byte();
     target.bg_color = input.byte();
     const size_t bytes = input.half() % 768;

@@ -16,7 +16,7 @@ struct Answer {
     std::string type = "application/json";
     std::shared_ptr<const std::string> body; // shared by the readers of one picture
     std::vector<std::pair<std::string, std::string>> headers;
-    std::unique_ptr<Stream> stream; // instead of the body
+    std::unique_ptr<HttpStream> stream; // instead of the body
 };
 
 } // namespace simcam

@@ -40,7 +40,7 @@ static Answer answer_outcome(const std::string &refusal)
     return refusal.empty() ? answer_json(json_done()) : answer_error(409, refusal);
 }
 
-static Answer answer_stream(std::unique_ptr<Stream> stream)
+static Answer answer_stream(std::unique_ptr<HttpStream> stream)
 {
     Answer answer;
     answer.type = stream->type;

@@ -100,13 +100,13 @@ static std::string header(MHD_Connection *connection, const char *name)
 // Called on the connection's own thread, so it may block.
 static ssize_t on_room(void *context, uint64_t, char *buffer, size_t size)
 {
-    const ssize_t count = stream_read(*static_cast<Stream *>(context), buffer, size);
+    const ssize_t count = stream_read(*static_cast<HttpStream *>(context), buffer, size);
     return count < 0 ? MHD_CONTENT_READER_END_OF_STREAM : count;
 }
 
 static void on_stream_end(void *context)
 {
-    delete static_cast<Stream *>(context);
+    delete static_cast<HttpStream *>(context);
 }
 
 static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection, Answer answer)

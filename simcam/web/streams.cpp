@@ -23,12 +23,12 @@ static constexpr size_t EVENT_BATCH = 256; // records of a kind at once
 
 // ---- streams ----
 
-Stream::Stream(Web *of) : web(of)
+HttpStream::HttpStream(Web *of) : web(of)
 {
     ++web->streams;
 }
 
-Stream::~Stream()
+HttpStream::~HttpStream()
 {
     --web->streams;
 }
@@ -39,7 +39,7 @@ static bool reader_left(int socket)
     return poll(&waiting, 1, 0) > 0 && (waiting.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-ssize_t stream_read(Stream &stream, char *buffer, size_t size)
+ssize_t stream_read(HttpStream &stream, char *buffer, size_t size)
 {
     while (stream.sent == stream.pending.size()) {
         if (stream.web->stopping || reader_left(stream.socket))
@@ -84,9 +84,9 @@ struct PictureStream {
     }
 };
 
-std::unique_ptr<Stream> stream_pictures(Web &web, const FrameRequest &request, double fps)
+std::unique_ptr<HttpStream> stream_pictures(Web &web, const FrameRequest &request, double fps)
 {
-    auto stream = std::make_unique<Stream>(&web);
+    auto stream = std::make_unique<HttpStream>(&web);
     stream->type = "multipart/x-mixed-replace; boundary=frame";
     auto pictures = std::make_shared<PictureStream>();
     pictures->web = &web;
@@ -196,10 +196,10 @@ static void resume_events(const std::string &last_id, EventStream *events)
     events->call = c;
 }
 
-std::unique_ptr<Stream> stream_events(Web &web, const std::string &kinds, bool backlog,
-                                      const std::string &last_id)
+std::unique_ptr<HttpStream> stream_events(Web &web, const std::string &kinds, bool backlog,
+                                          const std::string &last_id)
 {
-    auto stream = std::make_unique<Stream>(&web);
+    auto stream = std::make_unique<HttpStream>(&web);
     stream->type = "text/event-stream";
     auto events = std::make_shared<EventStream>();
     events->web = &web;

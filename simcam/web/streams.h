@@ -13,7 +13,7 @@ namespace simcam
 
 struct Web;
 
-struct Stream {
+struct HttpStream {
     Web *web = nullptr;
     std::string type;
     int socket = -1; // the reader's
@@ -22,24 +22,24 @@ struct Stream {
     std::string pending;
     size_t sent = 0; // of pending
 
-    explicit Stream(Web *of); // counted in of->streams while it exists
-    Stream(const Stream &) = delete;
-    Stream &operator=(const Stream &) = delete;
-    ~Stream();
+    explicit HttpStream(Web *of); // counted in of->streams while it exists
+    HttpStream(const HttpStream &) = delete;
+    HttpStream &operator=(const HttpStream &) = delete;
+    ~HttpStream();
 };
 
 // Copies the next bytes to buffer, at most size of them; waits for them. Returns -1 at the end: the
 // reader left or the server stops.
-ssize_t stream_read(Stream &stream, char *buffer, size_t size);
+ssize_t stream_read(HttpStream &stream, char *buffer, size_t size);
 
 // JPEGs, at most fps a second, and only as fast as the reader takes them.
-std::unique_ptr<Stream> stream_pictures(Web &web, const FrameRequest &request, double fps);
+std::unique_ptr<HttpStream> stream_pictures(Web &web, const FrameRequest &request, double fps);
 
 // kinds: names of EVENT_KINDS, separated by commas. backlog: start with the records that are kept.
 // last_id: the id of the last event that the reader received before it lost its connection, or
 // empty.
-std::unique_ptr<Stream> stream_events(Web &web, const std::string &kinds, bool backlog,
-                                      const std::string &last_id);
+std::unique_ptr<HttpStream> stream_events(Web &web, const std::string &kinds, bool backlog,
+                                          const std::string &last_id);
 constexpr const char *EVENT_KINDS[] = {"state", "measurement", "output", "call"};
 
 } // namespace simcam
