@@ -50,12 +50,12 @@ void overlay_output(int terminal)
 static uint32_t find_overlay()
 {
     FILE *file = fopen(PID_FILE, "r");
-    unsigned pid = 0;
+    char text[16] = {};
     if (!file)
         return 0;
-    if (fscanf(file, "%u", &pid) != 1)
-        pid = 0;
+    (void)!fread(text, 1, sizeof text - 1, file);
     fclose(file);
+    const auto pid = static_cast<uint32_t>(strtoul(text, nullptr, 10)); // 0 where it is no number
     char link[64], name[256] = {};
     snprintf(link, sizeof link, "/proc/%u/exe", pid);
     if (readlink(link, name, sizeof name - 1) < 0 || strcmp(name, EXECUTABLE) != 0)
@@ -73,17 +73,19 @@ void overlay_report()
         (void)!fread(text, 1, sizeof text - 1, file);
         fclose(file);
     }
-    unsigned long user = 0, system = 0;
-    long pages = 0;
-    const char *name_end = strrchr(text, ')');
-    if (name_end &&
-        sscanf(name_end + 1,
-               " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %*d %*d %*d %*d %*d %*d"
-               " %*u %*u %ld",
-               &user, &system, &pages) == 3) {
-        const auto hertz = static_cast<unsigned long>(sysconf(_SC_CLK_TCK));
-        process.cpu_ms = static_cast<uint32_t>((user + system) * 1000 / hertz);
-        process.resident_kib = static_cast<uint32_t>(pages * (sysconf(_SC_PAGESIZE) / 1024));
+    // The fields behind the name and the state, by their numbers in proc(5).
+    enum { PARENT = 4, USER_TIME = 14, SYSTEM_TIME = 15, RESIDENT_PAGES = 24 };
+    char *at = strrchr(text, ')');
+    if (at && strlen(at) > 4) {
+        at += 4;
+        unsigned long long field[RESIDENT_PAGES + 1] = {};
+        for (int number = PARENT; number <= RESIDENT_PAGES; number++)
+            field[number] = strtoull(at, &at, 10);
+        const auto hertz = static_cast<unsigned long long>(sysconf(_SC_CLK_TCK));
+        const auto page = static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
+        process.cpu_ms =
+            static_cast<uint32_t>((field[USER_TIME] + field[SYSTEM_TIME]) * 1000 / hertz);
+        process.resident_kib = static_cast<uint32_t>(field[RESIDENT_PAGES] * (page / 1024));
     }
     port_send(LINK_PROCESS, 0, &process, sizeof process);
 }

@@ -222,6 +222,7 @@ static pid_t start_child(const std::vector<std::string> &words, int inherited, b
                          bool silent)
 {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
