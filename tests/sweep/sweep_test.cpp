@@ -133,7 +133,7 @@ std::vector<int> codes_of(Fn fn)
         return {(int)0x81E03204, (int)0x81E04507, (int)0x81003209, (int)0x81E0250C,
                 (int)0x81E03246, (int)0x81E03201, ENOMEM};
     default:
-        return fn <= SET_OSD ? std::vector<int>{(int)0x81E00001} : std::vector<int>{EIO};
+        return fn <= SET_OSD ? std::vector<int>{(int)0x81E00001, ENOMEM} : std::vector<int>{EIO};
     }
 }
 
