@@ -183,7 +183,8 @@ static bool has_kind(const std::string &kinds, const std::string &kind)
     return ("," + kinds + ",").find("," + kind + ",") != std::string::npos;
 }
 
-// Continues after the event of that id, if it is of this session.
+// Continues after the event last_id if this run of the server sent it; ids of another run are
+// ignored.
 static void resume_events(const std::string &last_id, EventStream *events)
 {
     const std::string prefix = events->web->session + "-";

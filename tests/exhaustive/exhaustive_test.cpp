@@ -52,10 +52,9 @@ static uint8_t color_at(int j, int pitch, int frame, int percent)
     return frame + filled <= j ? BOX : FILL;
 }
 
-// Whether an interior line is right. Frame, marker and box each cover columns that lie together
-// (the frame at either end), so a run of one color is right if its ends are, and if no other part
-// lies wholly inside it: the interior is not empty between two runs of frame, and the marker is
-// where its center is.
+// Whether an interior line is right, without comparing every column. Checking both ends
+// of each run of one color is enough: a wrong run between right ends would have to swallow a whole
+// part of the bar, so the first and last interior column and the marker's center are checked too.
 static bool line_is_right(const uint8_t *line, int pitch, int frame, int percent)
 {
     const auto right_at = [=](int j) {
