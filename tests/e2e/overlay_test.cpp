@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
 #include <spawn.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "camera/pictures.h"
 #include "picture/lens.h"
@@ -269,23 +272,94 @@ TEST(OverlayProcess, TwoCamerasWithAProcessEachAreIndependent)
     EXPECT_TRUE(near_focus.readout(0).valid) << near_focus.readout(0).problem;
 }
 
-// The NUL-terminated words of a file of /proc/PID.
-static std::vector<std::string> words_of(int pid, const char *file)
+// The program of a camera's process, for a process that the test starts itself: it joins the same
+// camera, because it gets the environment of the camera's process with the changes of the test.
+class OwnProcess
 {
-    std::ifstream stream("/proc/" + std::to_string(pid) + "/" + file);
-    std::vector<std::string> words;
-    for (std::string word; std::getline(stream, word, '\0');)
-        words.push_back(word);
-    return words;
+  public:
+    // The camera's process must run.
+    explicit OwnProcess(const Overlay &overlay)
+        : words_(read_words(overlay, "cmdline")), environment_(read_words(overlay, "environ"))
+    {
+    }
+    ~OwnProcess()
+    {
+        if (pid_ > 0)
+            kill();
+    }
+    OwnProcess(const OwnProcess &) = delete;
+    OwnProcess &operator=(const OwnProcess &) = delete;
+
+    void unset(const std::string &name)
+    {
+        std::erase_if(environment_,
+                      [&](const std::string &entry) { return entry.starts_with(name + "="); });
+    }
+
+    void set(const std::string &name, const std::string &value)
+    {
+        unset(name);
+        environment_.push_back(name + "=" + value);
+    }
+
+    // Its standard output goes to a file, if one is named.
+    void start(const std::string &standard_output = "")
+    {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        if (!standard_output.empty())
+            posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, standard_output.c_str(),
+                                             O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        EXPECT_EQ(posix_spawnp(&pid_, words_.at(0).c_str(), &actions, nullptr,
+                               pointers(&words_).data(), pointers(&environment_).data()),
+                  0);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+
+    void kill()
+    {
+        EXPECT_EQ(waitpid(pid_, nullptr, WNOHANG), 0) << "ended by itself";
+        ::kill(pid_, SIGKILL);
+        EXPECT_EQ(waitpid(pid_, nullptr, 0), pid_);
+        pid_ = 0;
+    }
+
+  private:
+    // The NUL-terminated words of a file of /proc/PID.
+    static std::vector<std::string> read_words(const Overlay &overlay, const char *file)
+    {
+        std::ifstream stream("/proc/" + std::to_string(overlay.state().process.pid) + "/" + file);
+        std::vector<std::string> words;
+        for (std::string word; std::getline(stream, word, '\0');)
+            words.push_back(word);
+        return words;
+    }
+
+    static std::vector<char *> pointers(std::vector<std::string> *words)
+    {
+        std::vector<char *> list;
+        for (std::string &word : *words)
+            list.push_back(word.data());
+        list.push_back(nullptr);
+        return list;
+    }
+
+    std::vector<std::string> words_;
+    std::vector<std::string> environment_;
+    pid_t pid_ = 0;
+};
+
+static std::string content(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
-static std::vector<char *> pointers(std::vector<std::string> *words)
+static std::vector<uint8_t> bytes_of(const std::string &path)
 {
-    std::vector<char *> list;
-    for (std::string &word : *words)
-        list.push_back(word.data());
-    list.push_back(nullptr);
-    return list;
+    const std::string text = content(path);
+    return {text.begin(), text.end()};
 }
 
 TEST(OverlayProcess, ASecondProcessOnTheSameCameraClearsTheBarOfTheFirstUntilItEnds)
@@ -299,12 +373,8 @@ TEST(OverlayProcess, ASecondProcessOnTheSameCameraClearsTheBarOfTheFirstUntilItE
     ASSERT_FALSE(bar_is_empty());
 
     const int first = overlay.state().process.pid;
-    std::vector<std::string> words = words_of(first, "cmdline");
-    std::vector<std::string> environment = words_of(first, "environ");
-    pid_t second = 0;
-    ASSERT_EQ(posix_spawnp(&second, words.at(0).c_str(), nullptr, nullptr, pointers(&words).data(),
-                           pointers(&environment).data()),
-              0);
+    OwnProcess second(overlay);
+    second.start();
 
     overlay.wait("a bar that the second one cleared", bar_is_empty);
     overlay.wait("a bar that the first one drew", [&] { return !bar_is_empty(); });
@@ -312,14 +382,69 @@ TEST(OverlayProcess, ASecondProcessOnTheSameCameraClearsTheBarOfTheFirstUntilItE
     EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
     EXPECT_TRUE(overlay.state().process.running);
     EXPECT_EQ(overlay.output(2), ""); // the first process gets no error
-    EXPECT_EQ(waitpid(second, nullptr, WNOHANG), 0);
-    kill(second, SIGKILL);
-    EXPECT_EQ(waitpid(second, nullptr, 0), second);
+    second.kill();
 
     overlay.wait_redraws(0, 2);
     const Readout readout = overlay.readout(0);
     EXPECT_TRUE(readout.valid) << readout.problem;
     EXPECT_EQ(overlay.state().process.pid, first);
+}
+
+// The message of a failed status has no line end. With SIMCAM_UNBUFFERED it appears at once, which
+// shows that the process has printed it in the other case, too.
+TEST(OverlayProcess, TextWithoutALineEndStaysInTheBufferOfStandardOutput)
+{
+    CameraOptions options = overlay_options();
+    options.post_size[1] = "1920x1080";
+    for (const bool unbuffered : {true, false}) {
+        const Overlay overlay(options);
+        overlay.wait_redraws(0);
+        OwnProcess process(overlay);
+        if (!unbuffered)
+            process.unset("SIMCAM_UNBUFFERED");
+        EXPECT_EQ(camera_process_kill(*overlay), "");
+        overlay.wait_process_end();
+        EXPECT_EQ(
+            camera_set_fault(*overlay, {"qm7_cl_post_thread_get_status", 0x81E0ABCD, 1, 0, 0}), "");
+        EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
+        EXPECT_EQ(camera_start_post(*overlay, 1, {1920, 1080}), "");
+
+        const std::string file = overlay.state().run_directory + "/standard_output";
+        process.start(file);
+        // The pass in which the status of post 0 fails ends there: post 1 is drawn by a later one.
+        overlay.wait_redraws(1);
+        process.kill();
+
+        EXPECT_EQ(overlay.calls("qm7_cl_post_thread_get_status", 0x81E0ABCD), 1u);
+        EXPECT_EQ(content(file), unbuffered ? "POST0 get_post_geometry() failed" : "");
+    }
+}
+
+// The library writes each plane into a file of a directory when it is shown.
+TEST(OverlayProcess, DrawsThroughAnotherCodecLibrary)
+{
+    const Overlay overlay(overlay_options());
+    overlay.wait_redraws(0);
+    OwnProcess process(overlay);
+    EXPECT_EQ(camera_process_kill(*overlay), "");
+    overlay.wait_process_end();
+    const std::string directory = overlay.state().run_directory + "/";
+    const uint64_t calls = camera_newest(*overlay).call;
+
+    process.set("LD_LIBRARY_PATH", OTHER_CODEC_FOLDER);
+    process.set("OTHER_CODEC_FILES", directory);
+    process.start(directory + "standard_output");
+    overlay.wait("text from a measured value", [&] {
+        const PlaneImage bar = {{.pitch = 480}, bytes_of(directory + "plane0")};
+        const PlaneImage text = {{.pitch = 480}, bytes_of(directory + "plane1")};
+        const Readout readout = readout_read(1280, 720, bar, text);
+        return readout.valid && readout.current > 0;
+    });
+    process.kill();
+
+    for (const CallRecord &call : camera_calls(*overlay, calls, 100))
+        EXPECT_TRUE(call.call == "open" || call.call.find("CAM_") == 0) << call.call;
+    EXPECT_EQ(content(directory + "standard_output"), "");
 }
 
 TEST(OverlayProcess, AHundredRestartsLeaveNothingBehind)

@@ -119,6 +119,21 @@ TEST_F(OsdSession, ValidGeometryIsNotAskedForAgain)
     EXPECT_EQ(geometry.height, 720u);
 }
 
+TEST_F(OsdSession, FailedStatusLeavesTheGeometryAndPrintsNothing)
+{
+    codec.fail("qm7_cl_post_thread_get_status", 0x81E00001);
+    PostGeometry geometry = {0, 11, 22};
+    int32_t result = 0;
+
+    const Captured captured = capture([&] { result = get_post_geometry(&geometry, 7); });
+
+    EXPECT_EQ(result, -14);
+    EXPECT_EQ(geometry.valid, 0u);
+    EXPECT_EQ(geometry.width, 11u);
+    EXPECT_EQ(geometry.height, 22u);
+    EXPECT_EQ(captured.out + captured.err, "");
+}
+
 // ---- reports -----------------------------------------------------------------------------------
 
 static_assert(std::is_same_v<decltype(PostNotifyState::started_mask), std::atomic<uint16_t>>);

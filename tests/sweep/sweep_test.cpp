@@ -410,13 +410,15 @@ void draws_what_it_can(SweptScene &scene, Fn fn, int, bool)
 
 TEST(Sweep, SessionFailsAtEveryCall)
 {
-    Operation session = {"session", [](SweptScene &) {},
-                         [](SweptScene &scene) {
-                             int32_t result = 1;
-                             scene.check([&] { result = OSD_Library_Process(); },
-                                         [&] { EXPECT_EQ(result, scene.model.library_process()); });
-                         },
-                         nullptr};
+    const auto open_session = [](SweptScene &scene) {
+        int32_t result = 1;
+        scene.check([&] { result = OSD_Library_Process(); },
+                    [&] { EXPECT_EQ(result, scene.model.library_process()); });
+        return result;
+    };
+    Operation session = {
+        "session", [](SweptScene &) {}, open_session,
+        [&](SweptScene &scene, Fn, int, bool) { EXPECT_EQ(open_session(scene), 0); }};
     sweep(session, session_counts());
     session.closing_fails = true;
     sweep(session, session_counts());
