@@ -1,7 +1,7 @@
-// Stands in for the overlay process where only its start and end matter: leaves its pid in the file
-// named by FAKE_PIDFILE, then ends with the status that the file FAKE_EXIT holds, or waits for a
-// signal where there is no such file. With FAKE_STUBBORN set, SIGTERM does not end it. With
-// FAKE_DEVICE set, it opens that file first and keeps it open; status 1 where it cannot.
+// Replaces the overlay process for tests of the start-up files: writes its pid to the file
+// FAKE_PIDFILE, then exits with the status in the file FAKE_EXIT, or waits for a signal if there is
+// no such file. With FAKE_STUBBORN it ignores SIGTERM. With FAKE_DEVICE it first opens that file,
+// keeps it open, and exits with status 1 if it cannot.
 
 #include <csignal>
 #include <cstdlib>

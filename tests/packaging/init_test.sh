@@ -1,6 +1,6 @@
 #!/bin/sh
-# The init script under BusyBox, in a folder of its own: init_test.sh SCENARIO SCRIPT OVERLAY
-# Every process that it meets is real; only the overlay is a stand-in. Exit status 77: skipped.
+# Runs the init script under BusyBox, in a directory of its own: init_test.sh SCENARIO SCRIPT OVERLAY
+# All processes are real; OVERLAY replaces the overlay. Exit status 77: skipped.
 set -eu
 scenario=$1 script=$2 overlay=$3
 
@@ -29,6 +29,7 @@ LOG=$box/log
 DELAY_MOST=4
 GOOD_LIFE=3
 STOP_SECONDS=2
+CHECK_SECONDS=0.1
 DEVICE=$box/cam
 export FAKE_PIDFILE=$box/run/focus_assist.pid FAKE_EXIT=$box/exit FAKE_DEVICE=$box/cam
 EOF
@@ -45,14 +46,27 @@ overlays() { # pids of all running overlays of this box
     done
 }
 count() { overlays | wc -l; }
-await() { # a command that is to succeed within 20 s
+await() { # until a command succeeds, for at most 20 s
     tries=0
     until "$@" >/dev/null 2>&1; do
         tries=$((tries + 1))
-        [ "$tries" -lt 200 ] || fail "waited in vain for: $*"
+        [ "$tries" -lt 200 ] || fail "never succeeded: $*"
         sleep 0.1
     done
 }
+# Processes of the script, which include its children until they run another program. The one that
+# calls "run start" has created its keeper when it ends, so a keeper that still has to find out that
+# another one is newer is counted.
+script_processes() {
+    for process in /proc/[0-9]*; do
+        read -r name 2>/dev/null <"$process/comm" || continue
+        case $name in init | setsid) ;; *) continue ;; esac
+        case $(tr '\0' ' ' 2>/dev/null <"$process/cmdline") in *"$box/init "*) echo "${process#/proc/}" ;; esac
+    done
+}
+one_keeper_remains() { [ "$(script_processes | wc -l)" -eq 1 ]; }
+no_keeper_remains() { [ -z "$(script_processes)" ]; }
+adopted() { grep -q "watching pid $1," "$box/log"; }
 one_runs() { [ "$(count)" -eq 1 ] && [ -s "$box/run/focus_assist.pid" ] && run status; }
 none_runs() { [ "$(count)" -eq 0 ]; }
 another_runs() { one_runs && [ "$(overlays)" != "$1" ]; }
@@ -78,13 +92,13 @@ case $scenario in
         first=$(overlays)
         run start | grep -q "already running" || fail "second start does not say so"
         run start & run start & wait
-        sleep 2
+        await one_keeper_remains
         [ "$(overlays)" = "$first" ] || fail "overlays: $(overlays), was $first"
         ;;
     start_twice_at_once)
         run start & run start & run start & wait
+        await one_keeper_remains # one that ends later would have started no overlay either
         await one_runs
-        sleep 2
         [ "$(count)" -eq 1 ] || fail "$(count) overlays"
         run stop
         none_runs || fail "still there after stop"
@@ -110,29 +124,29 @@ case $scenario in
         echo "$other" >"$box/run/focus_assist.pid"
         echo "$other" >"$box/run/focus_assist_keeper.pid"
         run stop
-        kill -0 "$other" || fail "stop ended a stranger"
+        kill -0 "$other" || fail "stop ended a process that is not the overlay"
         echo "$other" >"$box/run/focus_assist.pid"
         begin
         echo "$other" >"$box/run/focus_assist.pid" # even while the overlay runs
         run status | grep -qx "focus_assist: running, pid $(overlays)" || fail "status: $(run status)"
         run stop
         none_runs || fail "still there after stop"
-        kill -0 "$other" || fail "stop ended a stranger"
+        kill -0 "$other" || fail "stop ended a process that is not the overlay"
         ;;
     killed_overlay)
         begin
         first=$(overlays)
         kill -9 "$first"
         await another_runs "$first"
-        grep -q "status 137; restarting in 1 s" "$box/log" || fail "no word in the log"
+        grep -q "status 137; restarting in 1 s" "$box/log" || fail "the log does not say that it restarts"
         ;;
     killed_keeper)
         begin
         first=$(overlays)
         kill -9 "$(keeper)"
-        run status || fail "the overlay went with its keeper"
+        run status || fail "the overlay ended with its keeper"
         run start
-        sleep 2
+        await adopted "$first"
         [ "$(overlays)" = "$first" ] || fail "the overlay was disturbed: $(overlays), was $first"
         kill -9 "$first" # the new keeper watches it
         await another_runs "$first"
@@ -143,7 +157,7 @@ case $scenario in
         begin
         kill -9 "$(keeper)"
         run stop
-        none_runs || fail "stop leaves the orphan"
+        none_runs || fail "stop left the overlay running"
         ;;
     exit_1_and_255)
         for status in 1 255; do
@@ -155,7 +169,7 @@ case $scenario in
             result=0; run status || result=$?
             [ "$result" -eq 1 ] || fail "status says $result between two starts"
             rm "$box/exit"
-            await one_runs # as when the device has come
+            await one_runs # as if the device existed now
             run stop
         done
         ;;
@@ -166,21 +180,20 @@ case $scenario in
         sed -n 's/.*restarting in //p' "$box/log" | head -n 4 | tr '\n' ' ' | grep -qx "1 s 2 s 4 s 4 s " ||
             fail "delays: $(cat "$box/log")"
         run stop
-        [ ! -e "$box/run/focus_assist_keeper.pid" ] || fail "the keeper is still there"
-        sleep 5
-        none_runs || fail "started again after stop"
+        [ ! -e "$box/run/focus_assist_keeper.pid" ] || fail "the keeper's pid file is still there"
+        no_keeper_remains || fail "a keeper is left to start it again: $(script_processes)"
+        none_runs || fail "still there after stop"
         ;;
     device_replaced)
         begin
         first=$(overlays)
-        sleep 5
+        sleep 1 # ten checks; three without the device would end it
         [ "$(overlays)" = "$first" ] || fail "ended with its device there"
         rm "$box/cam"
-        await ends 2 # by the keeper, then for want of a device
+        await ends 2 # first by the keeper, then because it finds no device
         : >"$box/cam"
         await another_runs "$first"
         first=$(overlays)
-        sleep 2
         : >"$box/other"
         mv "$box/other" "$box/cam"
         await another_runs "$first"
@@ -201,13 +214,13 @@ case $scenario in
         none_runs || fail "still there after stop"
         ;;
     good_life_resets_back_off)
-        echo "DELAY_MOST=60" >>"$box/settings"
+        printf "DELAY_MOST=60\nGOOD_LIFE=1\n" >>"$box/settings"
         echo 1 >"$box/exit"
         run start
         await ends 2
         rm "$box/exit"
         await one_runs
-        sleep 5
+        sleep 1.1 # longer than GOOD_LIFE
         kill -9 "$(overlays)"
         await ends 3
         tail -n 1 "$box/log" | grep -q "restarting in 1 s" || fail "delay: $(tail -n 1 "$box/log")"
@@ -216,14 +229,14 @@ case $scenario in
         echo "export FAKE_STUBBORN=1" >>"$box/settings"
         begin
         run stop
-        none_runs || fail "SIGTERM was the last word"
+        none_runs || fail "still there after SIGTERM and SIGKILL"
         ;;
     replaced_executable)
         begin
         cp "$box/focus_assist" "$box/new"
         mv "$box/new" "$box/focus_assist"
         first=$(overlays)
-        run status || fail "a replaced executable is not known any more"
+        run status || fail "the process of a replaced executable is not recognized"
         run restart
         await another_runs "$first"
         ;;
@@ -234,7 +247,7 @@ case $scenario in
         run status | grep -qx "focus_assist: running, pid $(overlays)" || fail "status: $(run status)"
         kill -9 "$(keeper)"
         run start
-        sleep 2
+        await adopted "$(overlays)"
         [ "$(count)" -eq 1 ] || fail "$(count) overlays"
         run stop
         none_runs || fail "still there after stop"

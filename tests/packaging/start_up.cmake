@@ -1,4 +1,4 @@
-# The start-up files, with a substitute for the overlay.
+# The start-up files, with a program that replaces the overlay.
 
 set(init_script ${PROJECT_BINARY_DIR}/packaging/busybox/S80focus_assist)
 set(service_unit ${PROJECT_BINARY_DIR}/packaging/systemd/focus-assist.service)
