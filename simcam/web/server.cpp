@@ -293,7 +293,8 @@ static int listen_on(const std::string &listen, std::string *address, std::strin
     return listener;
 }
 
-HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error)
+HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error,
+                         unsigned idle_s)
 {
     HttpServerPtr server(new HttpServer(camera));
     const int listener = listen_on(listen, &server->address, error);
@@ -310,7 +311,7 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
                          MHD_OPTION_EXTERNAL_LOGGER, log_nothing, nullptr,  //
                          MHD_OPTION_LISTEN_SOCKET, listener,                //
                          MHD_OPTION_CONNECTION_LIMIT, HTTP_CONNECTIONS_MAX, //
-                         MHD_OPTION_CONNECTION_TIMEOUT, HTTP_IDLE_S,        //
+                         MHD_OPTION_CONNECTION_TIMEOUT, idle_s,             //
                          MHD_OPTION_URI_LOG_CALLBACK, on_target, nullptr,   //
                          MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_END);
     if (!server->daemon) {

@@ -15,7 +15,7 @@ namespace simcam
 
 constexpr unsigned HTTP_CONNECTIONS_MAX = 48;
 constexpr unsigned HTTP_STREAMS_MAX = 16;   // of them with a stream of pictures or events
-constexpr unsigned HTTP_IDLE_S = 15;        // after which a connection without progress is closed
+constexpr unsigned HTTP_IDLE_S = 15;        // default: idle time before a connection is closed
 constexpr size_t HTTP_BODY_MAX = 16 * 1024; // bytes of a request
 constexpr const char *HTTP_LISTEN_DEFAULT = "127.0.0.1:8080";
 
@@ -27,8 +27,10 @@ struct HttpServerDelete {
 using HttpServerPtr = std::unique_ptr<HttpServer, HttpServerDelete>;
 
 // Listens on "127.0.0.1:8080", "[::1]:8080", "localhost:0" (port 0: any free one), or a port alone,
-// and serves camera, which must outlive it. Returns null with *error set on failure.
-HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error);
+// and serves camera, which must outlive it. A connection that makes no progress for idle_s seconds
+// is closed. Returns null with *error set on failure.
+HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error,
+                         unsigned idle_s = HTTP_IDLE_S);
 // "http://127.0.0.1:8080/", with the actual port.
 std::string http_address(const HttpServer &server);
 
