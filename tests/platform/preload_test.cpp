@@ -176,7 +176,7 @@ TEST(Preload, TheDeviceBehavesAsADriverDoes)
     for (const OutputChunk &chunk : camera_output(*camera, 0, 10000))
         text += chunk.bytes;
     EXPECT_EQ(camera_state(*camera).process.last_end, "exit status 0") << text;
-    EXPECT_EQ(count_of(text, "ok: "), 26u) << text;
+    EXPECT_EQ(count_of(text, "ok: "), 59u) << text;
 }
 
 TEST(Preload, ReadingsBeforeAConfigurationFailAndWriteNothing)
@@ -207,6 +207,33 @@ TEST(Preload, FixedPathsAreRedirectedToTheRunDirectory)
     EXPECT_EQ(outcome.lines[5].error, ENOENT);
     EXPECT_EQ(std::filesystem::file_size(root + "/var/run/probe.pid"), 7u);
     EXPECT_FALSE(std::filesystem::exists("/var/run/probe.pid"));
+}
+
+TEST(Preload, ReadsStopWaitingOnceFcntlSetsNonblocking)
+{
+    const Outcome outcome =
+        ProbeCamera({"open", "config", "read", "set-nonblocking", "read", "read", "read"})
+            .outcome();
+    ASSERT_EQ(outcome.lines.size(), 7u);
+    EXPECT_EQ(outcome.lines[2].error, 0);
+    EXPECT_EQ(outcome.lines[3].error, 0);
+    const auto fails = std::count_if(outcome.lines.begin() + 4, outcome.lines.end(),
+                                     [](const Line &line) { return line.error == EAGAIN; });
+    EXPECT_GE(fails, 1); // measurements are a thirtieth of a second apart
+}
+
+TEST(Preload, FixedPathsAreRedirectedForAccessAndCreatToo)
+{
+    const ProbeCamera probe({"access", FONT, "create", "/var/run/probe.created", "access",
+                             "/var/run/probe.created", "access", "/usr/local/morvel/nothing"});
+    const Outcome outcome = probe.outcome();
+    ASSERT_EQ(outcome.lines.size(), 4u);
+    for (size_t i = 0; i < 3; i++)
+        EXPECT_EQ(outcome.lines[i].error, 0) << i;
+    EXPECT_EQ(outcome.lines[3].error, ENOENT);
+    EXPECT_TRUE(std::filesystem::exists(camera_state(*probe.camera).run_directory +
+                                        "/var/run/probe.created"));
+    EXPECT_FALSE(std::filesystem::exists("/var/run/probe.created"));
 }
 
 TEST(Preload, FaultsOfTheDeviceReachTheProgram)

@@ -85,6 +85,8 @@ static int act(const std::string &action, const char *argument, long *extra)
         *extra = raw;
         return result;
     }
+    if (action == "set-nonblocking")
+        return fcntl(camera, F_SETFL, O_NONBLOCK);
     if (action == "ioctl-other")
         return ioctl(camera, 0x80047002ul, config);
     if (action == "ioctl-null")
@@ -99,6 +101,10 @@ static int act(const std::string &action, const char *argument, long *extra)
         return first_byte(argument);
     if (action == "stream-byte")
         return first_byte_of_stream(argument);
+    if (action == "access")
+        return access(argument, R_OK);
+    if (action == "create")
+        return (camera = creat(argument, 0640)) < 0 ? -1 : close(camera);
     if (action == "write")
         return write_file(argument);
     if (action == "init")
@@ -114,7 +120,7 @@ int main(int count, char **arguments)
     for (int i = 1; i < count; i++) {
         const std::string action = arguments[i];
         const bool takes_path = action == "byte" || action == "stream-byte" || action == "write" ||
-                                action == "wait-for";
+                                action == "wait-for" || action == "access" || action == "create";
         long extra = -1;
         errno = 0;
         const int result = act(action, takes_path ? arguments[++i] : nullptr, &extra);

@@ -1,0 +1,372 @@
+// The open files of the device.
+//
+// An open file is a connection to simcam. The program's descriptor is an epoll instance with that
+// connection in it: the kernel answers plain reads and writes of one as those of a device without
+// these operations (EINVAL), and reports it as readable when the connection is. Only the epoll
+// instance of a device accepts a change of the device's connection, which identifies every
+// descriptor of an open file, however it was duplicated.
+
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE
+#endif
+
+#include "device.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "c_library.h"
+#include "client/client.h"
+
+constexpr uint32_t CAM_FOCUS_CONFIG = 0x405C7000;
+constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;
+
+// How long a read takes that the camera does not answer any more: programs read in a loop that only
+// the device paces.
+constexpr useconds_t LOST_CAMERA_PAUSE_US = 33333;
+
+// ---- descriptors
+
+constexpr int DEVICE_COUNT = 16;
+
+// An open file of the device; several descriptors may refer to it.
+struct Device {
+    int connection;       // 0: unused
+    int users;            // calls under way
+    bool closed;          // no descriptor refers to it any more
+    pid_t process;        // that made the connection
+    bool dead;            // guarded by lock, as is what follows
+    bool asked;           // a measurement is under way that no call has taken yet
+    uint32_t number;      // of that request
+    pthread_mutex_t lock; // held during a request
+};
+
+// Guards connection, users, closed of all devices, and process. May be taken while a device's lock
+// is held, not the other way round.
+static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
+static Device devices[DEVICE_COUNT];
+static bool table_used; // false spares processes without a device the lock
+// The owner of this memory. Between vfork and exec, getpid() is another process, which must not
+// change the table.
+static pid_t process;
+
+// Returns the device that fd refers to, or null. Preserves errno. The caller holds table_lock.
+static Device *device_find(int fd)
+{
+    const int code = errno;
+    Device *found = nullptr;
+    for (Device &device : devices) {
+        if (device.connection == 0 || device.closed)
+            continue;
+        epoll_event event = {EPOLLIN, {}};
+        if (epoll_ctl(fd, EPOLL_CTL_MOD, device.connection, &event) == 0)
+            found = &device;
+        if (found || errno == EINVAL) // EINVAL: no epoll instance, so no device
+            break;
+    }
+    errno = code;
+    return found;
+}
+
+// Returns the device that fd refers to and counts a user of it; null for other files.
+static Device *device_take(int fd)
+{
+    if (!__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
+        return nullptr;
+    pthread_mutex_lock(&table_lock);
+    Device *found = device_find(fd);
+    if (found && process != getpid())
+        found = nullptr;
+    if (found)
+        found->users++;
+    pthread_mutex_unlock(&table_lock);
+    return found;
+}
+
+// Ends the connection of a closed device. The caller holds table_lock.
+static void device_end(Device *device)
+{
+    if (!device->closed || device->users > 0)
+        return;
+    const int code = errno;
+    close_next(device->connection);
+    errno = code;
+    device->connection = 0;
+}
+
+static void device_release(Device *device)
+{
+    pthread_mutex_lock(&table_lock);
+    device->users--;
+    device_end(device);
+    pthread_mutex_unlock(&table_lock);
+}
+
+bool device_is(int fd)
+{
+    Device *device = device_take(fd);
+    if (device)
+        device_release(device);
+    return device != nullptr;
+}
+
+// Counts the descriptors of the device. Makes all of them refer to replacement unless it is -1. The
+// caller holds table_lock.
+static int device_descriptors(const Device *device, int replacement)
+{
+    DIR *list = opendir("/proc/self/fd");
+    int count = 0;
+    for (const dirent64 *entry; list && (entry = readdir64(list));) {
+        char *end = nullptr;
+        const int fd = (int)strtol(entry->d_name, &end, 10);
+        if (end == entry->d_name || device_find(fd) != device)
+            continue;
+        count++;
+        if (replacement < 0)
+            continue;
+        (void)fcntl(replacement, F_SETFL, fcntl(fd, F_GETFL) & O_NONBLOCK);
+        (void)dup3(replacement, fd, fcntl(fd, F_GETFD) & FD_CLOEXEC ? O_CLOEXEC : 0);
+    }
+    if (list)
+        closedir(list);
+    return count;
+}
+
+void device_close_unused()
+{
+    const int code = errno;
+    pthread_mutex_lock(&table_lock);
+    for (Device &device : devices) {
+        if (device.connection == 0)
+            continue;
+        device.closed = device.closed || device_descriptors(&device, -1) == 0;
+        device_end(&device);
+    }
+    pthread_mutex_unlock(&table_lock);
+    errno = code;
+}
+
+// Runs in the child of a fork, which has one thread and none of the calls of the others.
+static void after_fork()
+{
+    table_lock = PTHREAD_MUTEX_INITIALIZER;
+    process = getpid();
+    for (Device &device : devices) {
+        device.lock = PTHREAD_MUTEX_INITIALIZER;
+        device.users = 0;
+    }
+}
+
+// Opens the camera: a connection and the epoll instance that holds it. Returns 0 or an errno
+// number.
+static int connect_device(int *fd, int *connection)
+{
+    constexpr int FIRST_NUMBER = 64; // programs choose the low descriptor numbers themselves
+    *connection = -1;
+    *fd = epoll_create1(EPOLL_CLOEXEC);
+    if (*fd < 0)
+        return errno;
+    uint32_t error = 0;
+    const int low = client_connect();
+    epoll_event event = {EPOLLIN, {}};
+    if (low < 0)
+        error = ENOENT;
+    else if (client_call(low, WIRE_DEVICE_OPEN, nullptr, nullptr, nullptr, &error) != 0)
+        error = EIO;
+    else if (error == 0 && ((*connection = fcntl(low, F_DUPFD_CLOEXEC, FIRST_NUMBER)) < 0 ||
+                            epoll_ctl(*fd, EPOLL_CTL_ADD, *connection, &event) != 0))
+        error = EMFILE;
+    if (low >= 0)
+        close_next(low);
+    if (error == 0)
+        return 0;
+    if (*connection >= 0)
+        close_next(*connection);
+    close_next(*fd);
+    return (int)error;
+}
+
+// Gives the device a connection of this process if it was inherited by a fork: two processes cannot
+// share one. The caller holds the device's lock.
+static void connect_inherited(Device *device)
+{
+    if (device->process == process)
+        return;
+    device->process = process;
+    device->asked = false;
+    int fd = -1, connection = -1;
+    device->dead = connect_device(&fd, &connection) != 0;
+    if (device->dead)
+        return;
+    pthread_mutex_lock(&table_lock);
+    (void)device_descriptors(device, fd);
+    close_next(device->connection);
+    device->connection = connection;
+    pthread_mutex_unlock(&table_lock);
+    close_next(fd);
+}
+
+int device_open(int flags)
+{
+    const int refusal = (flags & O_CREAT) && (flags & O_EXCL) ? EEXIST
+                        : flags & O_DIRECTORY                 ? ENOTDIR
+                                                              : 0;
+    int fd = -1, connection = -1;
+    const int error = refusal ? refusal : connect_device(&fd, &connection);
+    if (error) {
+        errno = error;
+        return -1;
+    }
+    if (flags & O_NONBLOCK)
+        (void)fcntl(fd, F_SETFL, O_NONBLOCK);
+
+    device_close_unused();
+    bool placed = false;
+    pthread_mutex_lock(&table_lock);
+    if (process == 0) { // the first device
+        process = getpid();
+        (void)pthread_atfork(nullptr, nullptr, after_fork); // fails only for lack of memory
+    }
+    for (Device &device : devices) {
+        if (device.connection != 0)
+            continue;
+        device.connection = connection;
+        device.process = process;
+        device.closed = device.dead = device.asked = false; // nobody else knows this place yet
+        __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
+        placed = true;
+        break;
+    }
+    pthread_mutex_unlock(&table_lock);
+    if (placed)
+        return fd;
+    close_next(connection);
+    close_next(fd);
+    errno = EMFILE;
+    return -1;
+}
+
+// Copies to or from memory that the program named, by way of a pipe: where the memory is not the
+// program's, the system call fails with EFAULT as a driver's does.
+static bool copy(const void *from, void *to, size_t size)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    const bool copied =
+        write(ends[1], from, size) == (ssize_t)size && read(ends[0], to, size) == (ssize_t)size;
+    const int code = errno;
+    close_next(ends[0]);
+    close_next(ends[1]);
+    errno = code;
+    return copied;
+}
+
+static bool ask_measurement(Device *device)
+{
+    if (!device->asked && !device->dead) {
+        device->asked =
+            client_send(device->connection, WIRE_FOCUS_READ, nullptr, &device->number) == 0;
+        device->dead = !device->asked;
+    }
+    return device->asked;
+}
+
+// Receives the measurement that was asked for. Returns 0 or an errno number.
+static int take_measurement(Device *device, int timeout_ms, WireFocusStats *stats)
+{
+    pollfd entry = {device->connection, POLLIN, 0};
+    const int ready = ask_measurement(device) ? poll_next(&entry, 1, timeout_ms) : 0;
+    if (ready < 0 && errno == EINTR)
+        return EINTR; // the next read takes what was asked for
+    if (ready == 0 && timeout_ms == 0 && !device->dead)
+        return EAGAIN;
+    uint32_t error = 0;
+    device->asked = false;
+    if (ready == 1 && client_receive(device->connection, WIRE_FOCUS_READ, device->number, stats,
+                                     nullptr, &error) == 0)
+        return (int)error;
+    if (ready != 1)
+        client_lost();
+    device->dead = true;
+    return EIO;
+}
+
+static int read_focus(Device *device, bool waits, void *argument)
+{
+    WireFocusStats stats;
+    const int error = take_measurement(device, waits ? CLIENT_TIMEOUT_MS : 0, &stats);
+    if (error == EIO && device->dead)
+        usleep(LOST_CAMERA_PAUSE_US);
+    return error ? error : copy(&stats, argument, sizeof stats) ? 0 : errno;
+}
+
+static int configure_focus(Device *device, const void *argument)
+{
+    WireFocusConfig config;
+    if (!copy(argument, &config, sizeof config))
+        return errno;
+    while (device->asked) { // measured with the window before
+        WireFocusStats ignored;
+        (void)take_measurement(device, CLIENT_TIMEOUT_MS, &ignored);
+    }
+    uint32_t error = 0;
+    if (device->dead || client_call(device->connection, WIRE_FOCUS_CONFIG, &config, nullptr,
+                                    nullptr, &error) != 0) {
+        device->dead = true;
+        return EIO;
+    }
+    return (int)error;
+}
+
+static int serve_request(Device *device, bool waits, uint32_t request, void *argument)
+{
+    if (request != CAM_FOCUS_READ && request != CAM_FOCUS_CONFIG) {
+        errno = ENOTTY;
+        return -1;
+    }
+    pthread_mutex_lock(&device->lock);
+    connect_inherited(device);
+    const int error = request == CAM_FOCUS_READ ? read_focus(device, waits, argument)
+                                                : configure_focus(device, argument);
+    pthread_mutex_unlock(&device->lock);
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}
+
+bool device_ioctl(int fd, unsigned long request, void *argument, int *result)
+{
+    // The kernel serves these requests for every file.
+    const bool general = request == FIONBIO || request == FIOCLEX || request == FIONCLEX;
+    Device *device = general ? nullptr : device_take(fd);
+    if (!device)
+        return false;
+    const bool waits = !(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    // A request given as a negative int arrives sign-extended.
+    *result = serve_request(device, waits, (uint32_t)request, argument);
+    device_release(device);
+    return true;
+}
+
+void device_prepare_poll(pollfd *entries, nfds_t count)
+{
+    for (nfds_t i = 0; i < count; i++) {
+        Device *device = entries[i].events & POLLIN ? device_take(entries[i].fd) : nullptr;
+        if (!device)
+            continue;
+        if (pthread_mutex_trylock(&device->lock) == 0) { // else a read is under way
+            connect_inherited(device);
+            (void)ask_measurement(device);
+            pthread_mutex_unlock(&device->lock);
+        }
+        device_release(device);
+    }
+}

@@ -1,0 +1,21 @@
+// The open files of /dev/cam in this process.
+#pragma once
+
+#include <poll.h>
+
+// Opens the device with the flags of open(). Returns its descriptor, or -1 with errno set.
+int device_open(int flags);
+
+// Whether fd refers to an open device. Preserves errno.
+bool device_is(int fd);
+
+// Makes the request if fd refers to an open device: *result is then that of ioctl(). Returns false
+// for other files.
+bool device_ioctl(int fd, unsigned long request, void *argument, int *result);
+
+// Sends for the next measurement of each device among the entries: what poll() waits for is the
+// answer.
+void device_prepare_poll(pollfd *entries, nfds_t count);
+
+// Ends the connections of the devices to which no descriptor refers any more. Preserves errno.
+void device_close_unused();
