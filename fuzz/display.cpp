@@ -8,6 +8,7 @@
 #include <initializer_list>
 
 #include "input.h"
+#include "reference.h"
 #include "scene.h"
 
 using namespace world;
@@ -40,9 +41,22 @@ static uint32_t post_id(Input *input)
 // A boundary value, or any value.
 static uint32_t number(Input *input)
 {
-    static const std::array<uint32_t, 16> VALUES = {
-        0,   1,     2,        84,         85,         100,        999,        1000,
-        720, 65535, 39768216, 0x40000000, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 42949673};
+    static const std::array<uint32_t, 16> VALUES = {0,
+                                                    1,
+                                                    2,
+                                                    reference::THRESHOLD - 1,
+                                                    reference::THRESHOLD,
+                                                    100,
+                                                    999,
+                                                    1000,
+                                                    720,
+                                                    65535,
+                                                    39768216,
+                                                    0x40000000,
+                                                    0x7FFFFFFF,
+                                                    0x80000000,
+                                                    0xFFFFFFFF,
+                                                    42949673};
     const uint8_t kind = input->byte();
     return kind < 128 ? VALUES[kind % VALUES.size()] : kind < 192 ? input->half() : input->word();
 }

@@ -387,7 +387,8 @@ TEST(DrawBar, EqualsTheReferenceForWidePitches)
     std::vector<uint8_t> expected;
     for (uint32_t resolution = 0; resolution <= 4; resolution++) {
         for (int32_t pitch = 801; pitch <= 8192; pitch += 97 * STRIDE) {
-            for (const int32_t percent : {-10, 0, 1, 29, 57, 58, 84, 85, 99, 100, 300}) {
+            for (const int32_t percent : {-10, 0, 1, 29, 57, 58, reference::THRESHOLD - 1,
+                                          reference::THRESHOLD, 99, 100, 300}) {
                 DrawRect rect = rect_of(720, 11, pitch);
                 rect.resolution = resolution;
                 const size_t size = (size_t)(11 * pitch);
@@ -412,7 +413,7 @@ TEST(DrawBar, EqualsTheReferenceForEveryHeightAndSize)
     for (uint32_t resolution = 0; resolution <= 4; resolution++) {
         for (int32_t height = -2; height <= 30; height++) {
             for (const int32_t pitch : {-7, 0, 1, 3, 9, 10, 11, 12, 33, 101}) {
-                for (const int32_t percent : {-10, 0, 43, 85, 100}) {
+                for (const int32_t percent : {-10, 0, 43, reference::THRESHOLD, 100}) {
                     DrawRect rect = rect_of(720, height, pitch);
                     rect.resolution = resolution;
                     const size_t full = (size_t)std::max(0, height * pitch);

@@ -202,7 +202,8 @@ class ShowString : public testing::Test
 
 TEST_F(ShowString, WithoutAPeakShowsDashesWithoutHighlight)
 {
-    for (const int32_t percent : {0, 84, 85, 100, INT_MAX}) {
+    for (const int32_t percent :
+         {0, reference::THRESHOLD - 1, reference::THRESHOLD, 100, INT_MAX}) {
         const Captured captured = show(7, 0, percent);
 
         EXPECT_EQ(captured.out + captured.err, "");
@@ -233,15 +234,18 @@ TEST_F(ShowString, ValuesAreRightAlignedInThreePlaces)
     }
 }
 
-TEST_F(ShowString, TextIsHighlightedFrom85PercentOn)
+TEST_F(ShowString, TextIsHighlightedFromTheThresholdOn)
 {
-    for (const int32_t percent : {INT_MIN, -1, 0, 83, 84, 85, 86, 100, 101, INT_MAX}) {
+    for (const int32_t percent :
+         {INT_MIN, -1, 0, reference::THRESHOLD - 2, reference::THRESHOLD - 1, reference::THRESHOLD,
+          reference::THRESHOLD + 1, 100, 101, INT_MAX}) {
         (void)show(42, 97, percent);
 
-        expect_shown(plane_with("FOCUS ASSIST  42/ 97", percent > 84));
+        const bool highlight = percent >= reference::THRESHOLD;
+        expect_shown(plane_with("FOCUS ASSIST  42/ 97", highlight));
         const std::vector<uint8_t> &bytes = codec.shown[0].bytes;
-        EXPECT_EQ(std::count(bytes.begin(), bytes.end(), percent > 84 ? 16 : 20), 0) << percent;
-        EXPECT_GT(std::count(bytes.begin(), bytes.end(), percent > 84 ? 20 : 16), 0) << percent;
+        EXPECT_EQ(std::count(bytes.begin(), bytes.end(), highlight ? 16 : 20), 0) << percent;
+        EXPECT_GT(std::count(bytes.begin(), bytes.end(), highlight ? 20 : 16), 0) << percent;
     }
 }
 
@@ -410,7 +414,7 @@ TEST_P(WholeReadout, EqualsTheReferenceAtItsPlace)
 
         const reference::Plane text =
             reference::text_plane(GetParam().width, GetParam().height, pitch, TEST_FONT_PATH,
-                                  values.text, values.percent >= 85);
+                                  values.text, values.percent >= reference::THRESHOLD);
         EXPECT_TRUE(same_picture(codec.shown[1].bytes, text.bytes, pitch));
         EXPECT_EQ(codec.shown[1].number, 1);
         EXPECT_EQ(codec.shown[1].x, text.x);

@@ -210,7 +210,7 @@ TEST(OverlayProcess, AfterASweepTheReadoutIsThatOfTheMeasuredValues)
     // can have the same pixels; the lower one is read.
     EXPECT_GE(readout.percent, low * 100 / readout.peak - 2);
     EXPECT_LE(readout.percent, high * 100 / readout.peak);
-    EXPECT_EQ(readout.highlight, readout.current * 100 / readout.peak >= 85);
+    EXPECT_EQ(readout.highlight, readout.current * 100 / readout.peak >= reference::THRESHOLD);
 }
 
 // ---- restarts of the process

@@ -41,12 +41,13 @@ struct Values {
     uint32_t peak;
 };
 
-// Values of up to ten digits; percentages of 0, 84, 85, above 100 and below 0.
+// Values of up to ten digits; percentages of 0, on both sides of the threshold, above 100 and below
+// 0.
 const std::vector<Values> VALUES = {{0, 0},
                                     {7, 0},
                                     {42, 97},
-                                    {84, 100},
-                                    {85, 100},
+                                    {reference::THRESHOLD - 1, 100},
+                                    {reference::THRESHOLD, 100},
                                     {100, 100},
                                     {120, 100},
                                     {999, 1000},

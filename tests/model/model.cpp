@@ -564,7 +564,7 @@ int32_t Model::show_string(const Post &post, uint32_t id, uint32_t percent)
         snprintf(text, sizeof text, "FOCUS ASSIST %3d/---", (int32_t)current);
     } else {
         snprintf(text, sizeof text, "FOCUS ASSIST %3d/%3d", (int32_t)current, (int32_t)peak);
-        highlight = (int32_t)percent > 84;
+        highlight = (int32_t)percent >= reference::THRESHOLD;
     }
     const std::string cut = std::string(text).substr(0, 25);
 

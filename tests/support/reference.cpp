@@ -74,7 +74,7 @@ static int bar_pixel(const DrawRect &rect, int i, int j, int percent)
         return COLOR_FRAME;
 
     const int w = rect.pitch - 2 * t;
-    const double m = w * 0.01 * 85.0;
+    const double m = w * 0.01 * THRESHOLD;
     const double c = t + m;
     if (j > c - t && j < c + t)
         return COLOR_MARKER;

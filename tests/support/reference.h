@@ -18,6 +18,10 @@
 namespace reference
 {
 
+// Percentage from which the text is highlighted, and place of the bar's marker. Written here again:
+// a test that used the program's constant could not notice a changed one.
+constexpr int THRESHOLD = 85;
+
 // The solid rectangle of rect->bg_color.
 void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect);
 
