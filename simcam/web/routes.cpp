@@ -149,7 +149,7 @@ static Answer get_output(Web &web, const RoutedRequest &request)
 
 // ---- pictures ----
 
-// The picture of the path: a post, /api/all or /api/sensor.
+// The picture of the request: a post, /api/all or /api/sensor.
 static FrameRequest frame_request(const RoutedRequest &request)
 {
     const Values &values = request.values;
@@ -170,15 +170,18 @@ static Answer get_frame(Web &web, const RoutedRequest &request)
     const FrameRequest frame = frame_request(request);
     if (frame.view < POST_COUNT && !camera_post(web.camera, frame.view).running)
         return answer_error(409, "post " + std::to_string(frame.view) + " is off");
+    const bool png = frame.quality == QUALITY_PNG;
     uint64_t number = 0;
     Answer answer;
-    answer.type = "image/png";
+    answer.type = png ? "image/png" : "image/jpeg";
     answer.body = frame_still(web.frames, frame, &number);
     answer.headers.emplace_back("X-Measurement", std::to_string(number));
     const std::string view = frame.view == VIEW_ALL      ? "all"
                              : frame.view == VIEW_SENSOR ? "sensor"
                                                          : "post" + std::to_string(frame.view);
-    offer_download(request, "simcam-" + view + "-" + std::to_string(number) + ".png", &answer);
+    offer_download(request,
+                   "simcam-" + view + "-" + std::to_string(number) + (png ? ".png" : ".jpg"),
+                   &answer);
     return answer;
 }
 
@@ -342,6 +345,7 @@ static Answer kill_process(Web &web, const RoutedRequest &)
 
 static constexpr const char *JSON = "application/json";
 static constexpr const char *PNG = "image/png";
+static constexpr const char *JPEG = "image/jpeg";
 static constexpr const char *MJPEG = "multipart/x-mixed-replace";
 static constexpr const char *BYTES = "application/octet-stream";
 
@@ -374,9 +378,11 @@ static std::vector<Route> make_routes()
         "download", Kind::FLAG, 0, 1, "0", "makes a browser save the answer as a file"};
     const Parameter planes = {"planes", Kind::FLAG, 0,
                               1,        "1",        "draws the OSD planes over the picture"};
+    Parameter post_of_query = post; // of the short names
+    post_of_query.fallback = "0";
+    const Parameter quality = {"quality", Kind::INTEGER, 10, 100, "80", "JPEG quality"};
     const Parameters moving = {
-        {"quality", Kind::INTEGER, 10, 100, "80", "JPEG quality"},
-        {"fps", Kind::NUMBER, 0.1, 60, "30", "maximum number of pictures per second"}};
+        quality, {"fps", Kind::NUMBER, 0.1, 60, "30", "maximum number of pictures per second"}};
     const Parameter kinds = {"kinds",
                              Kind::CHOICES,
                              1,
@@ -439,11 +445,17 @@ static std::vector<Route> make_routes()
         {{"GET", "/api/posts/{post}/frame.png", PNG, "the picture of a post",
           frame_parameters({post, planes}, {download})},
          get_frame},
+        {{"GET", "/api/posts/{post}/frame.jpg", JPEG, "the same as a JPEG",
+          frame_parameters({post, planes}, {quality, download})},
+         get_frame},
         {{"GET", "/api/posts/{post}/stream.mjpeg", MJPEG, "the same as a video stream",
           frame_parameters({post, planes}, moving)},
          get_stream},
         {{"GET", "/api/all/frame.png", PNG, "all four posts in one picture",
           frame_parameters({planes}, {download})},
+         get_frame},
+        {{"GET", "/api/all/frame.jpg", JPEG, "the same as a JPEG",
+          frame_parameters({planes}, {quality, download})},
          get_frame},
         {{"GET", "/api/all/stream.mjpeg", MJPEG, "the same as a video stream",
           frame_parameters({planes}, moving)},
@@ -451,9 +463,19 @@ static std::vector<Route> make_routes()
         {{"GET", "/api/sensor/frame.png", PNG, "the picture of the sensor",
           frame_parameters({}, {download})},
          get_frame},
+        {{"GET", "/api/sensor/frame.jpg", JPEG, "the same as a JPEG",
+          frame_parameters({}, {quality, download})},
+         get_frame},
         {{"GET", "/api/sensor/stream.mjpeg", MJPEG, "the same as a video stream",
           frame_parameters({}, moving)},
          get_stream},
+        {{"GET", "/stream", MJPEG, "short name of a post's video stream",
+          frame_parameters({post_of_query, planes}, moving)},
+         get_stream},
+        {{"GET", "/snapshot", JPEG, "short name of a post's JPEG",
+          frame_parameters({post_of_query, planes}, {quality, download})},
+         get_frame},
+        {{"GET", "/state", JSON, "short name of /api/state", {}}, get_state},
         {{"POST",
           "/api/posts/{post}/start",
           JSON,

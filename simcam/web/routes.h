@@ -8,7 +8,7 @@
 namespace simcam
 {
 
-// The first row is the page, which also answers every path outside /api that no row names.
+// The first row is the page, which also answers every path outside /api without a row.
 std::span<const Route> http_routes();
 
 Answer answer_error(unsigned status, const std::string &message);

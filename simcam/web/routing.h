@@ -40,7 +40,7 @@ struct RoutedRequest {
     std::string last_event_id;
 };
 
-// Every path outside /api belongs to the first route, the page.
+// A path outside /api without a route of its own belongs to the first route, the page.
 RoutedRequest http_route(std::span<const Route> routes, const HttpRequest &request);
 
 // Whether a Host header names a server of this machine: a loopback name, a numeric address, or

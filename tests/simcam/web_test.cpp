@@ -421,6 +421,44 @@ TEST_F(Http, RefusalsAreJsonWithTheirStatus)
 
     const Response method = ask("PUT", "/api/faults");
     EXPECT_EQ(method.status, 405);
+TEST_F(Http, AStillComesAsAJpegToo)
+{
+    fake_noise(*camera_);
+    fake_measure(*camera_, 5);
+    fake_measure(*camera_, 6);
+
+    const Response answer = get("/api/posts/1/frame.jpg?download=1");
+
+    EXPECT_EQ(answer.header.at("content-type"), "image/jpeg");
+    EXPECT_THAT(answer.body, StartsWith("\xFF\xD8\xFF"));
+    EXPECT_EQ(answer.header.at("x-measurement"), "2");
+    EXPECT_EQ(answer.header.at("content-disposition"),
+              "attachment; filename=\"simcam-post1-2.jpg\"");
+    const cv::Mat picture =
+        cv::imdecode(std::vector<uchar>(answer.body.begin(), answer.body.end()), cv::IMREAD_COLOR);
+    EXPECT_EQ(picture.size(), cv::Size(720, 576));
+    EXPECT_LT(get("/api/posts/1/frame.jpg?quality=20").body.size(), answer.body.size());
+    EXPECT_THAT(get("/api/posts/1/frame.png").body, StartsWith("\x89PNG"));
+}
+
+TEST_F(Http, ShortNamesAnswerAsTheLongOnes)
+{
+    const auto size_of = [&](const std::string &target) {
+        const std::string bytes = get(target).body;
+        return cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR)
+            .size();
+    };
+
+    EXPECT_EQ(get("/state").body, get("/api/state").body);
+    EXPECT_EQ(get("/snapshot").body, get("/api/posts/0/frame.jpg").body);
+    EXPECT_EQ(size_of("/snapshot?post=1&width=360"), cv::Size(360, 288));
+    EXPECT_EQ(get("/snapshot?post=3").status, 409) << "it is off";
+    EXPECT_EQ(get("/stream?post=4").status, 400);
+    Client client(port_);
+    client.send_bytes(head("GET", "/stream?post=1"));
+    EXPECT_THAT(client.read_until_contains("Content-Type: image/jpeg"), HasSubstr("--frame"));
+}
+
     EXPECT_EQ(method.header.at("allow"), "GET, POST, DELETE");
     EXPECT_EQ(post("/api/ring", "{\"ring\":7}").status, 400);
     EXPECT_TRUE(fake_changes(*camera_).empty());
