@@ -103,7 +103,7 @@ std::string json_routes(const std::vector<const RouteText *> &routes)
                         {"help", route->help},
                         {"parameters", std::move(parameters)}});
     }
-    return text_of({{"routes", std::move(list)}});
+    return text_of({{"api_version", API_VERSION}, {"routes", std::move(list)}});
 }
 
 // ---- records ----
@@ -209,7 +209,8 @@ std::string json_state(const CameraState &s, bool with_time)
     json posts = json::array();
     for (const PostState &post : s.post)
         posts.push_back(post_of(post, with_time));
-    json state = {{"sweep", s.sweep},
+    json state = {{"api_version", API_VERSION},
+                  {"sweep", s.sweep},
                   {"sweep_period_s", s.sweep_period_s},
                   {"scene", s.scene},
                   {"gain", s.gain},

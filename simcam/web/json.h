@@ -10,6 +10,10 @@
 namespace simcam
 {
 
+// Of the web interface: in /api, in the state, and with every answer as X-Api-Version. Raised when
+// a route, a parameter or a member goes or changes its meaning; additions keep it.
+constexpr int API_VERSION = 1;
+
 // Reads an object into its members. Returns false with *error set for anything else.
 bool json_read_object(const std::string &text, std::vector<JsonField> *fields, std::string *error);
 

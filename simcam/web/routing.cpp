@@ -200,15 +200,29 @@ static Captured find_route(std::span<const Route> routes, const std::string &met
     return captured;
 }
 
+// The bytes of "http://host:port" at the start of a target; 0 for a path.
+static size_t origin_length(std::string_view target)
+{
+    constexpr std::string_view scheme = "http://";
+    if (target.size() <= scheme.size() ||
+        strncasecmp(target.data(), scheme.data(), scheme.size()) != 0)
+        return 0;
+    const size_t end = std::min(target.find_first_of("/?", scheme.size()), target.size());
+    return end > scheme.size() ? end : 0;
+}
+
 RoutedRequest http_route(std::span<const Route> routes, const HttpRequest &request)
 {
     RoutedRequest routed;
     routed.last_event_id = request.last_event_id;
-    const std::string_view target = request.target;
+    std::string_view target = request.target;
+    const size_t origin = origin_length(target);
+    target.remove_prefix(origin);
     const size_t mark = target.find('?');
     const std::string_view query =
         mark == std::string_view::npos ? std::string_view() : target.substr(mark + 1);
-    const auto path = percent_decode(target.substr(0, mark), false);
+    const std::string_view path_text = target.substr(0, mark);
+    const auto path = percent_decode(origin > 0 && path_text.empty() ? "/" : path_text, false);
     if (!path || path->empty() || path->front() != '/')
         return refuse(std::move(routed), 400, "the path is not percent-encoded text");
     routed.path = *path;
@@ -238,6 +252,12 @@ RoutedRequest http_route(std::span<const Route> routes, const HttpRequest &reque
 }
 
 // ---- origin of requests ----
+
+std::string http_target_host(const std::string &target)
+{
+    const size_t origin = origin_length(target);
+    return origin > 0 ? target.substr(7, origin - 7) : "";
+}
 
 // Splits "name:port", "[::1]:port" or a name alone. Returns false for anything else.
 static bool split_host(const std::string &host, std::string *name)

@@ -23,7 +23,7 @@ struct Route {
 
 struct HttpRequest {
     std::string method;
-    std::string target; // as received: path and query, percent-encoded
+    std::string target; // as received: path and query, percent-encoded; or "http://host/path"
     std::string content_type;
     std::string body;
     std::string last_event_id = {}; // header Last-Event-ID
@@ -42,6 +42,10 @@ struct RoutedRequest {
 
 // A path outside /api without a route of its own belongs to the first route, the page.
 RoutedRequest http_route(std::span<const Route> routes, const HttpRequest &request);
+
+// The host of a target in absolute form, "http://host:port/path", which counts instead of the Host
+// header; empty for a path.
+std::string http_target_host(const std::string &target);
 
 // Whether a Host header names a server of this machine: a loopback name, a numeric address, or
 // machine_name. Ports are ignored, since a tunnel changes them. Rejects foreign host names (DNS

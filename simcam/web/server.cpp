@@ -4,16 +4,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <random>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <microhttpd.h>
 
+#include "web/json.h"
 #include "web/routes.h"
 #include "web/web.h"
 
@@ -47,8 +50,10 @@ struct Arrival {
 
 static void add_headers(MHD_Response *response, const Answer &answer)
 {
+    const std::string version = std::to_string(API_VERSION);
     const std::pair<const char *, const char *> fixed[] = {
         {"Cache-Control", "no-store"},
+        {"X-Api-Version", version.c_str()},
         {"X-Content-Type-Options", "nosniff"},
         {"X-Frame-Options", "DENY"},
         {"Referrer-Policy", "no-referrer"},
@@ -109,7 +114,8 @@ static void on_stream_end(void *context)
     delete static_cast<HttpStream *>(context);
 }
 
-static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection, Answer answer)
+static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection, bool is_head,
+                              Answer answer)
 {
     if (server.web.streams > HTTP_STREAMS_MAX) { // including this one
         Answer refusal = answer_error(503, "all " + std::to_string(HTTP_STREAMS_MAX) +
@@ -124,13 +130,49 @@ static MHD_Result send_stream(HttpServer &server, MHD_Connection *connection, An
         MHD_SIZE_UNKNOWN, STREAM_BLOCK, on_room, answer.stream.get(), on_stream_end);
     if (response)
         (void)answer.stream.release(); // the response deletes it
+    // Otherwise libmicrohttpd ends the headers with the last chunk of a body.
+    if (response && is_head)
+        MHD_set_response_options(response, MHD_RF_HTTP_VERSION_1_0_ONLY, MHD_RO_END);
     return send_response(connection, 200, response, answer);
 }
 
-// Returns an empty string, or why the origin of the request is refused.
-static std::string refuse_origin(const HttpServer &server, MHD_Connection *connection)
+struct Framing {
+    std::vector<std::string> lengths; // values of Content-Length
+    unsigned hosts = 0;
+};
+
+static MHD_Result on_header(void *context, MHD_ValueKind, const char *name, const char *value)
 {
-    const std::string host = header(connection, "Host");
+    auto *framing = static_cast<Framing *>(context);
+    if (strcasecmp(name, "Content-Length") == 0)
+        framing->lengths.emplace_back(value ? value : "");
+    if (strcasecmp(name, "Host") == 0)
+        ++framing->hosts;
+    return MHD_YES;
+}
+
+// Returns an empty string, or why it is not certain where the request ends or what its host is.
+// libmicrohttpd itself refuses an HTTP/1.1 request without Host.
+static std::string refuse_framing(MHD_Connection *connection)
+{
+    Framing framing;
+    MHD_get_connection_values(connection, MHD_HEADER_KIND, on_header, &framing);
+    if (framing.hosts > 1)
+        return "Host is given twice";
+    const auto &lengths = framing.lengths;
+    if (std::adjacent_find(lengths.begin(), lengths.end(), std::not_equal_to<>()) != lengths.end())
+        return "Content-Length is given twice, with different values";
+    if (!lengths.empty() && !header(connection, "Transfer-Encoding").empty())
+        return "Content-Length and Transfer-Encoding exclude each other";
+    return "";
+}
+
+// Returns an empty string, or why the origin of the request is refused.
+static std::string refuse_origin(const HttpServer &server, MHD_Connection *connection,
+                                 const std::string &target)
+{
+    const std::string named = http_target_host(target);
+    const std::string host = named.empty() ? header(connection, "Host") : named;
     if (!http_host_is_ours(host, server.machine_name))
         return "Host \"" + host + "\" does not name this server";
     const std::string origin = header(connection, "Origin");
@@ -151,7 +193,7 @@ static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const c
                          Arrival &arrival)
 {
     (void)setpriority(PRIO_PROCESS, 0, HTTP_NICENESS); // of this thread: the sensor goes first
-    const std::string foreign = refuse_origin(server, connection);
+    const std::string foreign = refuse_origin(server, connection, arrival.target);
     if (!foreign.empty())
         return send_answer(connection, answer_error(403, foreign));
     if (arrival.target.size() > TARGET_MAX)
@@ -173,8 +215,9 @@ static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const c
         header(connection, "Sec-Fetch-Site") == "cross-site")
         return send_answer(connection, answer_error(403, "requests from another site are refused"));
     Answer answer = request.route->handle(server.web, request);
+    const bool is_head = strcmp(method, "HEAD") == 0;
     if (answer.stream)
-        return send_stream(server, connection, std::move(answer));
+        return send_stream(server, connection, is_head, std::move(answer));
     return send_answer(connection, answer);
 }
 
@@ -192,7 +235,12 @@ static MHD_Result on_request(void *context, MHD_Connection *connection, const ch
     Arrival &arrival = *static_cast<Arrival *>(*request);
     if (!arrival.seen) {
         arrival.seen = true;
-        return MHD_YES;
+        const std::string reason = refuse_framing(connection);
+        if (reason.empty())
+            return MHD_YES;
+        Answer refusal = answer_error(400, reason);
+        refusal.headers.emplace_back("Connection", "close"); // the rest cannot be told apart
+        return send_answer(connection, refusal);
     }
     if (*size > 0) {
         arrival.too_long |= arrival.body.size() + *size > HTTP_BODY_MAX;
@@ -310,6 +358,7 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
                          0, nullptr, nullptr, on_request, server.get(),     //
                          MHD_OPTION_EXTERNAL_LOGGER, log_nothing, nullptr,  //
                          MHD_OPTION_LISTEN_SOCKET, listener,                //
+                         MHD_OPTION_STRICT_FOR_CLIENT, 1,                   // Host is needed
                          MHD_OPTION_CONNECTION_LIMIT, HTTP_CONNECTIONS_MAX, //
                          MHD_OPTION_CONNECTION_TIMEOUT, idle_s,             //
                          MHD_OPTION_URI_LOG_CALLBACK, on_target, nullptr,   //

@@ -208,6 +208,7 @@ TEST(HttpRoute, NoiseGivesARouteOrARefusal)
         {"POST", "/api/faults", JSON, R"({"call":"open","error":"0x81E03246","remaining":1})"},
         {"POST", "/api/posts/0/start", JSON, R"({"size":"1920x1080"})"},
         {"DELETE", "/api/faults?x", "", ""},
+        {"GET", "http://localhost/snapshot?post=1", "", ""},
     };
     for (int round = 0; round < 20000; ++round) {
         HttpRequest request = seeds[random() % seeds.size()];
@@ -254,6 +255,28 @@ TEST(HttpHost, OnlyNamesOfThisServerAreAccepted)
           "[]:80", "[::1]x", "127.0.0.1:8080 ", "user@127.0.0.1"})
         EXPECT_FALSE(http_host_is_ours(other, "bench7")) << other;
     EXPECT_FALSE(http_host_is_ours("", "")) << "a machine without a name";
+}
+
+TEST(HttpHost, ATargetInAbsoluteFormNamesIt)
+{
+    EXPECT_EQ(http_target_host("http://bench7:8080/api?a=1"), "bench7:8080");
+    EXPECT_EQ(http_target_host("HTTP://[::1]:80"), "[::1]:80");
+    EXPECT_EQ(http_target_host("http://a?b/c"), "a");
+    for (const char *path : {"", "/", "/api/state", "/http://a/", "http:/a/", "http://", "http:///",
+                             "http://?a", "https://a/", "*"})
+        EXPECT_EQ(http_target_host(path), "") << path;
+}
+
+TEST(HttpRoute, TheHostOfATargetIsNoPartOfItsPath)
+{
+    const RoutedRequest r = get("http://localhost:80/api/measurements?after=7");
+
+    ASSERT_EQ(r.status, 200) << r.error;
+    EXPECT_EQ(r.path, "/api/measurements");
+    EXPECT_EQ(r.values.number.at("after"), 7);
+    EXPECT_EQ(get("http://localhost").path, "/");
+    EXPECT_EQ(get("http://localhost?x").path, "/");
+    EXPECT_EQ(get("http:///api").status, 400);
 }
 
 TEST(HttpOrigin, OnlyThePageItselfIsAccepted)

@@ -233,6 +233,7 @@ TEST_F(Http, ApiListsEveryRoute)
 
     EXPECT_EQ(list.status, 200);
     EXPECT_EQ(list.header.at("content-type"), "application/json");
+    EXPECT_THAT(list.body, HasSubstr("\"api_version\":1,"));
     for (const Route &route : http_routes())
         EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.text.path) + "\""));
 }
@@ -269,6 +270,16 @@ TEST_F(Http, StateDescribesTheCamera)
     EXPECT_THAT(state.body, HasSubstr("\"raw\":32100"));
     EXPECT_THAT(state.body, HasSubstr("\"width\":720"));
     EXPECT_THAT(state.body, HasSubstr("\"scene\":\"photo\""));
+}
+
+TEST_F(Http, TheVersionOfTheInterfaceComesWithTheStateAndWithEveryAnswer)
+{
+    EXPECT_THAT(get("/api/state").body, HasSubstr("\"api_version\":1,"));
+    for (const char *target : {"/api", "/api/state", "/api/nothing", "/", "/snapshot"})
+        EXPECT_EQ(get(target).header.at("x-api-version"), "1") << target;
+    Client client(port_);
+    client.send_bytes(head("GET", "/stream"));
+    EXPECT_EQ(parse_answer(client.read_until_contains("\r\n\r\n")).header.at("x-api-version"), "1");
 }
 
 TEST_F(Http, MeasurementsComeAsJsonAndAsTable)
@@ -323,6 +334,44 @@ TEST_F(Http, FramesHaveThePostsSizeAndThePlanesOnRequest)
     EXPECT_EQ(without.at<cv::Vec3b>(2, 2), cv::Vec3b(80, 80, 80));
     EXPECT_EQ(frame("/api/all/frame.png?width=640").size(), cv::Size(640, 360));
     EXPECT_EQ(frame("/api/sensor/frame.png").size(), cv::Size(1280, 720));
+}
+
+TEST_F(Http, AStillComesAsAJpegToo)
+{
+    fake_noise(*camera_);
+    fake_measure(*camera_, 5);
+    fake_measure(*camera_, 6);
+
+    const Response answer = get("/api/posts/1/frame.jpg?download=1");
+
+    EXPECT_EQ(answer.header.at("content-type"), "image/jpeg");
+    EXPECT_THAT(answer.body, StartsWith("\xFF\xD8\xFF"));
+    EXPECT_EQ(answer.header.at("x-measurement"), "2");
+    EXPECT_EQ(answer.header.at("content-disposition"),
+              "attachment; filename=\"simcam-post1-2.jpg\"");
+    const cv::Mat picture =
+        cv::imdecode(std::vector<uchar>(answer.body.begin(), answer.body.end()), cv::IMREAD_COLOR);
+    EXPECT_EQ(picture.size(), cv::Size(720, 576));
+    EXPECT_LT(get("/api/posts/1/frame.jpg?quality=20").body.size(), answer.body.size());
+    EXPECT_THAT(get("/api/posts/1/frame.png").body, StartsWith("\x89PNG"));
+}
+
+TEST_F(Http, ShortNamesAnswerAsTheLongOnes)
+{
+    const auto size_of = [&](const std::string &target) {
+        const std::string bytes = get(target).body;
+        return cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR)
+            .size();
+    };
+
+    EXPECT_EQ(get("/state").body, get("/api/state").body);
+    EXPECT_EQ(get("/snapshot").body, get("/api/posts/0/frame.jpg").body);
+    EXPECT_EQ(size_of("/snapshot?post=1&width=360"), cv::Size(360, 288));
+    EXPECT_EQ(get("/snapshot?post=3").status, 409) << "it is off";
+    EXPECT_EQ(get("/stream?post=4").status, 400);
+    Client client(port_);
+    client.send_bytes(head("GET", "/stream?post=1"));
+    EXPECT_THAT(client.read_until_contains("Content-Type: image/jpeg"), HasSubstr("--frame"));
 }
 
 TEST_F(Http, AFrameOfAPostThatIsOffIsRefused)
@@ -421,44 +470,6 @@ TEST_F(Http, RefusalsAreJsonWithTheirStatus)
 
     const Response method = ask("PUT", "/api/faults");
     EXPECT_EQ(method.status, 405);
-TEST_F(Http, AStillComesAsAJpegToo)
-{
-    fake_noise(*camera_);
-    fake_measure(*camera_, 5);
-    fake_measure(*camera_, 6);
-
-    const Response answer = get("/api/posts/1/frame.jpg?download=1");
-
-    EXPECT_EQ(answer.header.at("content-type"), "image/jpeg");
-    EXPECT_THAT(answer.body, StartsWith("\xFF\xD8\xFF"));
-    EXPECT_EQ(answer.header.at("x-measurement"), "2");
-    EXPECT_EQ(answer.header.at("content-disposition"),
-              "attachment; filename=\"simcam-post1-2.jpg\"");
-    const cv::Mat picture =
-        cv::imdecode(std::vector<uchar>(answer.body.begin(), answer.body.end()), cv::IMREAD_COLOR);
-    EXPECT_EQ(picture.size(), cv::Size(720, 576));
-    EXPECT_LT(get("/api/posts/1/frame.jpg?quality=20").body.size(), answer.body.size());
-    EXPECT_THAT(get("/api/posts/1/frame.png").body, StartsWith("\x89PNG"));
-}
-
-TEST_F(Http, ShortNamesAnswerAsTheLongOnes)
-{
-    const auto size_of = [&](const std::string &target) {
-        const std::string bytes = get(target).body;
-        return cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_COLOR)
-            .size();
-    };
-
-    EXPECT_EQ(get("/state").body, get("/api/state").body);
-    EXPECT_EQ(get("/snapshot").body, get("/api/posts/0/frame.jpg").body);
-    EXPECT_EQ(size_of("/snapshot?post=1&width=360"), cv::Size(360, 288));
-    EXPECT_EQ(get("/snapshot?post=3").status, 409) << "it is off";
-    EXPECT_EQ(get("/stream?post=4").status, 400);
-    Client client(port_);
-    client.send_bytes(head("GET", "/stream?post=1"));
-    EXPECT_THAT(client.read_until_contains("Content-Type: image/jpeg"), HasSubstr("--frame"));
-}
-
     EXPECT_EQ(method.header.at("allow"), "GET, POST, DELETE");
     EXPECT_EQ(post("/api/ring", "{\"ring\":7}").status, 400);
     EXPECT_TRUE(fake_changes(*camera_).empty());
@@ -488,6 +499,18 @@ TEST_F(Http, MalformedRequestsAreRefused)
          400},
         {"a chunk longer than its size",
          head("POST", "/api/flash", chunked) + "2\r\n{}xx\r\n0\r\n\r\n", 400},
+        {"two different lengths",
+         head("POST", "/api/flash", "Content-Length: 0\r\nContent-Length: 2\r\n") + "{}", 400},
+        {"two different lengths in the other order",
+         head("POST", "/api/flash", "Content-Length: 2\r\nContent-Length: 0\r\n") + "{}", 400},
+        {"a length beside chunks",
+         head("POST", "/api/flash", "Content-Length: 2\r\n" + chunked) + "2\r\n{}\r\n0\r\n\r\n",
+         400},
+        {"chunks beside a length",
+         head("POST", "/api/flash", chunked + "Content-Length: 13\r\n") + "2\r\n{}\r\n0\r\n\r\n",
+         400},
+        {"no Host", "POST /api/flash HTTP/1.1\r\n\r\n", 400},
+        {"two Hosts", head("POST", "/api/flash", "Host: " + host_ + "\r\n"), 400},
         {"a header without a colon", head("GET", "/api/state", "nonsense\r\n"), 400},
         {"no hexadecimal digits in a path", head("GET", "/api/st%zzate"), 400},
         {"no hexadecimal digits in a query", head("GET", "/api/events?kinds=%zz"), 400},
@@ -504,6 +527,62 @@ TEST_F(Http, MalformedRequestsAreRefused)
     }
     EXPECT_TRUE(fake_changes(*camera_).empty());
     EXPECT_EQ(get("/api/state").status, 200);
+}
+
+// The connections stay open after a good request, so the refusal closes them.
+TEST_F(Http, ARequestWithoutACertainEndClosesTheConnection)
+{
+    for (const std::string more : {"Content-Length: 0\r\nContent-Length: 40\r\n",
+                                   "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n"}) {
+        Client client(port_);
+        client.send_bytes("POST /api/flash HTTP/1.1\r\nHost: " + host_ + "\r\n" + more +
+                          "\r\n0\r\n\r\n" + head("POST", "/api/flash"));
+
+        const std::string all = client.read_all();
+
+        EXPECT_TRUE(client.closed()) << more;
+        EXPECT_EQ(all.find("HTTP/1.1 ", 1), all.npos) << all;
+    }
+    EXPECT_TRUE(fake_changes(*camera_).empty());
+}
+
+TEST_F(Http, AChunkedBodyAndARepeatedLengthAreRead)
+{
+    const std::string json = "Content-Type: application/json\r\n";
+    const auto send = [&](const std::string &headers, const std::string &body) {
+        Client client(port_);
+        client.send_bytes(head("POST", "/api/gain", json + headers) + body);
+        return parse_answer(client.read_all()).status;
+    };
+
+    EXPECT_EQ(send("Transfer-Encoding: chunked\r\n", "a\r\n{\"gain\":2}\r\n0\r\n\r\n"), 200);
+    EXPECT_EQ(send("Content-Length: 10\r\nContent-Length: 10\r\n", "{\"gain\":4}"), 200);
+
+    EXPECT_THAT(fake_changes(*camera_), ElementsAre("gain 2", "gain 4"));
+}
+
+// As a client sends it that takes the server for a proxy. Its host counts, not the Host header.
+TEST_F(Http, ATargetMayNameItsHost)
+{
+    const auto status = [&](const std::string &target, const std::string &host,
+                            const std::string &more = "") {
+        Client client(port_);
+        client.send_bytes("GET " + target + " HTTP/1.1\r\nHost: " + host +
+                          "\r\nConnection: close\r\n" + more + "\r\n");
+        return parse_answer(client.read_all()).status;
+    };
+
+    EXPECT_EQ(status("http://" + host_ + "/api/state", host_), 200);
+    EXPECT_EQ(status("HTTP://LocalHost/api/measurements?after=1", host_), 200);
+    EXPECT_EQ(status("http://" + host_, host_), 200) << "the page";
+    EXPECT_EQ(status("http://" + host_ + "/api/nothing", host_), 404);
+    EXPECT_EQ(status("http://evil.example/api/state", host_), 403);
+    EXPECT_EQ(status("http://" + host_ + "/api/state", "evil.example"), 200);
+    EXPECT_EQ(status("http://" + host_ + "/api/state", host_, "Origin: http://evil.example\r\n"),
+              403);
+    EXPECT_EQ(status("http://" + host_ + "/api/state", host_, "Origin: http://" + host_ + "\r\n"),
+              200);
+    EXPECT_EQ(status("https://" + host_ + "/api/state", host_), 400);
 }
 
 TEST_F(Http, AFirstLineThatIsNoRequestIsClosed)
@@ -565,6 +644,21 @@ TEST_F(Http, PicturesFollowMeasurements)
 
     EXPECT_THAT(client.read_until_contains("X-Measurement: 2\r\n"),
                 HasSubstr("--frame\r\nContent-Type: image/jpeg\r\n"));
+}
+
+TEST_F(Http, HeadOfAStreamIsItsHeadersOnly)
+{
+    for (const std::string target : {"/api/posts/0/stream.mjpeg", "/stream", "/api/events"}) {
+        Client client(port_);
+        client.send_bytes("HEAD " + target + " HTTP/1.1\r\nHost: " + host_ + "\r\n\r\n");
+
+        const std::string answer = client.read_all();
+
+        EXPECT_TRUE(client.closed()) << target;
+        EXPECT_EQ(parse_answer(answer).status, 200) << target;
+        EXPECT_EQ(parse_answer(answer).body, "") << target;
+        EXPECT_EQ(parse_answer(answer).header.count("content-length"), 0u) << target;
+    }
 }
 
 TEST_F(Http, APostThatIsOffStillStreams)
