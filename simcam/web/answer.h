@@ -16,7 +16,19 @@ struct Answer {
     std::string type = "application/json";
     std::shared_ptr<const std::string> body; // shared by the readers of one picture
     std::vector<std::pair<std::string, std::string>> headers;
+    std::string etag; // of a body that is the same at every request, with its quotes
     std::unique_ptr<HttpStream> stream; // instead of the body
 };
+
+// Headers of a request, empty if absent.
+struct Conditions {
+    std::string if_none_match;
+    std::string range;
+    std::string if_range;
+};
+
+// Reduces an answer with a tag to what the conditions ask for: 304 without a body, 206 with one
+// range of it, or 416. Several ranges, and a range that is none, are ignored.
+void answer_reduce(const Conditions &conditions, Answer *answer);
 
 } // namespace simcam

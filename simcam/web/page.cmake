@@ -17,7 +17,9 @@ foreach(file IN LISTS FILES)
     if(file STREQUAL "index.html")
         set(path "/")
     endif()
-    string(APPEND entries "    {\"${path}\", \"${type}\", R\"~~~(${content})~~~\"},\n")
+    file(SHA1 "${PAGE}/${file}" hash)
+    string(APPEND entries
+        "    {\"${path}\", \"${type}\", R\"~~~(${content})~~~\", \"\\\"${hash}\\\"\"},\n")
 endforeach()
 file(WRITE "${OUTPUT}" "// Made from simcam/web/page/ at build time.
 #include \"web/page.h\"

@@ -10,6 +10,7 @@ struct PageFile {
     std::string_view path; // "/app.js"; "/" for index.html
     std::string_view type; // content type
     std::string_view content;
+    std::string_view etag; // of this content, with its quotes
 };
 
 // The file at path; null if there is none.

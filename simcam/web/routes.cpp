@@ -77,7 +77,9 @@ static Answer get_page(Web &, const RoutedRequest &request)
     const PageFile *file = page_find(request.path);
     if (!file)
         return answer_error(404, "there is nothing at " + request.path + "; see /api");
-    return answer_bytes(std::string(file->type), std::string(file->content));
+    Answer answer = answer_bytes(std::string(file->type), std::string(file->content));
+    answer.etag = file->etag;
+    return answer;
 }
 
 static Answer get_routes(Web &, const RoutedRequest &)

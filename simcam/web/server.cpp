@@ -52,7 +52,8 @@ static void add_headers(MHD_Response *response, const Answer &answer)
 {
     const std::string version = std::to_string(API_VERSION);
     const std::pair<const char *, const char *> fixed[] = {
-        {"Cache-Control", "no-store"},
+        // With a tag: a copy may be kept, but is asked for again before each use.
+        {"Cache-Control", answer.etag.empty() ? "no-store" : "no-cache"},
         {"X-Api-Version", version.c_str()},
         {"X-Content-Type-Options", "nosniff"},
         {"X-Frame-Options", "DENY"},
@@ -218,6 +219,10 @@ static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const c
     const bool is_head = strcmp(method, "HEAD") == 0;
     if (answer.stream)
         return send_stream(server, connection, is_head, std::move(answer));
+    if (!answer.etag.empty())
+        answer_reduce({header(connection, "If-None-Match"),
+                       is_head ? "" : header(connection, "Range"), header(connection, "If-Range")},
+                      &answer);
     return send_answer(connection, answer);
 }
 

@@ -21,6 +21,7 @@
 #include "web/routes.h"
 
 using namespace simcam;
+using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -225,6 +226,90 @@ TEST_F(Http, PageAndItsPartsAreServed)
     for (const std::string &link : links)
         EXPECT_EQ(get(link).status, 200) << link;
     EXPECT_EQ(get("/no.js").status, 404);
+}
+
+TEST_F(Http, AnUnchangedFileOfThePageIsNotSentAgain)
+{
+    const Response first = get("/app.js");
+    const std::string tag = first.header.at("etag");
+    ASSERT_THAT(tag, testing::MatchesRegex("\"[0-9a-f]+\""));
+    EXPECT_EQ(first.header.at("cache-control"), "no-cache");
+    EXPECT_NE(get("/style.css").header.at("etag"), tag);
+
+    const std::string others = "\"1\", W/\"2\" ,";
+    for (const std::string &known : {tag, "W/" + tag, others + " " + tag, others + tag, "*"s}) {
+        const Response answer = ask("GET", "/app.js", "If-None-Match: " + known + "\r\n");
+        EXPECT_EQ(answer.status, 304) << known;
+        EXPECT_EQ(answer.body, "") << known;
+        EXPECT_EQ(answer.header.at("etag"), tag) << known;
+    }
+    for (const std::string &other : {"\"1\""s, others, tag.substr(1), tag + "x", ""s}) {
+        const Response answer = ask("GET", "/app.js", "If-None-Match: " + other + "\r\n");
+        EXPECT_EQ(answer.status, 200) << other;
+        EXPECT_EQ(answer.body, first.body) << other;
+    }
+    EXPECT_EQ(get("/api/state").header.count("etag"), 0u) << "differs from request to request";
+}
+
+TEST_F(Http, AnAnswerThatIsNotSentAgainKeepsTheConnection)
+{
+    const std::string tag = get("/icon.svg").header.at("etag");
+    Client client(port_);
+    client.send_bytes("GET /icon.svg HTTP/1.1\r\nHost: " + host_ + "\r\nIf-None-Match: " + tag +
+                      "\r\n\r\n" + head("GET", "/api/process"));
+
+    const std::string both = client.read_all();
+
+    EXPECT_EQ(parse_answer(both).status, 304);
+    EXPECT_EQ(parse_answer(parse_answer(both).body).status, 200);
+}
+
+TEST_F(Http, ARangeOfAFileOfThePageIsSent)
+{
+    const Response file = get("/style.css");
+    EXPECT_EQ(file.header.at("accept-ranges"), "bytes");
+    const std::string &all = file.body;
+    const std::string size = std::to_string(all.size());
+    const std::string last = std::to_string(all.size() - 1);
+    const auto range = [&](const std::string &value, const std::string &more = "") {
+        return ask("GET", "/style.css", "Range: " + value + "\r\n" + more);
+    };
+
+    const struct {
+        std::string range, content_range, body;
+    } parts[] = {
+        {"bytes=0-0", "bytes 0-0/" + size, all.substr(0, 1)},
+        {"bytes=10-19", "bytes 10-19/" + size, all.substr(10, 10)},
+        {"bytes=100-", "bytes 100-" + last + "/" + size, all.substr(100)},
+        {"bytes=" + last + "-99999999", "bytes " + last + "-" + last + "/" + size,
+         all.substr(all.size() - 1)},
+        {"bytes=-1", "bytes " + last + "-" + last + "/" + size, all.substr(all.size() - 1)},
+        {"bytes=-99999999", "bytes 0-" + last + "/" + size, all},
+    };
+    for (const auto &[value, content_range, body] : parts) {
+        const Response answer = range(value);
+        EXPECT_EQ(answer.status, 206) << value;
+        EXPECT_EQ(answer.header.at("content-range"), content_range) << value;
+        EXPECT_EQ(answer.body, body) << value;
+    }
+    for (const std::string &value :
+         {"bytes=" + size + "-", "bytes=" + size + "-" + size + "9", "bytes=-0"s}) {
+        const Response answer = range(value);
+        EXPECT_EQ(answer.status, 416) << value;
+        EXPECT_EQ(answer.header.at("content-range"), "bytes */" + size) << value;
+        EXPECT_EQ(answer.body, "") << value;
+    }
+    for (const char *value : {"bytes=", "bytes=-", "bytes=2-1", "bytes=a-b", "bytes=1", "lines=0-1",
+                              "bytes=0-1,4-5", "bytes=+1-2", "bytes=1-2x", "bytes=--1"}) {
+        const Response answer = range(value);
+        EXPECT_EQ(answer.status, 200) << value;
+        EXPECT_EQ(answer.body, all) << value;
+    }
+    const std::string tag = file.header.at("etag");
+    EXPECT_EQ(range("bytes=0-3", "If-Range: " + tag + "\r\n").status, 206);
+    EXPECT_EQ(range("bytes=0-3", "If-Range: \"1\"\r\n").body, all);
+    EXPECT_EQ(ask("HEAD", "/style.css", "Range: bytes=0-3\r\n").status, 200);
+    EXPECT_EQ(ask("GET", "/api/palette/raw", "Range: bytes=0-3\r\n").body.size(), 1024u);
 }
 
 TEST_F(Http, ApiListsEveryRoute)
