@@ -15,6 +15,8 @@
 
 using namespace simcam;
 
+static constexpr time_t TRIM_INTERVAL_S = 2; // how often freed memory is returned to the system
+
 static const char DESCRIPTION[] =
     "A simulated camera for focus_assist.\n"
     "Shows a scene through a lens that you turn in a browser, measures its sharpness, and draws\n"
@@ -181,13 +183,14 @@ static int run(Camera &camera, const Options &options, const sigset_t &signals)
     }
     std::printf("simcam: %s\n", http_address(*http).c_str());
     std::fflush(stdout);
-    int signal_number = 0;
-    sigwait(&signals, &signal_number);
+    const timespec interval = {TRIM_INTERVAL_S, 0};
+    while (sigtimedwait(&signals, nullptr, &interval) < 0)
+        (void)malloc_trim(0);
     return 0;
 }
 
-// Returns freed memory to the system. By default every thread of the web server gets an arena of
-// its own, and freed pictures stay in it.
+// Returns freed pictures to the system at once. By default every thread of the web server gets an
+// arena of its own, and freed memory stays in it; run() returns the rest from time to time.
 static void limit_memory()
 {
     (void)mallopt(M_ARENA_MAX, 2);

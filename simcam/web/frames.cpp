@@ -2,6 +2,7 @@
 #include "web/frames.h"
 
 #include <algorithm>
+#include <thread>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -121,6 +122,33 @@ std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
 
 // ---- frames for several readers ----
 
+void FairLock::lock()
+{
+    std::unique_lock guard(mutex_);
+    const uint64_t place = asked_++;
+    served_.wait(guard, [&] { return place < left_ + holders_max_; });
+}
+
+void FairLock::unlock()
+{
+    {
+        const std::lock_guard guard(mutex_);
+        left_++;
+    }
+    served_.notify_all();
+}
+
+uint64_t FairLock::waiting()
+{
+    const std::lock_guard guard(mutex_);
+    return asked_ - std::min(asked_, left_ + holders_max_);
+}
+
+unsigned frame_encoders()
+{
+    return std::clamp(std::thread::hardware_concurrency() / 2, 1U, 4U);
+}
+
 std::shared_ptr<Frame> frame_enter(FrameCache &cache, const FrameRequest &request)
 {
     const std::lock_guard lock(cache.mutex);
@@ -153,6 +181,7 @@ std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, u
     const std::lock_guard lock(frame.mutex);
     if (frame.bytes && frame.number >= number && asked - frame.asked < FRAME_AGE_MAX)
         return frame.bytes;
+    const std::lock_guard encoder(cache.encoders);
     frame.asked = asked;
     frame.begun = FrameClock::now();
     encode_frame(cache, frame, number);
@@ -167,6 +196,7 @@ std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameReq
     const std::lock_guard lock(frame->mutex);
     if (!frame->bytes || frame->begun < asked) {
         const std::lock_guard still(cache.still);
+        const std::lock_guard encoder(cache.encoders);
         frame->asked = frame->begun = FrameClock::now();
         encode_frame(cache, *frame, camera_latest(cache.camera).number);
     }

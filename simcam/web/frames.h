@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -43,10 +44,34 @@ std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
 
 using FrameClock = std::chrono::steady_clock;
 
+// A lock that several threads may hold at a time and that serves them in the order in which they
+// asked, unlike std::mutex, which a busy reader can take again and again.
+class FairLock
+{
+  public:
+    explicit FairLock(unsigned holders_max = 1) : holders_max_(holders_max)
+    {
+    }
+    void lock();
+    void unlock();
+    uint64_t waiting(); // threads that lock() holds up
+
+  private:
+    const unsigned holders_max_;
+    std::mutex mutex_;
+    std::condition_variable served_;
+    uint64_t asked_ = 0;
+    uint64_t left_ = 0;
+};
+
+// How many pictures may be encoded at a time: an encoder takes several times the memory of its
+// picture, and the sensor needs processors too.
+unsigned frame_encoders();
+
 // The newest frame of one request.
 struct Frame {
     FrameRequest request;
-    std::mutex mutex;    // held during encoding: others wait for it instead of encoding as well
+    FairLock mutex;      // held during encoding: others wait for it instead of encoding as well
     uint64_t number = 0; // of the measurement
     FrameClock::time_point asked; // by the reader that encoded it
     FrameClock::time_point begun; // when its encoding began
@@ -57,7 +82,8 @@ struct FrameCache {
     Camera &camera;
     std::mutex mutex; // of entries
     std::map<FrameRequest, std::weak_ptr<Frame>> entries;
-    std::mutex still; // one still picture is encoded at a time
+    FairLock encoders{frame_encoders()}; // taken after the frame's mutex
+    FairLock still;                      // held by the one still picture that is encoded
     std::atomic<uint64_t> encoded{0};
 
     explicit FrameCache(Camera &its_camera) : camera(its_camera)

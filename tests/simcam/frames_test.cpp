@@ -243,6 +243,75 @@ TEST(PictureCache, OtherParametersGetTheirOwnFrame)
     EXPECT_NE(*frame_next(cache, *plain, 1, ASKED), *frame_next(cache, *full, 1, ASKED));
 }
 
+TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    const auto stream = frame_enter(cache, {.view = 1});
+    std::vector<std::thread> readers;
+
+    for (unsigned i = 0; i < frame_encoders(); i++)
+        cache.encoders.lock(); // as if other views were being encoded
+    readers.emplace_back([&] { frame_next(cache, *stream, 5, ASKED); });
+    readers.emplace_back([&] {
+        uint64_t number = 0;
+        frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(cache.encoded, 0u);
+    for (unsigned i = 0; i < frame_encoders(); i++)
+        cache.encoders.unlock();
+    for (std::thread &reader : readers)
+        reader.join();
+
+    EXPECT_EQ(cache.encoded, 2u);
+}
+
+TEST(FairLock, ServesInTheOrderOfTheRequests)
+{
+    FairLock lock;
+    std::vector<int> served;
+    std::vector<std::thread> waiting;
+
+    lock.lock();
+    for (int i = 0; i < 5; i++) {
+        waiting.emplace_back([&, i] {
+            lock.lock();
+            served.push_back(i);
+            lock.unlock();
+        });
+        while (lock.waiting() < static_cast<uint64_t>(i) + 1)
+            std::this_thread::yield();
+    }
+    lock.unlock();
+    for (std::thread &thread : waiting)
+        thread.join();
+
+    EXPECT_THAT(served, testing::ElementsAre(0, 1, 2, 3, 4));
+}
+
+TEST(FairLock, ServesAWaiterBeforeTheHolderThatReturns)
+{
+    FairLock lock;
+    std::vector<int> served;
+
+    lock.lock();
+    std::thread waiting([&] {
+        lock.lock();
+        served.push_back(1);
+        lock.unlock();
+    });
+    while (lock.waiting() < 1)
+        std::this_thread::yield();
+    lock.unlock();
+    lock.lock(); // std::mutex would usually be free here
+    served.push_back(2);
+    lock.unlock();
+    waiting.join();
+
+    EXPECT_THAT(served, testing::ElementsAre(1, 2));
+}
+
 TEST(FrameStill, ReadersThatWaitForTheEncoderShareTheNextFrame)
 {
     const auto camera = camera_with("352x288");
