@@ -4,6 +4,9 @@
 // connection, the mappings of the memory that the camera lends, and the thread that runs the notify
 // callback. One lock guards all of it and is held during a call, which serializes calls of several
 // threads. The notify thread does not take it, so a slow call delays no report.
+//
+// The session belongs to the process that opened it. In a child of fork the library is not
+// initialized, and the memory lent to its parent is not mapped.
 
 #include "qm7codec.h"
 
@@ -33,11 +36,10 @@ struct PlaneMappings {
 
 struct Library {
     bool initialized;
-    bool dead;      // the connection failed; only library_exit succeeds
-    int connection; // valid while initialized
-    int events;     // socket that receives WireNotify records; valid while initialized
-    bool thread_runs;
-    pthread_t thread;
+    bool dead;        // the connection failed; only library_exit succeeds
+    int connection;   // valid while initialized
+    int events;       // socket that receives WireNotify records; valid while initialized
+    pthread_t thread; // runs the callback; valid while initialized
     Mapping color;
     PlaneMappings plane[WIRE_POSTS][WIRE_PLANES];
 };
@@ -115,6 +117,7 @@ static bool map(Mapping *mapping, const WireMemory *memory, int fd)
         munmap(space, reserved);
         return false;
     }
+    (void)madvise(space, reserved, MADV_DONTFORK); // the memory belongs to this process's session
     *mapping = {(uint8_t *)base, reserved, *memory};
     return true;
 }
@@ -135,49 +138,62 @@ static void unmap_all()
 
 // ---- notification
 
-// Runs the callback for every report until the camera closes its end. Only this thread uses and
-// closes events.
+// True in a notify thread whose callback has ended the session.
+static thread_local bool session_ended;
+
+// Runs the callback for every report until the session ends.
 static void *notify_run(void *argument)
 {
     const int events = (int)(intptr_t)argument;
-    for (;;) {
+    while (!session_ended) {
         WireNotify record;
         const ssize_t length = recv(events, &record, sizeof record, 0);
         if (length < 0 && errno == EINTR)
             continue;
         if (length != (ssize_t)sizeof record)
-            break;
+            return nullptr;
         const PostNotifyCallback callback = notify_callback;
         if (callback)
             callback({record.mask_bit, record.post_res_id, record.post, record.running});
     }
-    close(events);
+    close(events); // qm7_cl_library_exit leaves it to this thread
     return nullptr;
 }
 
-// Starts the thread with every signal blocked: the program's own threads handle signals.
-static int32_t notify_start()
+// Starts the thread with every signal blocked: the program's own threads handle signals. Returns 0
+// or an error code.
+static uint32_t notify_start(int events, pthread_t *thread)
 {
-    if (library.thread_runs)
-        return 0;
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    void *events = (void *)(intptr_t)library.events;
-    const int error = pthread_create(&library.thread, nullptr, notify_run, events);
+    const int error = pthread_create(thread, nullptr, notify_run, (void *)(intptr_t)events);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0)
-        return fail(CODEC_NO_MEMORY);
-    library.thread_runs = true;
-    return 0;
+    return error == 0 ? 0 : CODEC_NO_MEMORY;
+}
+
+// ---- fork
+
+// Runs in the child, which has one thread. Closing its copies of the sockets does not end the
+// parent's session.
+static void after_fork()
+{
+    lock = PTHREAD_MUTEX_INITIALIZER;
+    if (!library.initialized)
+        return;
+    close(library.connection);
+    close(library.events);
+    library = {};
+    notify_callback = nullptr;
 }
 
 // ---- the library's functions
 
 // A program started without a camera may exit before its first call and print nothing.
-__attribute__((constructor)) static void explain_without_camera()
+__attribute__((constructor)) static void loaded()
 {
     client_check();
+    (void)pthread_atfork(nullptr, nullptr, after_fork); // fails only for lack of memory
 }
 
 int32_t qm7_cl_library_init()
@@ -187,18 +203,20 @@ int32_t qm7_cl_library_init()
     uint32_t error = 0;
     int connection = -1;
     int events = -1;
+    pthread_t thread = {};
     if (library.initialized)
         error = CODEC_INITIALIZED;
     else if ((connection = client_connect()) < 0 ||
              client_call(connection, WIRE_LIBRARY_INIT, nullptr, nullptr, &events, &error) != 0)
         error = CODEC_NO_CAMERA;
-    else if (error == 0 && events < 0)
-        error = CODEC_NO_CAMERA;
+    else if (error == 0)
+        error = events < 0 ? CODEC_NO_CAMERA : notify_start(events, &thread);
 
     if (error == 0) {
         library.initialized = true;
         library.connection = connection;
         library.events = events;
+        library.thread = thread;
     } else {
         if (events >= 0)
             close(events);
@@ -223,21 +241,22 @@ int32_t qm7_cl_library_exit()
         return result;
     }
 
-    const bool thread_runs = library.thread_runs;
     const pthread_t thread = library.thread;
-    shutdown(library.events, SHUT_RDWR); // wakes the notify thread, which then closes it
-    if (!thread_runs)
-        close(library.events);
+    const int events = library.events;
     close(library.connection);
     unmap_all();
     library = {};
     notify_callback = nullptr;
     pthread_mutex_unlock(&lock);
 
-    if (thread_runs && pthread_equal(thread, pthread_self()))
-        pthread_detach(thread); // called by the callback
-    else if (thread_runs)
-        pthread_join(thread, nullptr);
+    if (pthread_equal(thread, pthread_self())) { // called by the callback
+        session_ended = true;
+        pthread_detach(thread);
+        return 0;
+    }
+    shutdown(events, SHUT_RDWR); // wakes the thread
+    pthread_join(thread, nullptr);
+    close(events);
     return 0;
 }
 
@@ -255,9 +274,7 @@ int32_t qm7_cl_post_notify_callback(PostNotifyCallback callback)
 {
     const WireWord request = {callback ? 1u : 0u};
     pthread_mutex_lock(&lock);
-    int32_t result = call_camera(WIRE_POST_NOTIFY_CALLBACK, &request, nullptr, nullptr);
-    if (result == 0)
-        result = notify_start();
+    const int32_t result = call_camera(WIRE_POST_NOTIFY_CALLBACK, &request, nullptr, nullptr);
     if (result == 0)
         notify_callback = callback;
     pthread_mutex_unlock(&lock);

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -68,6 +70,48 @@ template <typename Result> uint32_t code_of(Result result)
 }
 
 #define EXPECT_FAILS(call, code) EXPECT_EQ(code_of(call), code)
+
+// Everything that a call can change on the board, except its log and the armed faults.
+std::string contents(Board &board)
+{
+    std::ostringstream text;
+    const std::lock_guard guard(board.lock);
+    for (const Post &post : board.post) {
+        text << "post " << post.state.running << " " << post.state.res_id << " "
+             << post.state.starts << "\n";
+        for (const Plane &plane : post.plane) {
+            const PlaneState &s = plane.state;
+            text << "plane " << s.open << s.shown << " " << s.width << "x" << s.height << " "
+                 << s.depth_code << " " << s.pitch << " " << s.x << "," << s.y << " " << s.osd_id
+                 << " " << s.shows << " " << plane.epoch << " " << plane.shown;
+            for (const PlaneBuffer &buffer : plane.buffers)
+                text << " (" << buffer.osd_id << " " << buffer.lent_to << " "
+                     << std::hash<std::string>()(
+                            {buffer.shared.bytes(),
+                             buffer.shared.bytes() + buffer.shared.memory.size})
+                     << ")";
+            text << "\n";
+        }
+    }
+    text << "palette " << std::hash<std::string>()({board.palette.begin(), board.palette.end()})
+         << "\nserial " << board.osd_serial << " " << board.epochs << "\n";
+    for (const Session *session : board.sessions)
+        text << "session " << session->id << " " << session->initialized << session->device_open
+             << session->callback << session->camera_open << " " << session->mask << " "
+             << session->last_reading << "\n";
+    return text.str();
+}
+
+// Runs part in a child and returns its wait status; a part that returns true ends it with 0.
+int status_of_child(const std::function<bool()> &part)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(part() ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return status;
+}
 
 struct CodecTest : testing::Test {
     std::string directory;
@@ -358,6 +402,213 @@ TEST_F(CodecTest, EveryCallFailsWithAnInjectedCodeAndThenSucceeds)
         EXPECT_FAILS(step.call(), 0x81AB0001u) << step.name;
         EXPECT_EQ(step.call(), 0) << step.name;
     }
+}
+
+TEST_F(CodecTest, ARefusedCallChangesNothing)
+{
+    const uint32_t stopped = start_post(3);
+    EXPECT_EQ(board_stop_post(board, 3), "");
+    const uint32_t res_id = start_post(0);
+    open_session();
+    ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
+    ASSERT_EQ(qm7_cl_post_set_notify(5), 0);
+    told_at(0);
+    // Plane 1 shows a buffer and has lent another one; plane 2 is open and shows nothing.
+    uint32_t shown_id = 0, lent_id = 0;
+    OsdMem mem = plane_memory(res_id, &shown_id);
+    ASSERT_EQ(qm7_cl_post_set_osd(res_id, shown_id, {3, 4}), 0);
+    ASSERT_EQ(qm7_cl_post_get_osd_mem(res_id, 1, &lent_id, &mem), 0);
+    const OsdOpenParam second = {2, 16, 16, 2};
+    uint32_t size = 0, pitch = 0;
+    ASSERT_EQ(qm7_cl_post_open_osd(res_id, &second, &size, &pitch), 0);
+    const std::string before = contents(board);
+
+    const OsdMem poison = {this, 77};
+    OsdMem out = poison;
+    uint32_t id = 77, words[2] = {77, 77};
+    PostStatus status;
+    std::memset(&status, 77, sizeof status);
+    const PostStatus status_before = status;
+    OsdOpenParam param = {0, 132, 24, 2};
+    const auto open_with = [&](uint32_t post, OsdOpenParam with) {
+        param = with;
+        return qm7_cl_post_open_osd(post, &param, &words[0], &words[1]);
+    };
+    const struct {
+        const char *what;
+        uint32_t code;
+        std::function<int32_t()> call;
+    } refused[] = {
+        {"init twice", CODEC_INITIALIZED, [] { return qm7_cl_library_init(); }},
+        {"open_device twice", CODEC_DEVICE_OPEN, [] { return qm7_cl_sys_open_device(); }},
+        {"no callback", CODEC_BAD_ARGUMENT, [] { return qm7_cl_post_notify_callback(nullptr); }},
+        {"mask of a fifth post", CODEC_BAD_ARGUMENT, [] { return qm7_cl_post_set_notify(16); }},
+        {"mask of all bits", CODEC_BAD_ARGUMENT, [] { return qm7_cl_post_set_notify(~0u); }},
+        {"colors to null", CODEC_BAD_ARGUMENT,
+         [] { return qm7_cl_post_get_osd_color_mem(nullptr); }},
+        {"status of a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] { return qm7_cl_post_thread_get_status(stopped, &status); }},
+        {"status to null", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_thread_get_status(res_id, nullptr); }},
+        {"open on a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] {
+             return open_with(stopped, {0, 132, 24, 2});
+         }},
+        {"open an open plane", CODEC_PLANE_OPEN,
+         [&] {
+             return open_with(res_id, {1, 64, 64, 1});
+         }},
+        {"open a fifth plane", CODEC_BAD_ARGUMENT,
+         [&] {
+             return open_with(res_id, {4, 132, 24, 2});
+         }},
+        {"open with width 0", CODEC_PLANE_REFUSED,
+         [&] {
+             return open_with(res_id, {0, 0, 24, 2});
+         }},
+        {"open with height 0", CODEC_PLANE_REFUSED,
+         [&] {
+             return open_with(res_id, {0, 132, 0, 2});
+         }},
+        {"open too large", CODEC_PLANE_REFUSED,
+         [&] {
+             return open_with(res_id, {0, 65535, 65535, 2});
+         }},
+        {"open with depth code 3", CODEC_PLANE_REFUSED,
+         [&] {
+             return open_with(res_id, {0, 132, 24, 3});
+         }},
+        {"open null", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_open_osd(res_id, nullptr, &words[0], &words[1]); }},
+        {"clear on a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] { return qm7_cl_post_clear_osd(stopped, 1); }},
+        {"clear a closed plane", CODEC_PLANE_CLOSED,
+         [&] { return qm7_cl_post_clear_osd(res_id, 3); }},
+        {"clear a fifth plane", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_clear_osd(res_id, 4); }},
+        {"close on a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] { return qm7_cl_post_close_osd(stopped, 1); }},
+        {"close a closed plane", CODEC_PLANE_CLOSED,
+         [&] { return qm7_cl_post_close_osd(res_id, 3); }},
+        {"close plane -1", CODEC_BAD_ARGUMENT, [&] { return qm7_cl_post_close_osd(res_id, ~0u); }},
+        {"memory of a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] { return qm7_cl_post_get_osd_mem(stopped, 1, &id, &out); }},
+        {"memory of a closed plane", CODEC_PLANE_CLOSED,
+         [&] { return qm7_cl_post_get_osd_mem(res_id, 3, &id, &out); }},
+        {"memory of plane -1", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_get_osd_mem(res_id, -1, &id, &out); }},
+        {"memory to null", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_get_osd_mem(res_id, 2, &id, nullptr); }},
+        {"memory id to null", CODEC_BAD_ARGUMENT,
+         [&] { return qm7_cl_post_get_osd_mem(res_id, 2, nullptr, &out); }},
+        {"show on a stopped post", CODEC_POST_NOT_RUNNING,
+         [&] {
+             return qm7_cl_post_set_osd(stopped, lent_id, {0, 0});
+         }},
+        {"show the shown buffer", CODEC_BUFFER_NOT_LENT,
+         [&] {
+             return qm7_cl_post_set_osd(res_id, shown_id, {0, 0});
+         }},
+        {"show an unknown buffer", CODEC_BUFFER_NOT_LENT,
+         [&] {
+             return qm7_cl_post_set_osd(res_id, 0, {0, 0});
+         }},
+    };
+    const auto expect_unchanged = [&](const std::string &what) {
+        EXPECT_EQ(contents(board), before) << what;
+        EXPECT_EQ(out.addr, poison.addr) << what;
+        EXPECT_EQ(out.size, poison.size) << what;
+        EXPECT_EQ(id, 77u) << what;
+        EXPECT_EQ(words[0], 77u) << what;
+        EXPECT_EQ(words[1], 77u) << what;
+        EXPECT_EQ(std::memcmp(&status, &status_before, sizeof status), 0) << what;
+    };
+    for (const auto &step : refused) {
+        EXPECT_FAILS(step.call(), step.code) << step.what;
+        expect_unchanged(step.what);
+    }
+
+    // Calls that would succeed, refused by a fault.
+    const struct {
+        const char *name;
+        std::function<int32_t()> call;
+    } valid[] = {
+        {"qm7_cl_sys_close_device", [] { return qm7_cl_sys_close_device(); }},
+        {"qm7_cl_post_notify_callback",
+         [] { return qm7_cl_post_notify_callback([](PostNotifyInfo) {}); }},
+        {"qm7_cl_post_set_notify", [] { return qm7_cl_post_set_notify(0); }},
+        {"qm7_cl_post_get_osd_color_mem", [&] { return qm7_cl_post_get_osd_color_mem(&out); }},
+        {"qm7_cl_post_set_osd_color", [] { return qm7_cl_post_set_osd_color(); }},
+        {"qm7_cl_post_thread_get_status",
+         [&] { return qm7_cl_post_thread_get_status(res_id, &status); }},
+        {"qm7_cl_post_open_osd",
+         [&] {
+             return open_with(res_id, {0, 132, 24, 2});
+         }},
+        {"qm7_cl_post_clear_osd", [&] { return qm7_cl_post_clear_osd(res_id, 1); }},
+        {"qm7_cl_post_close_osd", [&] { return qm7_cl_post_close_osd(res_id, 1); }},
+        {"qm7_cl_post_get_osd_mem", [&] { return qm7_cl_post_get_osd_mem(res_id, 2, &id, &out); }},
+        {"qm7_cl_post_set_osd",
+         [&] {
+             return qm7_cl_post_set_osd(res_id, lent_id, {9, 9});
+         }},
+        {"qm7_cl_library_exit", [] { return qm7_cl_library_exit(); }},
+    };
+    for (const auto &step : valid) {
+        ASSERT_EQ(board_set_fault(board, {step.name, 0x81AB0001, 1, 0, 0}), "");
+        EXPECT_FAILS(step.call(), 0x81AB0001u) << step.name;
+        expect_unchanged(step.name);
+    }
+
+    // The callback and the lent buffer are still what they were.
+    EXPECT_EQ(board_stop_post(board, 0), "");
+    EXPECT_EQ(told_at(1).running, 0u);
+    EXPECT_FAILS(qm7_cl_post_set_osd(res_id, lent_id, {1, 1}), CODEC_POST_NOT_RUNNING);
+}
+
+TEST_F(CodecTest, AChildOfForkLeavesTheParentsSessionAlone)
+{
+    const uint32_t res_id = start_post(0);
+    open_session();
+    ASSERT_EQ(qm7_cl_post_notify_callback(remember), 0);
+    ASSERT_EQ(qm7_cl_post_set_notify(15), 0);
+    told_at(0);
+    uint32_t osd_id = 0;
+    const OsdMem mem = plane_memory(res_id, &osd_id);
+    const std::string before = contents(board);
+
+    const auto all_refused = [&] {
+        PostStatus status;
+        return code_of(qm7_cl_post_thread_get_status(res_id, &status)) == CODEC_NOT_INITIALIZED &&
+               code_of(qm7_cl_post_close_osd(res_id, 1)) == CODEC_NOT_INITIALIZED &&
+               code_of(qm7_cl_post_set_notify(0)) == CODEC_NOT_INITIALIZED &&
+               code_of(qm7_cl_sys_close_device()) == CODEC_NOT_INITIALIZED &&
+               code_of(qm7_cl_library_exit()) == CODEC_NOT_INITIALIZED;
+    };
+    EXPECT_EQ(status_of_child(all_refused), 0);
+    EXPECT_EQ(contents(board), before);
+
+    const auto own_session = [&] {
+        PostStatus status = {};
+        uint32_t own_id = 0;
+        OsdMem own = {};
+        return qm7_cl_library_init() == 0 && qm7_cl_sys_open_device() == 0 &&
+               qm7_cl_post_thread_get_status(res_id, &status) == 0 && status.width == 1280 &&
+               qm7_cl_post_get_osd_mem(res_id, 1, &own_id, &own) == 0 && own_id != osd_id &&
+               qm7_cl_library_exit() == 0;
+    };
+    EXPECT_EQ(status_of_child(own_session), 0);
+
+    const auto draw_into_lent_memory = [&] {
+        *static_cast<volatile uint8_t *>(mem.addr) = 1;
+        return true;
+    };
+    EXPECT_NE(status_of_child(draw_into_lent_memory), 0); // not mapped in the child
+
+    // The parent's buffer is still lent to it, and its reports arrive.
+    EXPECT_EQ(qm7_cl_post_set_osd(res_id, osd_id, {0, 0}), 0);
+    EXPECT_EQ(board_stop_post(board, 0), "");
+    EXPECT_EQ(told_at(1).running, 0u);
 }
 
 TEST_F(CodecTest, AFailedOpenLeavesThePitchAlone)
