@@ -183,6 +183,9 @@ static int run(Camera &camera, const Options &options, const sigset_t &signals)
     }
     std::printf("simcam: %s\n", http_address(*http).c_str());
     std::fflush(stdout);
+    const std::string warning = http_warning(*http);
+    if (!warning.empty())
+        std::fprintf(stderr, "simcam: %s\n", warning.c_str());
     const timespec interval = {TRIM_INTERVAL_S, 0};
     while (sigtimedwait(&signals, nullptr, &interval) < 0)
         (void)malloc_trim(0);

@@ -1,22 +1,19 @@
-// Connections, the checks of their requests' origin, and the address.
+// Connections, and the checks of their requests' form and origin.
 #include "web/server.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <random>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <strings.h>
 #include <unistd.h>
 
 #include <microhttpd.h>
 
 #include "web/json.h"
+#include "web/listen.h"
 #include "web/routes.h"
 #include "web/web.h"
 
@@ -29,7 +26,7 @@ static constexpr int HTTP_NICENESS = 5;
 
 struct HttpServer {
     Web web;
-    std::string address;
+    Listener listener; // its socket belongs to daemon
     std::string machine_name;
     MHD_Daemon *daemon = nullptr;
 
@@ -269,88 +266,12 @@ static void log_nothing(void *, const char *, va_list)
 
 // ---- start and stop ----
 
-static bool parse_listen(const std::string &listen, sockaddr_storage *address, socklen_t *length)
-{
-    std::string host = "127.0.0.1";
-    std::string port = listen;
-    const size_t colon = listen.rfind(':');
-    if (colon != std::string::npos) {
-        port = listen.substr(colon + 1);
-        if (colon > 0)
-            host = listen.substr(0, colon);
-    }
-    if (port.empty() || port.size() > 5 ||
-        !std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; }) ||
-        std::stoul(port) > 65535)
-        return false;
-    const uint16_t number = htons(static_cast<uint16_t>(std::stoul(port)));
-    if (host == "localhost")
-        host = "127.0.0.1";
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
-
-    *address = {};
-    auto *four = reinterpret_cast<sockaddr_in *>(address);
-    if (inet_pton(AF_INET, host.c_str(), &four->sin_addr) == 1) {
-        four->sin_family = AF_INET;
-        four->sin_port = number;
-        *length = sizeof *four;
-        return true;
-    }
-    auto *six = reinterpret_cast<sockaddr_in6 *>(address);
-    if (inet_pton(AF_INET6, host.c_str(), &six->sin6_addr) == 1) {
-        six->sin6_family = AF_INET6;
-        six->sin6_port = number;
-        *length = sizeof *six;
-        return true;
-    }
-    return false;
-}
-
-// Returns a listening socket and its address; -1 with *error set on failure.
-static int listen_on(const std::string &listen, std::string *address, std::string *error)
-{
-    sockaddr_storage storage;
-    socklen_t length = 0;
-    if (!parse_listen(listen, &storage, &length)) {
-        *error =
-            "\"" + listen + "\" is not an address to listen on; give one such as 127.0.0.1:8080";
-        return -1;
-    }
-    auto *generic = reinterpret_cast<sockaddr *>(&storage);
-    const int listener = socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const int on = 1;
-    if (listener < 0 || setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(listener, generic, length) != 0 || ::listen(listener, 64) != 0 ||
-        getsockname(listener, generic, &length) != 0) {
-        const int reason = errno;
-        *error = "cannot listen on " + listen + ": " + strerror(reason);
-        if (reason == EADDRINUSE)
-            *error += " (is another simcam running? --listen 127.0.0.1:0 takes any free port)";
-        if (listener >= 0)
-            close(listener);
-        return -1;
-    }
-    char text[INET6_ADDRSTRLEN] = "";
-    if (generic->sa_family == AF_INET) {
-        const auto *four = reinterpret_cast<const sockaddr_in *>(&storage);
-        inet_ntop(AF_INET, &four->sin_addr, text, sizeof text);
-        *address =
-            "http://" + std::string(text) + ":" + std::to_string(ntohs(four->sin_port)) + "/";
-    } else {
-        const auto *six = reinterpret_cast<const sockaddr_in6 *>(&storage);
-        inet_ntop(AF_INET6, &six->sin6_addr, text, sizeof text);
-        *address =
-            "http://[" + std::string(text) + "]:" + std::to_string(ntohs(six->sin6_port)) + "/";
-    }
-    return listener;
-}
-
 HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error,
                          unsigned idle_s)
 {
     HttpServerPtr server(new HttpServer(camera));
-    const int listener = listen_on(listen, &server->address, error);
+    server->listener = listen_on(listen, error);
+    const int listener = server->listener.socket;
     if (listener < 0)
         return nullptr;
     char name[256] = "";
@@ -378,7 +299,21 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
 
 std::string http_address(const HttpServer &server)
 {
-    return server.address;
+    return server.listener.address;
+}
+
+std::string http_warning(const HttpServer &server)
+{
+    if (!server.listener.exposed)
+        return "";
+    return "warning: there is no password. Whoever can reach this address can\n"
+           "  - watch the pictures, and read the state and the output of the program\n"
+           "  - turn the lens, sweep it, change the gain and flash\n"
+           "  - change the scene to any picture, video or device file that you can read\n"
+           "  - start and stop posts, with any size\n"
+           "  - make calls of the program slow or fail\n"
+           "  - start, stop and kill the program, but not choose another one\n"
+           "Without --listen only this machine reaches it.";
 }
 
 void HttpServerDelete::operator()(HttpServer *server) const

@@ -26,12 +26,13 @@ struct HttpServerDelete {
 };
 using HttpServerPtr = std::unique_ptr<HttpServer, HttpServerDelete>;
 
-// Listens on "127.0.0.1:8080", "[::1]:8080", "localhost:0" (port 0: any free one), or a port alone,
-// and serves camera, which must outlive it. A connection that makes no progress for idle_s seconds
-// is closed. Returns null with *error set on failure.
+// Listens as listen_on() does and serves camera, which must outlive it. A connection that makes no
+// progress for idle_s seconds is closed. Returns null with *error set on failure.
 HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string *error,
                          unsigned idle_s = HTTP_IDLE_S);
-// "http://127.0.0.1:8080/", with the actual port.
+// An address that a browser can open: "http://127.0.0.1:8080/", with the actual port.
 std::string http_address(const HttpServer &server);
+// What anybody on another machine may do; empty if only this machine can reach the server.
+std::string http_warning(const HttpServer &server);
 
 } // namespace simcam

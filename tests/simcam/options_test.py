@@ -4,6 +4,7 @@ import json
 import os
 import re
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -16,14 +17,15 @@ settings = None
 class Simcam:
     """A camera on a free port, as a context; told to end, it ends with status 0."""
 
-    def __init__(self, *options):
-        self.process = subprocess.Popen([settings.simcam, "--listen", "127.0.0.1:0", *options],
-                                        stdout=subprocess.PIPE, text=True)
+    def __init__(self, *options, listen="127.0.0.1:0", stderr=None):
+        self.process = subprocess.Popen([settings.simcam, "--listen", listen, *options],
+                                        stdout=subprocess.PIPE, stderr=stderr, text=True)
         line = self.process.stdout.readline()
-        self.address = re.fullmatch(r"simcam: (http://127\.0\.0\.1:\d+/)\n", line).group(1)
+        self.address = re.fullmatch(r"simcam: (http://[\w.:\[\]]+:\d+/)\n", line).group(1)
 
     def get(self, path):
-        with urllib.request.urlopen(self.address + path, timeout=60) as answer:
+        direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        with direct.open(self.address + path, timeout=60) as answer:
             return json.load(answer)
 
     def __enter__(self):
@@ -39,6 +41,56 @@ class Simcam:
 
 def posts_of(state):
     return [(post["width"], post["height"]) if post["running"] else None for post in state["posts"]]
+
+
+def listens(address):
+    """Whether a socket can listen there: a machine may have no IPv6."""
+    try:
+        with socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET) as listener:
+            listener.bind((address, 0))
+        return True
+    except OSError:
+        return False
+
+
+class Listening(unittest.TestCase):
+    # Words of the warning for what changes the camera, by the first part of the path behind /api/.
+    CHANGES = {"posts": "start and stop posts", "ring": "turn the lens", "sweep": "sweep it",
+               "scene": "picture, video or device file", "gain": "change the gain", "flash": "flash",
+               "faults": "slow or fail", "process": "start, stop and kill the program"}
+
+    def run_on(self, address):
+        """What it writes to standard error, its address, and its routes as read from there."""
+        with tempfile.TemporaryFile("w+") as errors:
+            with Simcam("--scene", "chart", listen=address, stderr=errors) as camera:
+                routes = camera.get("api")["routes"]
+            errors.seek(0)
+            return errors.read(), camera.address, routes
+
+    def test_beyond_the_loopback_is_warned_of_and_can_be_opened(self):
+        own = subprocess.run(["hostname", "-I"], stdout=subprocess.PIPE, text=True,
+                             check=True).stdout.split()
+        for address in ["0.0.0.0", "::"] + own[:1]:
+            if not listens(address):
+                continue
+            with self.subTest(address):
+                warning, opened, routes = self.run_on(
+                    f"[{address}]:0" if ":" in address else f"{address}:0")
+
+                host = re.fullmatch(r"http://\[?(.*?)]?:\d+/", opened).group(1)
+                self.assertIn(host, own or ["127.0.0.1", "::1"])
+                self.assertTrue(warning.startswith("simcam: warning: "), warning)
+                self.assertIn("watch the pictures", warning)
+                changes = {route["path"].split("/")[2] for route in routes
+                           if route["method"] != "GET"}
+                self.assertEqual(changes, set(self.CHANGES))
+                for words in self.CHANGES.values():
+                    self.assertIn(words, warning)
+
+    def test_on_the_loopback_is_not_warned_of(self):
+        for address in ["localhost:0", "127.0.0.2:0", "0"] + ["[::1]:0"] * listens("::1"):
+            with self.subTest(address):
+                self.assertEqual(self.run_on(address)[0], "")
 
 
 class Options(unittest.TestCase):
