@@ -588,6 +588,7 @@ TEST_F(CodecTest, AChildOfForkLeavesTheParentsSessionAlone)
     EXPECT_EQ(status_of_child(all_refused), 0);
     EXPECT_EQ(contents(board), before);
 
+#ifndef __SANITIZE_THREAD__ // it does not support threads started after a fork
     const auto own_session = [&] {
         PostStatus status = {};
         uint32_t own_id = 0;
@@ -598,6 +599,7 @@ TEST_F(CodecTest, AChildOfForkLeavesTheParentsSessionAlone)
                qm7_cl_library_exit() == 0;
     };
     EXPECT_EQ(status_of_child(own_session), 0);
+#endif
 
     const auto draw_into_lent_memory = [&] {
         *static_cast<volatile uint8_t *>(mem.addr) = 1;
