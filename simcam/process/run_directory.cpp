@@ -2,11 +2,14 @@
 
 #include "process/run_directory.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace simcam
@@ -16,7 +19,7 @@ namespace fs = std::filesystem;
 
 // Installed by the distribution's font package.
 static const char FONT[] = "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf";
-static const char FONT_PACKAGE[] = "fonts-dejavu-core";
+static const char NO_FONT[] = "the font is missing; install the package fonts-dejavu-core: ";
 
 static const char FONT_PLACE[] = "usr/local/morvel/import/font/dejavu/font/DejaVuSansMono.ttf";
 static const char PALETTE_PLACE[] = "usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
@@ -44,20 +47,92 @@ std::string platform_directory_find(const std::string &directory)
     return built("platform", "libsimcam_preload.so", SIMCAM_PLATFORM_DIR).parent_path().string();
 }
 
-static void fill(const fs::path &root)
+static std::string in_quotes(const fs::path &path)
 {
-    fs::create_directories((root / FONT_PLACE).parent_path());
-    fs::create_directories((root / PALETTE_PLACE).parent_path());
-    fs::create_directories(root / "var/run");
-    if (!fs::exists(fs::symlink_status(root / FONT_PLACE))) {
-        if (!fs::exists(FONT))
-            throw fs::filesystem_error(
-                "the font is missing; install the package " + std::string(FONT_PACKAGE), FONT,
-                std::make_error_code(std::errc::no_such_file_or_directory));
-        fs::create_symlink(FONT, root / FONT_PLACE);
+    return "\"" + path.string() + "\"";
+}
+
+// Makes the directory, with permissions for its owner only whatever the umask, unless it exists.
+// Returns an empty string, or why there is none.
+static std::string make_directory(const fs::path &path)
+{
+    struct stat status;
+    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST)
+        return in_quotes(path) + " cannot be made: " + std::strerror(errno);
+    if (stat(path.c_str(), &status) == 0)
+        return S_ISDIR(status.st_mode) ? "" : in_quotes(path) + " is not a directory";
+    if (errno == ELOOP)
+        return in_quotes(path) + " is a symbolic link that leads back to itself";
+    if (errno == ENOENT)
+        return in_quotes(path) + " is a symbolic link to something that does not exist";
+    return in_quotes(path) + ": " + std::strerror(errno);
+}
+
+// As make_directory; the directory must be one that no other user (but root) can change.
+static std::string make_private_directory(const fs::path &path)
+{
+    const std::string refusal = make_directory(path);
+    if (!refusal.empty())
+        return refusal;
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0)
+        return in_quotes(path) + ": " + std::strerror(errno);
+    if (status.st_uid != geteuid() && status.st_uid != 0)
+        return in_quotes(path) + " belongs to another user; choose a directory of your own";
+    if (status.st_mode & (S_IWGRP | S_IWOTH))
+        return in_quotes(path) + " can be changed by other users; take that permission away "
+                                 "(chmod go-w) or choose another directory";
+    return {};
+}
+
+// Makes the directories of path, which is below root or root itself, from root on.
+static std::string make_below(const fs::path &root, const fs::path &path)
+{
+    fs::path part = root;
+    std::string refusal = make_private_directory(part);
+    for (const fs::path &name : path.lexically_relative(root)) {
+        if (!refusal.empty() || name == ".")
+            break;
+        part /= name;
+        refusal = make_private_directory(part);
     }
-    if (!fs::exists(root / PALETTE_PLACE))
-        fs::copy_file(built("data", PALETTE_NAME, SIMCAM_DATA_DIR), root / PALETTE_PLACE);
+    return refusal;
+}
+
+// Makes the directories that contain path, which is absolute.
+static std::string make_parents(const fs::path &path)
+{
+    fs::path part;
+    std::string refusal;
+    for (const fs::path &name : path.parent_path()) {
+        part /= name;
+        refusal = make_directory(part);
+        if (!refusal.empty())
+            break;
+    }
+    return refusal;
+}
+
+static std::string fill(const fs::path &root)
+{
+    for (const fs::path &place : {(root / FONT_PLACE).parent_path(),
+                                  (root / PALETTE_PLACE).parent_path(), root / "var/run"}) {
+        std::string refusal = make_below(root, place);
+        if (!refusal.empty())
+            return refusal;
+    }
+    std::error_code failure, ignored;
+    if (!fs::exists(fs::symlink_status(root / FONT_PLACE, ignored))) {
+        if (!fs::exists(FONT, ignored))
+            return NO_FONT + in_quotes(FONT);
+        fs::create_symlink(FONT, root / FONT_PLACE, failure);
+        if (failure)
+            return in_quotes(root / FONT_PLACE) + ": " + failure.message();
+    }
+    if (!fs::exists(root / PALETTE_PLACE, ignored))
+        fs::copy_file(built("data", PALETTE_NAME, SIMCAM_DATA_DIR), root / PALETTE_PLACE, failure);
+    return failure ? in_quotes(root / PALETTE_PLACE) + ": " + failure.message() : "";
 }
 
 static const char MADE_NAME[] = "simcam-"; // followed by six characters
@@ -96,48 +171,62 @@ static void remove_left_behind(const fs::path &where)
 // variables (comma).
 static const char SEPARATORS[] = " :;,";
 
-static bool check_path(const std::string &path, std::string *error)
+static std::string check_path(const std::string &path)
 {
     if (path.find_first_of(SEPARATORS) == std::string::npos)
-        return true;
-    *error =
-        "run directory \"" + path +
-        "\": the path must not contain a space, ':', ';' or ',' (separators of the loader's lists)";
-    return false;
+        return {};
+    return in_quotes(path) +
+           " must not contain a space, ':', ';' or ',' (separators of the loader's lists)";
+}
+
+// Makes a directory of a name of its own. Returns an empty string, or why there is none.
+static std::string make_fresh(RunDirectory *directory)
+{
+    std::error_code failure;
+    const fs::path where = fs::temp_directory_path(failure);
+    if (failure)
+        return "TMPDIR: " + in_quotes(where) + " is not a directory";
+    remove_left_behind(where);
+    std::string name = (where / (std::string(MADE_NAME) + "XXXXXX")).string();
+    const std::string refusal = check_path(name);
+    if (!refusal.empty())
+        return refusal;
+    if (!mkdtemp(name.data()))
+        return "a directory in " + in_quotes(where) + " cannot be made: " + std::strerror(errno);
+    directory->path = name;
+    directory->made = true;
+    directory->lock = lock_directory(name);
+    if (directory->lock >= 0) // without the lock, another instance would remove it
+        std::ofstream(fs::path(name) / MARK_NAME).flush();
+    return {};
+}
+
+static std::string make_named(const std::string &path, RunDirectory *directory)
+{
+    std::error_code ignored;
+    std::string name = fs::absolute(path, ignored).lexically_normal().string();
+    if (name.size() > 1 && name.back() == '/')
+        name.pop_back();
+    std::string refusal = check_path(name);
+    if (refusal.empty())
+        refusal = make_parents(name);
+    if (refusal.empty())
+        refusal = make_private_directory(name);
+    if (!refusal.empty())
+        return refusal;
+    fs::remove(fs::path(name) / MARK_NAME, ignored); // a directory that the user names is kept
+    directory->path = name;
+    return {};
 }
 
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error)
 {
-    try {
-        if (path.empty()) {
-            const fs::path where = fs::temp_directory_path();
-            remove_left_behind(where);
-            std::string name = (where / (std::string(MADE_NAME) + "XXXXXX")).string();
-            if (!check_path(name, error))
-                return false;
-            if (!mkdtemp(name.data())) {
-                *error = name + ": cannot make the run directory";
-                return false;
-            }
-            directory->path = name;
-            directory->made = true;
-            directory->lock = lock_directory(name);
-            if (directory->lock >= 0) // without the lock, another instance would remove it
-                std::ofstream(fs::path(name) / MARK_NAME).flush();
-        } else {
-            const std::string name = fs::absolute(path).lexically_normal().string();
-            if (!check_path(name, error))
-                return false;
-            fs::create_directories(path);
-            fs::remove(fs::path(path) / MARK_NAME); // a directory that the user names is kept
-            directory->path = name;
-        }
-        fill(directory->path);
-        return true;
-    } catch (const fs::filesystem_error &failure) {
-        *error = failure.what();
-        return false;
-    }
+    std::string refusal = path.empty() ? make_fresh(directory) : make_named(path, directory);
+    if (refusal.empty())
+        refusal = fill(directory->path);
+    if (!refusal.empty())
+        *error = "run directory: " + refusal;
+    return refusal.empty();
 }
 
 RunDirectory::~RunDirectory()

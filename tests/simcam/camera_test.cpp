@@ -11,6 +11,7 @@
 #include <sstream>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -540,6 +541,98 @@ TEST(Camera, ARunDirectoryWithSeparatorsOfTheLoaderIsRefused)
     else
         unsetenv("TMPDIR");
     EXPECT_TRUE(std::filesystem::is_empty(fresh_ones));
+}
+
+TEST(Camera, NobodyElseCanWriteToARunDirectory)
+{
+    const TestDirectory directory;
+    CameraOptions options = chart();
+    options.run_directory = directory.path / "new/deep/";
+    const mode_t before = umask(0);
+    {
+        const TestCamera camera(options);
+        EXPECT_TRUE(camera.camera) << camera.error;
+    }
+    umask(before);
+    size_t entries = 0;
+    for (const auto &entry :
+         std::filesystem::recursive_directory_iterator(directory.path / "new")) {
+        entries++;
+        if (entry.is_directory()) {
+            EXPECT_EQ(entry.status().permissions(), std::filesystem::perms::owner_all) << entry;
+        }
+    }
+    EXPECT_GE(entries, 14u);
+    EXPECT_EQ(std::filesystem::status(directory.path / "new").permissions(),
+              std::filesystem::perms::owner_all);
+    options.run_directory = directory.path / "new/deep/.";
+    EXPECT_TRUE(TestCamera(options).camera); // its own directories are accepted
+}
+
+TEST(Camera, ARunDirectoryThatOthersCanChangeIsRefused)
+{
+    const TestDirectory directory;
+    CameraOptions options = chart();
+    options.run_directory = directory.path / "run";
+    const auto refusal = [&] {
+        const TestCamera camera(options);
+        EXPECT_FALSE(camera.camera);
+        return camera.error;
+    };
+    const std::string name = "run directory: \"" + options.run_directory;
+    for (const char *place : {"", "/usr/local", "/var/run"}) {
+        std::filesystem::create_directories(options.run_directory + place);
+        for (const mode_t mode : {0777u, 01777u, 0720u, 0702u}) {
+            ASSERT_EQ(chmod((options.run_directory + place).c_str(), mode), 0);
+            EXPECT_EQ(refusal(), name + place +
+                                     "\" can be changed by other users; take that permission away "
+                                     "(chmod go-w) or choose another directory");
+        }
+        ASSERT_EQ(chmod((options.run_directory + place).c_str(), 0755), 0);
+    }
+    EXPECT_TRUE(TestCamera(options).camera);
+
+    if (geteuid() == 0) { // only root can give a directory away
+        ASSERT_EQ(chown((directory.path / "run").c_str(), 65534, 65534), 0);
+        EXPECT_EQ(refusal(), name + "\" belongs to another user; choose a directory of your own");
+    }
+}
+
+TEST(Camera, ARunDirectoryThatCannotBeMadeIsExplained)
+{
+    const TestDirectory directory;
+    const auto refusal = [&](const std::string &place) {
+        CameraOptions options = chart();
+        options.run_directory = directory.path / place;
+        const TestCamera camera(options);
+        EXPECT_FALSE(camera.camera) << place;
+        const std::string start = "run directory: \"" + directory.path.string() + "/";
+        EXPECT_TRUE(camera.error.starts_with(start)) << camera.error;
+        return camera.error.substr(std::min(start.size(), camera.error.size()));
+    };
+    namespace fs = std::filesystem;
+    fs::create_symlink("loop", directory.path / "loop");
+    fs::create_symlink("nowhere", directory.path / "dangling");
+    std::ofstream(directory.path / "file") << "mine";
+    fs::create_symlink("file", directory.path / "to-file");
+    fs::create_directory(directory.path / "usr-is-a-file");
+    std::ofstream(directory.path / "usr-is-a-file/usr") << "mine";
+    fs::create_directory(directory.path / "run-is-a-loop");
+    fs::create_directory(directory.path / "run-is-a-loop/var");
+    fs::create_symlink("run", directory.path / "run-is-a-loop/var/run");
+
+    const std::string loop = "loop\" is a symbolic link that leads back to itself";
+    EXPECT_EQ(refusal("loop"), loop);
+    EXPECT_EQ(refusal("loop/below"), loop);
+    EXPECT_EQ(refusal("dangling"),
+              "dangling\" is a symbolic link to something that does not exist");
+    EXPECT_EQ(refusal("file"), "file\" is not a directory");
+    EXPECT_EQ(refusal("file/below"), "file\" is not a directory");
+    EXPECT_EQ(refusal("to-file"), "to-file\" is not a directory");
+    EXPECT_EQ(refusal("usr-is-a-file"), "usr-is-a-file/usr\" is not a directory");
+    EXPECT_EQ(refusal("run-is-a-loop"),
+              "run-is-a-loop/var/run\" is a symbolic link that leads back to itself");
+    EXPECT_EQ(fs::file_size(directory.path / "file"), 4u);
 }
 
 TEST(Camera, AnEntryNamedPlatformInANamedRunDirectoryIsKept)
