@@ -187,7 +187,7 @@ case $scenario in
     device_replaced)
         begin
         first=$(overlays)
-        sleep 1 # ten checks; three without the device would end it
+        sleep 1 # ten checks
         [ "$(overlays)" = "$first" ] || fail "ended with its device there"
         rm "$box/cam"
         await ends 2 # first by the keeper, then because it finds no device
@@ -198,6 +198,14 @@ case $scenario in
         mv "$box/other" "$box/cam"
         await another_runs "$first"
         grep -q "cam has gone or been replaced" "$box/log" || fail "no reason in the log"
+        ;;
+    slow_start) # the overlay opens its device long after the first check
+        echo 'export FAKE_SLOW=1' >>"$box/settings"
+        run start
+        await test -s "$box/run/focus_assist.pid"
+        sleep 1
+        [ "$(cat "$box/run/focus_assist.pid")" = "$(overlays)" ] || fail "ended or started twice"
+        ! grep . "$box/log" || fail "it was ended while it started"
         ;;
     replaced_script)
         begin

@@ -8,7 +8,7 @@ target_link_libraries(fake_overlay PRIVATE focus_options)
 
 foreach(scenario start_and_stop double_start start_twice_at_once stale_pid_file rubbish_pid_file
         recycled_pid killed_overlay killed_keeper killed_keeper_and_stop exit_1_and_255 back_off
-        good_life_resets_back_off device_replaced
+        good_life_resets_back_off device_replaced slow_start
         replaced_script stubborn_overlay replaced_executable linked_path missing_executable usage)
     add_test(NAME packaging_init.${scenario} COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/init_test.sh
         ${scenario} ${init_script} $<TARGET_FILE:fake_overlay>)
