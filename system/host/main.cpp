@@ -66,7 +66,9 @@ struct Options {
 };
 
 // A guest that is not up after this time is considered unable to boot.
-constexpr std::chrono::seconds BOOT_TIMEOUT(90);
+constexpr std::chrono::seconds BOOT_TIMEOUT(180);
+// A guest that has not powered itself off after this time is killed.
+constexpr std::chrono::seconds POWER_OFF_TIMEOUT(60);
 
 // Messages from and to a process on the control socket.
 enum ControlType : uint32_t {
@@ -436,6 +438,16 @@ static void after_power_off(Machine &machine)
     machine.said_up = machine.said_readout = false;
 }
 
+// Reads the pending signals. Returns true if one of them asks for the end.
+static bool take_signals(const Machine &machine)
+{
+    bool asked = false;
+    signalfd_siginfo info;
+    while (read(machine.children, &info, sizeof info) == sizeof info)
+        asked |= info.ssi_signo != SIGCHLD;
+    return asked;
+}
+
 static void step(Machine &machine)
 {
     std::vector<pollfd> entries = {{machine.children, POLLIN, 0}, {machine.listener, POLLIN, 0}};
@@ -447,10 +459,6 @@ static void step(Machine &machine)
     if (!machine.bridge.up && machine.emulator && Clock::now() - machine.booted > BOOT_TIMEOUT)
         kill(machine.emulator, SIGKILL);
 
-    signalfd_siginfo info;
-    if (entries[0].revents && read(machine.children, &info, sizeof info) == sizeof info &&
-        info.ssi_signo != SIGCHLD && machine.simcam)
-        kill(machine.simcam, SIGTERM);
     for (size_t i = 0; i < peers; i++)
         if (entries[i + 2].revents)
             serve_peer(machine, i);
@@ -483,10 +491,13 @@ static void power_off(Machine &machine)
     if (!machine.emulator)
         return;
     machine.ending = true;
-    if (machine.bridge.up)
-        bridge_act(machine.bridge, ACTION_POWER_OFF);
-    const auto deadline = Clock::now() + std::chrono::seconds(machine.bridge.up ? 10 : 0);
-    while (machine.emulator && Clock::now() < deadline) {
+    auto deadline = Clock::now();
+    if (machine.bridge.up && bridge_act(machine.bridge, ACTION_POWER_OFF)) {
+        say("powering the guest off; Control-C kills it");
+        deadline += POWER_OFF_TIMEOUT;
+    }
+    take_signals(machine); // those that ended simcam
+    while (machine.emulator && Clock::now() < deadline && !take_signals(machine)) {
         std::vector<pollfd> entries;
         bridge_poll(machine.bridge, &entries);
         poll(entries.data(), entries.size(), 20);
@@ -498,6 +509,7 @@ static void power_off(Machine &machine)
         reap(machine, &status);
     }
     if (machine.emulator) {
+        say("killing the guest");
         kill(machine.emulator, SIGKILL);
         waitpid(machine.emulator, nullptr, 0);
     }
@@ -525,6 +537,13 @@ static int run(Machine &machine)
     machine.simcam = start_child(words, -1, false, false);
     int status = 1;
     while (reap(machine, &status)) {
+        // Before an ended emulator is noticed: it may have received the same signal, and must then
+        // not be booted again.
+        if (take_signals(machine)) {
+            machine.ending = true;
+            if (machine.simcam)
+                kill(machine.simcam, SIGTERM);
+        }
         if (!machine.emulator)
             after_power_off(machine);
         step(machine);
