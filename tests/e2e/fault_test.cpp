@@ -41,6 +41,11 @@ struct SessionFault {
     const char *undo; // first call of the undo; null: none
 };
 
+static void PrintTo(const SessionFault &fault, std::ostream *stream)
+{
+    *stream << fault.call;
+}
+
 class OverlaySession : public testing::TestWithParam<SessionFault>
 {
 };
@@ -162,7 +167,7 @@ INSTANTIATE_TEST_SUITE_P(Codes, OverlayToleratedCode,
                          testing::Values(0x81E03204u, 0x81E04507u, 0x81003209u, 0x81E0250Cu),
                          [](const auto &its) {
                              char code[16];
-                             snprintf(code, sizeof code, "%08X", its.param);
+                             snprintf(code, sizeof code, "0x%08X", its.param);
                              return std::string(code);
                          });
 

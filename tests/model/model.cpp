@@ -57,7 +57,7 @@ void Model::begin()
     err.clear();
     buffers.clear();
     while (next_is(REPORT) || next_is(FOCUS))
-        next++; // before the operation: told already
+        next++; // before the operation: the model has them already
 }
 
 bool Model::next_is(Fn fn) const
@@ -208,8 +208,8 @@ int32_t Model::library_process()
     fill_color(buffer, (uint32_t)color.out[0]);
 
     const Event &apply = expect(SET_COLOR);
-    if (buffer)
-        compare(*buffer, apply.bytes, "colors applied");
+    if (buffer && apply.bytes != buffer->expected)
+        throw Mismatch("colors applied: " + table_difference(apply.bytes, buffer->expected));
     if (apply.failed)
         return undo(fault(SELF, "qm7_cl_post_set_osd_color", apply));
     return OK;

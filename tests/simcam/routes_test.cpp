@@ -1,6 +1,8 @@
 // Finding routes and reading parameters, without sockets.
 #include "web/routes.h"
 
+#include <cctype>
+#include <ostream>
 #include <random>
 #include <set>
 
@@ -35,7 +37,7 @@ TEST(HttpRoute, QueryValuesReplaceTheDefaults)
     EXPECT_EQ(r.values.number.at("quality"), 80);
 }
 
-TEST(HttpRoute, BodyMembersArriveByKind)
+TEST(HttpRoute, BodyMembersAreReadByType)
 {
     const RoutedRequest r = post("/api/faults", R"({"call":"open","error":"0x81E03246",)"
                                                 R"("remaining":"forever","delay_ms":250})");
@@ -97,6 +99,11 @@ struct Refusal {
     const char *says;
 };
 
+static void PrintTo(const Refusal &refusal, std::ostream *stream)
+{
+    *stream << refusal.status;
+}
+
 class HttpRouteRefuses : public testing::TestWithParam<Refusal>
 {
 };
@@ -112,6 +119,24 @@ TEST_P(HttpRouteRefuses, WithAStatusAndASentence)
 }
 
 static const char *const JSON = "application/json";
+
+// "GET_api_posts_4_frame_png_from_0_to_3_3": the request, what the refusal says, the case's index.
+static std::string case_name(const testing::TestParamInfo<Refusal> &info)
+{
+    const Refusal &c = info.param;
+    std::string name;
+    for (const char *part : {c.method, c.target, c.body, c.says}) {
+        for (; *part; ++part) {
+            if (std::isalnum(static_cast<unsigned char>(*part)))
+                name += *part;
+            else if (!name.empty() && name.back() != '_')
+                name += '_';
+        }
+        if (name.back() != '_')
+            name += '_';
+    }
+    return name + std::to_string(info.index);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     All, HttpRouteRefuses,
@@ -188,9 +213,10 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"POST", "/api/faults", JSON, "{\"call\":\"open\",\"error\":\"0x1G\"}", 400,
                 "error"},
         Refusal{"POST", "/api/faults", JSON, "{\"call\":\"open\",\"remaining\":1.5}", 400,
-                "remaining"}));
+                "remaining"}),
+    case_name);
 
-TEST(HttpRoute, DeepNestingIsRefusedWithoutHarm)
+TEST(HttpRoute, DeepNestingIsRefusedWithoutACrash)
 {
     const std::string deep(8000, '[');
 
@@ -200,7 +226,7 @@ TEST(HttpRoute, DeepNestingIsRefusedWithoutHarm)
 
 // Valid requests with random bytes changed: each result is a route with all its parameters or a
 // refusal with a sentence.
-TEST(HttpRoute, NoiseGivesARouteOrARefusal)
+TEST(HttpRoute, RandomBytesGiveARouteOrARefusal)
 {
     std::mt19937 random(7);
     const std::vector<HttpRequest> seeds = {

@@ -1,6 +1,7 @@
 #include "difference.h"
 
 #include <algorithm>
+#include <cstdio>
 
 std::string index_name(uint8_t index)
 {
@@ -38,8 +39,10 @@ size_t differing_bytes(std::span<const uint8_t> actual, std::span<const uint8_t>
     return count;
 }
 
-std::string difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected,
-                       size_t pitch)
+// The first difference, at the place and with the values that describe gives it.
+template <typename Describe>
+static std::string first_difference(std::span<const uint8_t> actual,
+                                    std::span<const uint8_t> expected, const Describe &describe)
 {
     if (actual.size() != expected.size())
         return std::to_string(actual.size()) + " bytes, expected " +
@@ -48,11 +51,28 @@ std::string difference(std::span<const uint8_t> actual, std::span<const uint8_t>
     const auto [a, e] = std::mismatch(actual.begin(), actual.end(), expected.begin());
     if (a == actual.end())
         return "";
-    const size_t offset = (size_t)(a - actual.begin());
-    const std::string place = pitch == 0 ? "byte " + std::to_string(offset)
-                                         : "line " + std::to_string(offset / pitch) + ", column " +
-                                               std::to_string(offset % pitch);
-    return place + ": " + index_name(*a) + ", expected " + index_name(*e) + "; " +
+    return describe((size_t)(a - actual.begin()), *a, *e) + "; " +
            std::to_string(differing_bytes(actual, expected)) + " of " +
            std::to_string(actual.size()) + " bytes differ";
+}
+
+std::string difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected,
+                       size_t pitch)
+{
+    return first_difference(actual, expected, [pitch](size_t offset, uint8_t a, uint8_t e) {
+        const std::string place = pitch == 0 ? "byte " + std::to_string(offset)
+                                             : "line " + std::to_string(offset / pitch) +
+                                                   ", column " + std::to_string(offset % pitch);
+        return place + ": " + index_name(a) + ", expected " + index_name(e);
+    });
+}
+
+std::string table_difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected)
+{
+    return first_difference(actual, expected, [](size_t offset, uint8_t a, uint8_t e) {
+        char text[80];
+        snprintf(text, sizeof text, "entry %zu, byte %zu: 0x%02X, expected 0x%02X", offset / 4,
+                 offset % 4, a, e);
+        return std::string(text);
+    });
 }

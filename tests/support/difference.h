@@ -19,3 +19,7 @@ std::string difference(std::span<const uint8_t> actual, std::span<const uint8_t>
 
 // How many bytes differ; those that only one of the two has are counted as well.
 size_t differing_bytes(std::span<const uint8_t> actual, std::span<const uint8_t> expected);
+
+// The same for the color table, which has four bytes an entry, as in
+// "entry 16, byte 3: 0x08, expected 0x00; 2 of 1024 bytes differ".
+std::string table_difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected);

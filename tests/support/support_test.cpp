@@ -24,7 +24,7 @@ TEST(Capture, CapturesBothStreamsAndRestoresThem)
     EXPECT_EQ(capture([] {}).out, "");
 }
 
-TEST(GuardedMemory, IsFullOfJunkAndNoticesAByteBesideIt)
+TEST(GuardedMemory, IsFullOfJunkAndDetectsAByteWrittenBesideIt)
 {
     GuardedMemory memory(100);
     EXPECT_EQ(memory.bytes(), std::vector<uint8_t>(100, 0xA5));
@@ -105,4 +105,16 @@ TEST(Difference, NamesLineColumnAndIndexOfTheFirstByte)
               "byte 14: marker (19), expected box (17); 2 of 30 bytes differ");
     EXPECT_EQ(difference({actual.data(), 29}, expected, 10), "29 bytes, expected 30");
     EXPECT_EQ(differing_bytes({actual.data(), 29}, expected), 2u); // one of them is missing
+}
+
+TEST(Difference, NamesEntryAndByteOfAColorTableInHexadecimal)
+{
+    const std::vector<uint8_t> expected(24, 0);
+    std::vector<uint8_t> actual = expected;
+    EXPECT_EQ(table_difference(actual, expected), "");
+
+    actual[18] = 0xAB;
+
+    EXPECT_EQ(table_difference(actual, expected),
+              "entry 4, byte 2: 0xAB, expected 0x00; 1 of 24 bytes differ");
 }
