@@ -5,8 +5,9 @@
 # A 32-bit program that is built with 64-bit file sizes and times calls open, fstat and ioctl by other
 # names. These are wrapped then, and the sources still say __wrap_open and __real_open.
 #
-# The build of a test fails if the program calls none of the names: the linker ignores a wrapper that
-# nothing refers to, for instance of a C++ function whose signature has changed.
+# The build of a target named *_test fails unless the program calls every name: the linker ignores a
+# wrapper that nothing refers to, for instance of a C++ function whose signature has changed. The names
+# of other targets are not checked.
 include(CheckCXXSourceCompiles)
 check_cxx_source_compiles("
     #include <fcntl.h>

@@ -60,7 +60,7 @@ struct Fault {
 
 struct CallRecord {
     uint64_t number = 0; // 1 for the first
-    double time_s = 0;
+    double time_s = 0;   // since the camera's start
     int pid = 0;
     std::string call;
     std::string arguments; // as text: "postResId=0x51000000, OSD num=0"

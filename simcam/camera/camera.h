@@ -37,7 +37,7 @@ struct CameraOptions {
 };
 
 struct CameraState : BoardState {
-    double time_s = 0;
+    double time_s = 0; // since the camera's start
     double ring = 0;
     bool sweep = false;
     double sweep_period_s = 0;

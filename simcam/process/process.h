@@ -24,8 +24,8 @@ struct ProcessState {
 // A piece of what the overlay process wrote, as it was read.
 struct OutputChunk {
     uint64_t number = 0; // 1 for the first
-    double time_s = 0;
-    int stream = 1; // 1 standard output, 2 standard error
+    double time_s = 0;   // since the camera's start
+    int stream = 1;      // 1 standard output, 2 standard error
     std::string bytes;
 };
 

@@ -748,7 +748,7 @@ TEST_F(DisplayLoop, RunStartsOnceAndSleepsHalfASecondAfterEachPass)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
-TEST_F(DisplayLoop, ReportsAndMeasurementsFromOtherThreads)
+TEST_F(DisplayLoop, ReportsAndMeasurementsComeFromOtherThreads)
 {
     start_display();
     std::atomic<bool> done = false;

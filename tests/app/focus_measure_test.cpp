@@ -138,7 +138,7 @@ class FocusMeasure : public testing::Test
 
 // ---- configuration -----------------------------------------------------------------------------
 
-TEST_F(FocusMeasure, ConfigurationIsTheseWords)
+TEST_F(FocusMeasure, ConfigurationHasTheseWords)
 {
     focus_measure_configure(DEVICE);
 
@@ -346,7 +346,7 @@ static int run(FakeCamera *fake, FocusState *state)
     return how;
 }
 
-TEST_F(FocusMeasure, LoopOpensConfiguresOnceAndReadsForEver)
+TEST_F(FocusMeasure, LoopOpensAndConfiguresOnceAndReadsForever)
 {
     FakeFiles files;
     files.put("/dev/cam", {});

@@ -146,7 +146,7 @@ TEST_F(Main, RegistersThePidThenCreatesTheThreadThenMeasures)
     EXPECT_EQ(state.exit_status, 1);
 }
 
-TEST_F(Main, ThreadFindsTheFocusStateCleared)
+TEST_F(Main, FocusStateIsClearedBeforeTheThreadStarts)
 {
     EXPECT_EQ(run(), 1000);
     state.state->current = 120; // of an earlier run

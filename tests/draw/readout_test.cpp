@@ -280,7 +280,7 @@ TEST_F(ShowString, ClearsAllOfTheMemory)
     expect_shown(expected);
 }
 
-TEST_F(ShowString, NeitherBoundsTheNumberNorComparesSizes)
+TEST_F(ShowString, ChecksNeitherTheNumberNorTheSize)
 {
     number = 9;
     for (const uint32_t size : {PITCH * 14, PITCH * 14 - 1, PITCH * 5 + 3, 1u}) {

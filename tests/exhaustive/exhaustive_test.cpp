@@ -110,7 +110,7 @@ INSTANTIATE_TEST_SUITE_P(Resolutions, ExhaustiveBar, testing::Values(0u, 1u, 2u,
 
 // ---- numbers -----------------------------------------------------------------------------------
 
-TEST(Exhaustive, TextGrowsByAPixelEverySeventeenLinesFromEightOn)
+TEST(Exhaustive, FontGrowsByAPixelEverySeventeenLinesAndIsAtLeastEight)
 {
     uint32_t pixels = 0;
     for (uint32_t lines = 0; lines < 65536; lines++) {
@@ -148,7 +148,7 @@ TEST(Exhaustive, PercentageOfEveryPairUpToThreeThousandAndAroundEveryWrap)
     }
 }
 
-TEST(Exhaustive, FourCodesOfAllAreTolerated)
+TEST(Exhaustive, ExactlyFourCodesAreTolerated)
 {
     static constexpr uint32_t TOLERATED[] = {0x81003209, 0x81E0250C, 0x81E03204, 0x81E04507};
     uint64_t tolerated = 0;
@@ -257,7 +257,7 @@ class Errors
     FILE *file_;
 };
 
-TEST(Exhaustive, PlanesOfEveryWidthLieInTheMiddleAtFourFifths)
+TEST(Exhaustive, PlanesOfEveryWidthAreCenteredAtFourFifthsOfTheHeight)
 {
     static constexpr struct {
         uint32_t output, width, height;

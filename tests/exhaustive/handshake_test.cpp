@@ -74,7 +74,7 @@ class Handshake : public testing::Test
     }
 };
 
-TEST_F(Handshake, EveryReportIsTakenWithAnIdNotOlderThanItself)
+TEST_F(Handshake, EveryReportIsTakenWithItsIdOrALaterOne)
 {
     uint64_t executions = 0;
     for (const Reports &reports : sequences(LENGTH, {{0, true, 0}, {0, false, 0}, {3, true, 0}})) {
@@ -100,7 +100,7 @@ TEST_F(Handshake, APostThatStartedLastIsDrawnWithItsId)
 // for post 3. The report is there before the first look: that takes it, and the second finds
 // nothing (1); or it sees the old value, and the second the old or the new one (2). It is there
 // before the second look: old or new (2). It is there later (1).
-TEST_F(Handshake, ExecutionsAreAsManyAsCountedByHand)
+TEST_F(Handshake, TheNumberOfExecutionsIsThatCountedByHand)
 {
     EXPECT_EQ(take({{0, false, 0}}, 1).executions, 1u + 2u + 2u + 1u);
 }
@@ -132,7 +132,7 @@ TEST_F(Handshake, AWeakerAcquireIsNoticed)
 }
 
 // The test of a bit that acquires instead of its clearing misses a report that comes in between.
-TEST_F(Handshake, AcquiringBeforeTheClearingIsNoticed)
+TEST_F(Handshake, AnAcquireBeforeTheClearIsNoticed)
 {
     interleaving::weaken = [](Kind kind, Order order) {
         if (kind == Kind::LOAD)

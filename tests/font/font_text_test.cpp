@@ -114,7 +114,7 @@ TEST(FontDrawTarget, PutsTheSetBitsAtTheirPlaceAndLeavesTheOthers)
                                     "????????\n");
 }
 
-TEST(FontDrawTarget, TopRowIsAsFarAboveTheBaselineAsTheGlyphSays)
+TEST(FontDrawTarget, TopRowIsTheGlyphsTopAboveTheBaseline)
 {
     const std::vector<std::string> one_bit = {"X"};
     for (int top = -1; top <= 3; top++) {
@@ -266,7 +266,7 @@ TEST(FontDrawTarget, GlyphAsWideAsALineContinuesInTheNext)
                                     "????\n");
 }
 
-TEST(FontDrawTarget, NegativeLeftReachesBackIntoTheLineBefore)
+TEST(FontDrawTarget, NegativeLeftDrawsIntoThePreviousLine)
 {
     MadeGlyph glyph(CROSS, -1, 3);
 

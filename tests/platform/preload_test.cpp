@@ -280,7 +280,7 @@ TEST(Preload, WithoutACameraTheFixedPathsDoNotExist)
     EXPECT_FALSE(std::filesystem::exists("/var/run/probe.pid"));
 }
 
-TEST(Preload, ReadingsFromALostCameraFailAtThePaceOfReadings)
+TEST(Preload, ReadingsFromALostCameraFailAtTheUsualRate)
 {
     std::string name = (std::filesystem::temp_directory_path() / "preload-XXXXXX").string();
     const std::string directory = mkdtemp(name.data());

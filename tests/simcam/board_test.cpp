@@ -143,7 +143,7 @@ TEST_F(BoardTest, CallsOnAClosedDeviceFail)
     EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_NOT_INITIALIZED);
 }
 
-TEST_F(BoardTest, NotificationTellsOfRunningPostsAndThenOfChanges)
+TEST_F(BoardTest, NotificationReportsRunningPostsAndThenChanges)
 {
     TestClient client(board);
     client.open_session();
@@ -222,7 +222,7 @@ TEST_F(BoardTest, ANullCallbackIsRefusedAndChangesNothing)
     EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u);
 }
 
-TEST_F(BoardTest, StatusTellsTheSizeAndFillsTheRestWithJunk)
+TEST_F(BoardTest, StatusHasTheSizeAndJunkInItsOtherFields)
 {
     TestClient client(board);
     client.open_session();
@@ -277,7 +277,7 @@ TEST_F(BoardTest, PitchIsTheLineRoundedUpToTheAlignment)
     }
 }
 
-TEST_F(BoardTest, MemoryEndsWhereItsPageEndsAndIsFullOfJunk)
+TEST_F(BoardTest, MemoryEndsAtAPageEndAndIsFullOfJunk)
 {
     TestClient client(board);
     client.open_session();
@@ -366,7 +366,7 @@ TEST_F(BoardTest, TheShownBufferIsNeverHandedOut)
     EXPECT_EQ(image.state.y, 2u);
 }
 
-TEST_F(BoardTest, OnlyABufferThatIsLentCanBeShown)
+TEST_F(BoardTest, OnlyAFetchedBufferCanBeShown)
 {
     TestClient client(board), other(board);
     client.open_session();
@@ -499,7 +499,7 @@ struct OverlayTest : BoardTest {
     }
 };
 
-TEST_F(OverlayTest, ThePeakIsHeldUntilTheValueMovesByMoreThanFour)
+TEST_F(OverlayTest, ThePeakStaysZeroUntilTheValueChangesByMoreThanFour)
 {
     expect(0, 0, 0);
     read(1099); // the first value is never a movement
@@ -515,14 +515,14 @@ TEST_F(OverlayTest, ThePeakIsHeldUntilTheValueMovesByMoreThanFour)
     expect(7, 16, 43);
 }
 
-TEST_F(OverlayTest, AFallReleasesThePeakToo)
+TEST_F(OverlayTest, ADecreaseEndsTheHoldToo)
 {
     read(5000);
     read(4499);
     expect(44, 44, 100);
 }
 
-TEST_F(OverlayTest, AValueAfterZeroIsNoMovement)
+TEST_F(OverlayTest, AValueAfterZeroDoesNotEndTheHold)
 {
     read(99);
     read(30000);
@@ -542,7 +542,7 @@ TEST_F(OverlayTest, FailedReadingsChangeNothing)
     expect(14, 0, 0); // moved by 4 since the last reading that succeeded
 }
 
-TEST_F(OverlayTest, IsThatOfTheDeviceOpenedLastAndStartsAtZero)
+TEST_F(OverlayTest, FollowsTheDeviceOpenedLastAndStartsAtZero)
 {
     read(1000);
     read(2000);
@@ -556,7 +556,7 @@ TEST_F(OverlayTest, IsThatOfTheDeviceOpenedLastAndStartsAtZero)
     EXPECT_FALSE(board_overlay(board).running);
 }
 
-TEST(FocusWindow, LiesInTheMiddleOfItsFrame)
+TEST(FocusWindow, IsInTheMiddleOfItsFrame)
 {
     const auto window = focus_window(0x028004FF, 0x016802CF); // 640 x 360 in 1280 x 720
     ASSERT_TRUE(window);
@@ -608,7 +608,7 @@ TEST_F(BoardTest, FaultsHitAsOftenAsConfigured)
     EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0u);
 }
 
-TEST_F(BoardTest, FaultsForEverStayAndAreReplaced)
+TEST_F(BoardTest, FaultsWithoutACountStayUntilTheyAreReplaced)
 {
     EXPECT_EQ(board_set_fault(board, {"CAM_FOCUS_READ", EIO, FAULT_FOREVER, 0, 0}), "");
     for (int i = 0; i < 100; i++)
@@ -647,7 +647,7 @@ TEST_F(BoardTest, AForcedErrorChangesNothingAndIsLogged)
     EXPECT_EQ(calls[0].error, 0x81E00099u);
 }
 
-TEST_F(BoardTest, TheCallLogKeepsTheNewestAndLeavesGoodReadsOut)
+TEST_F(BoardTest, TheCallLogKeepsTheNewestCallsWithoutSuccessfulReads)
 {
     TestClient client(board);
     client.call(WIRE_DEVICE_OPEN);

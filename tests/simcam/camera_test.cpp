@@ -166,7 +166,7 @@ TEST(Camera, SharpnessIsHighestWhereTheLensIsInFocus)
     }
 }
 
-TEST(Camera, SweepRacksFromTheRingsPositionUpAndBack)
+TEST(Camera, SweepTurnsFromTheRingsPositionUpAndBack)
 {
     CameraOptions options = chart();
     options.ring = 0.5;
@@ -192,7 +192,7 @@ TEST(Camera, TurningTheRingEndsASweep)
     EXPECT_DOUBLE_EQ(camera.next().ring, 0.25);
 }
 
-TEST(Camera, AFlashMovesOneMeasurementOnly)
+TEST(Camera, AFlashChangesOneMeasurementOnly)
 {
     CameraOptions options = chart();
     options.ring = lens_best_ring();
@@ -208,7 +208,7 @@ TEST(Camera, AFlashMovesOneMeasurementOnly)
     EXPECT_EQ(moved, 1u);
 }
 
-TEST(Camera, AGainStepMovesSharpnessUntilItIsTakenBack)
+TEST(Camera, AGainStepChangesSharpnessUntilItIsReset)
 {
     CameraOptions options = chart();
     options.ring = lens_best_ring();
@@ -346,18 +346,18 @@ TEST(Camera, WithoutAProgramThereIsNothingToStart)
 
 TEST(Camera, StoppingTheCameraEndsAndReapsTheProgram)
 {
-    int kind = 0, deaf = 0;
+    int until_sigterm = 0, until_sigkill = 0;
     {
         const TestCamera camera(shell("exec sleep 1000"));
-        kind = camera_state(*camera).process.pid;
+        until_sigterm = camera_state(*camera).process.pid;
     }
     {
         const TestCamera camera(shell("trap '' TERM; echo ready; while :; do sleep 1; done"));
-        deaf = camera_state(*camera).process.pid;
+        until_sigkill = camera_state(*camera).process.pid;
         ASSERT_TRUE(wait_until([&] { return output(*camera, 1) == "ready\n"; }));
     }
-    EXPECT_NE(kill(kind, 0), 0); // a zombie would still take a signal
-    EXPECT_NE(kill(deaf, 0), 0);
+    EXPECT_NE(kill(until_sigterm, 0), 0); // kill() succeeds for a zombie
+    EXPECT_NE(kill(until_sigkill, 0), 0);
 }
 
 TEST(Camera, StoppingTheCameraEndsChildrenOfAWrapper)
@@ -516,7 +516,7 @@ TEST(Camera, APlatformFolderOfAnyNameReachesTheProgram)
     }
 }
 
-TEST(Camera, ARunDirectoryWithSeparatorsOfTheLoaderIsRefused)
+TEST(Camera, ARunDirectoryWithSpacesOrSeparatorsIsRefused)
 {
     const TestDirectory directory;
     for (const char *name : {"with a space", "a:b", "a;b", "a,b"}) {

@@ -1,5 +1,5 @@
-// A fake camera without threads, optics or a process: its state changes only when a test changes
-// it.
+// A fake camera without threads, pictures of a scene or a process: its state changes only when a
+// test changes it, and its time with each measurement.
 #include "fake_camera.h"
 
 #include <algorithm>
@@ -296,6 +296,7 @@ void fake_measure(Camera &camera, uint32_t value)
         overlay_focus_read(&camera.state.overlay, m.raw);
         camera.measurements.push_back(m);
         camera.state.latest = m;
+        camera.state.time_s = m.time_s;
     }
     camera.measured.notify_all();
 }
@@ -303,14 +304,14 @@ void fake_measure(Camera &camera, uint32_t value)
 void fake_write(Camera &camera, int stream, const std::string &bytes)
 {
     const std::lock_guard lock(camera.mutex);
-    camera.output.push_back({camera.output.size() + 1, 0, stream, bytes});
+    camera.output.push_back({camera.output.size() + 1, camera.state.time_s, stream, bytes});
 }
 
 void fake_call(Camera &camera, const std::string &call, uint32_t error)
 {
     const std::lock_guard lock(camera.mutex);
-    camera.calls.push_back(
-        {camera.calls.size() + 1, 0, 4242, call, "postResId=0x51000000", error ? -1 : 0, error});
+    camera.calls.push_back({camera.calls.size() + 1, camera.state.time_s, 4242, call,
+                            "postResId=0x51000000", error ? -1 : 0, error});
 }
 
 void fake_show(Camera &camera, int post, int plane, const PlaneState &state,

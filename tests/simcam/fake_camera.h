@@ -9,7 +9,7 @@
 namespace simcam
 {
 
-// Adds a measurement with this display value and wakes waiting threads.
+// Adds a measurement with this display value, 1/32 s after the last one, and wakes waiting threads.
 void fake_measure(Camera &camera, uint32_t value);
 // Adds output of the overlay process.
 void fake_write(Camera &camera, int stream, const std::string &bytes);

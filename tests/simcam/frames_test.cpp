@@ -52,7 +52,7 @@ TEST(PictureView, APostKeepsItsSize)
     EXPECT_EQ(at(picture, 2, 2), cv::Vec3b(255, 255, 255)) << "with its planes";
 }
 
-TEST(PictureView, WidthOnlyMakesItSmaller)
+TEST(PictureView, AWidthOnlyShrinksThePicture)
 {
     const auto camera = camera_with("1280x720");
 
@@ -60,7 +60,7 @@ TEST(PictureView, WidthOnlyMakesItSmaller)
     EXPECT_EQ(frame_picture(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
 }
 
-TEST(PictureView, APostThatIsOffSaysSo)
+TEST(PictureView, APostThatIsOffShowsAMessage)
 {
     const auto camera = camera_with("");
 
@@ -74,7 +74,7 @@ TEST(PictureView, APostThatIsOffSaysSo)
     EXPECT_GT(brightest, 120) << "it contains text";
 }
 
-TEST(PictureView, AllFourLieInTheirQuarters)
+TEST(PictureView, TheFourPostsFillTheQuarters)
 {
     const auto camera = camera_with("1280x720");
     camera_start_post(*camera, 2, {360, 360}); // square: bars at its sides
@@ -87,7 +87,7 @@ TEST(PictureView, AllFourLieInTheirQuarters)
     EXPECT_NE(at(picture, 60, 360 + 180), cv::Vec3b(120, 120, 120)) << "not stretched";
 }
 
-TEST(PictureView, TheSensorIsShownAsItIs)
+TEST(PictureView, TheSensorPictureIsUnchanged)
 {
     const auto camera = camera_with("");
 
@@ -97,7 +97,7 @@ TEST(PictureView, TheSensorIsShownAsItIs)
     EXPECT_EQ(at(picture, 7, 7), cv::Vec3b(99, 99, 99));
 }
 
-TEST(PictureFiles, APngIsThePictureDotByDot)
+TEST(PictureFiles, APngHasEveryPixelOfThePicture)
 {
     const auto camera = camera_with("352x288");
     const cv::Mat picture = frame_picture(*camera, {.view = 1});
@@ -110,7 +110,7 @@ TEST(PictureFiles, APngIsThePictureDotByDot)
     EXPECT_EQ(cv::norm(read, picture, cv::NORM_INF), 0);
 }
 
-TEST(PicturePlane, EightBitsAreOneByteADotAndThePitchIsSkipped)
+TEST(PicturePlane, EightBitPixelsAreCopiedWithoutThePaddingOfTheLines)
 {
     PlaneState state;
     state.width = 3;
@@ -125,7 +125,7 @@ TEST(PicturePlane, EightBitsAreOneByteADotAndThePitchIsSkipped)
                 testing::ElementsAre(11, 16, 17, 18, 19, 20));
 }
 
-TEST(PicturePlane, FewerBitsLieFromTheLowestUp)
+TEST(PicturePlane, PixelsOfFewerBitsStartAtTheLowestBitsOfAByte)
 {
     PlaneState state;
     state.width = 4;
@@ -154,7 +154,7 @@ TEST(PicturePlane, MemoryThatEndsEarlyLeavesZeros)
                 testing::ElementsAre(1, 2, 0, 0, 3, 0, 0, 0));
 }
 
-TEST(PicturePlane, NothingShownIsNoPicture)
+TEST(PicturePlane, APlaneThatIsNotShownHasNoPicture)
 {
     EXPECT_TRUE(indices_of({}).empty());
     EXPECT_TRUE(colors_of({}, {}).empty());
@@ -180,7 +180,7 @@ TEST(PicturePlane, ColorsComeFromThePalette)
 
 static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};
 
-TEST(PictureCache, AFrameIsEncodedOnceForAllWhoAskForTheSame)
+TEST(PictureCache, AFrameIsEncodedOnceForEqualRequests)
 {
     const auto camera = camera_with("352x288");
     FrameCache cache(*camera);
@@ -214,7 +214,7 @@ TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 }
 
 // Viewers that ask while a frame is being encoded get that frame, however long it takes.
-TEST(PictureCache, ManyAtOnceShareOneFrame)
+TEST(PictureCache, SimultaneousRequestsShareOneFrame)
 {
     const auto camera = camera_with("352x288");
     FrameCache cache(*camera);

@@ -42,7 +42,7 @@ void expect_refused(const std::string &arguments, const std::string &words)
 
 } // namespace
 
-TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
+TEST(CommandLine, WrongUsageIsExplainedAndExitsWithTwo)
 {
     expect_refused("--post 4=1280x720", "--post 4=1280x720");
     expect_refused("--post 1280x720", "must be an output 0 to 3");
@@ -59,7 +59,7 @@ TEST(CommandLine, WrongUseIsExplainedWithStatusTwo)
     expect_refused("--platform /no/such/folder -- /bin/true", "/no/such/folder/libqm7codec.so.2.0");
 }
 
-TEST(CommandLine, HelpNamesEveryOptionAndEndsWell)
+TEST(CommandLine, HelpNamesEveryOptionAndExitsWithZero)
 {
     const Outcome outcome = simcam("--help");
     EXPECT_EQ(outcome.status, 0);
@@ -86,7 +86,7 @@ static double steps(const std::filesystem::path &file)
     return cv::mean(step.mul(step))[0];
 }
 
-TEST(CommandLine, SnapshotsComeOneARunningPostAndStop)
+TEST(CommandLine, WritesASnapshotOfEachRunningPostAndExits)
 {
     std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
     const std::filesystem::path directory = mkdtemp(name.data());
@@ -194,7 +194,7 @@ TEST(CommandLine, AnInterruptEndsSnapshotsThatWaitForAReadout)
     std::filesystem::remove_all(directory);
 }
 
-TEST(CommandLine, AnInterruptEndsItAndItsProgram)
+TEST(CommandLine, AnInterruptEndsSimcamAndItsProgram)
 {
     for (const int signal : {SIGINT, SIGTERM}) {
         int out[2];

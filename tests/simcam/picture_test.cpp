@@ -544,7 +544,7 @@ TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
 }
 
 #if SIMCAM_VIDEO
-TEST(SceneVideo, FreezesWhileReadingThrows)
+TEST(SceneVideo, KeepsItsPictureWhileReadingThrows)
 {
     const TestFolder folder;
     const std::string path = folder.file("steps.avi");
@@ -648,7 +648,7 @@ TEST(Compose, OpacityCountsInEighthsUpToEight)
     }
 }
 
-TEST(Compose, FirstPixelOfAByteLiesInItsLowestBits)
+TEST(Compose, FirstPixelOfAByteIsInItsLowestBits)
 {
     cv::Mat two_bits = picture_behind(5, 1);
     const uint8_t quarters[2] = {0b00111001, 0b11111110}; // 1, 2, 3, 0 and then 2

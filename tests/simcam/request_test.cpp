@@ -37,7 +37,7 @@ TEST(Request, EveryCallIsAcceptedOnlyAtItsSize)
     EXPECT_EQ(std::size(sizes) + 1, size_t{WIRE_CALL_END});
 }
 
-TEST(Request, ForeignVersionsAndCallsAreRefused)
+TEST(Request, UnknownVersionsAndCallsAreRefused)
 {
     EXPECT_FALSE(decodes(packet(WIRE_VERSION + 1, WIRE_LIBRARY_INIT, 0)));
     EXPECT_FALSE(decodes(packet(WIRE_VERSION, 0, 0)));
@@ -52,7 +52,7 @@ TEST(Request, EveryLengthShorterThanAHeaderIsRefused)
         EXPECT_FALSE(decodes({whole.begin(), whole.begin() + static_cast<long>(size)})) << size;
 }
 
-TEST(Request, NamesLeadBackToTheirCalls)
+TEST(Request, EveryNameFindsItsCall)
 {
     const auto names = request_names();
     ASSERT_EQ(names.size(), size_t{WIRE_CALL_END} - 1);

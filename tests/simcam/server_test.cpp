@@ -309,7 +309,7 @@ TEST_F(ServerTest, AClientThatClosedItsReportsIsHarmless)
     close(client.fd);
 }
 
-TEST_F(ServerTest, SilentClientsMakeRoomForNewOnes)
+TEST_F(ServerTest, ClientsThatSendNothingAreReplacedByNewOnes)
 {
     const int first = connect_client();
     EXPECT_TRUE(answers(first));
@@ -327,7 +327,7 @@ TEST_F(ServerTest, SilentClientsMakeRoomForNewOnes)
     close(last);
 }
 
-TEST_F(ServerTest, ClientsAboveTheLimitAreTurnedAway)
+TEST_F(ServerTest, ClientsAboveTheLimitAreRefused)
 {
     std::vector<int> clients;
     for (size_t i = 0; i < CLIENT_COUNT_MAX; i++) {
@@ -352,7 +352,7 @@ TEST_F(ServerTest, ClientsAboveTheLimitAreTurnedAway)
         close(fd);
 }
 
-TEST_F(ServerTest, ThousandsOfConnectionsLeaveNothingBehind)
+TEST_F(ServerTest, ThousandsOfConnectionsLeakNothing)
 {
     const int good = connect_client();
     EXPECT_TRUE(answers(good));
@@ -378,7 +378,7 @@ TEST_F(ServerTest, ThousandsOfConnectionsLeaveNothingBehind)
     close(good);
 }
 
-TEST_F(ServerTest, ADirectoryServesOneCamera)
+TEST_F(ServerTest, ASecondCameraInADirectoryIsRefused)
 {
     Board second;
     std::string error;

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -324,7 +325,7 @@ TEST_F(Http, ApiListsEveryRoute)
 }
 
 // Every GET of the table answers with the type of its row; of streams only the beginning is read.
-TEST_F(Http, EveryRouteThatReadsAnswers)
+TEST_F(Http, EveryGetRouteAnswers)
 {
     PlaneState plane;
     plane.open = plane.shown = true;
@@ -357,7 +358,7 @@ TEST_F(Http, StateDescribesTheCamera)
     EXPECT_THAT(state.body, HasSubstr("\"scene\":\"photo\""));
 }
 
-TEST_F(Http, TheVersionOfTheInterfaceComesWithTheStateAndWithEveryAnswer)
+TEST_F(Http, TheStateAndEveryAnswerHaveTheVersionOfTheInterface)
 {
     EXPECT_THAT(get("/api/state").body, HasSubstr("\"api_version\":1,"));
     for (const char *target : {"/api", "/api/state", "/api/nothing", "/", "/snapshot"})
@@ -367,7 +368,18 @@ TEST_F(Http, TheVersionOfTheInterfaceComesWithTheStateAndWithEveryAnswer)
     EXPECT_EQ(parse_answer(client.read_until_contains("\r\n\r\n")).header.at("x-api-version"), "1");
 }
 
-TEST_F(Http, MeasurementsComeAsJsonAndAsTable)
+TEST_F(Http, StateHasTheTimeOfTheLatestMeasurement)
+{
+    fake_measure(*camera_, 7);
+    fake_measure(*camera_, 42);
+
+    const nlohmann::json state = nlohmann::json::parse(get("/api/state").body);
+
+    EXPECT_EQ(state["time_s"].get<double>(), 0.0625);
+    EXPECT_EQ(state["latest"]["time_s"].get<double>(), 0.0625);
+}
+
+TEST_F(Http, MeasurementsAreServedAsJsonAndAsCsv)
 {
     fake_measure(*camera_, 7);
     fake_measure(*camera_, 42);
@@ -383,7 +395,7 @@ TEST_F(Http, MeasurementsComeAsJsonAndAsTable)
     EXPECT_THAT(table.header.at("content-disposition"), StartsWith("attachment"));
 }
 
-TEST_F(Http, OutputComesByteForByte)
+TEST_F(Http, OutputIsServedByteForByte)
 {
     fake_write(*camera_, 1, std::string("a\0b\xFF", 4));
     fake_write(*camera_, 2, "ERR\n");
@@ -397,7 +409,7 @@ TEST_F(Http, OutputComesByteForByte)
     EXPECT_EQ(get("/api/output?after=2").body, "");
 }
 
-TEST_F(Http, CallsCarryTheirCode)
+TEST_F(Http, CallsHaveTheirErrorCode)
 {
     fake_call(*camera_, "qm7_cl_post_open_osd", 0x81E03246);
 
@@ -467,7 +479,7 @@ TEST_F(Http, AFrameOfAPostThatIsOffIsRefused)
     EXPECT_THAT(answer.body, HasSubstr("post 3 is off"));
 }
 
-TEST_F(Http, PlanesComeRawAndAsPictures)
+TEST_F(Http, PlanesAreServedRawAndAsPictures)
 {
     PlaneState plane;
     plane.open = plane.shown = true;
@@ -527,14 +539,14 @@ TEST_F(Http, EveryCommandReachesTheCamera)
                             "process stop", "process start", "process kill", "clear"));
 }
 
-TEST_F(Http, StartingAPostIsOneStepOfTheCamera)
+TEST_F(Http, StartingAPostIsOneCallOfTheCamera)
 {
     EXPECT_EQ(post("/api/posts/0/start", R"({"size":"352x288"})").status, 200);
 
     EXPECT_THAT(fake_changes(*camera_), ElementsAre("start 0 352x288 if another size"));
 }
 
-TEST_F(Http, RefusalsOfTheCameraArePassedOn)
+TEST_F(Http, ErrorsOfTheCameraAreReturned)
 {
     const Response answer = post("/api/scene", R"({"scene":"nowhere"})");
 
@@ -670,7 +682,7 @@ TEST_F(Http, ATargetMayNameItsHost)
     EXPECT_EQ(status("https://" + host_ + "/api/state", host_), 400);
 }
 
-TEST_F(Http, AFirstLineThatIsNoRequestIsClosed)
+TEST_F(Http, AnInvalidFirstLineClosesTheConnection)
 {
     for (const std::string noise :
          {"GET\r\n\r\n", "nonsense\r\n\r\n", "\x16\x03\x01\x02\x01\r\n\r\n",
@@ -754,7 +766,7 @@ TEST_F(Http, APostThatIsOffStillStreams)
     EXPECT_THAT(client.read_until_contains("Content-Type: image/jpeg"), HasSubstr("--frame"));
 }
 
-TEST_F(Http, EventsBeginWithThePastAndGoOn)
+TEST_F(Http, EventsStartWithTheBacklogAndContinue)
 {
     fake_measure(*camera_, 5);
     fake_write(*camera_, 2, "ERR\n");
@@ -773,7 +785,7 @@ TEST_F(Http, EventsBeginWithThePastAndGoOn)
     EXPECT_THAT(client.read_until_contains("\"gain\":4.0"), HasSubstr("\"gain\":4.0"));
 }
 
-TEST_F(Http, EventsGoOnAfterTheLastOneThatWasRead)
+TEST_F(Http, EventsContinueAfterTheLastEventIdOfTheRequest)
 {
     fake_measure(*camera_, 5);
     fake_measure(*camera_, 6);
@@ -795,7 +807,7 @@ TEST_F(Http, EventsGoOnAfterTheLastOneThatWasRead)
     EXPECT_THAT(again.read_until_contains("\"value\":6"), testing::Not(HasSubstr("\"value\":5")));
 }
 
-TEST_F(Http, WithoutBacklogOnlyNewThingsCome)
+TEST_F(Http, WithoutBacklogOnlyNewEventsAreSent)
 {
     fake_measure(*camera_, 5);
     Client client(port_);
@@ -807,7 +819,7 @@ TEST_F(Http, WithoutBacklogOnlyNewThingsCome)
     EXPECT_THAT(client.read_until_contains("\"value\":6"), testing::Not(HasSubstr("\"value\":5")));
 }
 
-TEST_F(Http, StreamsAreCapped)
+TEST_F(Http, StreamsAreLimited)
 {
     std::vector<std::unique_ptr<Client>> clients;
     for (unsigned i = 0; i < HTTP_STREAMS_MAX; ++i) {
@@ -832,7 +844,7 @@ TEST_F(Http, StreamsAreCapped)
     EXPECT_EQ(status, 200) << "readers that left free their places";
 }
 
-TEST_F(Http, ConnectionsAreCapped)
+TEST_F(Http, ConnectionsAreLimited)
 {
     const std::string request = "GET /api/process HTTP/1.1\r\nHost: " + host_ + "\r\n\r\n";
     const auto answers = [](const std::string &all) {
@@ -956,7 +968,7 @@ static bool settles(const std::function<bool()> &settled)
     return false;
 }
 
-TEST_F(Http, AThousandConnectsAndDropsLeaveNothingBehind)
+TEST_F(Http, AThousandDroppedConnectionsLeakNothing)
 {
     cv::setNumThreads(1); // keeps the picture library from starting threads
     const size_t threads = count_of("/proc/self/task");
