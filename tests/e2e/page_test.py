@@ -10,6 +10,7 @@ Exits with status 77 if the browser, its driver or the Python module for it is m
 import argparse
 import os
 import shutil
+import signal
 import struct
 import sys
 import tempfile
@@ -482,6 +483,19 @@ class Posts(Page):
             self.assertIsNone(self.find(link).get_attribute("href"), link)
         self.find("veil").find_element(By.TAG_NAME, "button").click()
         self.wait_for("the post again", lambda: self.camera.state()["posts"][0]["running"])
+
+    def test_merged_reports_are_counted(self):
+        self.assertFalse(self.find("merged").is_displayed())
+        pid = self.camera.state()["process"]["pid"]
+        self.addCleanup(os.kill, pid, signal.SIGCONT)
+        os.kill(pid, signal.SIGSTOP)  # it does not read its reports
+        while not self.camera.state()["merged_reports"]:
+            self.camera.post("/api/posts/3/stop")
+            self.camera.post("/api/posts/3/start")
+
+        self.wait_for("the count", lambda: "reports of starts and stops were merged" in self.text("merged"))
+        os.kill(pid, signal.SIGCONT)
+        self.wait_for("the readout", lambda: self.camera.state()["posts"][3]["planes"][1]["shown"])
 
     def test_a_size_is_chosen(self):
         self.addCleanup(self.camera.end_process)  # a process keeps the first size of a post

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 import {test} from 'node:test';
 import {faultText} from '../../simcam/web/page/panel_faults.js';
-import {planesText} from '../../simcam/web/page/panel_posts.js';
+import {mergedText, planesText} from '../../simcam/web/page/panel_posts.js';
 
 test('a fault is described by what it does, how long, and how often it was met', () => {
   const fault = {call: 'qm7_cl_post_set_osd', error: '0x81000001', remaining: 3, delay_ms: 0, hits: 1};
@@ -23,4 +23,9 @@ test('a post lists its open planes', () => {
   assert.equal(planesText({running: true, planes: [closed, closed]}), 'Running, no plane is open.');
   assert.equal(planesText({running: true, planes: [plane, closed, {...plane, shown: false}]}),
     'Plane 0: 480 × 72 at 400, 576\nPlane 2: 480 × 72 at 400, 576, not shown');
+});
+
+test('merged reports are counted, and nothing is said without any', () => {
+  assert.equal(mergedText(0), '');
+  assert.match(mergedText(140), /^140 reports of starts and stops were merged .* did not read them\. The last state/);
 });

@@ -14,6 +14,11 @@ export function planesText(post) {
   return lines.length ? lines.join('\n') : 'Running, no plane is open.';
 }
 
+// What became of reports of starts and stops that a program did not read in time.
+export function mergedText(count) {
+  return count ? `${count} reports of starts and stops were merged because a program did not read them. The last state of each post is always reported.` : '';
+}
+
 function postMake(number, sizes) {
   const size = element('select', {'aria-label': `Size of post ${number}`},
     ...sizes.map(([width, height]) => element('option', {value: `${width}x${height}`, textContent: sizeText(width, height)})),
@@ -62,12 +67,16 @@ function postMake(number, sizes) {
 
 export function postsPanelMake(sizes) {
   const posts = [];
+  const merged = element('p', {className: 'fine', id: 'merged', role: 'status', hidden: true});
+  $('posts').after(merged);
   return {
     showState(state) {
       state.posts.forEach((now, number) => {
         if (!posts[number]) posts[number] = postMake(number, sizes);
         posts[number](now);
       });
+      merged.hidden = !state.merged_reports;
+      setText(merged, mergedText(state.merged_reports));
     },
   };
 }
