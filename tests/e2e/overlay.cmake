@@ -28,4 +28,5 @@ target_compile_definitions(e2e_overlay_test PRIVATE
     FAST_SLEEP_FOLDER="$<TARGET_FILE_DIR:e2e_fast_sleep>"
     OTHER_CODEC_FOLDER="$<TARGET_FILE_DIR:e2e_other_codec>")
 add_dependencies(e2e_overlay_test focus_assist e2e_fast_sleep e2e_other_codec)
+target_precompile_headers(e2e_overlay_test REUSE_FROM test_files)
 gtest_discover_tests(e2e_overlay_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 180 LABELS e2e)

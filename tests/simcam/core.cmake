@@ -4,10 +4,12 @@ add_executable(simcam_core_test
     ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
 target_link_libraries(simcam_core_test PRIVATE focus_options simcam_core GTest::gtest_main)
+target_precompile_headers(simcam_core_test REUSE_FROM test_files)
 gtest_discover_tests(simcam_core_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
 target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest::gtest_main)
+target_precompile_headers(simcam_camera_test REUSE_FROM test_files)
 gtest_discover_tests(simcam_camera_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
@@ -16,6 +18,7 @@ target_compile_definitions(simcam_main_test PRIVATE
     SIMCAM="$<TARGET_FILE:simcam>"
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>")
 add_dependencies(simcam_main_test simcam focus_assist)
+target_precompile_headers(simcam_main_test REUSE_FROM test_files)
 gtest_discover_tests(simcam_main_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 find_program(SIMCAM_PYTHON NAMES python3)
