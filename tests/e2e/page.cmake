@@ -10,7 +10,7 @@ endif()
 set(e2e_programs --simcam $<TARGET_FILE:simcam> --overlay $<TARGET_FILE:focus_assist>)
 
 add_test(NAME e2e_http COMMAND ${E2E_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/http_test.py ${e2e_programs})
-set_tests_properties(e2e_http PROPERTIES LABELS e2e TIMEOUT 300)
+set_tests_properties(e2e_http PROPERTIES LABELS e2e TIMEOUT 300 COST 30)
 
 # An entry for each class of page_test.py: the start of a browser takes as long as two tests.
 file(STRINGS page_test.py page_classes REGEX "^class [A-Za-z]+\\(Page\\):")
@@ -23,7 +23,8 @@ foreach(line IN LISTS page_classes)
                 --pictures ${CMAKE_CURRENT_BINARY_DIR}/page)
     set_tests_properties(e2e_page.${class} PROPERTIES
         LABELS e2e
-        RUN_SERIAL ON # browser, camera and overlay keep two cores busy
+        RESOURCE_LOCK browser # browser, camera and overlay take more than a core
+        COST 40 # begun first: one after the other, they take longest
         TIMEOUT 300
         SKIP_RETURN_CODE 77)
 endforeach()

@@ -2,7 +2,7 @@
 // and stop at random and calls fail at random. Resident memory, open descriptors and allocated
 // blocks must not grow.
 //
-//     load_test [--long]     a minute, or a year's number of passes
+//     load_test [--long]     half a minute, or a year's number of passes
 //     load_test --process    used by the test itself: the program until it is killed
 
 #include <atomic>
@@ -138,7 +138,7 @@ std::jmp_buf thread_left;
 
 void run_passes(bool is_long)
 {
-    const Limit limit(is_long, YEAR_OF_PASSES, 35);
+    const Limit limit(is_long, YEAR_OF_PASSES, 12);
     static FocusState state;
     CamFocusStats stats = {};
     Random random = {7};
@@ -178,7 +178,7 @@ void run_passes(bool is_long)
 
 void run_starts(bool is_long)
 {
-    const Limit limit(is_long, STARTS, 10);
+    const Limit limit(is_long, STARTS, 5);
     static FocusState state;
     auto display = std::make_unique<DisplayState>();
     const Reporter reporter(200);
@@ -205,7 +205,7 @@ void run_starts(bool is_long)
 // Kills the whole program at random times; nothing but the signal may end it.
 void run_processes(bool is_long, const char *self)
 {
-    const Limit limit(is_long, PROCESSES, 10);
+    const Limit limit(is_long, PROCESSES, 5);
     Random random = {99};
     uint64_t done = 0;
     const Usage before = usage();

@@ -218,6 +218,22 @@ Point try_one(const Operation &operation, Fn fn, uint64_t n, int code, bool for_
 // first FT_Load_Glyph fails, once or for ever.
 constexpr uint64_t CRASHES_OF_AN_ENGINE = 2;
 
+// FOCUS_LONG=1 in the environment fails each allocation of FreeType instead of a sample: as failing
+// one takes a process and many are alike, this takes a minute, with sanitizers two.
+bool is_long()
+{
+    const char *wanted = getenv("FOCUS_LONG");
+    return wanted && *wanted == '1';
+}
+
+// The call to fail after the n-th of so many: the next, or one of a sample with first and last.
+uint64_t next_call(Fn fn, uint64_t n, uint64_t count)
+{
+    constexpr uint64_t STEP = 7; // no divisor of 65, the glyphs of an engine
+    const bool sampled = (fn == INNER_MALLOC || fn == INNER_REALLOC) && count > 100 && !is_long();
+    return sampled && n < count ? std::min(n + STEP, count) : n + 1;
+}
+
 // Fails every call from function first up to last, one at a time, and expects as many calls of each
 // function as counted, and as many faults that crash FreeType itself as are known of this version.
 void sweep_functions(int first, int last, const Operation &operation, const Counts &counts,
@@ -234,7 +250,7 @@ void sweep_functions(int first, int last, const Operation &operation, const Coun
         for (const int code : codes_of(fn)) {
             for (const bool for_ever : {false, true}) {
                 uint64_t n = 1;
-                for (;; n++) {
+                for (;; n = next_call(fn, n, counts[fn])) {
                     const Point point = try_one(operation, fn, n, code, for_ever);
                     ASSERT_NE(point, Point::FAILED)
                         << operation.name << ", " << name_of(fn) << " call " << n
@@ -252,7 +268,10 @@ void sweep_functions(int first, int last, const Operation &operation, const Coun
     }
     EXPECT_EQ(points, expected_points);
     if (FREETYPE_MAJOR == 2 && FREETYPE_MINOR == 12 && FREETYPE_PATCH == 1) {
-        EXPECT_EQ(crashes, known_crashes);
+        EXPECT_LE(crashes, known_crashes);
+        if (is_long()) {
+            EXPECT_EQ(crashes, known_crashes);
+        }
     }
     testing::Test::RecordProperty("points", std::to_string(points)); // of the last operation
 }
