@@ -14,7 +14,7 @@
 using namespace world;
 
 static constexpr int PASSES = 3;
-static constexpr uint32_t MEMORY_MAX = 1u << 18;
+static constexpr uint32_t MEMORY_MAX = 1u << 16;
 
 // The engines are built once: they do not change while the readout is drawn.
 static Scene &scene()

@@ -21,16 +21,42 @@ static size_t page_size()
     return (size_t)sysconf(_SC_PAGESIZE);
 }
 
+// Mappings to use again, inaccessible until then: a fuzzer makes and drops thousands a second, and
+// the kernel clears each page of a new one.
+static constexpr size_t SPARES = 32;
+static constexpr size_t SPARE_BYTES = 1u << 20;
+struct Spare {
+    uint8_t *pages;
+    size_t bytes;
+};
+static thread_local Spare spares[SPARES];
+static thread_local size_t next_spare;
+
+static uint8_t *take_spare(size_t bytes)
+{
+    for (Spare &spare : spares) {
+        if (spare.pages && spare.bytes == bytes) {
+            uint8_t *const pages = spare.pages;
+            spare = {};
+            return pages;
+        }
+    }
+    return nullptr;
+}
+
 GuardedMemory::GuardedMemory(size_t size, Guard guard) : memory_size(size)
 {
     const size_t page = page_size();
     const size_t inner = (size + page - 1) / page * page;
     page_bytes = inner + 2 * page;
 
-    void *mapping = mmap(nullptr, page_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapping == MAP_FAILED)
-        throw std::runtime_error("mmap");
-    pages = (uint8_t *)mapping;
+    pages = take_spare(page_bytes);
+    if (!pages) {
+        void *mapping = mmap(nullptr, page_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mapping == MAP_FAILED)
+            throw std::runtime_error("mmap");
+        pages = (uint8_t *)mapping;
+    }
     if (inner > 0 && mprotect(pages + page, inner, PROT_READ | PROT_WRITE) != 0)
         throw std::runtime_error("mprotect");
 
@@ -41,7 +67,14 @@ GuardedMemory::GuardedMemory(size_t size, Guard guard) : memory_size(size)
 
 GuardedMemory::~GuardedMemory()
 {
-    munmap(pages, page_bytes);
+    Spare &spare = spares[next_spare++ % SPARES];
+    if (page_bytes > SPARE_BYTES || mprotect(pages, page_bytes, PROT_NONE) != 0) {
+        munmap(pages, page_bytes);
+        return;
+    }
+    if (spare.pages)
+        munmap(spare.pages, spare.bytes);
+    spare = {pages, page_bytes};
 }
 
 uint8_t *GuardedMemory::data() const
