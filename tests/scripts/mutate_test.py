@@ -41,11 +41,38 @@ class Verdict(unittest.TestCase):
                                       threshold=100.0), 0)
 
     def test_nothing_judged_is_no_success(self):
-        self.assertEqual(self.verdict({"i": "invalid"}, False), 1)
+        for threshold in (0.0, 95.0):
+            self.assertEqual(self.verdict({"i": "invalid"}, False, threshold=threshold), 1)
+            self.assertEqual(self.verdict({"l": "left"}, False, threshold=threshold), 1)
+            self.assertEqual(self.verdict({}, False, threshold=threshold), 1)
 
     def test_wrong_lists_fail_a_strict_run(self):
         self.assertEqual(self.verdict(KILLED, True, wrong=["listed but no mutant"]), 1)
         self.assertEqual(self.verdict(KILLED, False, wrong=["listed but no mutant"]), 0)
+
+
+class Fill(unittest.TestCase):
+    others = [mutant("m%02d" % i) for i in range(50)]
+
+    def names(self, chosen, commit="c"):
+        return [m.identity for m in mutate.filled(chosen, self.others, 20, commit)]
+
+    def test_others_are_added_once_up_to_the_number(self):
+        names = self.names(self.others[:3])
+        self.assertEqual(names[:3], ["m00", "m01", "m02"])
+        self.assertEqual(len(names), 20)
+        self.assertEqual(len(set(names)), 20)
+
+    def test_enough_changed_ones_stay_as_they_are(self):
+        self.assertEqual(self.names(self.others[:25]), [m.identity for m in self.others[:25]])
+
+    def test_the_commit_decides_which(self):
+        self.assertEqual(self.names([]), self.names([]))
+        self.assertNotEqual(set(self.names([])), set(self.names([], "d")))
+
+    def test_there_may_be_fewer(self):
+        few = mutate.filled([], self.others[:4], 20, "c")
+        self.assertEqual({m.identity for m in few}, {"m00", "m01", "m02", "m03"})
 
 
 class Lists(unittest.TestCase):
