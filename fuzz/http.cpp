@@ -1,5 +1,5 @@
 // A request to the web interface is either refused with a reason or gets a route with every
-// parameter within its bounds.
+// parameter within its bounds. Conditions and ranges leave a part of the answer or nothing.
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,6 +37,27 @@ static void check_number(const RoutedRequest &routed, const std::string &name,
            "a parameter out of its bounds");
 }
 
+static void check_reduced(const Conditions &conditions)
+{
+    const std::string whole = "0123456789";
+    Answer answer;
+    answer.etag = "\"tag\"";
+    answer.body = std::make_shared<const std::string>(whole);
+    answer_reduce(conditions, &answer);
+    const std::string &body = *answer.body;
+    switch (answer.status) {
+    case 200:
+        demand(body == whole, "a whole answer without all of it");
+        break;
+    case 206:
+        demand(!body.empty() && whole.find(body) != std::string::npos, "not a part of the answer");
+        break;
+    default:
+        demand(answer.status == 304 || answer.status == 416, "another status");
+        demand(body.empty(), "a body where none belongs");
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::string text((const char *)data, size);
@@ -50,6 +71,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     (void)http_host_is_ours(host, "camera");
     (void)http_origin_is_ours(origin, host);
+    demand(http_target_host(request.target).size() < request.target.size() ||
+               request.target.empty(),
+           "a host longer than its target");
+    check_reduced({"", host, ""}); // two lines of the input, as other headers
+    check_reduced({origin, host, "\"tag\""});
     std::vector<JsonField> fields;
     std::string error;
     if (!json_read_object(request.body, &fields, &error))

@@ -26,7 +26,7 @@ if(SIMCAM_PYTHON)
     add_test(NAME simcam_options
         COMMAND ${SIMCAM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/options_test.py
                 --simcam $<TARGET_FILE:simcam> --docs ${PROJECT_SOURCE_DIR}/docs/simcam.md)
-    set_tests_properties(simcam_options PROPERTIES TIMEOUT 120)
+    set_tests_properties(simcam_options PROPERTIES TIMEOUT 240)
 else()
     message(STATUS "tests: no python3, the options and their table are not tested")
 endif()
