@@ -112,6 +112,11 @@ static void parse(int argc, char **argv, Options *options)
                    "time of one turn back and forth, " + range_text(SWEEP_RANGE_S))
         ->type_name("SECONDS")
         ->capture_default_str();
+    app.add_option("--noise", camera.noise,
+                   "noise of the sensor, standard deviation in levels of\n255, " +
+                       range_text(NOISE_RANGE) + "; 0: no noise")
+        ->type_name("LEVELS")
+        ->capture_default_str();
     app.add_option("--seed", camera.seed, "seed of the noise; same seed, same numbers")
         ->check([](const std::string &text) { return text[0] == '-' ? "must be 0 or more" : ""; })
         ->type_name("N")

@@ -20,6 +20,7 @@ struct Range {
 
 constexpr Range RING_RANGE = {0, 1}; // near stop, far stop
 constexpr Range GAIN_RANGE = {0.1, 8};
+constexpr Range NOISE_RANGE = {0, 16}; // levels of 255
 constexpr Range SWEEP_RANGE_S = {0.5, 3600};
 constexpr Range RATE_RANGE_HZ = {1, 240};
 constexpr Range POST_SIZE_RANGE = {16, 4096};                        // width and height
@@ -28,6 +29,7 @@ constexpr uint32_t DELAY_MAX_MS = 10000; // of a fault; a client waits twice as 
 constexpr size_t RECORDS_KEPT = 4096;    // of each kind
 
 constexpr double SWEEP_DEFAULT_S = 12;
+constexpr double NOISE_DEFAULT = 2;
 
 std::string number_text(double value); // the shortest text of a value
 // "0.5 to 3600"

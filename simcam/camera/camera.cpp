@@ -1,6 +1,6 @@
 // Puts the camera together: the sensor's thread, the board, the server and the overlay process.
 //
-// No lock is taken while another one is held: the board's own; control (ring, scene, gain);
+// No lock is taken while another one is held: the board's own; control (ring, scene, gain, noise);
 // pictures (the sensor's latest picture and the measurements).
 
 #include "camera/camera.h"
@@ -58,6 +58,7 @@ struct Camera {
     std::mutex control;
     Ring ring;
     double gain = 1.0;
+    std::shared_ptr<const SensorNoise> noise; // replaced, never changed
     bool flash = false;
     std::string scene_name;
     std::shared_ptr<Scene> scene;
@@ -108,6 +109,7 @@ static Measurement expose(Camera &camera, uint64_t number, cv::Mat *picture)
 
     std::shared_ptr<Scene> scene;
     double gain = 1.0;
+    std::shared_ptr<const SensorNoise> noise;
     {
         const std::lock_guard guard(camera.control);
         if (camera.ring.sweep)
@@ -115,10 +117,11 @@ static Measurement expose(Camera &camera, uint64_t number, cv::Mat *picture)
         measurement.ring = camera.ring.position;
         gain = camera.gain * (camera.flash ? FLASH_GAIN : 1.0);
         camera.flash = false;
+        noise = camera.noise;
         scene = camera.scene;
     }
     measurement.blur_px = lens_blur_px(measurement.ring);
-    sensor_expose(scene_through_lens(*scene, time_s, measurement.blur_px), gain,
+    sensor_expose(scene_through_lens(*scene, time_s, measurement.blur_px), gain, *noise,
                   camera.options.seed, number, picture);
     measurement.raw = sharpness_measure(*picture, measured_window(camera));
     measurement.value = focus_value(measurement.raw);
@@ -163,7 +166,8 @@ static std::string check(const CameraOptions &options)
     for (const std::string &refusal :
          {range_refuse("the rate", RATE_RANGE_HZ, options.rate_hz),
           range_refuse("the ring", RING_RANGE, options.ring),
-          range_refuse("the sweep's period", SWEEP_RANGE_S, options.sweep_period_s)})
+          range_refuse("the sweep's period", SWEEP_RANGE_S, options.sweep_period_s),
+          range_refuse("the noise", NOISE_RANGE, options.noise)})
         if (!refusal.empty())
             return refusal;
     return {};
@@ -199,6 +203,7 @@ static std::string prepare(Camera &camera)
     camera.ring.sweep = options.sweep;
     camera.ring.sweep_period_s = options.sweep_period_s;
     camera.ring.sweep_phase = options.ring / 2;
+    camera.noise = std::make_shared<const SensorNoise>(sensor_noise(options.noise));
     camera.scene_name = options.scene;
     camera.scene = scene_open(options.scene, &error);
     if (!camera.scene)
@@ -285,6 +290,7 @@ CameraState camera_state(Camera &camera)
         state.sweep_period_s = camera.ring.sweep_period_s;
         state.scene = camera.scene_name;
         state.gain = camera.gain;
+        state.noise = camera.noise->deviation;
     }
     const std::lock_guard guard(camera.pictures);
     state.measured_rate_hz = measured_rate(camera.measurements, state.time_s);
@@ -345,6 +351,17 @@ std::string camera_set_gain(Camera &camera, double gain)
         return refusal;
     const std::lock_guard guard(camera.control);
     camera.gain = gain;
+    return {};
+}
+
+std::string camera_set_noise(Camera &camera, double noise)
+{
+    std::string refusal = range_refuse("noise", NOISE_RANGE, noise);
+    if (!refusal.empty())
+        return refusal;
+    auto made = std::make_shared<const SensorNoise>(sensor_noise(noise));
+    const std::lock_guard guard(camera.control);
+    camera.noise = std::move(made);
     return {};
 }
 

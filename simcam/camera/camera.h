@@ -25,9 +25,10 @@ struct CameraOptions {
     double ring = 0.0;                             // RING_RANGE
     bool sweep = false;                            // the ring turns to and fro
     double sweep_period_s = SWEEP_DEFAULT_S;
-    uint64_t seed = 1;         // same seed, same numbers
-    uint32_t pitch_align = 16; // one of PITCH_ALIGNS
-    double rate_hz = 30.0;     // measurements a second
+    double noise = NOISE_DEFAULT; // NOISE_RANGE
+    uint64_t seed = 1;            // same seed, same numbers
+    uint32_t pitch_align = 16;    // one of PITCH_ALIGNS
+    double rate_hz = 30.0;        // measurements a second
     // Holds the socket and the files of the fixed paths; empty: made for the run and removed after
     // it. Existing files of a named one (another palette, another font) are kept.
     std::string run_directory;
@@ -43,6 +44,7 @@ struct CameraState : BoardState {
     double sweep_period_s = 0;
     std::string scene;
     double gain = 1.0; // multiplies the picture
+    double noise = 0;
     double rate_hz = 0;
     double measured_rate_hz = 0; // over the last second
     ProcessState process;
@@ -71,7 +73,8 @@ void camera_set_sweep(Camera &camera, bool on, double period_s);
 // Opens the file or the device and reads its first picture, which may take long.
 std::string camera_set_scene(Camera &camera, const std::string &scene);
 std::string camera_set_gain(Camera &camera, double gain); // a step of exposure
-void camera_flash(Camera &camera);                        // one bright picture
+std::string camera_set_noise(Camera &camera, double noise);
+void camera_flash(Camera &camera); // one bright picture
 // Starts a post; stops it first if it runs. Size 0x0 is the size it had last. keep_same leaves a
 // post alone that already runs at that size.
 std::string camera_start_post(Camera &camera, int post, Size size, bool keep_same = false);

@@ -11,7 +11,6 @@ namespace simcam
 {
 
 static constexpr int CHANNELS = 3;
-static constexpr double NOISE_DEVIATION = 2.0; // levels of 255, independent for each channel
 static constexpr size_t NOISE_PERIOD = 1U << 18;
 static constexpr size_t NOISE_LINE_MAX = 8192; // longest line, bytes
 
@@ -24,22 +23,22 @@ static uint64_t mixed(uint64_t value)
     return value ^ (value >> 31);
 }
 
-// A long row of noise, shared by all pictures: each line of a picture starts elsewhere in it.
-static const std::vector<int8_t> &noise_row()
+SensorNoise sensor_noise(double deviation)
 {
-    static const std::vector<int8_t> row = [] {
-        std::vector<int8_t> made(NOISE_PERIOD + NOISE_LINE_MAX);
-        for (size_t i = 0; i < made.size(); i++) {
-            // The sum of four uniform 16-bit numbers is close to normal.
-            const uint64_t bits = mixed(i);
-            const double sum = static_cast<double>((bits & 0xFFFF) + ((bits >> 16) & 0xFFFF) +
-                                                   ((bits >> 32) & 0xFFFF) + (bits >> 48));
-            const double normal = (sum / 65535.0 - 2.0) * std::sqrt(3.0);
-            made[i] = static_cast<int8_t>(std::lround(normal * NOISE_DEVIATION));
-        }
-        return made;
-    }();
-    return row;
+    SensorNoise noise;
+    if (deviation <= 0)
+        return noise;
+    noise.deviation = deviation;
+    noise.row.resize(NOISE_PERIOD + NOISE_LINE_MAX);
+    for (size_t i = 0; i < noise.row.size(); i++) {
+        // The sum of four uniform 16-bit numbers is close to normal.
+        const uint64_t bits = mixed(i);
+        const double sum = static_cast<double>((bits & 0xFFFF) + ((bits >> 16) & 0xFFFF) +
+                                               ((bits >> 32) & 0xFFFF) + (bits >> 48));
+        const double normal = (sum / 65535.0 - 2.0) * std::sqrt(3.0);
+        noise.row[i] = cv::saturate_cast<int8_t>(std::lround(normal * deviation));
+    }
+    return noise;
 }
 
 // in and out may be the same.
@@ -57,13 +56,17 @@ static void add_noise(const uint8_t *in, const int8_t *noise, int count, uint8_t
         out[i] = cv::saturate_cast<uint8_t>(in[i] + noise[i]);
 }
 
-void sensor_expose(const cv::Mat &blurred, double gain, uint64_t seed, uint64_t number,
-                   cv::Mat *picture)
+void sensor_expose(const cv::Mat &blurred, double gain, const SensorNoise &noise, uint64_t seed,
+                   uint64_t number, cv::Mat *picture)
 {
     CV_Assert(blurred.type() == CV_8UC3);
     const int count = blurred.cols * CHANNELS;
     CV_Assert(static_cast<size_t>(count) <= NOISE_LINE_MAX);
 
+    if (noise.row.empty()) {
+        blurred.convertTo(*picture, -1, gain);
+        return;
+    }
     cv::Mat exposed = blurred;
     if (gain != 1.0) {
         blurred.convertTo(*picture, -1, gain);
@@ -71,11 +74,10 @@ void sensor_expose(const cv::Mat &blurred, double gain, uint64_t seed, uint64_t 
     } else {
         picture->create(blurred.size(), CV_8UC3);
     }
-    const std::vector<int8_t> &row = noise_row();
     const uint64_t key = mixed(mixed(seed) ^ number);
     for (int line = 0; line < exposed.rows; line++) {
         const size_t start = mixed(key + static_cast<uint64_t>(line)) % NOISE_PERIOD;
-        add_noise(exposed.ptr<uint8_t>(line), row.data() + start, count,
+        add_noise(exposed.ptr<uint8_t>(line), noise.row.data() + start, count,
                   picture->ptr<uint8_t>(line));
     }
 }

@@ -214,6 +214,7 @@ std::string json_state(const CameraState &s, bool with_time)
                   {"sweep_period_s", s.sweep_period_s},
                   {"scene", s.scene},
                   {"gain", s.gain},
+                  {"noise", s.noise},
                   {"rate_hz", s.rate_hz},
                   {"pitch_align", s.pitch_align},
                   {"seed", s.seed},

@@ -294,6 +294,11 @@ static Answer set_gain(Web &web, const RoutedRequest &request)
     return answer_outcome(camera_set_gain(web.camera, request.values.number.at("gain")));
 }
 
+static Answer set_noise(Web &web, const RoutedRequest &request)
+{
+    return answer_outcome(camera_set_noise(web.camera, request.values.number.at("noise")));
+}
+
 static Answer flash(Web &web, const RoutedRequest &)
 {
     camera_flash(web.camera);
@@ -531,6 +536,12 @@ static std::vector<Route> make_routes()
           "changes the exposure",
           {number("gain", GAIN_RANGE, "factor of the brightness")}},
          set_gain},
+        {{"POST",
+          "/api/noise",
+          JSON,
+          "changes the noise of the sensor",
+          {number("noise", NOISE_RANGE, "standard deviation in levels of 255; 0: no noise")}},
+         set_noise},
         {{"POST", "/api/flash", JSON, "one bright picture", {}}, flash},
         {{"GET", "/api/faults", JSON, "armed faults, and the calls that can have one", {}},
          get_faults},

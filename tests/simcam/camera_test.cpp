@@ -227,6 +227,7 @@ TEST(Camera, InvalidCommandsAreRefusedWithASentence)
     EXPECT_NE(camera_set_ring(*camera, 1.01), "");
     EXPECT_NE(camera_set_ring(*camera, std::nan("")), "");
     EXPECT_NE(camera_set_gain(*camera, 0), "");
+    EXPECT_NE(camera_set_noise(*camera, -1), "");
     EXPECT_NE(camera_set_scene(*camera, "/nowhere/picture.png"), "");
     EXPECT_EQ(camera_state(*camera).scene, "chart");
     EXPECT_EQ(camera_set_scene(*camera, "photo"), "");

@@ -121,6 +121,14 @@ std::string camera_set_gain(Camera &camera, double gain)
     return "";
 }
 
+std::string camera_set_noise(Camera &camera, double noise)
+{
+    const std::lock_guard lock(camera.mutex);
+    note(camera, "noise ", noise);
+    camera.state.noise = noise;
+    return "";
+}
+
 void camera_flash(Camera &camera)
 {
     const std::lock_guard lock(camera.mutex);

@@ -98,7 +98,7 @@ class Options(unittest.TestCase):
         with tempfile.TemporaryDirectory() as directory:
             run_directory = os.path.join(directory, "run")
             with Simcam("--scene", "chart", "--ring", "0.25", "--sweep", "--sweep-period", "3600",
-                        "--seed", "42", "--pitch-align", "64", "--rate", "60",
+                        "--seed", "42", "--pitch-align", "64", "--rate", "60", "--noise", "0.5",
                         "--run-dir", run_directory, "--post", "0=352x240", "--post", "1=720x480",
                         "--post", "1=off", "--post", "3=1920x1080") as camera:
                 state = camera.get("api/state")
@@ -110,6 +110,7 @@ class Options(unittest.TestCase):
         self.assertEqual(posts_of(state), [(352, 240), None, None, (1920, 1080)])
         self.assertEqual((state["scene"], state["seed"], state["pitch_align"], state["rate_hz"]),
                          ("chart", 42, 64, 60))
+        self.assertEqual(state["noise"], 0.5)
         self.assertEqual((state["sweep"], state["sweep_period_s"]), (True, 3600))
         seconds = state["latest"]["number"] / 60  # the way up takes half a period
         self.assertAlmostEqual(state["latest"]["ring"], 0.25 + seconds / 1800, 6)

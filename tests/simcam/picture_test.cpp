@@ -212,14 +212,16 @@ TEST(DiscBlur, LeavesAnEvenPictureAsItIs)
 
 // ---- Sensor -----------------------------------------------------------------------------------
 
+static const SensorNoise NOISE = sensor_noise(2.0);
+
 TEST(Sensor, SameSeedAndNumberMakeTheSamePicture)
 {
     const cv::Mat blurred = random_picture(SENSOR_WIDTH, SENSOR_HEIGHT, 1);
     cv::Mat one, again, other_number, other_seed;
-    sensor_expose(blurred, 1.0, 5, 77, &one);
-    sensor_expose(blurred, 1.0, 5, 77, &again);
-    sensor_expose(blurred, 1.0, 5, 78, &other_number);
-    sensor_expose(blurred, 1.0, 6, 77, &other_seed);
+    sensor_expose(blurred, 1.0, NOISE, 5, 77, &one);
+    sensor_expose(blurred, 1.0, NOISE, 5, 77, &again);
+    sensor_expose(blurred, 1.0, NOISE, 5, 78, &other_number);
+    sensor_expose(blurred, 1.0, NOISE, 6, 77, &other_seed);
 
     EXPECT_EQ(largest_difference(one, again), 0);
     EXPECT_GT(largest_difference(one, other_number), 0);
@@ -230,7 +232,7 @@ TEST(Sensor, NoiseHasNoMeanAndADeviationOfTwoLevels)
 {
     const cv::Mat gray(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
     cv::Mat picture;
-    sensor_expose(gray, 1.0, 1, 1, &picture);
+    sensor_expose(gray, 1.0, NOISE, 1, 1, &picture);
 
     cv::Scalar mean, deviation;
     cv::meanStdDev(picture, mean, deviation);
@@ -240,12 +242,45 @@ TEST(Sensor, NoiseHasNoMeanAndADeviationOfTwoLevels)
     }
 }
 
+TEST(Sensor, NoiseHasTheDeviationAskedFor)
+{
+    const cv::Mat gray(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
+    for (const double asked : {0.5, 4.0, 16.0}) {
+        cv::Mat picture;
+        sensor_expose(gray, 1.0, sensor_noise(asked), 1, 1, &picture);
+
+        cv::Scalar mean, deviation;
+        cv::meanStdDev(picture, mean, deviation);
+        EXPECT_NEAR(mean[0], 128, 0.1) << asked;
+        // Rounding to whole levels adds a variance of 1/12.
+        EXPECT_NEAR(deviation[0], std::sqrt(asked * asked + 1.0 / 12), 0.03 * asked) << asked;
+    }
+}
+
+TEST(Sensor, WithoutNoiseThePictureIsTheSceneTimesTheGain)
+{
+    const cv::Mat blurred = random_picture(SENSOR_WIDTH, SENSOR_HEIGHT, 1);
+    const cv::Mat black = cv::Mat::zeros(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3);
+    cv::Mat picture;
+
+    sensor_expose(blurred, 1.0, sensor_noise(0), 1, 1, &picture);
+    EXPECT_EQ(largest_difference(picture, blurred), 0);
+
+    sensor_expose(blurred, 2.0, sensor_noise(0), 1, 1, &picture);
+    for (int x = 0; x < SENSOR_WIDTH; x++)
+        EXPECT_EQ(picture.at<cv::Vec3b>(3, x)[1],
+                  std::min(255, 2 * blurred.at<cv::Vec3b>(3, x)[1]));
+
+    sensor_expose(black, 8.0, sensor_noise(0), 1, 1, &picture);
+    EXPECT_EQ(sharpness_measure(picture, {0, 0, SENSOR_WIDTH, SENSOR_HEIGHT}), 0U);
+}
+
 TEST(Sensor, NoiseOfTwoPicturesIsUnrelated)
 {
     const cv::Mat gray(SENSOR_HEIGHT, SENSOR_WIDTH, CV_8UC3, cv::Scalar(128, 128, 128));
     cv::Mat one, two, difference;
-    sensor_expose(gray, 1.0, 1, 1, &one);
-    sensor_expose(gray, 1.0, 1, 2, &two);
+    sensor_expose(gray, 1.0, NOISE, 1, 1, &one);
+    sensor_expose(gray, 1.0, NOISE, 1, 2, &two);
 
     cv::subtract(one, two, difference, cv::noArray(), CV_16S);
     cv::Scalar mean, deviation;
@@ -259,11 +294,11 @@ TEST(Sensor, GainMultipliesAndBothEndsSaturate)
     halves(cv::Rect(32, 0, 32, 32)).setTo(cv::Scalar(200, 200, 200));
     cv::Mat picture;
 
-    sensor_expose(halves, 2.0, 1, 1, &picture);
+    sensor_expose(halves, 2.0, NOISE, 1, 1, &picture);
     EXPECT_LT(cv::mean(picture(cv::Rect(0, 0, 32, 32)))[0], 3);
     EXPECT_GT(cv::mean(picture(cv::Rect(32, 0, 32, 32)))[0], 252);
 
-    sensor_expose(halves, 0.5, 1, 1, &picture);
+    sensor_expose(halves, 0.5, NOISE, 1, 1, &picture);
     EXPECT_NEAR(cv::mean(picture(cv::Rect(32, 0, 32, 32)))[0], 100, 0.3);
 }
 
@@ -345,7 +380,8 @@ TEST(SharpnessWindow, IsTheConfiguredOneInsideTheSensorAndElseTheWholePicture)
 uint32_t measure_through_lens(Scene &scene, double ring, uint64_t number)
 {
     cv::Mat picture;
-    sensor_expose(scene_through_lens(scene, 0, lens_blur_px(ring)), 1.0, 1, number, &picture);
+    sensor_expose(scene_through_lens(scene, 0, lens_blur_px(ring)), 1.0, NOISE, 1, number,
+                  &picture);
     return sharpness_measure(picture, {320, 180, 640, 360});
 }
 

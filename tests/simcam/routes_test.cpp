@@ -197,6 +197,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"POST", "/api/sweep", JSON, "{\"on\":true,\"period_s\":3601}", 400,
                 "from 0.5 to 3600"},
         Refusal{"POST", "/api/gain", JSON, "{\"gain\":9}", 400, "from 0.1 to 8"},
+        Refusal{"POST", "/api/noise", JSON, "{\"noise\":17}", 400, "from 0 to 16"},
         Refusal{"POST", "/api/scene", JSON, "{\"scene\":\"\"}", 400, "characters"},
         Refusal{"POST", "/api/scene", JSON, "{\"scene\":\"a\\u0000b\"}", 400, "characters"},
         Refusal{"POST", "/api/posts/1/start", JSON, "{\"size\":\"1280\"}", 400, "WIDTHxHEIGHT"},

@@ -520,6 +520,7 @@ TEST_F(Http, EveryCommandReachesTheCamera)
         {"/api/sweep", R"({"on":true,"period_s":4})"},
         {"/api/scene", R"({"scene":"chart"})"},
         {"/api/gain", R"({"gain":2})"},
+        {"/api/noise", R"({"noise":0.5})"},
         {"/api/flash", ""},
         {"/api/posts/1/stop", ""},
         {"/api/posts/1/start", ""},
@@ -534,9 +535,10 @@ TEST_F(Http, EveryCommandReachesTheCamera)
     EXPECT_EQ(ask("DELETE", "/api/faults").status, 200);
 
     EXPECT_THAT(fake_changes(*camera_),
-                ElementsAre("ring 0.5", "sweep 1 4", "scene chart", "gain 2", "flash", "stop 1",
-                            "start 1 0x0 if another size", "fault open 16 2 30", "process start",
-                            "process stop", "process start", "process kill", "clear"));
+                ElementsAre("ring 0.5", "sweep 1 4", "scene chart", "gain 2", "noise 0.5", "flash",
+                            "stop 1", "start 1 0x0 if another size", "fault open 16 2 30",
+                            "process start", "process stop", "process start", "process kill",
+                            "clear"));
 }
 
 TEST_F(Http, StartingAPostIsOneCallOfTheCamera)

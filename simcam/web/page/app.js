@@ -102,7 +102,7 @@ eventsMake({
   },
   state(data) {
     connected = true;
-    for (const what of ['scene', 'gain']) { // each has a curve of its own
+    for (const what of ['scene', 'gain', 'noise']) { // each has a curve of its own
       if (!state || state[what] === data[what]) continue;
       historyMark(history, what);
       historyClearCurve(history);

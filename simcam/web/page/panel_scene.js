@@ -2,18 +2,19 @@
 import {$, element, setFacts, setPressed, setText} from './dom.js';
 import {send} from './requests.js';
 
-// Sends gains one after the other, the last one wanted at the end: requests side by side may arrive in another order.
-function gainSenderMake() {
+// Sends the values of a slider one after the other, the last one wanted at the end: requests side by side may arrive in
+// another order.
+function senderMake(path, name) {
   let wanted = null;
   let busy = false;
-  return async (gain) => {
-    wanted = gain;
+  return async (value) => {
+    wanted = value;
     if (busy) return;
     busy = true;
     while (wanted !== null) {
       const next = wanted;
       wanted = null;
-      await send('POST', '/api/gain', {gain: next});
+      await send('POST', path, {[name]: next});
     }
     busy = false;
   };
@@ -34,11 +35,15 @@ export function scenePanelMake(scenes, onFlash) {
     if ($('scene-path').value.trim()) setScene($('scene-path').value.trim());
   });
 
-  const sendGain = gainSenderMake();
+  const sendGain = senderMake('/api/gain', 'gain');
   const showGain = (gain) => setText($('gain-value'), `${gain.toFixed(2)}×`);
   $('gain').addEventListener('input', () => showGain(2 ** Number($('gain').value)));
   $('gain').addEventListener('change', () => sendGain(2 ** Number($('gain').value)));
   $('gain-reset').addEventListener('click', () => sendGain(1));
+  const sendNoise = senderMake('/api/noise', 'noise');
+  const showNoise = (noise) => setText($('noise-value'), noise ? `${noise.toFixed(1)} of 255` : 'none');
+  $('noise').addEventListener('input', () => showNoise(Number($('noise').value)));
+  $('noise').addEventListener('change', () => sendNoise(Number($('noise').value)));
   $('flash').addEventListener('click', async () => {
     if (await send('POST', '/api/flash')) onFlash();
   });
@@ -48,6 +53,8 @@ export function scenePanelMake(scenes, onFlash) {
       for (const button of buttons) setPressed(button, button.dataset.scene === state.scene);
       if (document.activeElement !== $('gain')) $('gain').value = String(Math.log2(state.gain));
       showGain(state.gain);
+      if (document.activeElement !== $('noise')) $('noise').value = String(state.noise);
+      showNoise(state.noise);
       setFacts($('camera-facts'), [
         ['Scene', state.scene], ['Measurements', `${state.measured_rate_hz.toFixed(1)} of ${state.rate_hz.toFixed(0)} a second`],
         ['Blur disc', `${state.latest.blur_px.toFixed(2)} dots`], ['Configured by overlay', state.focus_configured ? 'yes' : 'no'],
