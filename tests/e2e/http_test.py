@@ -4,7 +4,12 @@
     tests/e2e/http_test.py              # all tests, on the programs of build/host
     tests/e2e/http_test.py -k threshold # the tests whose name contains a word
 """
+import re
+import tempfile
+import threading
+import time
 import unittest
+import urllib.request
 
 import camera
 from camera import Camera, wait_for
@@ -111,6 +116,82 @@ class Constants(unittest.TestCase):
         for name in self.constants["scenes"]:
             self.camera.post("/api/scene", {"scene": name})
             self.assertEqual(self.camera.state()["scene"], name)
+
+
+class Darkness(unittest.TestCase):
+    """A reading of 0, as of a capped lens, cannot end the hold of the peak; the next change can."""
+
+    def setUp(self):
+        self.camera = Camera(camera.settings.simcam, "--ring", "0.55", "--", camera.settings.overlay)
+        self.addCleanup(self.camera.stop)
+
+    def wait_for_value(self, least, most):
+        wait_for(f"a value of {least} to {most}", lambda: least <= self.camera.state()["latest"]["value"] <= most)
+
+    def filled(self):
+        """Dots of the bar that are filled, in a bar that was begun after this call."""
+        before = self.camera.state()["posts"][0]["planes"][BAR_PLANE]["shows"]
+        wait_for("two redraws", lambda: self.camera.state()["posts"][0]["planes"][BAR_PLANE]["shows"] >= before + 2)
+        return sum(line.count(FILL) for line in self.camera.plane(0, BAR_PLANE))
+
+    def test_the_light_after_the_dark_is_no_peak_yet(self):
+        self.camera.end_process()
+        self.camera.post("/api/noise", {"noise": 0})
+        with tempfile.NamedTemporaryFile(suffix=".ppm") as black:
+            black.write(b"P6 64 36 255\n" + bytes(64 * 36 * 3))
+            black.flush()
+            self.camera.post("/api/scene", {"scene": black.name})
+        self.wait_for_value(0, 0)
+        for action in ("stop", "start"):  # the ended process has left its planes open
+            self.camera.post(f"/api/posts/0/{action}")
+        self.camera.post("/api/process/start")
+        wait_for("the overlay", lambda: self.camera.state()["overlay"]["running"])
+        self.assertEqual(self.filled(), 0)
+
+        self.camera.post("/api/scene", {"scene": "photo"})
+        self.wait_for_value(50, 1000)
+        self.assertEqual(self.filled(), 0)
+
+        self.camera.post("/api/gain", {"gain": 0.5})
+        self.wait_for_value(5, 100)
+        self.assertGreater(self.filled(), 0)
+
+
+class Memory(unittest.TestCase):
+    """What viewers make simcam allocate stays within half of what it holds without them, and returns."""
+
+    def setUp(self):
+        self.camera = Camera(camera.settings.simcam)
+        self.addCleanup(self.camera.stop)
+
+    def resident(self, field="VmRSS"):
+        with open(f"/proc/{self.camera.process.pid}/status", encoding="ascii", errors="replace") as file:
+            return int(re.search(field + r":\s+(\d+) kB", file.read()).group(1))
+
+    def watch(self, path, seconds):
+        end = time.monotonic() + seconds
+        with urllib.request.urlopen(self.camera.address + path, timeout=camera.WAIT_S) as stream:
+            while time.monotonic() < end:
+                stream.read1(65536)
+
+    def test_sixteen_streams_of_their_own_kind(self):
+        wait_for("a second of pictures", lambda: self.camera.state()["latest"]["number"] > 30)
+        self.camera.fetch("/api/posts/1/frame.png")
+        time.sleep(3)  # simcam returns freed memory every 2 s
+        before = self.resident()
+        with open(f"/proc/{self.camera.process.pid}/clear_refs", "w", encoding="ascii") as file:
+            file.write("5")  # the highest resident memory starts again
+
+        viewers = [threading.Thread(target=self.watch, args=(f"api/posts/{i % 4}/stream.mjpeg?quality={60 + i}", 5))
+                   for i in range(16)]
+        for viewer in viewers:
+            viewer.start()
+        for viewer in viewers:
+            viewer.join()
+
+        self.assertLessEqual(self.resident("VmHWM"), 1.5 * before)
+        wait_for("the memory's return", lambda: self.resident() <= 1.1 * before,
+                 lambda: f"{before} kB before, {self.resident()} kB now")
 
 
 if __name__ == "__main__":

@@ -52,6 +52,7 @@ class Page(unittest.TestCase):
         camera_.request("DELETE", "/api/faults")
         camera_.post("/api/sweep", {"on": False})
         camera_.post("/api/gain", {"gain": 1})
+        camera_.post("/api/noise", {"noise": 2})
         camera_.post("/api/ring", {"ring": RING})
         for post, size in enumerate(["1280x720", "1920x1080", "720x480", "352x240"]):
             camera_.post(f"/api/posts/{post}/stop")  # closes planes that were left open
@@ -547,6 +548,15 @@ class Scene(Page):
         self.one("[data-scene=photo]").click()
         self.wait_for("the photograph", lambda: self.camera.state()["scene"] == "photo")
         self.browser.get_log("browser")  # the refusal is an error there too
+
+    def test_noise_can_be_removed(self):
+        self.open_tab("scene")
+        self.focus("noise")
+        self.keys(*[Keys.ARROW_LEFT] * 4)  # halves of a level
+        self.wait_for("no noise", lambda: self.camera.state()["noise"] == 0)
+        self.wait_for("the word on the page", lambda: self.text("noise-value") == "none")
+        self.keys(*[Keys.ARROW_RIGHT] * 4)
+        self.wait_for("the noise as it was", lambda: self.camera.state()["noise"] == 2)
 
     def test_gain_and_flash_change_the_value(self):
         before = self.value()
