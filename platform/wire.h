@@ -1,11 +1,10 @@
-// What the codec library and the device file of the simulated camera say to simcam, and its
-// answers.
+// The records between simcam and its clients, the codec library of a process or an open device.
 //
-// One sequenced-packet Unix socket a client (the library of a process, or an open device), named
-// "socket" in the run directory. A packet is one record: requests are a WireHeader and the record
-// of the call, answers a WireReply and, where the call succeeded, the record of its result. A
-// client has one request under way at a time. All words are little-endian and of fixed width, with
-// neither pointers nor padding, so that 32-bit clients speak to a 64-bit simcam.
+// A client connects to the sequenced-packet Unix socket named "socket" in the run directory. A
+// packet is one record: a request is a WireHeader and the record of the call; an answer is a
+// WireReply and, if the call succeeded, the record of its result. A client has one request under
+// way at a time. All words are little-endian and of fixed width, without pointers or padding, so
+// that 32-bit clients work with a 64-bit simcam.
 #pragma once
 
 #include <stddef.h>
@@ -94,8 +93,8 @@ struct WireReply {
 };
 static_assert(sizeof(WireReply) == 20, "wire record");
 
-// A piece of shared memory; its descriptor comes with the packet. What is handed out are the size
-// bytes at offset; they end where the mapping ends, so that the page behind can be left unmapped.
+// A piece of shared memory; its descriptor comes with the packet. The client gets the size bytes at
+// offset; they end where the mapping ends, so that the next page can be left unmapped.
 struct WireMemory {
     uint32_t map_size; // bytes to map, a multiple of WIRE_PAGE
     uint32_t offset;   // of the first byte
@@ -134,7 +133,7 @@ struct WireFocusStats {
 };
 static_assert(sizeof(WireFocusStats) == 244, "device record");
 
-// What arrives on the library's second socket: a post started or stopped.
+// A report on the library's second socket: a post started or stopped.
 struct WireNotify {
     uint32_t mask_bit; // of the notify mask
     uint32_t post_res_id;
@@ -190,7 +189,7 @@ constexpr uint32_t wire_reply_size(uint32_t call)
 
 // ---- error codes of the library; the top byte of each is 0x81
 
-constexpr uint32_t CODEC_NO_CAMERA = 0x81E00001;       // there is no camera, or it has gone
+constexpr uint32_t CODEC_NO_CAMERA = 0x81E00001;       // no camera, or the connection failed
 constexpr uint32_t CODEC_NOT_INITIALIZED = 0x81E00002; // qm7_cl_library_init comes first
 constexpr uint32_t CODEC_INITIALIZED = 0x81E00003;     // is initialized already
 constexpr uint32_t CODEC_DEVICE_CLOSED = 0x81E00004;   // qm7_cl_sys_open_device comes first

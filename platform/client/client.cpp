@@ -12,8 +12,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// One explanation a process, from whichever thread fails first. Exported, so that the library and
-// the preload object share it.
+// Set by the first explanation: one per process is enough. Exported, so that the library and the
+// preload object share it.
 extern "C" __attribute__((visibility("default"))) std::atomic_flag simcam_explained;
 std::atomic_flag simcam_explained;
 static std::atomic<uint32_t> last_number;
@@ -83,7 +83,7 @@ static int send_whole(int connection, const void *packet, size_t size)
     }
 }
 
-// Waits until there is something to read; a signal starts the wait again.
+// Waits until the connection is readable; starts again after a signal.
 static int wait_readable(int connection)
 {
     for (;;) {

@@ -6,14 +6,14 @@
 
 #include "wire.h"
 
-// An answer that takes longer means that the camera hangs.
+// A camera that takes longer to answer is considered lost.
 constexpr int CLIENT_TIMEOUT_MS = 20000;
 
-// Explains on standard error, once a process, when the environment names no run directory.
+// Explains on standard error, once per process, that the environment names no run directory.
 void client_check();
 
-// Fills path with the run directory's name and then the given one. False where the environment
-// names no run directory or the result does not fit.
+// Writes the run directory, a slash and name to path. Returns false if the environment names no run
+// directory or the result does not fit.
 bool client_path(char *path, size_t size, const char *name);
 
 // Returns a connected socket, or -1. The first failure of the process is explained on standard
@@ -24,12 +24,12 @@ int client_connect();
 // bytes, reply takes wire_reply_size(call) and is filled on success only; fd (may be null) takes
 // the descriptor that came with the answer, or -1.
 //
-// Returns 0 with *error holding the camera's code, 0 for success; or -1 where the camera is gone or
-// talks nonsense: the connection is of no use then.
+// Returns 0 with the camera's code in *error, 0 for success; or -1 if the connection has failed or
+// the answer is malformed. The connection must not be used after that.
 int client_call(int connection, uint32_t call, const void *request, void *reply, int *fd,
                 uint32_t *error);
 
-// The two halves of client_call, for who waits in between. client_receive does not wait.
+// The two halves of client_call, for callers that wait in between. client_receive does not wait.
 int client_send(int connection, uint32_t call, const void *request, uint32_t *number);
 int client_receive(int connection, uint32_t call, uint32_t number, void *reply, int *fd,
                    uint32_t *error);

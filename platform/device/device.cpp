@@ -325,9 +325,14 @@ static int configure_focus(Device *device, const void *argument)
     return (int)error;
 }
 
+static bool is_camera_request(uint32_t request)
+{
+    return request == CAM_FOCUS_READ || request == CAM_FOCUS_CONFIG;
+}
+
 static int serve_request(Device *device, bool waits, uint32_t request, void *argument)
 {
-    if (request != CAM_FOCUS_READ && request != CAM_FOCUS_CONFIG) {
+    if (!is_camera_request(request)) {
         errno = ENOTTY;
         return -1;
     }
@@ -347,8 +352,14 @@ bool device_ioctl(int fd, unsigned long request, void *argument, int *result)
     // The kernel serves these requests for every file.
     const bool general = request == FIONBIO || request == FIOCLEX || request == FIONCLEX;
     Device *device = general ? nullptr : device_take(fd);
-    if (!device)
+    if (!device && !is_camera_request((uint32_t)request))
         return false;
+    if (!device) { // answered here: an emulator refuses requests that it does not know
+        *result = -1;
+        if (fcntl(fd, F_GETFD) >= 0)
+            errno = ENOTTY;
+        return true;
+    }
     const bool waits = !(fcntl(fd, F_GETFL) & O_NONBLOCK);
     // A request given as a negative int arrives sign-extended.
     *result = serve_request(device, waits, (uint32_t)request, argument);
