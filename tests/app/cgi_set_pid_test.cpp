@@ -9,24 +9,13 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "test_directory.h"
 
 extern "C" int32_t cgi_set_pid(const char *path);
 
-// A folder that the test removes at its end.
 class CgiSetPid : public testing::Test
 {
   protected:
-    CgiSetPid()
-    {
-        std::string pattern = testing::TempDir() + "cgi_set_pid_XXXXXX";
-        folder = mkdtemp(pattern.data());
-    }
-
-    ~CgiSetPid() override
-    {
-        std::filesystem::remove_all(folder);
-    }
-
     static std::string content(const std::string &path)
     {
         std::ostringstream text;
@@ -34,7 +23,8 @@ class CgiSetPid : public testing::Test
         return text.str();
     }
 
-    std::string folder;
+    const TestDirectory directory;
+    const std::string folder = directory.path.string();
 };
 
 TEST_F(CgiSetPid, WritesThePidInDecimalWithALineEnd)

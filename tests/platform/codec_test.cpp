@@ -14,6 +14,7 @@
 
 #include "codec/qm7codec.h"
 #include "link/server.h"
+#include "test_directory.h"
 
 using namespace simcam;
 
@@ -114,14 +115,13 @@ int status_of_child(const std::function<bool()> &part)
 }
 
 struct CodecTest : testing::Test {
-    std::string directory;
+    TestDirectory temporary;
+    std::string directory = temporary.path.string();
     Board board;
     ServerPtr server;
 
     CodecTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "codec-XXXXXX").string();
-        directory = mkdtemp(name.data());
         setenv("SIMCAM_RUN_DIR", directory.c_str(), 1);
         EXPECT_TRUE(board_init(board, 1, 16));
         start_server();
@@ -130,8 +130,6 @@ struct CodecTest : testing::Test {
     ~CodecTest() override
     {
         (void)qm7_cl_library_exit(); // fails if the test has called it already
-        server.reset();
-        std::filesystem::remove_all(directory);
     }
     void start_server()
     {

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "camera/camera.h"
+#include "test_directory.h"
 
 using namespace simcam;
 
@@ -282,8 +283,8 @@ TEST(Preload, WithoutACameraTheFixedPathsDoNotExist)
 
 TEST(Preload, ReadingsFromALostCameraFailAtTheUsualRate)
 {
-    std::string name = (std::filesystem::temp_directory_path() / "preload-XXXXXX").string();
-    const std::string directory = mkdtemp(name.data());
+    const TestDirectory temporary;
+    const std::string directory = temporary.path.string();
     CameraOptions options;
     options.scene = "chart";
     options.run_directory = directory;
@@ -308,5 +309,4 @@ TEST(Preload, ReadingsFromALostCameraFailAtTheUsualRate)
 
     EXPECT_EQ(count_of(text, "read -1 " + std::to_string(EIO) + " 0"), 4u) << text;
     EXPECT_GE(std::chrono::steady_clock::now() - gone, std::chrono::milliseconds(4 * 33));
-    std::filesystem::remove_all(directory);
 }

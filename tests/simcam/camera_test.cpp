@@ -19,6 +19,7 @@
 #include "camera/pictures.h"
 #include "picture/lens.h"
 #include "process/run_directory.h"
+#include "test_directory.h"
 
 using namespace simcam;
 
@@ -119,19 +120,6 @@ void expect_ended(const std::string &pids)
         })) << pid;
     }
 }
-
-struct TestDirectory {
-    std::filesystem::path path;
-    TestDirectory()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "camera-XXXXXX").string();
-        path = mkdtemp(name.data());
-    }
-    ~TestDirectory()
-    {
-        std::filesystem::remove_all(path);
-    }
-};
 
 } // namespace
 

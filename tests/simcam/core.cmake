@@ -3,16 +3,19 @@ add_executable(simcam_core_test
     ${CMAKE_CURRENT_LIST_DIR}/request_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
+target_include_directories(simcam_core_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(simcam_core_test PRIVATE focus_options simcam_core GTest::gtest_main)
 target_precompile_headers(simcam_core_test REUSE_FROM test_files)
 gtest_discover_tests(simcam_core_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
+target_include_directories(simcam_camera_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest::gtest_main)
 target_precompile_headers(simcam_camera_test REUSE_FROM test_files)
 gtest_discover_tests(simcam_camera_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
+target_include_directories(simcam_main_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(simcam_main_test PRIVATE focus_options simcam_picture GTest::gtest_main)
 target_compile_definitions(simcam_main_test PRIVATE
     SIMCAM="$<TARGET_FILE:simcam>"

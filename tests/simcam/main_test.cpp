@@ -13,6 +13,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include "test_directory.h"
+
 namespace
 {
 
@@ -88,8 +90,8 @@ static double steps(const std::filesystem::path &file)
 
 TEST(CommandLine, WritesASnapshotOfEachRunningPostAndExits)
 {
-    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
-    const std::filesystem::path directory = mkdtemp(name.data());
+    const TestDirectory temporary;
+    const std::filesystem::path &directory = temporary.path;
 
     const Outcome outcome = simcam("--scene chart --post 0=352x240 --post 2=720x480 --snapshot " +
                                    (directory / "new").string());
@@ -112,10 +114,7 @@ TEST(CommandLine, WritesASnapshotOfEachRunningPostAndExits)
         EXPECT_LT(1.2 * sharpness[1], sharpness[2]);
         EXPECT_GT(sharpness[2], 1.2 * sharpness[3]);
         EXPECT_GT(sharpness[3], 1.2 * sharpness[4]);
-        for (double v : sharpness)
-            printf("%f\n", v);
     }
-    std::filesystem::remove_all(directory);
 }
 
 // Mean difference of two pictures inside and outside the readout, in levels per channel.
@@ -132,8 +131,8 @@ static std::pair<double, double> distances(const cv::Mat &one, const cv::Mat &ot
 
 TEST(CommandLine, SnapshotsOfTheOverlayShowItsReadout)
 {
-    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
-    const std::filesystem::path directory = mkdtemp(name.data());
+    const TestDirectory temporary;
+    const std::filesystem::path &directory = temporary.path;
     const std::string options = "--scene chart --post 0=1280x720 --snapshot ";
 
     const Outcome with = simcam(options + (directory / "with").string() + " -- '" FOCUS_ASSIST "'");
@@ -154,26 +153,24 @@ TEST(CommandLine, SnapshotsOfTheOverlayShowItsReadout)
         pictures++;
     }
     EXPECT_EQ(pictures, 5u);
-    std::filesystem::remove_all(directory);
 }
 
 TEST(CommandLine, SnapshotsOfAProgramThatEndsAreRefusedWithItsStatus)
 {
-    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
-    const std::filesystem::path directory = mkdtemp(name.data());
+    const TestDirectory temporary;
+    const std::filesystem::path &directory = temporary.path;
 
     const Outcome outcome = simcam("--scene chart --post 0=352x240 --snapshot " +
                                    directory.string() + " -- /bin/sh -c 'exit 3'");
 
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.text, "simcam: the program has ended: exit status 3\n");
-    std::filesystem::remove_all(directory);
 }
 
 TEST(CommandLine, AnInterruptEndsSnapshotsThatWaitForAReadout)
 {
-    std::string name = (std::filesystem::temp_directory_path() / "main-XXXXXX").string();
-    const std::filesystem::path directory = mkdtemp(name.data());
+    const TestDirectory temporary;
+    const std::filesystem::path &directory = temporary.path;
     const std::string started = (directory / "started").string();
     const pid_t child = fork();
     if (child == 0) {
@@ -191,7 +188,6 @@ TEST(CommandLine, AnInterruptEndsSnapshotsThatWaitForAReadout)
     EXPECT_EQ(WEXITSTATUS(status), 1);
     for (const auto &file : std::filesystem::directory_iterator(directory))
         EXPECT_EQ(file.path().filename(), "started"); // it exited before taking any picture
-    std::filesystem::remove_all(directory);
 }
 
 TEST(CommandLine, AnInterruptEndsSimcamAndItsProgram)

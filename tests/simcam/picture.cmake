@@ -1,4 +1,5 @@
 add_executable(simcam_picture_test ${CMAKE_CURRENT_LIST_DIR}/picture_test.cpp)
+target_include_directories(simcam_picture_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
 target_link_libraries(simcam_picture_test PRIVATE focus_options simcam_picture GTest::gtest_main)
 if(OPENCV_videoio)
     target_link_libraries(simcam_picture_test PRIVATE ${OPENCV_videoio})

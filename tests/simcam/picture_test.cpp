@@ -18,6 +18,7 @@
 #include "picture/scene.h"
 #include "picture/sensor.h"
 #include "picture/sharpness.h"
+#include "test_directory.h"
 
 using namespace simcam;
 
@@ -37,37 +38,24 @@ double largest_difference(const cv::Mat &one, const cv::Mat &two)
     return cv::norm(one, two, cv::NORM_INF);
 }
 
-// A separate directory for the files of one test.
-struct TestFolder {
-    std::filesystem::path path;
-
-    TestFolder()
-    {
-        std::string name =
-            (std::filesystem::temp_directory_path() / "simcam-picture-test-XXXXXX").string();
-        path = mkdtemp(name.data());
-    }
-    ~TestFolder()
-    {
-        std::filesystem::remove_all(path);
-    }
-    std::string file(const std::string &name) const
-    {
-        return (path / name).string();
-    }
-};
-
 #if SIMCAM_VIDEO
 bool reading_throws = false;
 
-// Five frames of growing brightness, ten a second.
-void write_steps(const std::string &path)
+// A video of five frames of growing brightness, ten a second. Its file exists no longer.
+std::shared_ptr<Scene> open_steps()
 {
+    const TestDirectory directory;
+    const std::string path = directory.file("steps.avi");
     cv::VideoWriter writer(path, cv::CAP_OPENCV_MJPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
                            10, {320, 180});
-    ASSERT_TRUE(writer.isOpened());
+    EXPECT_TRUE(writer.isOpened());
     for (int i = 0; i < 5; i++)
         writer.write(cv::Mat(180, 320, CV_8UC3, cv::Scalar::all(40.0 + 40 * i)));
+    writer.release();
+    std::string error;
+    std::shared_ptr<Scene> scene = scene_open(path, &error);
+    EXPECT_TRUE(scene) << error;
+    return scene;
 }
 
 } // namespace
@@ -506,14 +494,14 @@ TEST(SceneFile, ThatIsMissingIsRefusedByName)
 
 TEST(SceneFile, ThatIsADirectoryIsRefused)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     EXPECT_EQ(error_of(folder.path.string()),
               "scene " + folder.path.string() + ": a directory, not a picture or a video");
 }
 
 TEST(SceneFile, ThatIsAPipeIsRefusedInsteadOfWaitedFor)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     const std::string pipe = folder.file("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     EXPECT_EQ(error_of(pipe), "scene " + pipe + ": neither a file nor a video device");
@@ -528,7 +516,7 @@ TEST(SceneFile, ThatIsADeviceWithoutPicturesIsRefused)
 
 TEST(SceneFile, ThatIsNoPictureIsRefused)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     const std::string text = folder.file("text.jpg");
     std::ofstream(text) << "not a picture\n";
     EXPECT_NE(error_of(text).find("text.jpg"), std::string::npos);
@@ -539,7 +527,7 @@ TEST(SceneFile, ThatIsNoPictureIsRefused)
 
 TEST(SceneFile, ThatBreaksOffInItsHeaderIsRefused)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     const std::string broken = folder.file("broken.png");
     std::ofstream(broken, std::ios::binary) << std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
     EXPECT_EQ(error_of(broken), "scene " + broken + ": the picture cannot be decoded");
@@ -547,7 +535,7 @@ TEST(SceneFile, ThatBreaksOffInItsHeaderIsRefused)
 
 TEST(SceneFile, ThatIsTallerThanTheSensorLosesItsTopAndBottomEvenly)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     cv::Mat tall(2160, SENSOR_WIDTH, CV_8UC3, cv::Scalar(0, 0, 255));
     tall(cv::Rect(0, 720, SENSOR_WIDTH, 720)).setTo(cv::Scalar(10, 200, 30));
     cv::imwrite(folder.file("tall.png"), tall);
@@ -563,7 +551,7 @@ TEST(SceneFile, ThatIsTallerThanTheSensorLosesItsTopAndBottomEvenly)
 
 TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
 {
-    const TestFolder folder;
+    const TestDirectory folder;
     const std::string gray = folder.file("gray.png");
     cv::imwrite(gray, cv::Mat(9, 5, CV_8UC1, cv::Scalar(90)));
     const std::string deep = folder.file("deep.png");
@@ -582,12 +570,8 @@ TEST(SceneFile, OfAnySizeAndKindFillsTheSensor)
 #if SIMCAM_VIDEO
 TEST(SceneVideo, KeepsItsPictureWhileReadingThrows)
 {
-    const TestFolder folder;
-    const std::string path = folder.file("steps.avi");
-    write_steps(path);
-    std::string error;
-    const std::shared_ptr<Scene> scene = scene_open(path, &error);
-    ASSERT_TRUE(scene) << error;
+    const std::shared_ptr<Scene> scene = open_steps();
+    ASSERT_TRUE(scene);
     bool changed = false;
     EXPECT_NEAR(cv::mean(scene_picture(*scene, 0.0, &changed))[0], 40, 3);
 
@@ -601,12 +585,8 @@ TEST(SceneVideo, KeepsItsPictureWhileReadingThrows)
 
 TEST(SceneVideo, PlaysAtItsOwnRateAndStartsAgainAtItsEnd)
 {
-    const TestFolder folder;
-    const std::string path = folder.file("steps.avi");
-    write_steps(path);
-    std::string error;
-    const std::shared_ptr<Scene> scene = scene_open(path, &error);
-    ASSERT_TRUE(scene) << error;
+    const std::shared_ptr<Scene> scene = open_steps();
+    ASSERT_TRUE(scene);
     const auto brightness = [&](double time_s, bool *changed) {
         return cv::mean(scene_picture(*scene, time_s, changed))[0];
     };

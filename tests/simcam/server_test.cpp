@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "link/server.h"
+#include "test_directory.h"
 
 using namespace simcam;
 
@@ -28,25 +29,17 @@ size_t open_descriptors()
 }
 
 struct ServerTest : testing::Test {
-    std::string directory;
-    std::string path;
+    TestDirectory directory;
+    std::string path = directory.file("socket");
     Board board;
     ServerPtr server;
 
     ServerTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "server-XXXXXX").string();
-        directory = mkdtemp(name.data());
-        path = directory + "/socket";
         EXPECT_TRUE(board_init(board, 1, 16));
         std::string error;
         server = server_start(board, path, &error);
         EXPECT_TRUE(server) << error;
-    }
-    ~ServerTest() override
-    {
-        server.reset();
-        std::filesystem::remove_all(directory);
     }
 
     int connect_client() const
@@ -384,6 +377,6 @@ TEST_F(ServerTest, ASecondCameraInADirectoryIsRefused)
     std::string error;
     EXPECT_FALSE(server_start(second, path, &error));
     EXPECT_NE(error.find("another simcam"), std::string::npos);
-    EXPECT_FALSE(server_start(second, directory + "/" + std::string(200, 'x'), &error));
+    EXPECT_FALSE(server_start(second, directory.file(std::string(200, 'x')), &error));
     EXPECT_NE(error.find("too long"), std::string::npos);
 }
