@@ -22,12 +22,12 @@ void send(const std::vector<Report> &reports);
 void send_bit_first(const std::vector<Report> &reports);
 
 // Takes the reports of posts 0 and 3 rounds times while the callback runs and once after it, by
-// osd_take_started, osd_take_stopped and osd_post_res_id. Returns what went wrong: a report that
-// nobody took, one taken that there was not, or an id older than its report.
+// osd_take_started, osd_take_stopped and osd_post_res_id. Returns an error, or an empty string: a
+// report was not taken, one was taken that was not made, or an id is older than its report.
 std::string take_all(const std::vector<Report> &reports, int rounds);
 
-// Passes of the display loop: rounds while the callback runs and one after it. Returns what went
-// wrong: where the last report is a start, the last pass draws the post with its id.
+// Passes of the display loop: rounds while the callback runs and one after it. Returns an error, or
+// an empty string: if the last report is a start, the last pass must draw the post with its id.
 std::string display_all(const std::vector<Report> &reports, int rounds);
 
 } // namespace handshake
