@@ -308,7 +308,7 @@ std::string http_warning(const HttpServer &server)
         return "";
     return "warning: there is no password. Whoever can reach this address can\n"
            "  - watch the pictures, and read the state and the output of the program\n"
-           "  - turn the lens, sweep it, change the gain and flash\n"
+           "  - turn the lens, sweep it, change the gain and the noise, and flash\n"
            "  - change the scene to any picture, video or device file that you can read\n"
            "  - start and stop posts, with any size\n"
            "  - make calls of the program slow or fail\n"

@@ -56,7 +56,8 @@ def listens(address):
 class Listening(unittest.TestCase):
     # Words of the warning for what changes the camera, by the first part of the path behind /api/.
     CHANGES = {"posts": "start and stop posts", "ring": "turn the lens", "sweep": "sweep it",
-               "scene": "picture, video or device file", "gain": "change the gain", "flash": "flash",
+               "scene": "picture, video or device file", "gain": "change the gain", "noise": "the noise",
+               "flash": "flash",
                "faults": "slow or fail", "process": "start, stop and kill the program"}
 
     def run_on(self, address):
