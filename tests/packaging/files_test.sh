@@ -55,6 +55,7 @@ case $claim in
         ;;
     packages)
         need dpkg-deb
+        need lintian
         (cd "$build" && cpack -B "$box/packages") >"$box/log" || fail "$(cat "$box/log")"
         deb=$(echo "$box"/packages/focus-assist-"$version"-*.deb)
         archive=$(echo "$box"/packages/focus-assist-"$version"-*.tar.gz)
@@ -89,6 +90,7 @@ Architecture: $architecture"
         same "$(files "$box/deb")" "$(printf '%s\n' "$unit_files" "$camera_files" "$license_file" \
             ./usr/share/doc/focus-assist/changelog.gz ./usr/share/lintian/overrides/focus-assist | sort)"
         cmp "$box/deb/$license_file" "$source/LICENSE"
+        [ "$architecture" != armhf ] || same "$(lintian --allow-root "$deb" 2>&1)" ""
         mkdir "$box/archive"
         tar xzf "$archive" -C "$box/archive"
         same "$(files "$box/archive")" "./etc/init.d/S80focus_assist
