@@ -161,7 +161,8 @@ static bool holds_in_child(bool (*part)(int), int fd)
 
 static bool measure_twice(int fd)
 {
-    return measure(fd) && measure(fd);
+    const bool first = measure(fd);
+    return measure(fd) && first;
 }
 
 static bool wait_and_measure(int fd)
