@@ -12,7 +12,8 @@ import urllib.request
 
 WAIT_S = 60  # enough for a loaded machine with two cores
 HERE = os.path.dirname(os.path.abspath(__file__))
-BUILD = os.path.join(HERE, "..", "..", "build", "host")
+ROOT = os.path.dirname(os.path.dirname(HERE))
+BUILD = os.path.join(os.environ.get("FOCUS_BUILD_ROOT", "") + ROOT, "build", "host")
 
 
 def wait_for(what, condition, describe=str):

@@ -64,14 +64,14 @@ setup other 1000 ''
 setup other 0 cmake
 [ "$status" -eq 1 ] && [ ! -s "$box/calls" ] || fail "another release: status $status"
 one_line 'another release'
-says 'Other 24.04 is untested; tried are Debian 12 and 13 only'
+says 'Other 24.04 is untested; tested on Debian 12 and 13 only'
 says 'set FOCUS_SKIP_SETUP=1: cmake'
 
 rm "$box/bin/apt-get"
 setup other 0 cmake
 [ "$status" -eq 1 ] || fail "no apt: status $status"
 one_line 'no apt'
-says 'Other 24.04 has no apt; tried are Debian 12 and 13 only'
+says 'Other 24.04 has no apt; tested on Debian 12 and 13 only'
 says ' cmake '
 
 setup other 0 cmake '' 1
