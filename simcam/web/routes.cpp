@@ -361,10 +361,10 @@ using Parameters = std::vector<Parameter>;
 
 static Parameters record_parameters(Parameters more = {})
 {
-    Parameters all = {{"after", Kind::INTEGER, 0, 9e15, "0",
-                       "only entries with a higher number; simcam keeps the last 4096"},
-                      {"limit", Kind::INTEGER, 1, RECORDS_KEPT, std::to_string(RECORDS_KEPT),
-                       "maximum number of entries, oldest first"}};
+    Parameters all = {
+        {"after", Kind::INTEGER, 0, 9e15, "0", "only entries with a higher number"},
+        {"limit", Kind::INTEGER, 1, RECORDS_KEPT, std::to_string(RECORDS_KEPT),
+         "maximum number of entries, oldest first; the highest limit is what simcam keeps"}};
     all.insert(all.end(), more.begin(), more.end());
     return all;
 }
@@ -426,7 +426,11 @@ static std::vector<Route> make_routes()
     return {
         {{"GET", "/", "text/html", "the page and its parts", {}}, get_page},
         {{"GET", "/api", JSON, "this list", {}}, get_routes},
-        {{"GET", "/api/constants", JSON, "constants of the overlay, and the built-in scenes", {}},
+        {{"GET",
+          "/api/constants",
+          JSON,
+          "constants of the overlay, limits, and the built-in scenes",
+          {}},
          get_constants},
         {{"GET", "/api/state", JSON, "the current state of the whole camera", {}}, get_state},
         {{"GET",

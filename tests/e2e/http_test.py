@@ -9,6 +9,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.error
 import urllib.request
 
 import camera
@@ -110,6 +111,25 @@ class Constants(unittest.TestCase):
                         plane["shown"] for plane in self.camera.state()["posts"][post]["planes"][:2]))
                     self.assertTrue(any(MARKER in line for line in self.camera.plane(post, BAR_PLANE)))
                     self.assertTrue(any(TEXT in line or HIGHLIGHT in line for line in self.camera.plane(post, TEXT_PLANE)))
+
+    def assert_refused(self, method, path, body=None):
+        with self.assertRaises(urllib.error.HTTPError) as refusal:
+            self.camera.request(method, path, body)
+        self.assertEqual(refusal.exception.code, 400)
+        refusal.exception.close()
+
+    def test_the_camera_accepts_just_the_gains_in_the_range(self):
+        gain = self.constants["gain"]
+        for value in (gain["least"], gain["most"]):
+            self.camera.post("/api/gain", {"gain": value})
+            self.assertEqual(self.camera.state()["gain"], value)
+        for value in (gain["least"] * 0.999, gain["most"] * 1.001):
+            self.assert_refused("POST", "/api/gain", {"gain": value})
+
+    def test_a_list_holds_at_most_the_kept_records(self):
+        kept = self.constants["records_kept"]
+        self.camera.get(f"/api/measurements?limit={kept}")
+        self.assert_refused("GET", f"/api/measurements?limit={kept + 1}")
 
     def test_each_scene_can_be_shown(self):
         self.assertGreater(len(self.constants["scenes"]), 1)

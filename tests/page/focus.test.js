@@ -1,6 +1,6 @@
 import assert from 'node:assert/strict';
 import {test} from 'node:test';
-import {cueFor, pitchOf} from '../../simcam/web/page/focus.js';
+import {cueFor, percentOf, pitchOf} from '../../simcam/web/page/focus.js';
 
 const PEAK = {value: 200, percent: 50, ring: 0.5};
 
@@ -8,6 +8,12 @@ test('the pitch rises with every step of the value, from one audible pitch to an
   for (let value = 0; value < 1000; value += 1) assert.ok(pitchOf(value) < pitchOf(value + 1), `after ${value}`);
   assert.ok(pitchOf(300) > pitchOf(30) * 1.5);
   assert.ok(pitchOf(0) >= 100 && pitchOf(100000) < 2000);
+});
+
+test('the percentage is rounded down, may exceed 100, and is 0 without a peak', () => {
+  assert.equal(percentOf(199, 200), 99); // 99.5
+  assert.equal(percentOf(300, 200), 150);
+  assert.equal(percentOf(300, 0), 0);
 });
 
 test('without a peak the cue asks to turn the ring', () => {

@@ -29,7 +29,7 @@ let session = '';
 let connected = false;
 let state = null; // the camera's last report
 let health = healthNew();
-let history = historyNew();
+let history = historyNew(constants.records_kept);
 let lastOutput = 0;
 
 const picture = pictureMake({viewer: $('viewer'), picture: $('picture'), peaking: $('peaking'), loupe: $('loupe'), tiles: $('tiles')});
@@ -41,7 +41,7 @@ const readout = readoutMake(constants.threshold_percent);
 const tone = toneMake();
 const panels = {
   posts: postsPanelMake(constants.sizes),
-  scene: scenePanelMake(constants.scenes, () => historyMark(history, 'flash')),
+  scene: scenePanelMake(constants.scenes, constants.gain, () => historyMark(history, 'flash')),
   process: processPanelMake(),
   faults: faultsPanelMake(constants.codes),
   planes: planesPanelMake(),
@@ -87,7 +87,7 @@ requestAnimationFrame(draw);
 // ---- events ----
 
 function forget() {
-  history = historyNew();
+  history = historyNew(constants.records_kept);
   health = healthNew();
   lastOutput = 0;
   for (const panel of Object.values(panels)) panel.reset?.();

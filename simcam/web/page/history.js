@@ -1,6 +1,5 @@
 // The measurements that the page has received, the overlay's peak among them, and the marks of what was changed.
 
-const SAMPLES_MAX = 4096; // as many as the camera keeps
 const MARKS_MAX = 40;
 const CURVE_BINS = 500;   // the ring's travel in steps of 0.2 %
 const TRAVEL_SAMPLES = 10;
@@ -9,8 +8,10 @@ function curveNew() {
   return {value: new Float32Array(CURVE_BINS + 1).fill(-1), when: new Float64Array(CURVE_BINS + 1)}; // -1: no value
 }
 
-export function historyNew() {
+// samplesMax: how many measurements to keep, at least.
+export function historyNew(samplesMax) {
   return {
+    samplesMax,
     samples: [],  // {number, time, value, ring, peak}, oldest first, with no number missing between two
     latest: null, // the last measurement
     peak: {value: 0, ring: null}, // the overlay's; ring: where it was reached, null if unknown
@@ -36,7 +37,7 @@ export function historyOverlay({peak, samples}, {peak: value}) {
 
 // Adds a measurement as the camera reports it. One that was received before is ignored.
 export function historyAdd(history, measurement) {
-  const {samples, curve} = history;
+  const {samples, samplesMax, curve} = history;
   const last = history.latest ? history.latest.number : 0;
   if (measurement.number <= last) return;
   if (measurement.number !== last + 1) samples.length = 0;
@@ -45,7 +46,7 @@ export function historyAdd(history, measurement) {
     number: measurement.number, time: measurement.time_s, value: measurement.value, ring: measurement.ring, peak: measurement.overlay.peak,
   });
   historyOverlay(history, measurement.overlay);
-  if (samples.length > SAMPLES_MAX * 1.25) samples.splice(0, samples.length - SAMPLES_MAX);
+  if (samples.length > samplesMax * 1.25) samples.splice(0, samples.length - samplesMax);
   const bin = Math.round(measurement.ring * CURVE_BINS);
   curve.value[bin] = measurement.value;
   curve.when[bin] = measurement.time_s;

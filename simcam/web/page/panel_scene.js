@@ -20,8 +20,8 @@ function senderMake(path, name) {
   };
 }
 
-// scenes: the names of the built-in ones. onFlash is called after a flash.
-export function scenePanelMake(scenes, onFlash) {
+// scenes: the names of the built-in ones. gains: {least, most}. onFlash is called after a flash.
+export function scenePanelMake(scenes, gains, onFlash) {
   const setScene = (scene) => send('POST', '/api/scene', {scene});
   const buttons = scenes.map((name) => {
     const button = element('button', {type: 'button', 'aria-pressed': 'false', textContent: name[0].toUpperCase() + name.slice(1)});
@@ -37,6 +37,9 @@ export function scenePanelMake(scenes, onFlash) {
 
   const sendGain = senderMake('/api/gain', 'gain');
   const showGain = (gain) => setText($('gain-value'), `${gain.toFixed(2)}×`);
+  // The slider moves in quarters of a stop that the camera accepts.
+  $('gain').min = Math.ceil(4 * Math.log2(gains.least)) / 4;
+  $('gain').max = Math.floor(4 * Math.log2(gains.most)) / 4;
   $('gain').addEventListener('input', () => showGain(2 ** Number($('gain').value)));
   $('gain').addEventListener('change', () => sendGain(2 ** Number($('gain').value)));
   $('gain-reset').addEventListener('click', () => sendGain(1));
