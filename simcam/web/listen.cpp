@@ -15,6 +15,7 @@
 namespace simcam
 {
 
+// inet_pton is stricter than getaddrinfo, which reads 010.0.0.1 as 8.0.0.1 and port 65536 as 0.
 static bool parse_listen(const std::string &listen, sockaddr_storage *address, socklen_t *length)
 {
     std::string host = "127.0.0.1";

@@ -1015,11 +1015,25 @@ TEST(HttpStart, InvalidAddressesAreRefused)
 {
     std::string error;
     const auto camera = camera_start({}, &error);
-    for (const char *listen : {"", "x", "127.0.0.1:", "127.0.0.1:99999", "nowhere.example:80",
-                               "1.2.3:80", "127.0.0.1:-1", "[::1:80"}) {
+    for (const char *listen :
+         {"", "x", "127.0.0.1:", "127.0.0.1:99999", "nowhere.example:80", "1.2.3:80",
+          "010.0.0.1:80", "127.0.0.1:65536", "127.0.0.1:-1", "[::1:80"}) {
         EXPECT_EQ(http_start(*camera, listen, &error), nullptr) << listen;
         EXPECT_THAT(error, HasSubstr("not an address to listen on"));
     }
+}
+
+TEST(HttpStart, AnAddressOfVersionSixIsServedInBrackets)
+{
+    std::string error;
+    const auto camera = camera_start({}, &error);
+
+    const auto server = http_start(*camera, "[::1]:0", &error);
+
+    if (server)
+        EXPECT_THAT(http_address(*server), testing::MatchesRegex("http://\\[::1\\]:[0-9]+/"));
+    else // a machine without IPv6
+        EXPECT_THAT(error, StartsWith("cannot listen on [::1]:0: "));
 }
 
 TEST(HttpStart, APortInUseIsReported)
