@@ -69,7 +69,8 @@ static std::string make_directory(const fs::path &path)
     return in_quotes(path) + ": " + std::strerror(errno);
 }
 
-// As make_directory; the directory must be one that no other user (but root) can change.
+// As make_directory; the directory must belong to the user or root, and may be open to its group, as
+// an umask of 002 leaves it, but not to everybody.
 static std::string make_private_directory(const fs::path &path)
 {
     const std::string refusal = make_directory(path);
@@ -80,9 +81,9 @@ static std::string make_private_directory(const fs::path &path)
         return in_quotes(path) + ": " + std::strerror(errno);
     if (status.st_uid != geteuid() && status.st_uid != 0)
         return in_quotes(path) + " belongs to another user; choose a directory of your own";
-    if (status.st_mode & (S_IWGRP | S_IWOTH))
-        return in_quotes(path) + " can be changed by other users; take that permission away "
-                                 "(chmod go-w) or choose another directory";
+    if (status.st_mode & S_IWOTH)
+        return in_quotes(path) + " can be changed by every user; take that permission away "
+                                 "(chmod o-w) or choose another directory";
     return {};
 }
 
