@@ -14,6 +14,9 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the records are little
 
 constexpr uint32_t WIRE_VERSION = 0x514D3701;
 
+// Longest delay that a fault can add to a call. A client waits twice as long for its answer.
+constexpr uint32_t WIRE_DELAY_MAX_MS = 10000;
+
 // The environment variable that names the run directory of the camera to use.
 #define SIMCAM_RUN_DIR_VARIABLE "SIMCAM_RUN_DIR"
 // The socket's name in that directory.

@@ -6,8 +6,8 @@
 
 #include "wire.h"
 
-// A camera that takes longer to answer is considered lost.
-constexpr int CLIENT_TIMEOUT_MS = 20000;
+// A camera that takes longer to answer is considered lost. Twice the longest delay of a fault.
+constexpr int CLIENT_TIMEOUT_MS = 2 * (int)WIRE_DELAY_MAX_MS;
 
 // Explains on standard error, once per process, that the environment names no run directory.
 void client_check();

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "wire.h"
+
 namespace simcam
 {
 
@@ -25,8 +27,8 @@ constexpr Range SWEEP_RANGE_S = {0.5, 3600};
 constexpr Range RATE_RANGE_HZ = {1, 240};
 constexpr Range POST_SIZE_RANGE = {16, 4096};                        // width and height
 constexpr std::array<uint32_t, 5> PITCH_ALIGNS = {1, 8, 16, 32, 64}; // bytes
-constexpr uint32_t DELAY_MAX_MS = 10000; // of a fault; a client waits twice as long
-constexpr size_t RECORDS_KEPT = 4096;    // of each kind
+constexpr uint32_t DELAY_MAX_MS = WIRE_DELAY_MAX_MS;                 // of a fault
+constexpr size_t RECORDS_KEPT = 4096;                                // of each kind
 
 constexpr double SWEEP_DEFAULT_S = 12;
 constexpr double NOISE_DEFAULT = 2;

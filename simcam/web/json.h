@@ -19,7 +19,7 @@ bool json_read_object(const std::string &text, std::vector<JsonField> *fields, s
 
 std::string json_error(int status, const std::string &message);
 std::string json_done();
-// Constants of the overlay that the page needs, and the built-in scenes.
+// Constants of the overlay and limits of the camera that the page needs, and the built-in scenes.
 std::string json_constants(int threshold_percent, const std::vector<std::string> &scenes);
 std::string json_routes(const std::vector<const RouteText *> &routes);
 // with_time includes the numbers that change with every measurement.
