@@ -26,3 +26,21 @@ foreach(suite OverlayProcess OverlayPicture OverlayFault OverlaySession OverlayT
         ENVIRONMENT "FOCUS_TEST_PROGRAM=${emulator}\t$<TARGET_FILE:focus_assist>;\
 FOCUS_TEST_PLATFORM=${PROJECT_BINARY_DIR}/platform")
 endforeach()
+
+# The preload object serves programs with 32-bit and with 64-bit file sizes and times.
+foreach(bits IN ITEMS 32 64)
+    set(probe platform_probe_${bits})
+    add_executable(${probe} ${PROJECT_SOURCE_DIR}/tests/platform/probe.cpp)
+    target_link_libraries(${probe} PRIVATE focus_options simcam_wire qm7codec)
+    target_compile_options(${probe} PRIVATE -U_FILE_OFFSET_BITS -U_TIME_BITS -DPROBE_TIME_BITS=${bits})
+    if(bits EQUAL 64)
+        target_compile_options(${probe} PRIVATE -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+    endif()
+    add_test(NAME e2e_arm.preload_${bits} COMMAND ${host_build}/tests/platform/platform_preload_test
+        --gtest_filter=*ReadingsAre*:*EveryOpen*:*ItsTwoRequests*:*ReadingsBefore*:*FixedPathsAre*:*FaultsOf*)
+    set_tests_properties(e2e_arm.preload_${bits} PROPERTIES
+        FIXTURES_REQUIRED simulated_camera TIMEOUT 300 LABELS e2e
+        FAIL_REGULAR_EXPRESSION "Running 0 tests"
+        ENVIRONMENT "FOCUS_TEST_PROGRAM=${emulator}\t$<TARGET_FILE:${probe}>;\
+FOCUS_TEST_PLATFORM=${PROJECT_BINARY_DIR}/platform")
+endforeach()

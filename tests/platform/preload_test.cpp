@@ -58,6 +58,15 @@ struct ProbeCamera {
         CameraOptions options;
         options.scene = "chart";
         options.program = {PROBE};
+        const char *program = getenv("FOCUS_TEST_PROGRAM"); // words separated by tabs: an emulator
+        const char *platform = getenv("FOCUS_TEST_PLATFORM");
+        if (program && platform) {
+            std::istringstream words(program);
+            options.program.clear();
+            for (std::string word; std::getline(words, word, '\t');)
+                options.program.push_back(word);
+            options.platform_directory = platform;
+        }
         options.program.insert(options.program.end(), actions.begin(), actions.end());
         camera = camera_start(options, &error);
         EXPECT_TRUE(camera) << error;

@@ -16,6 +16,11 @@
 
 #include "codec/qm7codec.h"
 
+#ifdef PROBE_TIME_BITS // built once with each kind of file sizes and times
+static_assert(8 * sizeof(time_t) == PROBE_TIME_BITS && 8 * sizeof(off_t) == PROBE_TIME_BITS,
+              "the probe is of the other kind");
+#endif
+
 static int camera = -1;
 
 static uint32_t word_at(const uint8_t *bytes)
@@ -64,7 +69,7 @@ static int write_file(const char *path)
 }
 
 // Returns the result; *extra is printed after it unless negative.
-static int act(const std::string &action, const char *argument, long *extra)
+static int act(const std::string &action, const char *argument, long long *extra)
 {
     uint32_t config[23] = {0x028004FF, 0x016802CF};
     uint32_t raw = 0;
@@ -121,12 +126,12 @@ int main(int count, char **arguments)
         const std::string action = arguments[i];
         const bool takes_path = action == "byte" || action == "stream-byte" || action == "write" ||
                                 action == "wait-for" || action == "access" || action == "create";
-        long extra = -1;
+        long long extra = -1;
         errno = 0;
         const int result = act(action, takes_path ? arguments[++i] : nullptr, &extra);
         printf("%s %d %d", action.c_str(), result, result < 0 ? errno : 0);
         if (extra >= 0)
-            printf(" %ld", extra);
+            printf(" %lld", extra);
         printf("\n");
         fflush(stdout);
     }
