@@ -54,6 +54,20 @@ TEST(OsdOpenFile, SizeMayBeNull)
     close(descriptor);
 }
 
+TEST(OsdOpenFile, FailingStatusIsPrintedBeforeTheFileIsClosed)
+{
+    FakeFiles files;
+    files.put(PATH, {7, 8, 9});
+    files.fstat_error = EIO;
+    uint32_t size = 0xDEAD;
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, &size), -1); });
+
+    EXPECT_EQ(captured.err, "fstat: Input/output error\n");
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "close"}));
+    EXPECT_EQ(size, 0xDEADu);
+}
+
 // ---- osd_load_file -----------------------------------------------------------------------------
 
 TEST(OsdLoadFile, ReadsTheWholeFileAtOnceAndClosesIt)

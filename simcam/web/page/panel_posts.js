@@ -67,7 +67,7 @@ function postMake(number, sizes) {
 
 export function postsPanelMake(sizes) {
   const posts = [];
-  const merged = element('p', {className: 'fine', id: 'merged', role: 'status', hidden: true});
+  const merged = element('p', {className: 'fine', id: 'merged', hidden: true});
   $('posts').after(merged);
   return {
     showState(state) {
