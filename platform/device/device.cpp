@@ -48,12 +48,14 @@ struct Device {
 };
 
 // Guards connection, users, closed of all devices, and process. May be taken while a device's lock
-// is held, not the other way round.
-static pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
+// is held, not the other way round. Recursive: fork holds it while it runs the handlers of other
+// libraries, which may close files.
+static pthread_mutex_t table_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static Device devices[DEVICE_COUNT];
 static bool table_used; // false spares processes without a device the lock
-// The owner of this memory. Between vfork and exec, getpid() is another process, which must not
-// change the table.
+// The owner of this memory; set before table_used. It differs from getpid() between vfork and exec,
+// where the table must not change, and in the child of a fork until after_fork_in_child has run,
+// where table_lock is still held.
 static pid_t process;
 
 // Returns the device that fd refers to, or null. Preserves errno. The caller holds table_lock.
@@ -77,12 +79,10 @@ static Device *device_find(int fd)
 // Returns the device that fd refers to and counts a user of it; null for other files.
 static Device *device_take(int fd)
 {
-    if (!__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
+    if (!__atomic_load_n(&table_used, __ATOMIC_ACQUIRE) || process != getpid())
         return nullptr;
     pthread_mutex_lock(&table_lock);
     Device *found = device_find(fd);
-    if (found && process != getpid())
-        found = nullptr;
     if (found)
         found->users++;
     pthread_mutex_unlock(&table_lock);
@@ -152,10 +152,21 @@ void device_close_unused()
     errno = code;
 }
 
-// Runs in the child of a fork, which has one thread and none of the calls of the others.
-static void after_fork()
+// Keeps other threads from changing the table during a fork.
+static void before_fork()
 {
-    table_lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&table_lock);
+}
+
+static void after_fork_in_parent()
+{
+    pthread_mutex_unlock(&table_lock);
+}
+
+// The child has one thread and none of the calls of the others.
+static void after_fork_in_child()
+{
+    table_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     process = getpid();
     for (Device &device : devices) {
         device.lock = PTHREAD_MUTEX_INITIALIZER;
@@ -231,7 +242,8 @@ int device_open(int flags)
     pthread_mutex_lock(&table_lock);
     if (process == 0) { // the first device
         process = getpid();
-        (void)pthread_atfork(nullptr, nullptr, after_fork); // fails only for lack of memory
+        // Fails only for lack of memory.
+        (void)pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     }
     for (Device &device : devices) {
         if (device.connection != 0)

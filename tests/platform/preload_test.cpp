@@ -189,6 +189,15 @@ TEST(Preload, TheDeviceBehavesAsADriverDoes)
     EXPECT_EQ(count_of(text, "ok: "), 59u) << text;
 }
 
+TEST(Preload, ForksReturnWhileOtherThreadsUseTheDevice)
+{
+    const Outcome outcome =
+        ProbeCamera({"init", "open", "config", "fork-often", "read", "close"}).outcome();
+    ASSERT_EQ(outcome.lines.size(), 6u);
+    for (const Line &line : outcome.lines)
+        EXPECT_EQ(line.result, 0) << line.action;
+}
+
 TEST(Preload, ReadingsBeforeAConfigurationFailAndWriteNothing)
 {
     const Outcome outcome = ProbeCamera({"open", "read", "read", "read"}).outcome();

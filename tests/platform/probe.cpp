@@ -1,6 +1,7 @@
 // Executes the actions given as arguments on the camera device and the fixed paths, in order, and
 // prints "ACTION RESULT ERRNO" for each; errno is 0 after success.
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -8,10 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "codec/qm7codec.h"
@@ -68,6 +71,45 @@ static int write_file(const char *path)
     return result;
 }
 
+// Waits for a child for at most ten seconds. Returns 0 if it has ended with exit status 0.
+static int wait_for_child(pid_t child)
+{
+    int status = -1;
+    for (int waited_ms = 0; waited_ms < 10000; waited_ms++) {
+        if (waitpid(child, &status, WNOHANG) == child)
+            return status == 0 ? 0 : -1;
+        usleep(1000);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return -1;
+}
+
+// Forks while other threads read the device and open and close duplicates of it.
+static int fork_often()
+{
+    std::atomic<bool> ends = false;
+    std::thread reader([&] {
+        for (uint32_t raw = 0; !ends;)
+            read_measurement(0x80F47001ul, &raw);
+    });
+    std::thread closer([&] {
+        while (!ends)
+            close(dup(camera));
+    });
+    int result = 0;
+    for (int i = 0; i < 200 && result == 0; i++) {
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(0);
+        result = wait_for_child(child);
+    }
+    ends = true;
+    reader.join();
+    closer.join();
+    return result;
+}
+
 // Returns the result; *extra is printed after it unless negative.
 static int act(const std::string &action, const char *argument, long long *extra)
 {
@@ -114,6 +156,8 @@ static int act(const std::string &action, const char *argument, long long *extra
         return write_file(argument);
     if (action == "init")
         return qm7_cl_library_init();
+    if (action == "fork-often")
+        return fork_often();
     if (action == "wait-for")
         while (access(argument, F_OK) != 0)
             usleep(10000);
