@@ -69,8 +69,8 @@ static std::string make_directory(const fs::path &path)
     return in_quotes(path) + ": " + std::strerror(errno);
 }
 
-// As make_directory; the directory must belong to the user or root, and may be open to its group, as
-// an umask of 002 leaves it, but not to everybody.
+// As make_directory; the directory must belong to the user or root, and may be open to its group,
+// as an umask of 002 leaves it, but not to everybody.
 static std::string make_private_directory(const fs::path &path)
 {
     const std::string refusal = make_directory(path);
