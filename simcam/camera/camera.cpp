@@ -20,7 +20,6 @@
 #include "camera/pictures.h"
 #include "link/request.h"
 #include "link/server.h"
-#include "picture/compose.h"
 #include "picture/lens.h"
 #include "picture/scene.h"
 #include "picture/sensor.h"
@@ -482,12 +481,8 @@ cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
         return picture;
 
     for (const PlaneImage &plane : image.plane) {
-        if (plane.bytes.empty())
-            continue;
-        const PlaneState &state = plane.state;
-        const ShownPlane shown = {plane.bytes.data(), plane.bytes.size(), state.width, state.height,
-                                  state.pitch,        state.depth_code,   state.x,     state.y};
-        compose_plane(shown, image.palette, &picture);
+        if (!plane.bytes.empty())
+            compose_plane(shown_plane(plane), image.palette, &picture);
     }
     return picture;
 }

@@ -4,6 +4,9 @@
 
 #include <opencv2/core.hpp>
 
+#include "board/state.h"
+#include "picture/compose.h"
+
 namespace simcam
 {
 
@@ -14,5 +17,13 @@ struct Camera;
 cv::Mat camera_picture(Camera &camera, int post, bool with_planes);
 // The sensor's picture, 8-bit BGR, without planes; empty before the first measurement.
 cv::Mat camera_sensor_picture(Camera &camera);
+
+// The memory of plane, which must outlive the result, and how its pixels lie in it.
+inline ShownPlane shown_plane(const PlaneImage &plane)
+{
+    const PlaneState &state = plane.state;
+    return {plane.bytes.data(), plane.bytes.size(), state.width, state.height,
+            state.pitch,        state.depth_code,   state.x,     state.y};
+}
 
 } // namespace simcam

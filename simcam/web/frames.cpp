@@ -9,7 +9,6 @@
 
 #include "camera/camera.h"
 #include "camera/pictures.h"
-#include "picture/compose.h"
 
 namespace simcam
 {
@@ -95,31 +94,6 @@ std::string frame_png(const cv::Mat &picture)
     return encode(".png", picture, {cv::IMWRITE_PNG_COMPRESSION, 1});
 }
 
-// ---- planes ----
-
-static ShownPlane shown_plane(const PlaneImage &plane)
-{
-    const PlaneState &p = plane.state;
-    return {
-        plane.bytes.data(), plane.bytes.size(), p.width, p.height, p.pitch, p.depth_code, p.x, p.y};
-}
-
-static std::shared_ptr<const std::string> png_or_null(const cv::Mat &picture)
-{
-    return picture.empty() ? nullptr : std::make_shared<const std::string>(frame_png(picture));
-}
-
-std::shared_ptr<const std::string> frame_plane_indices(const PlaneImage &plane)
-{
-    return png_or_null(plane_indices(shown_plane(plane)));
-}
-
-std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
-                                                      const std::vector<uint8_t> &palette)
-{
-    return png_or_null(plane_colors(shown_plane(plane), palette));
-}
-
 // ---- frames for several readers ----
 
 void FairLock::lock()
@@ -193,15 +167,38 @@ std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameReq
 {
     const FrameClock::time_point asked = FrameClock::now();
     const std::shared_ptr<Frame> frame = frame_enter(cache, request);
+    const std::lock_guard still(cache.still);
     const std::lock_guard lock(frame->mutex);
     if (!frame->bytes || frame->begun < asked) {
-        const std::lock_guard still(cache.still);
         const std::lock_guard encoder(cache.encoders);
         frame->asked = frame->begun = FrameClock::now();
         encode_frame(cache, *frame, camera_latest(cache.camera).number);
     }
     *number = frame->number;
     return frame->bytes;
+}
+
+// ---- planes ----
+
+static std::shared_ptr<const std::string> png_or_null(FrameCache &cache, const cv::Mat &picture)
+{
+    if (picture.empty())
+        return nullptr;
+    ++cache.encoded;
+    return std::make_shared<const std::string>(frame_png(picture));
+}
+
+std::shared_ptr<const std::string> frame_plane_indices(FrameCache &cache, const PlaneImage &plane)
+{
+    const std::lock_guard encoder(cache.encoders);
+    return png_or_null(cache, plane_indices(shown_plane(plane)));
+}
+
+std::shared_ptr<const std::string> frame_plane_colors(FrameCache &cache, const PlaneImage &plane,
+                                                      const std::vector<uint8_t> &palette)
+{
+    const std::lock_guard encoder(cache.encoders);
+    return png_or_null(cache, plane_colors(shown_plane(plane), palette));
 }
 
 } // namespace simcam

@@ -36,12 +36,6 @@ struct FrameRequest {
 cv::Mat frame_picture(Camera &camera, const FrameRequest &request);
 std::string frame_png(const cv::Mat &picture);
 
-// A plane's palette indices as gray values, and a plane in its colors, as PNGs. Null if the plane
-// has no pixels.
-std::shared_ptr<const std::string> frame_plane_indices(const PlaneImage &plane);
-std::shared_ptr<const std::string> frame_plane_colors(const PlaneImage &plane,
-                                                      const std::vector<uint8_t> &palette);
-
 using FrameClock = std::chrono::steady_clock;
 
 // A lock that several threads may hold at a time and that serves them in the order in which they
@@ -82,8 +76,10 @@ struct FrameCache {
     Camera &camera;
     std::mutex mutex; // of entries
     std::map<FrameRequest, std::weak_ptr<Frame>> entries;
+    // Held by the one still picture that is encoded. Taken before the frame's mutex: a stream of
+    // the same request does not wait for the stills of others.
+    FairLock still;
     FairLock encoders{frame_encoders()}; // taken after the frame's mutex
-    FairLock still;                      // held by the one still picture that is encoded
     std::atomic<uint64_t> encoded{0};
 
     explicit FrameCache(Camera &its_camera) : camera(its_camera)
@@ -103,5 +99,11 @@ std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, u
 // encoder share the next frame. Sets *number to that of its measurement.
 std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameRequest &request,
                                                uint64_t *number);
+
+// A plane's palette indices as gray values, and a plane in its colors, as PNGs; each encoding takes
+// one of the cache's encoders. Null if the plane has no pixels.
+std::shared_ptr<const std::string> frame_plane_indices(FrameCache &cache, const PlaneImage &plane);
+std::shared_ptr<const std::string> frame_plane_colors(FrameCache &cache, const PlaneImage &plane,
+                                                      const std::vector<uint8_t> &palette);
 
 } // namespace simcam

@@ -237,13 +237,13 @@ static Answer answer_plane(const RoutedRequest &request, std::shared_ptr<const s
 
 static Answer get_plane_indices(Web &web, const RoutedRequest &request)
 {
-    return answer_plane(request, frame_plane_indices(plane_of(web, request)));
+    return answer_plane(request, frame_plane_indices(web.frames, plane_of(web, request)));
 }
 
 static Answer get_plane_colors(Web &web, const RoutedRequest &request)
 {
-    return answer_plane(request,
-                        frame_plane_colors(plane_of(web, request), camera_palette(web.camera)));
+    return answer_plane(request, frame_plane_colors(web.frames, plane_of(web, request),
+                                                    camera_palette(web.camera)));
 }
 
 static Answer get_palette(Web &web, const RoutedRequest &)

@@ -1,6 +1,7 @@
 // Pictures of views and planes, and the sharing of frames.
 #include "web/frames.h"
 
+#include <future>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -28,12 +29,16 @@ static cv::Mat decode(const std::shared_ptr<const std::string> &png)
 
 static cv::Mat indices_of(const PlaneImage &plane)
 {
-    return decode(frame_plane_indices(plane));
+    const auto camera = camera_with("");
+    FrameCache cache(*camera);
+    return decode(frame_plane_indices(cache, plane));
 }
 
 static cv::Mat colors_of(const PlaneImage &plane, const std::vector<uint8_t> &palette)
 {
-    return decode(frame_plane_colors(plane, palette));
+    const auto camera = camera_with("");
+    FrameCache cache(*camera);
+    return decode(frame_plane_colors(cache, plane, palette));
 }
 
 static cv::Vec3b at(const cv::Mat &picture, int x, int y)
@@ -267,6 +272,32 @@ TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
     EXPECT_EQ(cache.encoded, 2u);
 }
 
+TEST(FrameEncoders, BoundThePlanesThatAreEncodedAtATime)
+{
+    const auto camera = camera_with("");
+    FrameCache cache(*camera);
+    PlaneState state;
+    state.width = state.pitch = 3;
+    state.height = 1;
+    state.depth_code = 2;
+    const PlaneImage plane = {state, {11, 16, 17}};
+    std::vector<std::thread> readers;
+
+    for (unsigned i = 0; i < frame_encoders(); i++)
+        cache.encoders.lock();
+    readers.emplace_back([&] { frame_plane_indices(cache, plane); });
+    readers.emplace_back([&] { frame_plane_colors(cache, plane, camera_palette(*camera)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(cache.encoders.waiting(), 2u);
+    EXPECT_EQ(cache.encoded, 0u);
+    for (unsigned i = 0; i < frame_encoders(); i++)
+        cache.encoders.unlock();
+    for (std::thread &reader : readers)
+        reader.join();
+
+    EXPECT_EQ(cache.encoded, 2u);
+}
+
 TEST(FairLock, ServesInTheOrderOfTheRequests)
 {
     FairLock lock;
@@ -335,6 +366,29 @@ TEST(FrameStill, ReadersThatWaitForTheEncoderShareTheNextFrame)
 
     EXPECT_THAT(stills, testing::Each(stills[0]));
     EXPECT_EQ(cache.encoded, 1u);
+}
+
+TEST(FrameStill, ThatWaitsForOthersDoesNotStopAStreamOfTheSameRequest)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    const FrameRequest request = {.view = 1};
+    const std::shared_ptr<Frame> frame = frame_enter(cache, request);
+
+    cache.still.lock(); // as if other stills were being encoded
+    std::thread reader([&] {
+        uint64_t number = 0;
+        frame_still(cache, request, &number);
+    });
+    while (cache.still.waiting() < 1)
+        std::this_thread::yield();
+    auto stream =
+        std::async(std::launch::async, [&] { return frame_next(cache, *frame, 5, ASKED); });
+    const auto outcome = stream.wait_for(std::chrono::seconds(10));
+    cache.still.unlock();
+    reader.join();
+
+    EXPECT_EQ(outcome, std::future_status::ready);
 }
 
 TEST(FrameStill, IsNeverOlderThanItsRequest)
