@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 template <typename Function> static inline Function *next(Function **slot, const char *name)
 {
@@ -25,4 +26,11 @@ static inline int close_next(int fd)
 {
     static int (*slot)(int);
     return next(&slot, "close")(fd);
+}
+
+static inline int statx_next(int directory, const char *path, int flags, unsigned mask,
+                             struct statx *status)
+{
+    static int (*slot)(int, const char *, int, unsigned, struct statx *);
+    return next(&slot, "statx")(directory, path, flags, mask, status);
 }

@@ -19,6 +19,7 @@
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "c_library.h"
@@ -38,6 +39,7 @@ constexpr int DEVICE_COUNT = 16;
 // An open file of the device; several descriptors may refer to it.
 struct Device {
     int connection;       // 0: unused
+    uint64_t inode;       // of the connection
     int users;            // calls under way
     bool closed;          // no descriptor refers to it any more
     pid_t process;        // that made the connection
@@ -89,14 +91,30 @@ static Device *device_take(int fd)
     return found;
 }
 
+// The inode number of a socket, unique among the open ones; 0 for everything else.
+static uint64_t socket_inode(int fd)
+{
+    struct statx status = {};
+    const bool known = statx_next(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) == 0;
+    return known && S_ISSOCK(status.stx_mode) ? status.stx_ino : 0;
+}
+
+// Closes the device's connection unless the program has closed it by number and its descriptor is
+// unused or another file. Preserves errno.
+static void close_connection(const Device *device)
+{
+    const int code = errno;
+    if (socket_inode(device->connection) == device->inode)
+        close_next(device->connection);
+    errno = code;
+}
+
 // Ends the connection of a closed device. The caller holds table_lock.
 static void device_end(Device *device)
 {
     if (!device->closed || device->users > 0)
         return;
-    const int code = errno;
-    close_next(device->connection);
-    errno = code;
+    close_connection(device);
     device->connection = 0;
 }
 
@@ -116,13 +134,15 @@ bool device_is(int fd)
     return device != nullptr;
 }
 
-// Counts the descriptors of the device. Makes all of them refer to replacement unless it is -1. The
-// caller holds table_lock.
+// Counts the descriptors of the device; returns -1 if they cannot be listed. Makes all of them
+// refer to replacement unless it is -1. The caller holds table_lock.
 static int device_descriptors(const Device *device, int replacement)
 {
     DIR *list = opendir("/proc/self/fd");
+    if (!list)
+        return -1;
     int count = 0;
-    for (const dirent64 *entry; list && (entry = readdir64(list));) {
+    for (const dirent64 *entry; (entry = readdir64(list));) {
         char *end = nullptr;
         const int fd = (int)strtol(entry->d_name, &end, 10);
         if (end == entry->d_name || device_find(fd) != device)
@@ -133,8 +153,7 @@ static int device_descriptors(const Device *device, int replacement)
         (void)fcntl(replacement, F_SETFL, fcntl(fd, F_GETFL) & O_NONBLOCK);
         (void)dup3(replacement, fd, fcntl(fd, F_GETFD) & FD_CLOEXEC ? O_CLOEXEC : 0);
     }
-    if (list)
-        closedir(list);
+    closedir(list);
     return count;
 }
 
@@ -217,8 +236,9 @@ static void connect_inherited(Device *device)
         return;
     pthread_mutex_lock(&table_lock);
     (void)device_descriptors(device, fd);
-    close_next(device->connection);
+    close_connection(device);
     device->connection = connection;
+    device->inode = socket_inode(connection);
     pthread_mutex_unlock(&table_lock);
     close_next(fd);
 }
@@ -228,6 +248,9 @@ int device_open(int flags)
     const int refusal = (flags & O_CREAT) && (flags & O_EXCL) ? EEXIST
                         : flags & O_DIRECTORY                 ? ENOTDIR
                                                               : 0;
+    // First, because a connection that the program closed by number would pass for the new one if
+    // both had the same number.
+    device_close_unused();
     int fd = -1, connection = -1;
     const int error = refusal ? refusal : connect_device(&fd, &connection);
     if (error) {
@@ -237,7 +260,6 @@ int device_open(int flags)
     if (flags & O_NONBLOCK)
         (void)fcntl(fd, F_SETFL, O_NONBLOCK);
 
-    device_close_unused();
     bool placed = false;
     pthread_mutex_lock(&table_lock);
     if (process == 0) { // the first device
@@ -249,6 +271,7 @@ int device_open(int flags)
         if (device.connection != 0)
             continue;
         device.connection = connection;
+        device.inode = socket_inode(connection);
         device.process = process;
         device.closed = device.dead = device.asked = false; // nobody else knows this place yet
         __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);

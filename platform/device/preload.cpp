@@ -371,12 +371,11 @@ FSTATAT_FUNCTION(__fstatat64_time64, StatTime64)
 
 EXPORT int statx(int directory, const char *path, int flags, unsigned mask, struct statx *status)
 {
-    static int (*slot)(int, const char *, int, unsigned, struct statx *);
     char buffer[PATH_MAX];
     const char *place = place_of(path, buffer, sizeof buffer);
     if (!place)
         return -1;
-    const int result = next(&slot, "statx")(directory, place, flags, mask, status);
+    const int result = statx_next(directory, place, flags, mask, status);
     if (result == 0 && is_device_at(directory, path)) {
         status->stx_mode = (uint16_t)DEVICE_MODE;
         status->stx_rdev_major = DEVICE_MAJOR;

@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -298,6 +299,51 @@ static void test_close_while_reading()
     claim("EBADF after the close", fails(ioctl(fd, CAM_FOCUS_READ, stats), EBADF));
 }
 
+static void test_without_free_descriptors(int fd)
+{
+    const int copies[] = {dup(fd), dup(fd)};
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    claim("close of a duplicate while no descriptor is free", close(copies[0]) == 0);
+    setrlimit(RLIMIT_NOFILE, &before);
+    claim("the other duplicate reads on", measure(copies[1]));
+    close(copies[1]);
+    claim("so does the first descriptor", measure(fd));
+}
+
+// Ends every open device.
+static void test_close_range()
+{
+    const int before = open_camera(0);
+    claim("close_range of all descriptors", close_range(3, 1000, 0) == 0);
+    uint8_t stats[244];
+    claim("EBADF after it", fails(ioctl(before, CAM_FOCUS_READ, stats), EBADF));
+    const int fd = open_camera(0);
+    claim("an open after it can be read", fd >= 0 && measure(fd));
+    claim("so can a second open", measure(open_camera(0)));
+    claim("the first reads on", measure(fd));
+    // More opens than the driver's substitute has places for.
+    bool all = true;
+    for (int i = 0; i < 20; i++) {
+        close_range(3, 1000, 0);
+        const int file = open("/dev/null", O_RDONLY);
+        all = measure(open_camera(0)) && fcntl(file, F_GETFD) == 0 && all;
+    }
+    claim("20 times close_range and open", all);
+    // A file of the program in place of everything that was open.
+    for (int i = 3; i < 100; i++)
+        dup2(STDOUT_FILENO, i);
+    const int last = open_camera(0);
+    claim("an open after dup2 over all descriptors can be read", measure(last));
+    all = true;
+    for (int i = 3; i < 100; i++)
+        all = fcntl(i, F_GETFD) >= 0 && all;
+    claim("it closes none of them", all);
+    close_range(3, 1000, 0);
+}
+
 int main()
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -318,6 +364,8 @@ int main()
     test_nonblocking();
     test_several(fd);
     test_close_while_reading();
+    test_without_free_descriptors(fd);
     close(fd);
+    test_close_range();
     return failures;
 }

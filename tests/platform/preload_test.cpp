@@ -186,7 +186,7 @@ TEST(Preload, TheDeviceBehavesAsADriverDoes)
     for (const OutputChunk &chunk : camera_output(*camera, 0, 10000))
         text += chunk.bytes;
     EXPECT_EQ(camera_state(*camera).process.last_end, "exit status 0") << text;
-    EXPECT_EQ(count_of(text, "ok: "), 59u) << text;
+    EXPECT_EQ(count_of(text, "ok: "), 70u) << text;
 }
 
 TEST(Preload, ForksReturnWhileOtherThreadsUseTheDevice)
