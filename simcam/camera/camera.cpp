@@ -235,7 +235,8 @@ CameraPtr camera_start(const CameraOptions &options, std::string *error)
 
     camera->process = process_make({options.program, camera->run_directory.path,
                                     camera->run_directory.platform + "/libqm7codec.so.2.0",
-                                    camera->run_directory.platform + "/libsimcam_preload.so"});
+                                    camera->run_directory.platform + "/libsimcam_preload.so",
+                                    options.kill_after_s});
     camera->sensor = std::thread([camera = camera.get()] { run_sensor(*camera); });
     if (!options.program.empty()) {
         *error = process_start(*camera->process);

@@ -35,6 +35,7 @@ struct CameraOptions {
     std::vector<std::string> program; // the overlay process and its arguments; may be empty
     // The folder of the codec library and the preload object; empty: those built with simcam.
     std::string platform_directory;
+    double kill_after_s = 2; // from SIGTERM to SIGKILL when the camera stops
 };
 
 struct CameraState : BoardState {
@@ -52,8 +53,8 @@ struct CameraState : BoardState {
 };
 
 struct Camera;
-// Stops the camera: ends the overlay process if simcam started it (SIGTERM, then SIGKILL after 2
-// s), disconnects every client and ends every thread.
+// Stops the camera: ends the overlay process if simcam started it (SIGTERM, then SIGKILL
+// after kill_after_s), disconnects every client and ends every thread.
 struct CameraDelete {
     void operator()(Camera *camera) const;
 };

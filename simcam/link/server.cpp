@@ -328,9 +328,10 @@ ServerPtr server_start(Board &board, const std::string &path, std::string *error
     if (server->listener < 0 || server->wake < 0 ||
         bind(server->listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         chmod(path.c_str(), 0600) != 0 || listen(server->listener, CLIENT_COUNT_MAX) != 0) {
+        const int code = errno;
         *error = path + ": " +
-                 (errno == EADDRINUSE ? "a directory is in the place of the socket; remove it"
-                                      : std::strerror(errno));
+                 (code == EADDRINUSE ? "a directory is in the place of the socket; remove it"
+                                     : std::strerror(code));
         return nullptr;
     }
     {

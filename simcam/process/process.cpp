@@ -348,7 +348,8 @@ static std::string finish(Process &process)
         return {};
     const pid_t group = process.child; // includes the children of a wrapper script
     kill(-group, SIGTERM);
-    const auto deadline = Clock::now() + std::chrono::seconds(2);
+    const auto deadline =
+        Clock::now() + std::chrono::duration<double>(process.options.kill_after_s);
     while (process.child && Clock::now() < deadline) {
         pollfd entries[2] = {{process.pipes[0], POLLIN, 0}, {process.pipes[1], POLLIN, 0}};
         poll(entries, 2, 10);

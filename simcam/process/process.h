@@ -30,7 +30,7 @@ struct OutputChunk {
 };
 
 struct Process;
-// Sends the process SIGTERM, then SIGKILL after 2 s, and reaps it.
+// Sends the process SIGTERM, then SIGKILL after kill_after_s, and reaps it.
 struct ProcessDelete {
     void operator()(Process *process) const;
 };

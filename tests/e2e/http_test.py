@@ -196,8 +196,10 @@ class Memory(unittest.TestCase):
 
     def test_sixteen_streams_of_their_own_kind(self):
         wait_for("a second of pictures", lambda: self.camera.state()["latest"]["number"] > 30)
+        started = self.resident()
         self.camera.fetch("/api/posts/1/frame.png")
-        time.sleep(3)  # simcam returns freed memory every 2 s
+        wait_for("the return of the picture's memory", lambda: self.resident() <= 1.1 * started,
+                 lambda: f"{started} kB before, {self.resident()} kB now")
         before = self.resident()
         with open(f"/proc/{self.camera.process.pid}/clear_refs", "w", encoding="ascii") as file:
             file.write("5")  # the highest resident memory starts again

@@ -1,5 +1,5 @@
-// A codec library that is none of the simulated camera's: one output of 1280x720 runs. Each plane
-// that is shown is written to the file OTHER_CODEC_FILES + "planeN".
+// A second codec library for the unmodified executable, independent of simcam: one output of
+// 1280x720 runs. Writes each shown plane to the file OTHER_CODEC_FILES + "planeN".
 
 #include <cstdio>
 #include <cstdlib>

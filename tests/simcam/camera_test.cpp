@@ -336,15 +336,20 @@ TEST(Camera, WithoutAProgramThereIsNothingToStart)
 TEST(Camera, StoppingTheCameraEndsAndReapsTheProgram)
 {
     int until_sigterm = 0, until_sigkill = 0;
+    std::chrono::steady_clock::time_point stopped;
     {
         const TestCamera camera(shell("exec sleep 1000"));
         until_sigterm = camera_state(*camera).process.pid;
     }
     {
-        const TestCamera camera(shell("trap '' TERM; echo ready; while :; do sleep 1; done"));
+        CameraOptions options = shell("trap '' TERM; echo ready; while :; do sleep 1; done");
+        options.kill_after_s = 0.1;
+        const TestCamera camera(options);
         until_sigkill = camera_state(*camera).process.pid;
         ASSERT_TRUE(wait_until([&] { return output(*camera, 1) == "ready\n"; }));
+        stopped = std::chrono::steady_clock::now();
     }
+    EXPECT_GE(std::chrono::steady_clock::now() - stopped, std::chrono::milliseconds(100));
     EXPECT_NE(kill(until_sigterm, 0), 0); // kill() succeeds for a zombie
     EXPECT_NE(kill(until_sigkill, 0), 0);
 }

@@ -262,7 +262,10 @@ TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
         uint64_t number = 0;
         frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto deadline = FrameClock::now() + std::chrono::seconds(60);
+    while (cache.encoders.waiting() < readers.size() && FrameClock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(cache.encoders.waiting(), readers.size());
     EXPECT_EQ(cache.encoded, 0u);
     for (unsigned i = 0; i < frame_encoders(); i++)
         cache.encoders.unlock();
