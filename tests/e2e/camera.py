@@ -10,6 +10,9 @@ import time
 import unittest
 import urllib.request
 
+# Simcam is asked directly even if the environment names a proxy.
+urllib.request.install_opener(urllib.request.build_opener(urllib.request.ProxyHandler({})))
+
 WAIT_S = 60  # enough for a loaded machine with two cores
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -29,16 +32,23 @@ def wait_for(what, condition, describe=str):
 
 
 class Camera:
-    """A simcam process. Call stop() before dropping the last reference."""
+    """A simcam process. Call stop() before dropping the last reference, or use it as a context."""
 
-    def __init__(self, simcam, *options):
-        self.process = subprocess.Popen([simcam, "--listen", "127.0.0.1:0", *options],
-                                        stdout=subprocess.PIPE, text=True, cwd=tempfile.gettempdir())
+    def __init__(self, simcam, *options, listen="127.0.0.1:0", stderr=None):
+        self.process = subprocess.Popen([simcam, "--listen", listen, *options], stdout=subprocess.PIPE,
+                                        stderr=stderr, text=True, cwd=tempfile.gettempdir())
         line = self.process.stdout.readline()
-        address = re.search(r"http://\S+/", line)
+        address = re.fullmatch(r"simcam: (http://[\w.:\[\]]+:\d+/)\n", line)
         if not address:
+            self.process.kill()
             raise AssertionError(f"simcam printed no address but {line!r}")
-        self.address = address.group(0)
+        self.address = address.group(1)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *reason):
+        self.stop()
 
     def stop(self):
         self.process.terminate()

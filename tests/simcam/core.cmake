@@ -26,10 +26,11 @@ gtest_discover_tests(simcam_main_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 12
 
 find_program(SIMCAM_PYTHON NAMES python3)
 if(SIMCAM_PYTHON)
-    add_test(NAME simcam_options
-        COMMAND ${SIMCAM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/options_test.py
-                --simcam $<TARGET_FILE:simcam> --docs ${PROJECT_SOURCE_DIR}/docs/simcam.md)
-    set_tests_properties(simcam_options PROPERTIES TIMEOUT 240)
+    set(file ${CMAKE_CURRENT_LIST_DIR}/options_test.py)
+    python_test(simcam_options ${file}
+        COMMAND ${SIMCAM_PYTHON} ${file}
+                --simcam $<TARGET_FILE:simcam> --docs ${PROJECT_SOURCE_DIR}/docs/simcam.md
+        PROPERTIES TIMEOUT 240)
 else()
     message(STATUS "tests: no python3, the options and their table are not tested")
 endif()

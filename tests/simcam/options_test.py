@@ -1,42 +1,22 @@
 """What the options of the command line do to the camera, and that docs/simcam.md says what there is."""
 import argparse
-import json
 import os
 import re
-import signal
 import socket
 import subprocess
 import sys
 import tempfile
 import unittest
-import urllib.request
+
+sys.dont_write_bytecode = True  # nothing beside the sources
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "e2e"))
+from camera import Camera
 
 settings = None
 
 
-class Simcam:
-    """A camera on a free port, as a context; told to end, it ends with status 0."""
-
-    def __init__(self, *options, listen="127.0.0.1:0", stderr=None):
-        self.process = subprocess.Popen([settings.simcam, "--listen", listen, *options],
-                                        stdout=subprocess.PIPE, stderr=stderr, text=True)
-        line = self.process.stdout.readline()
-        self.address = re.fullmatch(r"simcam: (http://[\w.:\[\]]+:\d+/)\n", line).group(1)
-
-    def get(self, path):
-        direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-        with direct.open(self.address + path, timeout=60) as answer:
-            return json.load(answer)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *reason):
-        self.process.send_signal(signal.SIGTERM)
-        self.process.stdout.close()
-        status = self.process.wait()
-        if status != 0 and reason[0] is None:
-            raise AssertionError(f"simcam ended with {status}")
+def start(*options, **keywords):
+    return Camera(settings.simcam, *options, **keywords)
 
 
 def posts_of(state):
@@ -63,8 +43,8 @@ class Listening(unittest.TestCase):
     def run_on(self, address):
         """What it writes to standard error, its address, and its routes as read from there."""
         with tempfile.TemporaryFile("w+") as errors:
-            with Simcam("--scene", "chart", listen=address, stderr=errors) as camera:
-                routes = camera.get("api")["routes"]
+            with start("--scene", "chart", listen=address, stderr=errors) as camera:
+                routes = camera.get("/api")["routes"]
             errors.seek(0)
             return errors.read(), camera.address, routes
 
@@ -98,13 +78,13 @@ class Options(unittest.TestCase):
     def test_each_is_in_the_state(self):
         with tempfile.TemporaryDirectory() as directory:
             run_directory = os.path.join(directory, "run")
-            with Simcam("--scene", "chart", "--ring", "0.25", "--sweep", "--sweep-period", "3600",
-                        "--seed", "42", "--pitch-align", "64", "--rate", "60", "--noise", "0.5",
-                        "--run-dir", run_directory, "--post", "0=352x240", "--post", "1=720x480",
-                        "--post", "1=off", "--post", "3=1920x1080") as camera:
-                state = camera.get("api/state")
+            with start("--scene", "chart", "--ring", "0.25", "--sweep", "--sweep-period", "3600",
+                       "--seed", "42", "--pitch-align", "64", "--rate", "60", "--noise", "0.5",
+                       "--run-dir", run_directory, "--post", "0=352x240", "--post", "1=720x480",
+                       "--post", "1=off", "--post", "3=1920x1080") as camera:
+                state = camera.state()
                 while state["latest"]["number"] == 0:
-                    state = camera.get("api/state")
+                    state = camera.state()
 
                 self.assertEqual(state["run_directory"], run_directory)
                 self.assertTrue(os.path.exists(os.path.join(run_directory, "socket")))
@@ -117,20 +97,20 @@ class Options(unittest.TestCase):
         self.assertAlmostEqual(state["latest"]["ring"], 0.25 + seconds / 1800, 6)
 
     def test_posts_that_are_only_taken_away_leave_the_others(self):
-        with Simcam("--scene", "chart", "--post", "1=off", "--post", "3=off") as camera:
-            self.assertEqual(posts_of(camera.get("api/state")), [(1280, 720), None, (720, 480), None])
+        with start("--scene", "chart", "--post", "1=off", "--post", "3=off") as camera:
+            self.assertEqual(posts_of(camera.state()), [(1280, 720), None, (720, 480), None])
 
     def test_one_post_is_the_only_one(self):
-        with Simcam("--scene", "chart", "--post", "2=off", "--post", "0=1280x720") as camera:
-            self.assertEqual(posts_of(camera.get("api/state")), [(1280, 720), None, None, None])
+        with start("--scene", "chart", "--post", "2=off", "--post", "0=1280x720") as camera:
+            self.assertEqual(posts_of(camera.state()), [(1280, 720), None, None, None])
 
     def test_the_ring_stands_where_it_is_put(self):
-        with Simcam("--scene", "chart", "--ring", "0.75") as camera:
-            self.assertEqual(camera.get("api/state")["ring"], 0.75)
+        with start("--scene", "chart", "--ring", "0.75") as camera:
+            self.assertEqual(camera.state()["ring"], 0.75)
 
     def test_without_any_it_is_the_photograph_on_four_outputs(self):
-        with Simcam() as camera:
-            state = camera.get("api/state")
+        with start() as camera:
+            state = camera.state()
 
         self.assertEqual(posts_of(state), [(1280, 720), (1920, 1080), (720, 480), (352, 240)])
         self.assertEqual((state["scene"], state["ring"], state["seed"], state["pitch_align"],
@@ -183,8 +163,8 @@ class Documentation(unittest.TestCase):
                 self.assertEqual(documented[option], default.group(1), option)
 
     def test_names_every_route_with_its_parameters(self):
-        with Simcam("--scene", "chart") as camera:
-            routes = camera.get("api")["routes"]
+        with start("--scene", "chart") as camera:
+            routes = camera.get("/api")["routes"]
 
         documented = {row[0].strip("`"): row[2] for row in table("## HTTP")}
         there = {f"{route['method']} {route['path']}":
@@ -195,7 +175,7 @@ class Documentation(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    parser.add_argument("--simcam", required=True)
+    parser.add_argument("--simcam", required=True, type=os.path.abspath)
     parser.add_argument("--docs", required=True)
     settings, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest])
