@@ -35,7 +35,7 @@ struct PlaneMappings {
 };
 
 struct Library {
-    bool initialized;
+    bool initialized; // false while connection and events change: a fork may copy this record
     bool dead;        // the connection failed; only library_exit succeeds
     int connection;   // valid while initialized
     int events;       // socket that receives WireNotify records; valid while initialized
@@ -179,10 +179,10 @@ static uint32_t notify_start(int events, pthread_t *thread)
 static void after_fork()
 {
     lock = PTHREAD_MUTEX_INITIALIZER;
-    if (!library.initialized)
-        return;
-    close(library.connection);
-    close(library.events);
+    if (library.initialized) {
+        close(library.connection);
+        close(library.events);
+    }
     library = {};
     notify_callback = nullptr;
 }
@@ -213,10 +213,10 @@ int32_t qm7_cl_library_init()
         error = events < 0 ? CODEC_NO_CAMERA : notify_start(events, &thread);
 
     if (error == 0) {
-        library.initialized = true;
         library.connection = connection;
         library.events = events;
         library.thread = thread;
+        __atomic_store_n(&library.initialized, true, __ATOMIC_RELEASE);
     } else {
         if (events >= 0)
             close(events);
@@ -243,6 +243,8 @@ int32_t qm7_cl_library_exit()
 
     const pthread_t thread = library.thread;
     const int events = library.events;
+    // A fork from here on leaves closing to this process.
+    __atomic_store_n(&library.initialized, false, __ATOMIC_SEQ_CST);
     close(library.connection);
     unmap_all();
     library = {};

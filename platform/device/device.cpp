@@ -38,8 +38,8 @@ constexpr int DEVICE_COUNT = 16;
 
 // An open file of the device; several descriptors may refer to it.
 struct Device {
-    int connection;       // 0: unused
     uint64_t inode;       // of the connection
+    int connection;       // 0: unused
     int users;            // calls under way
     bool closed;          // no descriptor refers to it any more
     pid_t process;        // that made the connection
@@ -49,9 +49,9 @@ struct Device {
     pthread_mutex_t lock; // held during a request
 };
 
-// Guards connection, users, closed of all devices, and process. May be taken while a device's lock
-// is held, not the other way round. Recursive: fork holds it while it runs the handlers of other
-// libraries, which may close files.
+// Guards inode, connection, users, closed of all devices, and process. May be taken while a
+// device's lock is held, not the other way round. Recursive: fork holds it while it runs the
+// handlers of other libraries, which may close files.
 static pthread_mutex_t table_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static Device devices[DEVICE_COUNT];
 static bool table_used; // false spares processes without a device the lock
@@ -59,6 +59,20 @@ static bool table_used; // false spares processes without a device the lock
 // where the table must not change, and in the child of a fork until after_fork_in_child has run,
 // where table_lock is still held.
 static pid_t process;
+
+// Disables the cancellation of the calling thread, which would leave locks held. Returns the state
+// to restore.
+static int disable_cancellation()
+{
+    int before = 0;
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
+}
+
+static void restore_cancellation(int before)
+{
+    (void)pthread_setcancelstate(before, nullptr);
+}
 
 // Returns the device that fd refers to, or null. Preserves errno. The caller holds table_lock.
 static Device *device_find(int fd)
@@ -160,6 +174,7 @@ static int device_descriptors(const Device *device, int replacement)
 void device_close_unused()
 {
     const int code = errno;
+    const int cancellation = disable_cancellation();
     pthread_mutex_lock(&table_lock);
     for (Device &device : devices) {
         if (device.connection == 0)
@@ -168,6 +183,7 @@ void device_close_unused()
         device_end(&device);
     }
     pthread_mutex_unlock(&table_lock);
+    restore_cancellation(cancellation);
     errno = code;
 }
 
@@ -197,7 +213,8 @@ static void after_fork_in_child()
 // number.
 static int connect_device(int *fd, int *connection)
 {
-    constexpr int FIRST_NUMBER = 64; // programs choose the low descriptor numbers themselves
+    // Programs choose the low descriptor numbers themselves: used only if the limit is low.
+    constexpr int FIRST_NUMBER = 64, FIRST_LOW_NUMBER = 3;
     *connection = -1;
     *fd = epoll_create1(EPOLL_CLOEXEC);
     if (*fd < 0)
@@ -209,7 +226,8 @@ static int connect_device(int *fd, int *connection)
         error = ENOENT;
     else if (client_call(low, WIRE_DEVICE_OPEN, nullptr, nullptr, nullptr, &error) != 0)
         error = EIO;
-    else if (error == 0 && ((*connection = fcntl(low, F_DUPFD_CLOEXEC, FIRST_NUMBER)) < 0 ||
+    else if (error == 0 && (((*connection = fcntl(low, F_DUPFD_CLOEXEC, FIRST_NUMBER)) < 0 &&
+                             (*connection = fcntl(low, F_DUPFD_CLOEXEC, FIRST_LOW_NUMBER)) < 0) ||
                             epoll_ctl(*fd, EPOLL_CTL_ADD, *connection, &event) != 0))
         error = EMFILE;
     if (low >= 0)
@@ -395,15 +413,27 @@ bool device_ioctl(int fd, unsigned long request, void *argument, int *result)
             errno = ENOTTY;
         return true;
     }
-    const bool waits = !(fcntl(fd, F_GETFL) & O_NONBLOCK);
-    // A request given as a negative int arrives sign-extended.
-    *result = serve_request(device, waits, (uint32_t)request, argument);
+    const int cancellation = disable_cancellation();
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) // closed by another thread; errno is EBADF
+        *result = -1;
+    else // a request given as a negative int arrives sign-extended
+        *result = serve_request(device, !(flags & O_NONBLOCK), (uint32_t)request, argument);
+    const int code = errno;
     device_release(device);
+    restore_cancellation(cancellation);
+    errno = code;
     return true;
 }
 
 void device_prepare_poll(pollfd *entries, nfds_t count)
 {
+    if (!__atomic_load_n(&table_used, __ATOMIC_ACQUIRE))
+        return;
+    // Fails for a bad address, which the program's own call then reports.
+    if (poll_next(entries, count, 0) < 0 && errno != EINTR)
+        return;
+    const int cancellation = disable_cancellation();
     for (nfds_t i = 0; i < count; i++) {
         Device *device = entries[i].events & POLLIN ? device_take(entries[i].fd) : nullptr;
         if (!device)
@@ -415,4 +445,5 @@ void device_prepare_poll(pollfd *entries, nfds_t count)
         }
         device_release(device);
     }
+    restore_cancellation(cancellation);
 }

@@ -361,6 +361,32 @@ FSTAT_FUNCTION(fstat, struct stat)
 FSTAT_FUNCTION(fstat64, struct stat64)
 FSTATAT_FUNCTION(fstatat, struct stat)
 FSTATAT_FUNCTION(fstatat64, struct stat64)
+
+// What these functions are called in programs built with a C library before 2.33. The first
+// argument is the version of the record; there is one per machine.
+#define OLD_STAT_FUNCTION(name, function, First, Status)                                           \
+    EXPORT int name(int, First first, Status *status)                                              \
+    {                                                                                              \
+        return function(first, status);                                                            \
+    }
+
+OLD_STAT_FUNCTION(__xstat, stat, const char *, struct stat)
+OLD_STAT_FUNCTION(__lxstat, lstat, const char *, struct stat)
+OLD_STAT_FUNCTION(__fxstat, fstat, int, struct stat)
+OLD_STAT_FUNCTION(__xstat64, stat64, const char *, struct stat64)
+OLD_STAT_FUNCTION(__lxstat64, lstat64, const char *, struct stat64)
+OLD_STAT_FUNCTION(__fxstat64, fstat64, int, struct stat64)
+
+EXPORT int __fxstatat(int, int directory, const char *path, struct stat *status, int flags)
+{
+    return fstatat(directory, path, status, flags);
+}
+
+EXPORT int __fxstatat64(int, int directory, const char *path, struct stat64 *status, int flags)
+{
+    return fstatat64(directory, path, status, flags);
+}
+
 #if __SIZEOF_LONG__ == 4
 // What these functions are called in programs with 64-bit time on 32-bit machines.
 STAT_FUNCTION(__stat64_time64, StatTime64)

@@ -62,6 +62,7 @@ static void test_addresses(int fd)
           fails(ioctl(fd, CAM_FOCUS_CONFIG, page), EFAULT));
     claim("EFAULT for a read to a bad address", fails(ioctl(fd, CAM_FOCUS_READ, page), EFAULT));
     claim("EFAULT for a null pointer", fails(ioctl(fd, CAM_FOCUS_READ, nullptr), EFAULT));
+    claim("EFAULT for poll at a bad address", fails(poll((pollfd *)page, 1, 0), EFAULT));
     claim("a read after them succeeds", measure(fd));
     munmap(page, 4096);
 }
@@ -184,6 +185,29 @@ static bool open_another(int)
     return configure(fd) && measure(fd);
 }
 
+static bool keeps_flags(int fd)
+{
+    pollfd entry = {fd, POLLIN, 0};
+    return poll(&entry, 1, 5000) == 1 && measure(fd) && (fcntl(fd, F_GETFL) & O_NONBLOCK) &&
+           fcntl(fd, F_GETFD) == FD_CLOEXEC;
+}
+
+static bool keeps_no_flags(int fd)
+{
+    return measure(fd) && !(fcntl(fd, F_GETFL) & O_NONBLOCK) && fcntl(fd, F_GETFD) == 0;
+}
+
+static void test_flags_after_fork()
+{
+    const int set = open_camera(O_NONBLOCK), clear = open_camera(0);
+    fcntl(set, F_SETFD, FD_CLOEXEC);
+    fcntl(clear, F_SETFD, 0);
+    claim("a child's descriptor keeps O_NONBLOCK and FD_CLOEXEC", holds_in_child(keeps_flags, set));
+    claim("or their absence", holds_in_child(keeps_no_flags, clear));
+    close(set);
+    close(clear);
+}
+
 static void test_fork(int fd)
 {
     claim("a child reads the parent's device", holds_in_child(measure_twice, fd));
@@ -299,6 +323,38 @@ static void test_close_while_reading()
     claim("EBADF after the close", fails(ioctl(fd, CAM_FOCUS_READ, stats), EBADF));
 }
 
+static void *read_until_canceled(void *)
+{
+    for (;;) {
+        measure(shared);
+        pthread_testcancel();
+    }
+    return nullptr;
+}
+
+static void test_cancellation(int fd)
+{
+    shared = fd;
+    pthread_t thread;
+    pthread_create(&thread, nullptr, read_until_canceled, nullptr);
+    usleep(100000);
+    pthread_cancel(thread);
+    claim("a reading thread ends once canceled", pthread_join(thread, nullptr) == 0);
+    claim("the device can be read after that", measure(fd));
+}
+
+static void test_few_descriptors()
+{
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few = {32, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    const int fd = open_camera(0);
+    claim("the device opens where 32 descriptors are allowed", fd >= 0 && measure(fd));
+    close(fd);
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
 static void test_without_free_descriptors(int fd)
 {
     const int copies[] = {dup(fd), dup(fd)};
@@ -359,11 +415,14 @@ int main()
     test_stream();
     test_duplicates();
     test_fork(fd);
+    test_flags_after_fork();
     test_signals(fd);
     test_poll(fd);
     test_nonblocking();
     test_several(fd);
     test_close_while_reading();
+    test_cancellation(fd);
+    test_few_descriptors();
     test_without_free_descriptors(fd);
     close(fd);
     test_close_range();

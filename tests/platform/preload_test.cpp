@@ -186,7 +186,7 @@ TEST(Preload, TheDeviceBehavesAsADriverDoes)
     for (const OutputChunk &chunk : camera_output(*camera, 0, 10000))
         text += chunk.bytes;
     EXPECT_EQ(camera_state(*camera).process.last_end, "exit status 0") << text;
-    EXPECT_EQ(count_of(text, "ok: "), 70u) << text;
+    EXPECT_EQ(count_of(text, "ok: "), 76u) << text;
 }
 
 TEST(Preload, ForksReturnWhileOtherThreadsUseTheDevice)
@@ -196,6 +196,18 @@ TEST(Preload, ForksReturnWhileOtherThreadsUseTheDevice)
     ASSERT_EQ(outcome.lines.size(), 6u);
     for (const Line &line : outcome.lines)
         EXPECT_EQ(line.result, 0) << line.action;
+}
+
+TEST(Preload, ProgramsBuiltWithAnOlderCLibrarySeeADevice)
+{
+    std::vector<std::string> actions = {"open"};
+    for (const char *name :
+         {"__xstat", "__lxstat", "__fxstat", "__xstat64", "__lxstat64", "__fxstat64"})
+        actions.insert(actions.end(), {"old-stat", name});
+    const Outcome outcome = ProbeCamera(actions).outcome();
+    ASSERT_EQ(outcome.lines.size(), 7u);
+    for (size_t i = 0; i < outcome.lines.size(); i++)
+        EXPECT_EQ(outcome.lines[i].result, 0) << i;
 }
 
 TEST(Preload, ReadingsBeforeAConfigurationFailAndWriteNothing)

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -110,6 +111,23 @@ static int fork_often()
     return result;
 }
 
+// Looks at the device as programs built with a C library before 2.33 do. Such a function exists for
+// their sake only and has to be looked up.
+static int old_stat(const char *name)
+{
+    struct stat status = {};
+    void *function = dlsym(RTLD_DEFAULT, name);
+    if (!function)
+        return -2;
+    const bool takes_descriptor = strncmp(name, "__fx", 4) == 0;
+    const int result =
+        takes_descriptor
+            ? reinterpret_cast<int (*)(int, int, struct stat *)>(function)(1, camera, &status)
+            : reinterpret_cast<int (*)(int, const char *, struct stat *)>(function)(1, "/dev/cam",
+                                                                                    &status);
+    return result == 0 && S_ISCHR(status.st_mode) ? 0 : -1;
+}
+
 // Returns the result; *extra is printed after it unless negative.
 static int act(const std::string &action, const char *argument, long long *extra)
 {
@@ -142,6 +160,8 @@ static int act(const std::string &action, const char *argument, long long *extra
         return static_cast<int>(read(camera, config, sizeof config));
     if (action == "is-device")
         return fstat(camera, &status) == 0 && S_ISCHR(status.st_mode) ? 0 : -1;
+    if (action == "old-stat")
+        return old_stat(argument);
     if (action == "close")
         return close(camera);
     if (action == "byte")
@@ -169,7 +189,8 @@ int main(int count, char **arguments)
     for (int i = 1; i < count; i++) {
         const std::string action = arguments[i];
         const bool takes_path = action == "byte" || action == "stream-byte" || action == "write" ||
-                                action == "wait-for" || action == "access" || action == "create";
+                                action == "wait-for" || action == "access" || action == "create" ||
+                                action == "old-stat";
         long long extra = -1;
         errno = 0;
         const int result = act(action, takes_path ? arguments[++i] : nullptr, &extra);
