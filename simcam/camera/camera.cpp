@@ -457,27 +457,26 @@ CameraNewest camera_newest(Camera &camera)
 
 // ---- pictures
 
-static Picture latest_picture(Camera &camera)
+SensorPicture camera_sensor_picture(Camera &camera)
 {
     const std::lock_guard guard(camera.pictures);
-    return camera.picture;
+    return {camera.picture, camera.measurements.newest};
 }
 
-cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
+cv::Mat camera_picture(Camera &camera, const SensorPicture &sensor, int post, bool with_planes)
 {
     const PostImage image = board_post_image(camera.board, post);
     if (!image.state.running)
         return {};
     const cv::Size size(static_cast<int>(image.state.width), static_cast<int>(image.state.height));
-    const Picture sensor = latest_picture(camera);
     cv::Mat picture;
-    if (!sensor)
+    if (!sensor.pixels)
         picture = cv::Mat::zeros(size, CV_8UC3); // before the first measurement
-    else if (sensor->size() == size)
-        picture = sensor->clone();
+    else if (sensor.pixels->size() == size)
+        picture = sensor.pixels->clone();
     else
-        cv::resize(*sensor, picture, size, 0, 0,
-                   size.width < sensor->cols ? cv::INTER_AREA : cv::INTER_LINEAR);
+        cv::resize(*sensor.pixels, picture, size, 0, 0,
+                   size.width < sensor.pixels->cols ? cv::INTER_AREA : cv::INTER_LINEAR);
     if (!with_planes)
         return picture;
 
@@ -486,12 +485,6 @@ cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
             compose_plane(shown_plane(plane), image.palette, &picture);
     }
     return picture;
-}
-
-cv::Mat camera_sensor_picture(Camera &camera)
-{
-    const Picture sensor = latest_picture(camera);
-    return sensor ? sensor->clone() : cv::Mat();
 }
 
 PlaneImage camera_plane(Camera &camera, int post, int plane)

@@ -33,9 +33,9 @@ static cv::Mat post_is_off(int post, int width, int height)
     return picture;
 }
 
-static cv::Mat post_picture(Camera &camera, int post, bool planes)
+static cv::Mat post_picture(Camera &camera, const SensorPicture &sensor, int post, bool planes)
 {
-    cv::Mat picture = camera_picture(camera, post, planes);
+    cv::Mat picture = camera_picture(camera, sensor, post, planes);
     return picture.empty() ? post_is_off(post, TILE_WIDTH, TILE_HEIGHT) : picture;
 }
 
@@ -51,26 +51,31 @@ static void fit_into(const cv::Mat &picture, cv::Mat tile)
     cv::resize(picture, place, place.size(), 0, 0, scale < 1 ? cv::INTER_AREA : cv::INTER_LINEAR);
 }
 
-static cv::Mat all_posts(Camera &camera, bool planes)
+static cv::Mat all_posts(Camera &camera, const SensorPicture &sensor, bool planes)
 {
     cv::Mat all(2 * TILE_HEIGHT, 2 * TILE_WIDTH, CV_8UC3, DARK);
     for (int post = 0; post < POST_COUNT; ++post) {
         const cv::Rect place(post % 2 * TILE_WIDTH, post / 2 * TILE_HEIGHT, TILE_WIDTH,
                              TILE_HEIGHT);
-        fit_into(post_picture(camera, post, planes), all(place));
+        fit_into(post_picture(camera, sensor, post, planes), all(place));
     }
     cv::line(all, {TILE_WIDTH, 0}, {TILE_WIDTH, 2 * TILE_HEIGHT}, DARK, 4);
     cv::line(all, {0, TILE_HEIGHT}, {2 * TILE_WIDTH, TILE_HEIGHT}, DARK, 4);
     return all;
 }
 
-cv::Mat frame_picture(Camera &camera, const FrameRequest &request)
+cv::Mat frame_picture(Camera &camera, const FrameRequest &request, uint64_t *number)
 {
-    cv::Mat picture = request.view == VIEW_ALL ? all_posts(camera, request.planes)
-                      : request.view == VIEW_SENSOR
-                          ? camera_sensor_picture(camera)
-                          : post_picture(camera, request.view, request.planes);
-    if (picture.empty())
+    const SensorPicture sensor = camera_sensor_picture(camera);
+    *number = sensor.number;
+    cv::Mat picture;
+    if (request.view == VIEW_ALL)
+        picture = all_posts(camera, sensor, request.planes);
+    else if (request.view != VIEW_SENSOR)
+        picture = post_picture(camera, sensor, request.view, request.planes);
+    else if (sensor.pixels)
+        picture = sensor.pixels->clone(); // the sensor uses the memory again
+    else
         picture = cv::Mat(TILE_HEIGHT, TILE_WIDTH, CV_8UC3, DARK);
     if (request.width <= 0 || picture.cols <= request.width)
         return picture;
@@ -137,28 +142,28 @@ std::shared_ptr<Frame> frame_enter(FrameCache &cache, const FrameRequest &reques
 }
 
 // The frame's mutex is held.
-static void encode_frame(FrameCache &cache, Frame &frame, uint64_t number)
+static void encode_frame(FrameCache &cache, Frame &frame)
 {
     const FrameRequest &request = frame.request;
-    const cv::Mat picture = frame_picture(cache.camera, request);
+    const cv::Mat picture = frame_picture(cache.camera, request, &frame.number);
     frame.bytes = std::make_shared<const std::string>(
         request.quality == QUALITY_PNG
             ? frame_png(picture)
             : encode(".jpg", picture, {cv::IMWRITE_JPEG_QUALITY, request.quality}));
-    frame.number = number;
     ++cache.encoded;
 }
 
-std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t number,
+std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t *number,
                                               FrameClock::time_point asked)
 {
     const std::lock_guard lock(frame.mutex);
-    if (frame.bytes && frame.number >= number && asked - frame.asked < FRAME_AGE_MAX)
-        return frame.bytes;
-    const std::lock_guard encoder(cache.encoders);
-    frame.asked = asked;
-    frame.begun = FrameClock::now();
-    encode_frame(cache, frame, number);
+    if (!frame.bytes || frame.number < *number || asked - frame.asked >= FRAME_AGE_MAX) {
+        const std::lock_guard encoder(cache.encoders);
+        frame.asked = asked;
+        frame.begun = FrameClock::now();
+        encode_frame(cache, frame);
+    }
+    *number = frame.number;
     return frame.bytes;
 }
 
@@ -172,7 +177,7 @@ std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameReq
     if (!frame->bytes || frame->begun < asked) {
         const std::lock_guard encoder(cache.encoders);
         frame->asked = frame->begun = FrameClock::now();
-        encode_frame(cache, *frame, camera_latest(cache.camera).number);
+        encode_frame(cache, *frame);
     }
     *number = frame->number;
     return frame->bytes;

@@ -32,8 +32,9 @@ struct FrameRequest {
     auto operator<=>(const FrameRequest &) const = default;
 };
 
-// 8-bit BGR; a post that is off gives a dark picture that says so.
-cv::Mat frame_picture(Camera &camera, const FrameRequest &request);
+// 8-bit BGR, of one picture of the sensor; a post that is off gives a dark picture that says so.
+// Sets *number to that of the sensor's measurement.
+cv::Mat frame_picture(Camera &camera, const FrameRequest &request, uint64_t *number);
 std::string frame_png(const cv::Mat &picture);
 
 using FrameClock = std::chrono::steady_clock;
@@ -66,7 +67,7 @@ unsigned frame_encoders();
 struct Frame {
     FrameRequest request;
     FairLock mutex;      // held during encoding: others wait for it instead of encoding as well
-    uint64_t number = 0; // of the measurement
+    uint64_t number = 0; // of the measurement of its picture
     FrameClock::time_point asked; // by the reader that encoded it
     FrameClock::time_point begun; // when its encoding began
     std::shared_ptr<const std::string> bytes;
@@ -91,9 +92,10 @@ struct FrameCache {
 std::shared_ptr<Frame> frame_enter(FrameCache &cache, const FrameRequest &request);
 // How old a frame of a stream may get while nothing is measured: posts and planes still change.
 constexpr std::chrono::milliseconds FRAME_AGE_MAX{400};
-// For streams: the frame of measurement number or a later one, encoded by the reader that comes
-// first. asked is when the caller asked; the time it waits for another reader's encode is ignored.
-std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t number,
+// For streams: the frame of measurement *number or a later one, encoded by the reader that comes
+// first. Sets *number to that of the frame. asked is when the caller asked; the time it waits for
+// another reader's encode is ignored.
+std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t *number,
                                               FrameClock::time_point asked);
 // For still pictures: a frame whose encoding began after the call. Readers that wait for the
 // encoder share the next frame. Sets *number to that of its measurement.

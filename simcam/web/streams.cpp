@@ -59,7 +59,7 @@ struct PictureStream {
     Web *web;
     std::shared_ptr<Frame> frame;
     Clock::duration pause;
-    uint64_t number = 0;
+    uint64_t number = 0; // of the last picture sent
     Clock::time_point due = Clock::now();
 
     std::string next()
@@ -75,7 +75,7 @@ struct PictureStream {
         if (web->stopping)
             return {};
         number = camera_latest(web->camera).number;
-        const auto jpeg = frame_next(web->frames, *frame, number, Clock::now());
+        const auto jpeg = frame_next(web->frames, *frame, &number, Clock::now());
         // From the time it was due, so that delays do not add up; from now on after a long stall.
         due = std::max(due + pause, Clock::now() - pause);
         return "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: " +

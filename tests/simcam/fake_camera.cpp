@@ -26,6 +26,7 @@ struct Camera {
     std::vector<std::string> changes;
     int pictures = 0;
     bool noise = false;
+    bool hurry = false;
 };
 
 CameraPtr camera_start(const CameraOptions &options, std::string *error)
@@ -68,10 +69,30 @@ CameraState camera_state(Camera &camera)
     return state;
 }
 
+// The camera's mutex is held.
+static void measure(Camera &camera, uint32_t value)
+{
+    Measurement m;
+    m.number = camera.measurements.size() + 1;
+    m.time_s = static_cast<double>(m.number) / 32;
+    m.raw = value * 100;
+    m.value = value;
+    m.ring = camera.state.ring;
+    m.overlay = camera.state.overlay;
+    camera.state.overlay.running = true; // simulates a process that reads every measurement
+    overlay_focus_read(&camera.state.overlay, m.raw);
+    camera.measurements.push_back(m);
+    camera.state.latest = m;
+    camera.state.time_s = m.time_s;
+}
+
 Measurement camera_latest(Camera &camera)
 {
     const std::lock_guard lock(camera.mutex);
-    return camera.state.latest;
+    const Measurement latest = camera.state.latest;
+    if (camera.hurry)
+        measure(camera, 1);
+    return latest;
 }
 
 PostState camera_post(Camera &camera, int post)
@@ -247,8 +268,14 @@ CameraNewest camera_newest(Camera &camera)
     return {camera.measurements.size(), camera.calls.size(), camera.output.size()};
 }
 
+static void mark(uint64_t number, cv::Mat *picture)
+{
+    cv::rectangle(*picture, {picture->cols - 40, picture->rows - 40, 40, 40},
+                  cv::Scalar::all(fake_corner(number)), cv::FILLED);
+}
+
 // Gray (post + 1) * 40, with a white spot if planes are requested.
-cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
+cv::Mat camera_picture(Camera &camera, const SensorPicture &sensor, int post, bool with_planes)
 {
     const std::lock_guard lock(camera.mutex);
     const PostState &state = camera.state.post[static_cast<size_t>(post)];
@@ -261,12 +288,21 @@ cv::Mat camera_picture(Camera &camera, int post, bool with_planes)
         cv::randu(picture, 0, 256);
     if (with_planes)
         cv::rectangle(picture, {0, 0, 8, 8}, cv::Scalar::all(255), cv::FILLED);
+    mark(sensor.number, &picture);
+    if (camera.hurry)
+        measure(camera, 1);
     return picture;
 }
 
-cv::Mat camera_sensor_picture(Camera &)
+SensorPicture camera_sensor_picture(Camera &camera)
 {
-    return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(99));
+    const std::lock_guard lock(camera.mutex);
+    cv::Mat picture(720, 1280, CV_8UC3, cv::Scalar::all(99));
+    const uint64_t number = camera.state.latest.number;
+    mark(number, &picture);
+    if (camera.hurry)
+        measure(camera, 1);
+    return {std::make_shared<const cv::Mat>(picture), number};
 }
 
 PlaneImage camera_plane(Camera &camera, int post, int plane)
@@ -293,18 +329,7 @@ void fake_measure(Camera &camera, uint32_t value)
 {
     {
         const std::lock_guard lock(camera.mutex);
-        Measurement m;
-        m.number = camera.measurements.size() + 1;
-        m.time_s = static_cast<double>(m.number) / 32;
-        m.raw = value * 100;
-        m.value = value;
-        m.ring = camera.state.ring;
-        m.overlay = camera.state.overlay;
-        camera.state.overlay.running = true; // simulates a process that reads every measurement
-        overlay_focus_read(&camera.state.overlay, m.raw);
-        camera.measurements.push_back(m);
-        camera.state.latest = m;
-        camera.state.time_s = m.time_s;
+        measure(camera, value);
     }
     camera.measured.notify_all();
 }
@@ -339,6 +364,12 @@ void fake_noise(Camera &camera)
 {
     const std::lock_guard lock(camera.mutex);
     camera.noise = true;
+}
+
+void fake_hurry(Camera &camera)
+{
+    const std::lock_guard lock(camera.mutex);
+    camera.hurry = true;
 }
 
 int fake_pictures(Camera &camera)

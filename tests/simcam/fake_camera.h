@@ -22,6 +22,14 @@ void fake_show(Camera &camera, int post, int plane, const PlaneState &state,
 std::vector<std::string> fake_changes(Camera &camera);
 // Fills the pictures of posts with noise, which does not compress.
 void fake_noise(Camera &camera);
+// From now on a measurement follows each call for the latest one or for a picture.
+void fake_hurry(Camera &camera);
+// The gray level of the corner at the bottom right of the pictures of a measurement, 40 pixels wide
+// and high.
+constexpr int fake_corner(uint64_t number)
+{
+    return static_cast<int>(number % 16 * 16);
+}
 // Number of pictures taken of posts since the start.
 int fake_pictures(Camera &camera);
 

@@ -9,6 +9,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "fake_camera.h"
+#include "web/streams.h"
+#include "web/web.h"
 
 using namespace simcam;
 
@@ -41,6 +43,24 @@ static cv::Mat colors_of(const PlaneImage &plane, const std::vector<uint8_t> &pa
     return decode(frame_plane_colors(cache, plane, palette));
 }
 
+static cv::Mat picture_of(Camera &camera, const FrameRequest &request)
+{
+    uint64_t number = 0;
+    return frame_picture(camera, request, &number);
+}
+
+static std::shared_ptr<const std::string> next_of(FrameCache &cache, Frame &frame, uint64_t number,
+                                                  FrameClock::time_point asked)
+{
+    return frame_next(cache, frame, &number, asked);
+}
+
+static void measure_times(Camera &camera, int count)
+{
+    for (int i = 0; i < count; ++i)
+        fake_measure(camera, 1);
+}
+
 static cv::Vec3b at(const cv::Mat &picture, int x, int y)
 {
     return picture.at<cv::Vec3b>(y, x);
@@ -50,7 +70,7 @@ TEST(PictureView, APostKeepsItsSize)
 {
     const auto camera = camera_with("720x576");
 
-    const cv::Mat picture = frame_picture(*camera, {.view = 1});
+    const cv::Mat picture = picture_of(*camera, {.view = 1});
 
     EXPECT_EQ(picture.size(), cv::Size(720, 576));
     EXPECT_EQ(at(picture, 100, 100), cv::Vec3b(80, 80, 80));
@@ -61,15 +81,15 @@ TEST(PictureView, AWidthOnlyShrinksThePicture)
 {
     const auto camera = camera_with("1280x720");
 
-    EXPECT_EQ(frame_picture(*camera, {.view = 1, .width = 320}).size(), cv::Size(320, 180));
-    EXPECT_EQ(frame_picture(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
+    EXPECT_EQ(picture_of(*camera, {.view = 1, .width = 320}).size(), cv::Size(320, 180));
+    EXPECT_EQ(picture_of(*camera, {.view = 1, .width = 2000}).size(), cv::Size(1280, 720));
 }
 
 TEST(PictureView, APostThatIsOffShowsAMessage)
 {
     const auto camera = camera_with("");
 
-    const cv::Mat picture = frame_picture(*camera, {.view = 1});
+    const cv::Mat picture = picture_of(*camera, {.view = 1});
 
     ASSERT_FALSE(picture.empty());
     double darkest = 0;
@@ -84,7 +104,7 @@ TEST(PictureView, TheFourPostsFillTheQuarters)
     const auto camera = camera_with("1280x720");
     camera_start_post(*camera, 2, {360, 360}); // square: bars at its sides
 
-    const cv::Mat picture = frame_picture(*camera, {.view = VIEW_ALL});
+    const cv::Mat picture = picture_of(*camera, {.view = VIEW_ALL});
 
     EXPECT_EQ(picture.size(), cv::Size(1280, 720));
     EXPECT_EQ(at(picture, 640 + 320, 180), cv::Vec3b(80, 80, 80));    // post 1, top right
@@ -96,7 +116,7 @@ TEST(PictureView, TheSensorPictureIsUnchanged)
 {
     const auto camera = camera_with("");
 
-    const cv::Mat picture = frame_picture(*camera, {.view = VIEW_SENSOR});
+    const cv::Mat picture = picture_of(*camera, {.view = VIEW_SENSOR});
 
     EXPECT_EQ(picture.size(), cv::Size(1280, 720));
     EXPECT_EQ(at(picture, 7, 7), cv::Vec3b(99, 99, 99));
@@ -105,7 +125,7 @@ TEST(PictureView, TheSensorPictureIsUnchanged)
 TEST(PictureFiles, APngHasEveryPixelOfThePicture)
 {
     const auto camera = camera_with("352x288");
-    const cv::Mat picture = frame_picture(*camera, {.view = 1});
+    const cv::Mat picture = picture_of(*camera, {.view = 1});
     const std::string bytes = frame_png(picture);
 
     const cv::Mat read =
@@ -188,33 +208,36 @@ static const std::chrono::steady_clock::time_point ASKED{std::chrono::hours(1)};
 TEST(PictureCache, AFrameIsEncodedOnceForEqualRequests)
 {
     const auto camera = camera_with("352x288");
+    measure_times(*camera, 5);
     FrameCache cache(*camera);
     const auto first = frame_enter(cache, {.view = 1});
     const auto second = frame_enter(cache, {.view = 1});
 
-    const auto a = frame_next(cache, *first, 5, ASKED);
-    const auto b = frame_next(cache, *second, 5, ASKED);
+    const auto a = next_of(cache, *first, 5, ASKED);
+    const auto b = next_of(cache, *second, 5, ASKED);
 
     EXPECT_EQ(a, b);
     EXPECT_EQ(cache.encoded, 1u);
-    EXPECT_NE(frame_next(cache, *second, 6, ASKED), a);
+    fake_measure(*camera, 1);
+    EXPECT_NE(next_of(cache, *second, 6, ASKED), a);
     EXPECT_EQ(cache.encoded, 2u);
-    EXPECT_NE(frame_next(cache, *first, 5, ASKED), a) << "a later frame is accepted";
+    EXPECT_NE(next_of(cache, *first, 5, ASKED), a) << "a later frame is accepted";
     EXPECT_EQ(cache.encoded, 2u);
 }
 
 TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 {
     const auto camera = camera_with("352x288");
+    measure_times(*camera, 5);
     FrameCache cache(*camera);
     const auto entry = frame_enter(cache, {.view = 1});
-    frame_next(cache, *entry, 5, ASKED);
+    next_of(cache, *entry, 5, ASKED);
 
-    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(399));
+    next_of(cache, *entry, 5, ASKED + std::chrono::milliseconds(399));
     EXPECT_EQ(cache.encoded, 1u);
-    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
+    next_of(cache, *entry, 5, ASKED + std::chrono::milliseconds(400));
     EXPECT_EQ(cache.encoded, 2u);
-    frame_next(cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
+    next_of(cache, *entry, 5, ASKED + std::chrono::milliseconds(799));
     EXPECT_EQ(cache.encoded, 2u) << "counted from the newest frame";
 }
 
@@ -222,13 +245,14 @@ TEST(PictureCache, WhileNothingIsMeasuredAFrameLastsFourTenthsOfASecond)
 TEST(PictureCache, SimultaneousRequestsShareOneFrame)
 {
     const auto camera = camera_with("352x288");
+    measure_times(*camera, 5);
     FrameCache cache(*camera);
     const auto entry = frame_enter(cache, {.view = 1});
     std::vector<std::shared_ptr<const std::string>> frames(8);
     std::vector<std::thread> viewers;
 
     for (auto &frame : frames)
-        viewers.emplace_back([&] { frame = frame_next(cache, *entry, 5, ASKED); });
+        viewers.emplace_back([&] { frame = next_of(cache, *entry, 5, ASKED); });
     for (std::thread &viewer : viewers)
         viewer.join();
 
@@ -245,7 +269,53 @@ TEST(PictureCache, OtherParametersGetTheirOwnFrame)
     const auto full = frame_enter(cache, {.view = 1});
 
     EXPECT_NE(plain, full);
-    EXPECT_NE(*frame_next(cache, *plain, 1, ASKED), *frame_next(cache, *full, 1, ASKED));
+    EXPECT_NE(*next_of(cache, *plain, 1, ASKED), *next_of(cache, *full, 1, ASKED));
+}
+
+// The level of the corner whose post ends at these coordinates.
+static int corner(const cv::Mat &picture, int right, int bottom)
+{
+    return at(picture, right - 8, bottom - 8)[0];
+}
+
+TEST(FrameNumber, IsThatOfThePictureThatIsSent)
+{
+    const auto camera = camera_with("1280x720");
+    for (const int post : {0, 2, 3})
+        camera_start_post(*camera, post, {1280, 720});
+    FrameCache cache(*camera);
+    measure_times(*camera, 3);
+    fake_hurry(*camera);
+
+    for (const int view : {1, VIEW_SENSOR}) {
+        uint64_t number = 0;
+        const cv::Mat picture =
+            decode(frame_still(cache, {.view = view, .quality = QUALITY_PNG}, &number));
+        EXPECT_EQ(corner(picture, 1280, 720), fake_corner(number)) << view << " " << number;
+    }
+    uint64_t number = 0;
+    const cv::Mat all =
+        decode(frame_still(cache, {.view = VIEW_ALL, .quality = QUALITY_PNG}, &number));
+    for (const cv::Point end : {cv::Point(640, 360), {1280, 360}, {640, 720}, {1280, 720}})
+        EXPECT_EQ(corner(all, end.x, end.y), fake_corner(number)) << end << " " << number;
+}
+
+TEST(FrameNumber, OfAStreamIsThatOfThePictureThatIsSent)
+{
+    const auto camera = camera_with("1280x720");
+    Web web(*camera);
+    measure_times(*camera, 3);
+    fake_hurry(*camera);
+
+    const std::string part = stream_pictures(web, {.view = 1}, 30)->next();
+
+    const std::string name = "X-Measurement: ";
+    const uint64_t number = std::stoull(part.substr(part.find(name) + name.size()));
+    const std::string jpeg = part.substr(part.find("\r\n\r\n") + 4);
+    const cv::Mat picture =
+        cv::imdecode(std::vector<uchar>(jpeg.begin(), jpeg.end()), cv::IMREAD_COLOR);
+    ASSERT_EQ(picture.size(), cv::Size(1280, 720));
+    EXPECT_NEAR(corner(picture, 1280, 720), fake_corner(number), 5) << number; // a JPEG
 }
 
 TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
@@ -257,7 +327,7 @@ TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
 
     for (unsigned i = 0; i < frame_encoders(); i++)
         cache.encoders.lock(); // as if other views were being encoded
-    readers.emplace_back([&] { frame_next(cache, *stream, 5, ASKED); });
+    readers.emplace_back([&] { next_of(cache, *stream, 5, ASKED); });
     readers.emplace_back([&] {
         uint64_t number = 0;
         frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
@@ -385,8 +455,7 @@ TEST(FrameStill, ThatWaitsForOthersDoesNotStopAStreamOfTheSameRequest)
     });
     while (cache.still.waiting() < 1)
         std::this_thread::yield();
-    auto stream =
-        std::async(std::launch::async, [&] { return frame_next(cache, *frame, 5, ASKED); });
+    auto stream = std::async(std::launch::async, [&] { return next_of(cache, *frame, 5, ASKED); });
     const auto outcome = stream.wait_for(std::chrono::seconds(10));
     cache.still.unlock();
     reader.join();
