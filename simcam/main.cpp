@@ -17,6 +17,8 @@ using namespace simcam;
 
 static constexpr time_t TRIM_INTERVAL_S = 2; // how often freed memory is returned to the system
 
+static const std::string POSTS_TEXT = range_text({0, POST_COUNT - 1}); // "0 to 3"
+
 static const char DESCRIPTION[] =
     "A simulated camera for focus_assist.\n"
     "Shows a scene through a lens that you turn in a browser, measures its sharpness, and draws\n"
@@ -57,6 +59,15 @@ static std::string join(const std::vector<std::string> &words)
     return text;
 }
 
+// "0=1280x720, 1=1920x1080"
+static std::string standard_posts()
+{
+    std::vector<std::string> posts;
+    for (size_t post = 0; post < POST_SIZES.size(); post++)
+        posts.push_back(std::to_string(post) + "=" + size_text(POST_SIZES[post]));
+    return join(posts);
+}
+
 // Prints the message and exits with status 2, wrong usage.
 [[noreturn]] static void refuse(const std::string &message)
 {
@@ -70,11 +81,11 @@ static void parse_posts(Options *options)
     const bool only_off = std::all_of(options->posts.begin(), options->posts.end(),
                                       [](const auto &post) { return post.ends_with("=off"); });
     if (only_off) // all run but these
-        sizes = {"1280x720", "1920x1080", "720x480", "352x240"};
+        std::transform(POST_SIZES.begin(), POST_SIZES.end(), sizes.begin(), size_text);
     for (const std::string &post : options->posts) {
-        if (post.size() < 3 || post[0] < '0' || post[0] > '3' || post[1] != '=')
-            refuse("--post " + post +
-                   ": must be an output 0 to 3 and its size, such as 0=1280x720");
+        if (post.size() < 3 || post[0] < '0' || post[0] >= '0' + POST_COUNT || post[1] != '=')
+            refuse("--post " + post + ": must be an output " + POSTS_TEXT +
+                   " and its size, such as 0=1280x720");
         sizes[static_cast<size_t>(post[0] - '0')] = post.substr(2) == "off" ? "" : post.substr(2);
     }
 }
@@ -98,13 +109,16 @@ static void parse(int argc, char **argv, Options *options)
         ->type_name("NAME")
         ->capture_default_str();
     app.add_option("--post", options->posts,
-                   "start output N (0 to 3) with this size; N=off leaves it\n"
-                   "off. May be repeated: only the named outputs run, or, if\n"
-                   "all values are N=off, all others. Without it all four run:\n"
-                   "0=1280x720, 1=1920x1080, 2=720x480, 3=352x240")
+                   "start output N (" + POSTS_TEXT + ") with this size, " +
+                       range_text(POST_SIZE_RANGE) +
+                       " each\nway; N=off leaves it off. May be repeated: only the named\n"
+                       "outputs run, or, if all values are N=off, all others.\n"
+                       "Without it all run: " +
+                       standard_posts())
         ->type_name("N=WIDTHxHEIGHT")
         ->allow_extra_args(false);
-    app.add_option("--ring", camera.ring, "focus ring of the lens, 0 (near stop) to 1 (far stop)")
+    app.add_option("--ring", camera.ring,
+                   "focus ring of the lens, " + range_text(RING_RANGE) + ", near stop to far stop")
         ->type_name("X")
         ->capture_default_str();
     app.add_flag("--sweep", camera.sweep, "turn the ring back and forth");
@@ -122,7 +136,7 @@ static void parse(int argc, char **argv, Options *options)
         ->type_name("N")
         ->capture_default_str();
     app.add_option("--pitch-align", camera.pitch_align,
-                   "pad plane lines to a multiple of 1, 8, 16, 32 or 64")
+                   "pad plane lines to a multiple of " + pitch_aligns_text())
         ->type_name("BYTES")
         ->capture_default_str();
     app.add_option("--rate", camera.rate_hz,

@@ -19,6 +19,16 @@ std::string range_text(const Range &range)
     return number_text(range.least) + " to " + number_text(range.most);
 }
 
+std::string pitch_aligns_text()
+{
+    std::string text;
+    for (size_t i = 0; i < PITCH_ALIGNS.size(); i++) {
+        const bool last = i + 1 == PITCH_ALIGNS.size();
+        text += (i == 0 ? "" : last ? " or " : ", ") + std::to_string(PITCH_ALIGNS[i]);
+    }
+    return text;
+}
+
 std::string range_refuse(const char *name, const Range &range, double value)
 {
     if (value >= range.least && value <= range.most)

@@ -36,6 +36,7 @@ constexpr double NOISE_DEFAULT = 2;
 std::string number_text(double value); // the shortest text of a value
 // "0.5 to 3600"
 std::string range_text(const Range &range);
+std::string pitch_aligns_text(); // "1, 8 or 16"
 // Returns an empty string, or "NAME must be 0.5 to 3600" for a value outside range or not a number.
 std::string range_refuse(const char *name, const Range &range, double value);
 
@@ -44,6 +45,10 @@ struct Size {
 
     bool operator==(const Size &) const = default;
 };
+
+// Sizes of the posts that the command line starts without naming them.
+constexpr std::array<Size, POST_COUNT> POST_SIZES = {
+    {{1280, 720}, {1920, 1080}, {720, 480}, {352, 240}}};
 
 // Reads "1280x720": digits, x, digits, at most nine digits each. Does not check the range.
 std::optional<Size> size_parse(std::string_view text);

@@ -161,7 +161,7 @@ static std::string check(const CameraOptions &options)
 {
     if (std::find(PITCH_ALIGNS.begin(), PITCH_ALIGNS.end(), options.pitch_align) ==
         PITCH_ALIGNS.end())
-        return "the pitch alignment must be 1, 8, 16, 32 or 64";
+        return "the pitch alignment must be " + pitch_aligns_text();
     for (const std::string &refusal :
          {range_refuse("the rate", RATE_RANGE_HZ, options.rate_hz),
           range_refuse("the ring", RING_RANGE, options.ring),

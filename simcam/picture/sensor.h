@@ -18,7 +18,7 @@ struct SensorNoise {
     std::vector<int8_t> row; // empty without noise
 };
 
-// deviation: 0 to 16.
+// deviation: 0 to 36 levels of 255; the values of a larger one would saturate.
 SensorNoise sensor_noise(double deviation);
 // Makes the sensor's picture: gain, then noise that depends on seed and picture number only.
 void sensor_expose(const cv::Mat &blurred, double gain, const SensorNoise &noise, uint64_t seed,

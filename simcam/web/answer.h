@@ -28,7 +28,7 @@ struct Conditions {
 };
 
 // Reduces an answer with a tag to what the conditions ask for: 304 without a body, 206 with one
-// range of it, or 416. Several ranges, and a range that is none, are ignored.
+// range of it, or 416. Several ranges, and a malformed range, are ignored.
 void answer_reduce(const Conditions &conditions, Answer *answer);
 
 } // namespace simcam

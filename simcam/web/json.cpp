@@ -99,11 +99,14 @@ std::string json_routes(const std::vector<const RouteText *> &routes)
                 item["choices"] = parameter.choices;
             parameters.push_back(std::move(item));
         }
-        list.push_back({{"method", route->method},
-                        {"path", route->path},
-                        {"answer", route->answer},
-                        {"help", route->help},
-                        {"parameters", std::move(parameters)}});
+        json row = {{"method", route->method},
+                    {"path", route->path},
+                    {"answer", route->answer},
+                    {"help", route->help},
+                    {"parameters", std::move(parameters)}};
+        if (route->allows)
+            row["allows"] = route->allows;
+        list.push_back(std::move(row));
     }
     return text_of({{"api_version", API_VERSION}, {"routes", std::move(list)}});
 }

@@ -37,6 +37,9 @@ struct RouteText {
     const char *answer; // content type
     const char *help;
     std::vector<Parameter> parameters;
+    // What the warning for an exposed address says about it, "turn the lens"; null for GET. Routes
+    // with the same words share a line.
+    const char *allows = nullptr;
 };
 
 // The values of a request's parameters.

@@ -356,6 +356,14 @@ static constexpr const char *JPEG = "image/jpeg";
 static constexpr const char *MJPEG = "multipart/x-mixed-replace";
 static constexpr const char *BYTES = "application/octet-stream";
 
+// What routes that change something allow; several share a line of the warning.
+static constexpr const char *POSTS = "start and stop posts, with any size";
+static constexpr const char *LENS = "turn the lens, and let it sweep";
+static constexpr const char *LIGHT = "change the gain and the noise, and flash";
+static constexpr const char *FAULTS = "make calls of the program slow or fail";
+static constexpr const char *PROCESS =
+    "start, stop and kill the program, but not choose another one";
+
 using Kind = ParameterKind;
 using Parameters = std::vector<Parameter>;
 
@@ -491,9 +499,10 @@ static std::vector<Route> make_routes()
           "/api/posts/{post}/start",
           JSON,
           "starts a post; a running post of another size is stopped first",
-          {post, size}},
+          {post, size},
+          POSTS},
          start_post},
-        {{"POST", "/api/posts/{post}/stop", JSON, "stops a post", {post}}, stop_post},
+        {{"POST", "/api/posts/{post}/stop", JSON, "stops a post", {post}, POSTS}, stop_post},
         {{"GET", "/api/posts/{post}/planes/{plane}", JSON, "state of a plane", {post, plane}},
          get_plane},
         {{"GET",
@@ -525,38 +534,48 @@ static std::vector<Route> make_routes()
           "/api/ring",
           JSON,
           "turns the lens ring; ends a sweep",
-          {number("ring", RING_RANGE, "0 near stop, 1 far stop")}},
+          {number("ring", RING_RANGE, "0 near stop, 1 far stop")},
+          LENS},
          set_ring},
         {{"POST",
           "/api/sweep",
           JSON,
           "turns the ring through focus and back until stopped",
-          {{"on", Kind::FLAG, 0, 1, {}, "starts or stops it"}, period}},
+          {{"on", Kind::FLAG, 0, 1, {}, "starts or stops it"}, period},
+          LENS},
          set_sweep},
-        {{"POST", "/api/scene", JSON, "changes the scene", {scene}}, set_scene},
+        {{"POST",
+          "/api/scene",
+          JSON,
+          "changes the scene",
+          {scene},
+          "change the scene to any picture, video or device file that you can read"},
+         set_scene},
         {{"POST",
           "/api/gain",
           JSON,
           "changes the exposure",
-          {number("gain", GAIN_RANGE, "factor of the brightness")}},
+          {number("gain", GAIN_RANGE, "factor of the brightness")},
+          LIGHT},
          set_gain},
         {{"POST",
           "/api/noise",
           JSON,
           "changes the noise of the sensor",
-          {number("noise", NOISE_RANGE, "standard deviation in levels of 255; 0: no noise")}},
+          {number("noise", NOISE_RANGE, "standard deviation in levels of 255; 0: no noise")},
+          LIGHT},
          set_noise},
-        {{"POST", "/api/flash", JSON, "one bright picture", {}}, flash},
+        {{"POST", "/api/flash", JSON, "one bright picture", {}, LIGHT}, flash},
         {{"GET", "/api/faults", JSON, "armed faults, and the calls that can have one", {}},
          get_faults},
         {{"POST", "/api/faults", JSON, "makes a call fail or slow; replaces the fault of that call",
-          fault},
+          fault, FAULTS},
          set_fault},
-        {{"DELETE", "/api/faults", JSON, "disarms every fault", {}}, clear_faults},
+        {{"DELETE", "/api/faults", JSON, "disarms every fault", {}, FAULTS}, clear_faults},
         {{"GET", "/api/process", JSON, "state of the overlay process", {}}, get_process},
-        {{"POST", "/api/process/start", JSON, "starts the process", {}}, start_process},
-        {{"POST", "/api/process/stop", JSON, "sends SIGTERM to it", {}}, stop_process},
-        {{"POST", "/api/process/kill", JSON, "sends SIGKILL to it", {}}, kill_process},
+        {{"POST", "/api/process/start", JSON, "starts the process", {}, PROCESS}, start_process},
+        {{"POST", "/api/process/stop", JSON, "sends SIGTERM to it", {}, PROCESS}, stop_process},
+        {{"POST", "/api/process/kill", JSON, "sends SIGKILL to it", {}, PROCESS}, kill_process},
     };
 }
 

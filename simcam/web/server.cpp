@@ -190,14 +190,14 @@ static Answer answer_refusal(const RoutedRequest &request)
 static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const char *method,
                          Arrival &arrival)
 {
-    (void)setpriority(PRIO_PROCESS, 0, HTTP_NICENESS); // of this thread: the sensor goes first
+    (void)setpriority(PRIO_PROCESS, 0, HTTP_NICENESS); // of this thread, below the sensor's
     const std::string foreign = refuse_origin(server, connection, arrival.target);
     if (!foreign.empty())
         return send_answer(connection, answer_error(403, foreign));
     if (arrival.target.size() > TARGET_MAX)
         return send_answer(connection, answer_error(414, "the path is too long"));
     if (arrival.too_long) {
-        // One expression of the three makes GCC 14 warn of array bounds in the C++ library.
+        // In a single expression GCC 14 warns about array bounds in the C++ library.
         std::string reason = "the body is longer than ";
         reason += std::to_string(HTTP_BODY_MAX) + " bytes";
         return send_answer(connection, answer_error(413, reason));
@@ -241,7 +241,8 @@ static MHD_Result on_request(void *context, MHD_Connection *connection, const ch
         if (reason.empty())
             return MHD_YES;
         Answer refusal = answer_error(400, reason);
-        refusal.headers.emplace_back("Connection", "close"); // the rest cannot be told apart
+        refusal.headers.emplace_back("Connection",
+                                     "close"); // where the next request starts is unknown
         return send_answer(connection, refusal);
     }
     if (*size > 0) {
@@ -306,14 +307,15 @@ std::string http_warning(const HttpServer &server)
 {
     if (!server.listener.exposed)
         return "";
-    return "warning: there is no password. Whoever can reach this address can\n"
-           "  - watch the pictures, and read the state and the output of the program\n"
-           "  - turn the lens, sweep it, change the gain and the noise, and flash\n"
-           "  - change the scene to any picture, video or device file that you can read\n"
-           "  - start and stop posts, with any size\n"
-           "  - make calls of the program slow or fail\n"
-           "  - start, stop and kill the program, but not choose another one\n"
-           "Without --listen only this machine reaches it.";
+    std::string text = "warning: there is no password. Whoever can reach this address can\n"
+                       "  - watch the pictures, and read the state and the output of the program\n";
+    for (const Route &route : http_routes()) {
+        const std::string line =
+            route.text.allows ? "  - " + std::string(route.text.allows) + "\n" : "";
+        if (text.find(line) == std::string::npos)
+            text += line;
+    }
+    return text + "Without --listen only this machine reaches it.";
 }
 
 void HttpServerDelete::operator()(HttpServer *server) const

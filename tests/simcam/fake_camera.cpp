@@ -347,6 +347,12 @@ void fake_call(Camera &camera, const std::string &call, uint32_t error)
                             "postResId=0x51000000", error ? -1 : 0, error});
 }
 
+void fake_set_state(Camera &camera, const CameraState &state)
+{
+    const std::lock_guard lock(camera.mutex);
+    camera.state = state;
+}
+
 void fake_show(Camera &camera, int post, int plane, const PlaneState &state,
                const std::vector<uint8_t> &bytes)
 {

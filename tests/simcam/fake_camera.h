@@ -15,6 +15,9 @@ void fake_measure(Camera &camera, uint32_t value);
 void fake_write(Camera &camera, int stream, const std::string &bytes);
 // Adds a call of the library.
 void fake_call(Camera &camera, const std::string &call, uint32_t error);
+// Replaces the state, so that a test can give a member another value than its default. The states
+// of planes are those of fake_show().
+void fake_set_state(Camera &camera, const CameraState &state);
 // Shows bytes on a plane: one palette index a byte.
 void fake_show(Camera &camera, int post, int plane, const PlaneState &state,
                const std::vector<uint8_t> &bytes);

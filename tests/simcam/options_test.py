@@ -1,4 +1,4 @@
-"""What the options of the command line do to the camera, and that docs/simcam.md says what there is."""
+"""Tests the effect of each option on the camera, and compares docs/simcam.md with the program."""
 import argparse
 import os
 import re
@@ -34,12 +34,6 @@ def listens(address):
 
 
 class Listening(unittest.TestCase):
-    # Words of the warning for what changes the camera, by the first part of the path behind /api/.
-    CHANGES = {"posts": "start and stop posts", "ring": "turn the lens", "sweep": "sweep it",
-               "scene": "picture, video or device file", "gain": "change the gain", "noise": "the noise",
-               "flash": "flash",
-               "faults": "slow or fail", "process": "start, stop and kill the program"}
-
     def run_on(self, address):
         """What it writes to standard error, its address, and its routes as read from there."""
         with tempfile.TemporaryFile("w+") as errors:
@@ -48,7 +42,7 @@ class Listening(unittest.TestCase):
             errors.seek(0)
             return errors.read(), camera.address, routes
 
-    def test_beyond_the_loopback_is_warned_of_and_can_be_opened(self):
+    def test_an_address_beyond_the_loopback_prints_a_warning_and_can_be_opened(self):
         own = subprocess.run(["hostname", "-I"], stdout=subprocess.PIPE, text=True,
                              check=True).stdout.split()
         for address in ["0.0.0.0", "::"] + own[:1]:
@@ -62,13 +56,15 @@ class Listening(unittest.TestCase):
                 self.assertIn(host, own or ["127.0.0.1", "::1"])
                 self.assertTrue(warning.startswith("simcam: warning: "), warning)
                 self.assertIn("watch the pictures", warning)
-                changes = {route["path"].split("/")[2] for route in routes
-                           if route["method"] != "GET"}
-                self.assertEqual(changes, set(self.CHANGES))
-                for words in self.CHANGES.values():
-                    self.assertIn(words, warning)
+                self.assertIn("  - turn the lens", warning)
+                for route in routes:
+                    self.assertEqual("allows" in route, route["method"] != "GET", route["path"])
+                # Each of them once, and besides them the line of what can be watched and read.
+                allowed = {route["allows"] for route in routes if "allows" in route}
+                lines = re.findall(r"^  - (.*)", warning, re.M)
+                self.assertEqual(sorted(lines[1:]), sorted(allowed))
 
-    def test_on_the_loopback_is_not_warned_of(self):
+    def test_an_address_of_the_loopback_prints_no_warning(self):
         for address in ["localhost:0", "127.0.0.2:0", "0"] + ["[::1]:0"] * listens("::1"):
             with self.subTest(address):
                 self.assertEqual(self.run_on(address)[0], "")
@@ -96,7 +92,7 @@ class Options(unittest.TestCase):
         seconds = state["latest"]["number"] / 60  # the way up takes half a period
         self.assertAlmostEqual(state["latest"]["ring"], 0.25 + seconds / 1800, 6)
 
-    def test_posts_that_are_only_taken_away_leave_the_others(self):
+    def test_posts_that_are_only_switched_off_leave_the_others_running(self):
         with start("--scene", "chart", "--post", "1=off", "--post", "3=off") as camera:
             self.assertEqual(posts_of(camera.state()), [(1280, 720), None, (720, 480), None])
 
@@ -104,7 +100,7 @@ class Options(unittest.TestCase):
         with start("--scene", "chart", "--post", "2=off", "--post", "0=1280x720") as camera:
             self.assertEqual(posts_of(camera.state()), [(1280, 720), None, None, None])
 
-    def test_the_ring_stands_where_it_is_put(self):
+    def test_the_ring_is_at_the_given_position(self):
         with start("--scene", "chart", "--ring", "0.75") as camera:
             self.assertEqual(camera.state()["ring"], 0.75)
 
@@ -148,19 +144,37 @@ def wording(parameters):
 class Documentation(unittest.TestCase):
     maxDiff = None
 
-    def test_names_every_option_with_its_default(self):
+    def test_names_every_option_with_its_default_and_ranges(self):
         text = subprocess.run([settings.simcam, "--help"], stdout=subprocess.PIPE, text=True,
                               check=True).stdout
         # An option at the start of a line, its argument, and indented lines that explain it.
         options = re.findall(r"^  (?:-h,)?(--[\w-]+(?: [A-Z]\S*)?)(.*\n(?: {10}.*\n)*)", text, re.M)
         defaults = {option: re.search(r"\(default: ([^)]+)\)", rest)
                     for option, rest in options}
-        documented = {row[0].strip("`"): row[1].strip("`") for row in table("## Command line")}
+        rows = table("## Command line")
+        documented = {row[0].strip("`"): row[1].strip("`") for row in rows}
+        texts = {row[0].strip("`"): row[2] for row in rows}
 
         self.assertEqual(sorted(documented), sorted(defaults))
+        # "0.5 to 3600" and "1, 8, 16, 32 or 64", also where a line ends between them.
+        bounds = r"[\d.]*\d to [\d.]*\d|\d+(?:, \d+)+ or \d+"
+        seen = set()
+        for option, rest in options:
+            for found in re.findall(bounds, " ".join(rest.split())):
+                seen.add(option)
+                self.assertIn(found, re.findall(bounds, texts[option]), option)
+        self.assertEqual(seen, {"--post N=WIDTHxHEIGHT", "--ring X", "--sweep-period SECONDS",
+                                "--noise LEVELS", "--pitch-align BYTES", "--rate HZ"})
         for option, default in defaults.items():
             if default:
                 self.assertEqual(documented[option], default.group(1), option)
+
+    def test_names_every_built_in_scene(self):
+        with start("--scene", "chart") as camera:
+            scenes = camera.get("/api/constants")["scenes"]
+        row = next(row for row in table("## Command line") if row[0] == "`--scene NAME`")
+
+        self.assertEqual(re.findall(r"`(\w+)`", row[2]), scenes)
 
     def test_names_every_route_with_its_parameters(self):
         with start("--scene", "chart") as camera:

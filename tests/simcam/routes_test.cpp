@@ -271,6 +271,13 @@ TEST(HttpRoutes, EveryMethodOfAPathHasOneRoute)
     EXPECT_STREQ(http_routes().front().text.path, "/") << "the page is the first one";
 }
 
+TEST(HttpRoutes, OnlyRoutesThatChangeSomethingSayWhatTheyAllow)
+{
+    for (const Route &route : http_routes())
+        EXPECT_EQ(route.text.allows == nullptr, route.text.method == std::string("GET"))
+            << route.text.path;
+}
+
 TEST(HttpHost, OnlyNamesOfThisServerAreAccepted)
 {
     for (const char *ours : {"127.0.0.1:8080", "127.0.0.1", "localhost:9000", "LocalHost",

@@ -324,6 +324,23 @@ TEST_F(Http, ApiListsEveryRoute)
         EXPECT_THAT(list.body, HasSubstr("\"path\":\"" + std::string(route.text.path) + "\""));
 }
 
+TEST_F(Http, TheStateIsThatOfTheCamera)
+{
+    CameraState state = camera_state(*camera_);
+    state.merged_reports = 7;
+    state.measured_rate_hz = 29.5;
+    state.run_directory = "/run/here";
+    state.focus_configured = true;
+    fake_set_state(*camera_, state);
+
+    const auto answer = nlohmann::json::parse(get("/api/state").body);
+
+    EXPECT_EQ(answer.at("merged_reports"), 7);
+    EXPECT_EQ(answer.at("measured_rate_hz"), 29.5);
+    EXPECT_EQ(answer.at("run_directory"), "/run/here");
+    EXPECT_EQ(answer.at("focus_configured"), true);
+}
+
 // Every GET of the table answers with the type of its row; of streams only the beginning is read.
 TEST_F(Http, EveryGetRouteAnswers)
 {
@@ -629,7 +646,7 @@ TEST_F(Http, MalformedRequestsAreRefused)
 }
 
 // The connections stay open after a good request, so the refusal closes them.
-TEST_F(Http, ARequestWithoutACertainEndClosesTheConnection)
+TEST_F(Http, ARequestOfAmbiguousLengthClosesTheConnection)
 {
     for (const std::string more : {"Content-Length: 0\r\nContent-Length: 40\r\n",
                                    "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n"}) {
@@ -660,7 +677,7 @@ TEST_F(Http, AChunkedBodyAndARepeatedLengthAreRead)
     EXPECT_THAT(fake_changes(*camera_), ElementsAre("gain 2", "gain 4"));
 }
 
-// As a client sends it that takes the server for a proxy. Its host counts, not the Host header.
+// The form that clients send to a proxy: the host of the target counts, not the Host header.
 TEST_F(Http, ATargetMayNameItsHost)
 {
     const auto status = [&](const std::string &target, const std::string &host,
