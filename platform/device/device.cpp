@@ -28,8 +28,7 @@
 constexpr uint32_t CAM_FOCUS_CONFIG = 0x405C7000;
 constexpr uint32_t CAM_FOCUS_READ = 0x80F47001;
 
-// How long a read takes that the camera does not answer any more: programs read in a loop that only
-// the device paces.
+// Duration of a read without a camera: programs read in a loop that only the device slows down.
 constexpr useconds_t LOST_CAMERA_PAUSE_US = 33333;
 
 // ---- descriptors

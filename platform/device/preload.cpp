@@ -36,7 +36,8 @@ static const char *const FIXED_PATHS[] = {"/usr/local/morvel/", "/var/run/"};
 // ---- paths
 
 // Gives the path to use in place of path: itself, or buffer with the path inside the run directory.
-// Null with errno ENOENT where there is no run directory: the machine's own files stay out of it.
+// Null with errno ENOENT if there is no run directory, so that the machine's own files are not
+// used.
 static const char *mapped(const char *path, char *buffer, size_t size)
 {
     if (!path) {

@@ -18,7 +18,7 @@ namespace simcam
 
 using Clock = std::chrono::steady_clock;
 
-// Offsets from best focus: towards it, on it, past it.
+// Offsets from best focus: toward it, on it, past it.
 static const double STOPS[] = {-0.20, -0.08, 0.0, 0.08, 0.20};
 
 // Whether the bar and the text (planes 0 and 1) of every running post have been redrawn that many

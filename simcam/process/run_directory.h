@@ -23,8 +23,9 @@ struct RunDirectory {
 // color table that a camera has. Existing files are kept. Removes fresh run directories left by
 // crashed instances first. Returns false with *error set on failure.
 //
-// Directories are made with mode 0700 whatever the umask. An existing one is refused if another
-// user but root owns it or can write to it.
+// Directories are made with mode 0700 whatever the umask. An existing one is refused if its
+// owner is neither this user nor root, or if everybody can write to it; its group may, and is then
+// trusted.
 //
 // The path becomes part of the loader's lists, so one with a separator of these lists is refused.
 bool run_directory_make(const std::string &path, RunDirectory *directory, std::string *error);

@@ -2,7 +2,7 @@
 import {$, element, setText} from './dom.js';
 import {send} from './requests.js';
 
-const OWN = 'own'; // the entry of the list of sizes behind which one is typed
+const OWN = 'own'; // the entry of the list that opens the input for another size
 
 const sizeText = (width, height) => `${width} × ${height}`;
 
