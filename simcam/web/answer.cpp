@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#include <strings.h>
+
 namespace simcam
 {
 
@@ -45,7 +47,8 @@ struct ByteRange {
 static std::optional<ByteRange> read_range(std::string_view text, size_t size)
 {
     constexpr std::string_view unit = "bytes=";
-    if (!text.starts_with(unit))
+    if (strncasecmp(text.data(), unit.data(), std::min(unit.size(), text.size())) != 0 ||
+        text.size() < unit.size())
         return std::nullopt;
     text.remove_prefix(unit.size());
     const size_t dash = text.find('-');
@@ -70,8 +73,7 @@ void answer_reduce(const Conditions &conditions, Answer *answer)
     answer->headers.emplace_back("ETag", answer->etag);
     answer->headers.emplace_back("Accept-Ranges", "bytes");
     if (list_has(conditions.if_none_match, answer->etag)) {
-        answer->status = 304;
-        answer->body = std::make_shared<const std::string>();
+        answer->status = 304; // the body stays for its length: libmicrohttpd sends the headers only
         return;
     }
     const std::string size = std::to_string(answer->body->size());

@@ -27,8 +27,8 @@ struct Conditions {
     std::string if_range;
 };
 
-// Reduces an answer with a tag to what the conditions ask for: 304 without a body, 206 with one
-// range of it, or 416. Several ranges, and a malformed range, are ignored.
+// Reduces an answer with a tag to what the conditions ask for: 304 (its body is not sent), 206 with
+// one range of it, or 416. Several ranges, and a malformed range, are ignored.
 void answer_reduce(const Conditions &conditions, Answer *answer);
 
 } // namespace simcam

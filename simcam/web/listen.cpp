@@ -66,7 +66,7 @@ static in6_addr six_of(const sockaddr *address)
     return reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr;
 }
 
-static bool is_loopback(const sockaddr *address)
+bool listen_is_loopback(const sockaddr *address)
 {
     constexpr uint8_t net = 127; // 127.0.0.0/8
     if (address->sa_family == AF_INET)
@@ -80,7 +80,9 @@ static bool is_any(const sockaddr *address)
     if (address->sa_family == AF_INET)
         return four_of(address).s_addr == htonl(INADDR_ANY);
     const in6_addr six = six_of(address);
-    return IN6_IS_ADDR_UNSPECIFIED(&six);
+    constexpr uint8_t four_any[4] = {};
+    return IN6_IS_ADDR_UNSPECIFIED(&six) ||
+           (IN6_IS_ADDR_V4MAPPED(&six) && memcmp(six.s6_addr + 12, four_any, 4) == 0);
 }
 
 // As in a URL: an IPv6 address has brackets.
@@ -95,45 +97,49 @@ static std::string host_text(const sockaddr *address)
     return "[" + std::string(inet_ntop(AF_INET6, &six, text, sizeof text)) + "]";
 }
 
-// An address of this machine that other machines can open; empty if it has none of that family.
-static std::string interface_host(int family)
+// An address that other machines can open; empty if no interface has one of that family.
+static std::string interface_host(int family, const ifaddrs *interfaces)
 {
-    std::string host;
-    ifaddrs *all = nullptr;
-    if (getifaddrs(&all) != 0)
-        return host;
     constexpr unsigned running = IFF_UP | IFF_RUNNING;
-    for (const ifaddrs *one = all; one && host.empty(); one = one->ifa_next) {
+    for (const ifaddrs *one = interfaces; one; one = one->ifa_next) {
         const sockaddr *address = one->ifa_addr;
         if (!address || address->sa_family != family || (one->ifa_flags & running) != running ||
-            is_loopback(address))
+            listen_is_loopback(address))
             continue;
         if (family == AF_INET6) {
             const in6_addr six = six_of(address);
             if (IN6_IS_ADDR_LINKLOCAL(&six)) // needs the interface's name, which browsers refuse
                 continue;
         }
-        host = host_text(address);
+        return host_text(address);
     }
-    freeifaddrs(all);
-    return host;
+    return {};
 }
 
-// The host of a URL for a socket that listens on all interfaces.
-static std::string host_of_any(int listener, int family)
+std::string listen_host(const sockaddr *address, bool six_only, const ifaddrs *interfaces)
 {
-    std::string host = interface_host(family);
-    int six_only = 0;
-    socklen_t length = sizeof six_only;
-    if (host.empty() && family == AF_INET6 &&
-        getsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &six_only, &length) == 0 && six_only == 0)
-        host = interface_host(AF_INET);
+    if (!is_any(address))
+        return host_text(address);
+    bool four_only = address->sa_family == AF_INET;
+    if (!four_only) {
+        const in6_addr six = six_of(address);
+        four_only = IN6_IS_ADDR_V4MAPPED(&six);
+    }
+    std::string host = four_only ? "" : interface_host(AF_INET6, interfaces);
+    if (host.empty() && (four_only || !six_only))
+        host = interface_host(AF_INET, interfaces);
     if (host.empty())
-        host = family == AF_INET ? "127.0.0.1" : "[::1]";
+        host = four_only ? "127.0.0.1" : "[::1]";
     return host;
 }
 
 // ---- the socket ----
+
+Socket::~Socket()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
 
 Listener listen_on(const std::string &listen, std::string *error)
 {
@@ -146,7 +152,8 @@ Listener listen_on(const std::string &listen, std::string *error)
         return listener;
     }
     auto *generic = reinterpret_cast<sockaddr *>(&storage);
-    const int fd = socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    Socket owned(socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int fd = owned.get();
     const int on = 1;
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd, generic, length) != 0 || ::listen(fd, 64) != 0 ||
@@ -155,18 +162,21 @@ Listener listen_on(const std::string &listen, std::string *error)
         *error = "cannot listen on " + listen + ": " + strerror(reason);
         if (reason == EADDRINUSE)
             *error += " (is another simcam running? --listen 127.0.0.1:0 takes any free port)";
-        if (fd >= 0)
-            close(fd);
         return listener;
     }
     const uint16_t port = generic->sa_family == AF_INET
                               ? reinterpret_cast<const sockaddr_in *>(&storage)->sin_port
                               : reinterpret_cast<const sockaddr_in6 *>(&storage)->sin6_port;
-    const std::string host =
-        is_any(generic) ? host_of_any(fd, generic->sa_family) : host_text(generic);
-    listener.socket = fd;
+    int six_only = 0; // stays 0 for IPv4
+    socklen_t six_only_length = sizeof six_only;
+    (void)getsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &six_only, &six_only_length);
+    ifaddrs *interfaces = nullptr;
+    (void)getifaddrs(&interfaces); // stays null on failure
+    const std::string host = listen_host(generic, six_only != 0, interfaces);
+    freeifaddrs(interfaces);
+    listener.socket = std::move(owned);
     listener.address = "http://" + host + ":" + std::to_string(ntohs(port)) + "/";
-    listener.exposed = !is_loopback(generic);
+    listener.exposed = !listen_is_loopback(generic);
     return listener;
 }
 

@@ -187,6 +187,8 @@ static Captured find_route(std::span<const Route> routes, const std::string &met
         if (!path_matches(route.text.path, routed->path, &here))
             continue;
         routed->allow += (routed->allow.empty() ? "" : ", ") + std::string(route.text.method);
+        if (std::string_view(route.text.method) == "GET")
+            routed->allow += ", HEAD";
         if (method == route.text.method) {
             routed->route = &route;
             captured = std::move(here);

@@ -26,7 +26,7 @@ static constexpr int HTTP_NICENESS = 5;
 
 struct HttpServer {
     Web web;
-    Listener listener; // its socket belongs to daemon
+    Listener listener; // its socket is handed to daemon
     std::string machine_name;
     MHD_Daemon *daemon = nullptr;
 
@@ -272,7 +272,7 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
 {
     HttpServerPtr server(new HttpServer(camera));
     server->listener = listen_on(listen, error);
-    const int listener = server->listener.socket;
+    const int listener = server->listener.socket.get();
     if (listener < 0)
         return nullptr;
     char name[256] = "";
@@ -292,9 +292,9 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
                          MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_END);
     if (!server->daemon) {
         *error = "cannot start the web server on " + listen;
-        close(listener);
         return nullptr;
     }
+    (void)server->listener.socket.release(); // the daemon closes it
     return server;
 }
 

@@ -166,7 +166,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"GET", "/api/ring", "", "", 405, "are POST"},
         Refusal{"POST", "/api/state", JSON, "{}", 405, "are GET"},
         Refusal{"POST", "/", JSON, "{}", 405, "GET, HEAD"},
-        Refusal{"PATCH", "/api/faults", JSON, "{}", 405, "GET, POST, DELETE"},
+        Refusal{"PATCH", "/api/faults", JSON, "{}", 405, "GET, HEAD, POST, DELETE"},
         Refusal{"POST", "/api/ring", "text/plain", "{\"ring\":0.5}", 415, "application/json"},
         Refusal{"POST", "/api/ring", "", "{\"ring\":0.5}", 415, "application/json"},
         Refusal{"POST", "/api/ring", JSON, "", 400, "ring is missing"},

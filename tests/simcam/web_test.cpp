@@ -8,6 +8,8 @@
 #include <thread>
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,6 +21,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "fake_camera.h"
+#include "web/listen.h"
 #include "web/routes.h"
 
 using namespace simcam;
@@ -242,6 +245,9 @@ TEST_F(Http, AnUnchangedFileOfThePageIsNotSentAgain)
         const Response answer = ask("GET", "/app.js", "If-None-Match: " + known + "\r\n");
         EXPECT_EQ(answer.status, 304) << known;
         EXPECT_EQ(answer.body, "") << known;
+        if (answer.header.contains("content-length")) { // then it is that of the whole file
+            EXPECT_EQ(answer.header.at("content-length"), std::to_string(first.body.size()));
+        }
         EXPECT_EQ(answer.header.at("etag"), tag) << known;
     }
     for (const std::string &other : {"\"1\""s, others, tag.substr(1), tag + "x", ""s}) {
@@ -280,6 +286,7 @@ TEST_F(Http, ARangeOfAFileOfThePageIsSent)
         std::string range, content_range, body;
     } parts[] = {
         {"bytes=0-0", "bytes 0-0/" + size, all.substr(0, 1)},
+        {"Bytes=0-1", "bytes 0-1/" + size, all.substr(0, 2)},
         {"bytes=10-19", "bytes 10-19/" + size, all.substr(10, 10)},
         {"bytes=100-", "bytes 100-" + last + "/" + size, all.substr(100)},
         {"bytes=" + last + "-99999999", "bytes " + last + "-" + last + "/" + size,
@@ -301,7 +308,7 @@ TEST_F(Http, ARangeOfAFileOfThePageIsSent)
         EXPECT_EQ(answer.body, "") << value;
     }
     for (const char *value : {"bytes=", "bytes=-", "bytes=2-1", "bytes=a-b", "bytes=1", "lines=0-1",
-                              "bytes=0-1,4-5", "bytes=+1-2", "bytes=1-2x", "bytes=--1"}) {
+                              "bytes=0-1,4-5", "bytes", "bytes=+1-2", "bytes=1-2x", "bytes=--1"}) {
         const Response answer = range(value);
         EXPECT_EQ(answer.status, 200) << value;
         EXPECT_EQ(answer.body, all) << value;
@@ -586,7 +593,8 @@ TEST_F(Http, RefusalsAreJsonWithTheirStatus)
 
     const Response method = ask("PUT", "/api/faults");
     EXPECT_EQ(method.status, 405);
-    EXPECT_EQ(method.header.at("allow"), "GET, POST, DELETE");
+    EXPECT_EQ(method.header.at("allow"), "GET, HEAD, POST, DELETE");
+    EXPECT_EQ(get("/api/ring").header.at("allow"), "POST") << "HEAD would be refused";
     EXPECT_EQ(post("/api/ring", "{\"ring\":7}").status, 400);
     EXPECT_TRUE(fake_changes(*camera_).empty());
 }
@@ -1045,12 +1053,90 @@ TEST(HttpStart, AnAddressOfVersionSixIsServedInBrackets)
     std::string error;
     const auto camera = camera_start({}, &error);
 
+    const int probe = socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 loopback = {};
+    loopback.sin6_family = AF_INET6;
+    loopback.sin6_addr = in6addr_loopback;
+    const bool usable =
+        probe >= 0 && bind(probe, reinterpret_cast<sockaddr *>(&loopback), sizeof loopback) == 0;
+    if (probe >= 0)
+        close(probe);
+
     const auto server = http_start(*camera, "[::1]:0", &error);
 
-    if (server)
+    ASSERT_EQ(server != nullptr, usable) << error;
+    if (usable)
         EXPECT_THAT(http_address(*server), testing::MatchesRegex("http://\\[::1\\]:[0-9]+/"));
-    else // a machine without IPv6
+    else
         EXPECT_THAT(error, StartsWith("cannot listen on [::1]:0: "));
+}
+
+static sockaddr_storage address_of(const std::string &text)
+{
+    sockaddr_storage address = {};
+    const bool six = text.find(':') != text.npos;
+    address.ss_family = six ? AF_INET6 : AF_INET;
+    void *bytes = six ? static_cast<void *>(&reinterpret_cast<sockaddr_in6 &>(address).sin6_addr)
+                      : &reinterpret_cast<sockaddr_in &>(address).sin_addr;
+    EXPECT_EQ(inet_pton(address.ss_family, text.c_str(), bytes), 1) << text;
+    return address;
+}
+
+// The host of listen_host() for a machine whose interfaces have these addresses.
+static std::string host_among(const std::string &listening, bool six_only,
+                              const std::vector<std::string> &addresses)
+{
+    std::vector<sockaddr_storage> storage;
+    for (const std::string &text : addresses)
+        storage.push_back(address_of(text));
+    std::vector<ifaddrs> interfaces(addresses.size());
+    for (size_t i = 0; i < interfaces.size(); ++i) {
+        interfaces[i].ifa_next = i + 1 < interfaces.size() ? &interfaces[i + 1] : nullptr;
+        interfaces[i].ifa_flags = IFF_UP | IFF_RUNNING;
+        interfaces[i].ifa_addr = reinterpret_cast<sockaddr *>(&storage[i]);
+    }
+    const sockaddr_storage address = address_of(listening);
+    return listen_host(reinterpret_cast<const sockaddr *>(&address), six_only,
+                       interfaces.empty() ? nullptr : interfaces.data());
+}
+
+TEST(ListenHost, OfAllInterfacesIsOneThatOthersCanOpen)
+{
+    const std::vector<std::string> both = {"127.0.0.1", "::1", "fe80::1", "2001:db8::5",
+                                           "192.0.2.7"};
+    EXPECT_EQ(host_among("0.0.0.0", false, both), "192.0.2.7");
+    EXPECT_EQ(host_among("::", false, both), "[2001:db8::5]");
+    EXPECT_EQ(host_among("::ffff:0.0.0.0", false, both), "192.0.2.7") << "it accepts IPv4 only";
+
+    const std::vector<std::string> four = {"127.0.0.1", "::1", "fe80::1", "192.0.2.7"};
+    EXPECT_EQ(host_among("::", false, four), "192.0.2.7");
+    EXPECT_EQ(host_among("::", true, four), "[::1]") << "the socket accepts IPv6 only";
+
+    for (const auto &none :
+         {std::vector<std::string>(), {"127.0.0.1", "::1", "::ffff:127.0.0.2"}}) {
+        EXPECT_EQ(host_among("0.0.0.0", false, none), "127.0.0.1");
+        EXPECT_EQ(host_among("::ffff:0.0.0.0", false, none), "127.0.0.1");
+        EXPECT_EQ(host_among("::", false, none), "[::1]");
+    }
+}
+
+TEST(ListenHost, OfOneInterfaceIsItsAddress)
+{
+    EXPECT_EQ(host_among("127.0.0.2", false, {"192.0.2.7"}), "127.0.0.2");
+    EXPECT_EQ(host_among("::1", false, {"192.0.2.7"}), "[::1]");
+}
+
+TEST(ListenHost, MappedLoopbackIsNotExposed)
+{
+    const auto is_loopback = [](const char *text) {
+        const sockaddr_storage address = address_of(text);
+        return listen_is_loopback(reinterpret_cast<const sockaddr *>(&address));
+    };
+    for (const char *text : {"127.0.0.1", "127.255.0.9", "::1", "::ffff:127.0.0.1"})
+        EXPECT_TRUE(is_loopback(text)) << text;
+    for (const char *text : {"0.0.0.0", "128.0.0.1", "::", "::2", "::127.0.0.1", "::ffff:0.0.0.0",
+                             "::ffff:10.0.0.127"})
+        EXPECT_FALSE(is_loopback(text)) << text;
 }
 
 TEST(HttpStart, APortInUseIsReported)
