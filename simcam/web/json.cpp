@@ -72,6 +72,8 @@ std::string json_constants(int threshold_percent, const std::vector<std::string>
          {"codes", std::move(codes)},
          {"sizes", {{1920, 1080}, {1280, 720}, {720, 576}, {720, 480}, {352, 288}, {352, 240}}},
          {"gain", {{"least", GAIN_RANGE.least}, {"most", GAIN_RANGE.most}}},
+         {"noise",
+          {{"least", NOISE_RANGE.least}, {"most", NOISE_RANGE.most}, {"default", NOISE_DEFAULT}}},
          {"records_kept", RECORDS_KEPT},
          {"scenes", scenes}});
 }

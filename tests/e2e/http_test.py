@@ -126,6 +126,15 @@ class Constants(unittest.TestCase):
         for value in (gain["least"] * 0.999, gain["most"] * 1.001):
             self.assert_refused("POST", "/api/gain", {"gain": value})
 
+    def test_the_camera_accepts_just_the_noise_in_the_range(self):
+        noise = self.constants["noise"]
+        self.assertEqual(self.camera.state()["noise"], noise["default"])
+        for value in (noise["least"], noise["most"]):
+            self.camera.post("/api/noise", {"noise": value})
+            self.assertEqual(self.camera.state()["noise"], value)
+        for value in (noise["least"] - 0.001, noise["most"] * 1.001):
+            self.assert_refused("POST", "/api/noise", {"noise": value})
+
     def test_a_list_holds_at_most_the_kept_records(self):
         kept = self.constants["records_kept"]
         self.camera.get(f"/api/measurements?limit={kept}")

@@ -41,7 +41,7 @@ const readout = readoutMake(constants.threshold_percent);
 const tone = toneMake();
 const panels = {
   posts: postsPanelMake(constants.sizes),
-  scene: scenePanelMake(constants.scenes, constants.gain, () => historyMark(history, 'flash')),
+  scene: scenePanelMake(constants, () => historyMark(history, 'flash')),
   process: processPanelMake(),
   faults: faultsPanelMake(constants.codes),
   planes: planesPanelMake(),

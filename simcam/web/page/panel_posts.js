@@ -27,7 +27,7 @@ function postMake(number, sizes) {
     type: 'button', className: 'switch', role: 'switch', 'aria-checked': 'false', 'aria-label': `Post ${number}`, textContent: 'Off',
   });
   const input = element('input', {
-    type: 'text', placeholder: '640x480', pattern: '[0-9]{1,4}x[0-9]{1,4}', required: true, 'aria-label': `Another size of post ${number}, width x height`,
+    type: 'text', placeholder: '640x480', pattern: '[0-9]+x[0-9]+', required: true, 'aria-label': `Another size of post ${number}, width x height`,
   });
   const own = element('form', {className: 'own joined', hidden: true}, input, element('button', {type: 'submit', textContent: 'Set'}));
   const planes = element('p', {className: 'fine planes'});

@@ -20,8 +20,9 @@ function senderMake(path, name) {
   };
 }
 
-// scenes: the names of the built-in ones. gains: {least, most}. onFlash is called after a flash.
-export function scenePanelMake(scenes, gains, onFlash) {
+// scenes: names of the built-in scenes. gain: {least, most}. noise: {least, most, default}. onFlash is called after a
+// flash.
+export function scenePanelMake({scenes, gain: gains, noise: noises}, onFlash) {
   const setScene = (scene) => send('POST', '/api/scene', {scene});
   const buttons = scenes.map((name) => {
     const button = element('button', {type: 'button', 'aria-pressed': 'false', textContent: name[0].toUpperCase() + name.slice(1)});
@@ -45,6 +46,10 @@ export function scenePanelMake(scenes, gains, onFlash) {
   $('gain-reset').addEventListener('click', () => sendGain(1));
   const sendNoise = senderMake('/api/noise', 'noise');
   const showNoise = (noise) => setText($('noise-value'), noise ? `${noise.toFixed(1)} of 255` : 'none');
+  $('noise').min = noises.least;
+  $('noise').max = noises.most;
+  $('noise').value = noises.default;
+  showNoise(noises.default);
   $('noise').addEventListener('input', () => showNoise(Number($('noise').value)));
   $('noise').addEventListener('change', () => sendNoise(Number($('noise').value)));
   $('flash').addEventListener('click', async () => {
