@@ -16,6 +16,14 @@ using FileCalls = std::vector<std::string>;
 static const char PATH[] = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt";
 static const std::string OPEN = std::string("open(") + PATH + ", 0)"; // 0 is O_RDONLY
 
+// What perror prints for PATH.
+static std::string path_error(const std::string &reason)
+{
+    std::string line = PATH;
+    line.append(": ").append(reason).append("\n");
+    return line;
+}
+
 // Bytes 1, 2, 3 ..., never 0xA5.
 static Bytes numbered(size_t count)
 {
@@ -52,6 +60,19 @@ TEST(OsdOpenFile, SizeMayBeNull)
 
     EXPECT_GE(descriptor, 0);
     close(descriptor);
+}
+
+TEST(OsdOpenFile, FailingOpenIsPrintedWithThePath)
+{
+    FakeFiles files;
+    files.fail_open(PATH, ENOENT);
+    uint32_t size = 0xDEAD;
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_open_file(PATH, &size), -1); });
+
+    EXPECT_EQ(captured.err, path_error("No such file or directory"));
+    EXPECT_EQ(files.calls, FileCalls({OPEN}));
+    EXPECT_EQ(size, 0xDEADu);
 }
 
 TEST(OsdOpenFile, FailingStatusIsPrintedBeforeTheFileIsClosed)
@@ -123,6 +144,33 @@ TEST(OsdLoadFile, FileAsLongAsTheBufferLoads)
     EXPECT_EQ(osd_load_file(PATH, buffer.data(), 80), 0);
 
     EXPECT_EQ(buffer, numbered(80));
+}
+
+TEST(OsdLoadFile, FileThatCannotBeOpenedOrMeasuredIsAnError)
+{
+    FakeFiles files;
+    uint8_t byte = 0xA5;
+    files.fail_open(PATH, ENOENT);
+    (void)capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 1), -1); });
+
+    files.put(PATH, {7});
+    files.fstat_error = EIO;
+    (void)capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 1), -1); });
+
+    EXPECT_EQ(byte, 0xA5);
+}
+
+TEST(OsdLoadFile, FailingReadIsPrintedBeforeTheFileIsClosed)
+{
+    FakeFiles files;
+    files.put(PATH, {7});
+    files.read_error = EIO;
+    uint8_t byte = 0xA5;
+
+    const Captured captured = capture([&] { EXPECT_EQ(osd_load_file(PATH, &byte, 1), -1); });
+
+    EXPECT_EQ(captured.err, path_error("Input/output error"));
+    EXPECT_EQ(files.calls, FileCalls({OPEN, "fstat", "read(1)", "close"}));
 }
 
 TEST(OsdLoadFile, SizesAreComparedUnsignedAndPrintedSigned)
