@@ -71,6 +71,7 @@ std::string json_constants(int threshold_percent, const std::vector<std::string>
         {{"threshold_percent", threshold_percent},
          {"codes", std::move(codes)},
          {"sizes", {{1920, 1080}, {1280, 720}, {720, 576}, {720, 480}, {352, 288}, {352, 240}}},
+         {"planes", {"bar", "text", nullptr, nullptr}}, // what the overlay draws on each
          {"gain", {{"least", GAIN_RANGE.least}, {"most", GAIN_RANGE.most}}},
          {"noise",
           {{"least", NOISE_RANGE.least}, {"most", NOISE_RANGE.most}, {"default", NOISE_DEFAULT}}},

@@ -112,6 +112,18 @@ class Constants(unittest.TestCase):
                     self.assertTrue(any(MARKER in line for line in self.camera.plane(post, BAR_PLANE)))
                     self.assertTrue(any(TEXT in line or HIGHLIGHT in line for line in self.camera.plane(post, TEXT_PLANE)))
 
+    def test_the_planes_show_what_they_are_named_after(self):
+        self.wait_for_redraw()
+        names = self.constants["planes"]
+        self.assertEqual(len(names), len(self.camera.state()["posts"][0]["planes"]))
+        for number, name in enumerate(names):
+            with self.subTest(number):
+                if name is None:
+                    self.assertFalse(self.camera.state()["posts"][0]["planes"][number]["open"])
+                    continue
+                used = {index for line in self.camera.plane(0, number) for index in line}
+                self.assertEqual(name, "bar" if FRAME in used else "text" if used & {TEXT, HIGHLIGHT} else used)
+
     def assert_refused(self, method, path, body=None):
         with self.assertRaises(urllib.error.HTTPError) as refusal:
             self.camera.request(method, path, body)

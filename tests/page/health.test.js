@@ -11,7 +11,7 @@ function state(time, shows, process = RUNNING) {
 }
 
 function after(...states) {
-  const health = healthNew();
+  const health = healthNew(1);
   for (const each of states) healthStep(health, each);
   return {health, last: states[states.length - 1]};
 }

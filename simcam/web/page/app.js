@@ -28,7 +28,7 @@ for (const node of document.querySelectorAll('[data-threshold]')) setText(node, 
 let session = '';
 let connected = false;
 let state = null; // the camera's last report
-let health = healthNew();
+let health = healthNew(constants.planes.indexOf('text'));
 let history = historyNew(constants.records_kept);
 let lastOutput = 0;
 
@@ -44,7 +44,7 @@ const panels = {
   scene: scenePanelMake(constants, () => historyMark(history, 'flash')),
   process: processPanelMake(),
   faults: faultsPanelMake(constants.codes),
-  planes: planesPanelMake(),
+  planes: planesPanelMake(constants.planes),
   calls: callsPanelMake(),
 };
 
@@ -88,7 +88,7 @@ requestAnimationFrame(draw);
 
 function forget() {
   history = historyNew(constants.records_kept);
-  health = healthNew();
+  health = healthNew(constants.planes.indexOf('text'));
   lastOutput = 0;
   for (const panel of Object.values(panels)) panel.reset?.();
   picture.restart();

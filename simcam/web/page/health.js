@@ -2,10 +2,10 @@
 
 const STILL_S = 3; // a text that is not drawn again for this long has stopped
 const START_S = 3; // a process without a session with the camera after this long will not get one
-const TEXT_PLANE = 1;
 
-export function healthNew() {
+export function healthNew(textPlane) {
   return {
+    textPlane,            // number of the plane with the text
     texts: [],            // of each post: how often its text was shown, and since when it has not changed
     aloneSince: null,     // since when a process has run without a session, by the camera's clock
     starts: 0,            // which process that is
@@ -15,7 +15,7 @@ export function healthNew() {
 
 export function healthStep(health, state) {
   state.posts.forEach((post, i) => {
-    const text = post.planes[TEXT_PLANE];
+    const text = post.planes[health.textPlane];
     const shows = post.running && text.open ? text.shows : -1; // -1: no text
     if (!health.texts[i] || shows !== health.texts[i].shows || shows < 0) health.texts[i] = {shows, since: state.time_s};
   });

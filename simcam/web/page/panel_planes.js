@@ -10,7 +10,10 @@ function stateText(plane) {
   return plane.shown ? 'open, shown' : 'open, never shown';
 }
 
-export function planesPanelMake() {
+// names: what the overlay draws on each plane, null for nothing.
+export function planesPanelMake(names) {
+  $('plane-number').append(...names.map((name, number) =>
+    element('option', {value: number, textContent: name ? `${number} · ${name}` : number})));
   const canvas = $('plane');
   const paints = document.querySelectorAll('[data-paint]');
   let paint = paints[0].dataset.paint; // also the name of the picture at /api
