@@ -92,7 +92,9 @@ TEST(OverlayProcess, WritesItsPidFileIntoTheRunDirectory)
     file >> pid;
     EXPECT_EQ(pid, overlay.state().process.pid);
     EXPECT_TRUE(overlay.state().attached);
-    EXPECT_TRUE(overlay.state().focus_configured);
+    // By another thread than the one that draws.
+    overlay.wait("the configuration of the device",
+                 [&] { return overlay.state().focus_configured; });
 }
 
 TEST(OverlayProcess, FollowsPostsThatStopAndStart)
@@ -222,7 +224,7 @@ TEST(OverlayProcess, AfterAKillThePlanesStayOpenAndTheNextProcessCannotOpenThem)
     EXPECT_EQ(camera_process_kill(*overlay), "");
     overlay.wait_process_end();
     EXPECT_EQ(overlay.state().process.last_end, "signal 9 (Killed)");
-    EXPECT_FALSE(overlay.state().attached);
+    overlay.wait("the end of its session", [&] { return !overlay.state().attached; });
     const Readout left = overlay.readout(0);
     ASSERT_TRUE(left.valid) << left.problem; // its last readout is still shown completely
     const std::vector<uint8_t> text = camera_plane(*overlay, 0, 1).bytes;
