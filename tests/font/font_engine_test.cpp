@@ -311,6 +311,22 @@ TEST_F(FontCache, FailedAllocationKeepsTheCount)
     EXPECT_EQ(cache.entries, nullptr);
 }
 
+TEST_F(FontCache, FailedGlyphLeavesItEmpty)
+{
+    build(&engines[0]);
+    world::clear_record();
+    world::script.fails = [](world::Fn fn, uint64_t n) {
+        return fn == world::FONT_LOAD_GLYPH && n == 2;
+    };
+    GlyphCache cache = {};
+
+    (void)capture(
+        [&] { EXPECT_EQ(font_create_cache(engines[0].face, &cache, "AB"), STATUS_FAULT); });
+
+    EXPECT_EQ(cache.count, 0u);
+    EXPECT_EQ(cache.entries, nullptr);
+}
+
 TEST_F(FontCache, IsReleasedInOrderOnce)
 {
     build(&engines[0]);

@@ -51,6 +51,20 @@ TEST(OsdOpenOsd, OpensAndStoresThePitch)
     EXPECT_EQ(captured.out + captured.err, "");
 }
 
+TEST(OsdOpenOsd, ToleratedCodeCountsAsOpenWithoutAPitch)
+{
+    FakeCodec codec;
+    for (const uint32_t code : TOLERATED) {
+        OsdPlane plane = {1, 0, 123};
+        codec.fail("qm7_cl_post_open_osd", code);
+
+        EXPECT_EQ(osd_open_osd(7, &plane, &PARAM), 0) << std::hex << code;
+
+        EXPECT_EQ(plane.opened, 1u) << std::hex << code;
+        EXPECT_EQ(plane.pitch, 0u) << std::hex << code;
+    }
+}
+
 TEST(OsdOpenOsd, OpenPlaneIsLeftAlone)
 {
     FakeCodec codec;
