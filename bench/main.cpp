@@ -180,7 +180,7 @@ static std::function<void()> make_copy(size_t bytes)
 
 static long allocations_of(const std::function<void()> &action)
 {
-    action(); // makes what is allocated only once
+    action(); // the first call may allocate more than later ones
     const int64_t before = allocations().calls;
     action();
     return (long)(allocations().calls - before);
@@ -365,7 +365,7 @@ int main(int argc, char **argv)
         measure(line.name, "slash", line.slash);
     }
 
-    // Arguments of the command line come last and so take precedence.
+    // Those of the command line follow, and the last one of a name counts.
     std::vector<std::string> arguments = {argv[0], "--benchmark_repetitions=15",
                                           "--benchmark_min_time=0.01",
                                           "--benchmark_enable_random_interleaving=true"};

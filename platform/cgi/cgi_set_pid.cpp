@@ -18,6 +18,6 @@ extern "C" int32_t cgi_set_pid(const char *path)
     if (file < 0)
         return -1;
     const ssize_t written = write(file, text, (size_t)length);
-    (void)close(file); // the bytes are written already, so a failing close does not matter
+    (void)close(file); // the result of write counts, not that of close
     return written == length ? 0 : -1;
 }

@@ -2,8 +2,9 @@
 //
 // The camera checks every call and keeps all state that outlives a process. This file keeps the
 // connection, the mappings of the memory that the camera lends, and the thread that runs the notify
-// callback. One lock guards all of it and is held during a call, which serializes calls of several
-// threads. The notify thread does not take it, so a slow call delays no report.
+// callback. A lock guards connection and mappings. A call holds it until the camera has answered,
+// so calls of several threads run one after the other. The notify thread reads a socket of its own
+// without the lock, so a slow call delays no report.
 //
 // The session belongs to the process that opened it. In a child of fork the library is not
 // initialized, and the memory lent to its parent is not mapped.
@@ -174,8 +175,8 @@ static uint32_t notify_start(int events, pthread_t *thread)
 
 // ---- fork
 
-// Runs in the child, which has one thread. Closing its copies of the sockets does not end the
-// parent's session.
+// Called in the child of a fork, where only the forking thread exists. The child closes its copies
+// of the sockets; the parent's stay open, and with them its session.
 static void after_fork()
 {
     lock = PTHREAD_MUTEX_INITIALIZER;
@@ -351,8 +352,9 @@ int32_t qm7_cl_post_close_osd(uint32_t post_res_id, uint32_t number)
     return call_locked(WIRE_POST_CLOSE_OSD, &request, nullptr);
 }
 
-// Finds or makes the mapping of the buffer that reply describes. Unmaps memory of an earlier
-// opening of the plane: drawing into it after its post has stopped is an error.
+// Returns the mapping of the buffer that reply describes, and maps the buffer if that has not been
+// done yet. If the plane was opened again since, unmaps its earlier buffers first: a program must
+// not draw into them any more.
 static Mapping *plane_mapping(const WireOsdMem *reply, int fd)
 {
     if (reply->post >= WIRE_POSTS || reply->number >= WIRE_PLANES || reply->buffer >= WIRE_BUFFERS)

@@ -1,10 +1,11 @@
 // The open files of the device.
 //
-// An open file is a connection to simcam. The program's descriptor is an epoll instance with that
-// connection in it: the kernel answers plain reads and writes of one as those of a device without
-// these operations (EINVAL), and reports it as readable when the connection is. Only the epoll
-// instance of a device accepts a change of the device's connection, which identifies every
-// descriptor of an open file, however it was duplicated.
+// Each open of the device makes a connection to simcam and an epoll instance that watches this
+// connection. The program gets the descriptor of the epoll instance, for three reasons:
+// - read and write on it fail with EINVAL, as on a device without these operations;
+// - it is readable when the connection is, so poll works;
+// - EPOLL_CTL_MOD of the connection succeeds on this epoll instance only. This tells which device a
+//   descriptor belongs to, even one made by dup.
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -290,7 +291,7 @@ int device_open(int flags)
         device.connection = connection;
         device.inode = socket_inode(connection);
         device.process = process;
-        device.closed = device.dead = device.asked = false; // nobody else knows this place yet
+        device.closed = device.dead = device.asked = false; // not in use yet: needs no device.lock
         __atomic_store_n(&table_used, true, __ATOMIC_RELEASE);
         placed = true;
         break;

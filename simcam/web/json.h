@@ -10,8 +10,8 @@
 namespace simcam
 {
 
-// Of the web interface: in /api, in the state, and with every answer as X-Api-Version. Raised when
-// a route, a parameter or a member goes or changes its meaning; additions keep it.
+// Of the web interface: in /api, in the state, and in the header X-Api-Version of answers. Raised
+// when a route, a parameter or a member goes or changes its meaning; additions keep it.
 constexpr int API_VERSION = 1;
 
 // Reads an object into its members. Returns false with *error set for anything else.

@@ -285,7 +285,7 @@ HttpServerPtr http_start(Camera &camera, const std::string &listen, std::string 
                          0, nullptr, nullptr, on_request, server.get(),     //
                          MHD_OPTION_EXTERNAL_LOGGER, log_nothing, nullptr,  //
                          MHD_OPTION_LISTEN_SOCKET, listener,                //
-                         MHD_OPTION_STRICT_FOR_CLIENT, 1,                   // Host is needed
+                         MHD_OPTION_STRICT_FOR_CLIENT, 1,                   // requires Host
                          MHD_OPTION_CONNECTION_LIMIT, HTTP_CONNECTIONS_MAX, //
                          MHD_OPTION_CONNECTION_TIMEOUT, idle_s,             //
                          MHD_OPTION_URI_LOG_CALLBACK, on_target, nullptr,   //

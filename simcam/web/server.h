@@ -15,7 +15,7 @@ namespace simcam
 
 constexpr unsigned HTTP_CONNECTIONS_MAX = 48;
 constexpr unsigned HTTP_STREAMS_MAX = 16;   // of them with a stream of pictures or events
-constexpr unsigned HTTP_IDLE_S = 15;        // default: idle time before a connection is closed
+constexpr unsigned HTTP_IDLE_S = 15;        // an idle connection is closed after this, by default
 constexpr size_t HTTP_BODY_MAX = 16 * 1024; // bytes of a request
 constexpr const char *HTTP_LISTEN_DEFAULT = "127.0.0.1:8080";
 

@@ -2,8 +2,8 @@
 // serves the codec library, and carries the calls of both to the bridge on the host. One thread,
 // one poll.
 //
-// Goes into the background once everything is ready, so that programs started after it find the
-// camera. With the argument "late", /dev/cam appears only when the host asks for it.
+// Goes into the background once everything is ready, so that a program started after it finds the
+// camera. With the argument "late" it creates /dev/cam only when the host asks for it.
 
 #include <algorithm>
 #include <fcntl.h>

@@ -375,7 +375,7 @@ TEST(Camera, KillingTheProgramEndsChildrenOfAWrapper)
     expect_ended(output(*camera, 1));
 }
 
-TEST(Camera, AStopReachesChildrenOfAWrapper)
+TEST(Camera, StoppingAWrapperAlsoStopsItsChild)
 {
     const TestCamera camera(
         shell("trap : TERM; sh -c 'echo $$; exec sleep 1000' & wait; wait; echo both"));

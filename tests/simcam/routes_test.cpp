@@ -227,7 +227,7 @@ TEST(HttpRoute, DeepNestingIsRefusedWithoutACrash)
 
 // Valid requests with random bytes changed: each result is a route with all its parameters or a
 // refusal with a sentence.
-TEST(HttpRoute, RandomBytesGiveARouteOrARefusal)
+TEST(HttpRoute, RandomBytesAreRoutedOrRefused)
 {
     std::mt19937 random(7);
     const std::vector<HttpRequest> seeds = {
@@ -313,7 +313,7 @@ TEST(HttpRoute, TheHostOfATargetIsNoPartOfItsPath)
     EXPECT_EQ(get("http:///api").status, 400);
 }
 
-TEST(HttpOrigin, OnlyThePageItselfIsAccepted)
+TEST(HttpOrigin, OnlyTheAddressOfThePageIsAccepted)
 {
     EXPECT_TRUE(http_origin_is_ours("http://127.0.0.1:8080", "127.0.0.1:8080"));
     for (const char *other : {"http://127.0.0.1:8081", "https://127.0.0.1:8080", "null",

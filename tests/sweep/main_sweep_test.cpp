@@ -1,5 +1,5 @@
 // Makes every outside call of main and of the measurement loop fail: the first, the second, ...,
-// once or for ever. The expected values are computed here from the rule that a failed request
+// once or forever. The expected values are computed here from the rule that a failed request
 // repeats the record's last content.
 
 #include <cerrno>

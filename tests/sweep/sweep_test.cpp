@@ -1,5 +1,5 @@
 // Makes every outside call of the display thread fail: the first, the second, ... of each function,
-// once or for ever, until the operation runs without meeting the fault. The model then checks the
+// once or forever, until the operation runs without meeting the fault. The model then checks the
 // program's calls, results, messages and every byte of memory, and that nothing leaks. The number
 // of faults is compared with a count made in a second way, from the steps listed below.
 
@@ -215,11 +215,12 @@ Point try_one(const Operation &operation, Fn fn, uint64_t n, int code, bool for_
 }
 
 // FreeType 2.12.1 ends with a segmentation fault where one of two certain allocations of a face's
-// first FT_Load_Glyph fails, once or for ever.
+// first FT_Load_Glyph fails, once or forever.
 constexpr uint64_t CRASHES_OF_AN_ENGINE = 2;
 
-// FOCUS_LONG=1 in the environment fails each allocation of FreeType instead of a sample: as failing
-// one takes a process and many are alike, this takes a minute, with sanitizers two.
+// Whether every allocation of FreeType fails in turn (FOCUS_LONG=1 in the environment), or a sample
+// of them. Each failure needs a process of its own, so all of them take a minute, with sanitizers
+// two.
 bool is_long()
 {
     const char *wanted = getenv("FOCUS_LONG");
