@@ -22,12 +22,13 @@ namespace simcam
 
 static constexpr size_t TARGET_MAX = 8192; // bytes of a request's path and query
 static constexpr size_t STREAM_BLOCK = 64 * 1024;
-static constexpr int HTTP_NICENESS = 5;
+static constexpr int HTTP_NICENESS = 5; // added to that of the process
 
 struct HttpServer {
     Web web;
     Listener listener; // its socket is handed to daemon
     std::string machine_name;
+    int process_niceness = getpriority(PRIO_PROCESS, 0); // of the thread that starts the server
     MHD_Daemon *daemon = nullptr;
 
     explicit HttpServer(Camera &camera) : web(camera)
@@ -190,7 +191,8 @@ static Answer answer_refusal(const RoutedRequest &request)
 static MHD_Result handle(HttpServer &server, MHD_Connection *connection, const char *method,
                          Arrival &arrival)
 {
-    (void)setpriority(PRIO_PROCESS, 0, HTTP_NICENESS); // of this thread, below the sensor's
+    // Of this thread: the sensor's comes first.
+    (void)setpriority(PRIO_PROCESS, 0, server.process_niceness + HTTP_NICENESS);
     const std::string foreign = refuse_origin(server, connection, arrival.target);
     if (!foreign.empty())
         return send_answer(connection, answer_error(403, foreign));
