@@ -43,7 +43,7 @@ struct Device {
     int users;            // calls under way
     bool closed;          // no descriptor refers to it any more
     pid_t process;        // that made the connection
-    bool dead;            // guarded by lock, as is what follows
+    bool dead;            // this and the following fields are guarded by lock
     bool asked;           // a measurement is under way that no call has taken yet
     uint32_t number;      // of that request
     pthread_mutex_t lock; // held during a request
@@ -198,7 +198,7 @@ static void after_fork_in_parent()
     pthread_mutex_unlock(&table_lock);
 }
 
-// The child has one thread and none of the calls of the others.
+// The child has one thread: calls in progress in other threads do not continue in it.
 static void after_fork_in_child()
 {
     table_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
@@ -365,7 +365,7 @@ static int configure_focus(Device *device, const void *argument)
     WireFocusConfig config;
     if (!copy(argument, &config, sizeof config))
         return errno;
-    while (device->asked) { // measured with the window before
+    while (device->asked) { // discard: measured with the old window
         WireFocusStats ignored;
         (void)take_measurement(device, CLIENT_TIMEOUT_MS, &ignored);
     }

@@ -448,7 +448,7 @@ EXPORT int faccessat(int directory, const char *path, int mode, int flags)
 
 // ---- output
 
-// Lets what the program prints be seen as it is printed, where simcam collects it from a pipe.
+// Makes standard output unbuffered where simcam reads it from a pipe.
 __attribute__((constructor)) static void unbuffer()
 {
     if (getenv("SIMCAM_UNBUFFERED"))

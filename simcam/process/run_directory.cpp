@@ -180,7 +180,7 @@ static std::string check_path(const std::string &path)
            " must not contain a space, ':', ';' or ',' (separators of the loader's lists)";
 }
 
-// Makes a directory of a name of its own. Returns an empty string, or why there is none.
+// Makes a directory with a unique name. Returns an empty string, or why there is none.
 static std::string make_fresh(RunDirectory *directory)
 {
     std::error_code failure;

@@ -26,7 +26,7 @@ constexpr int QUALITY_PNG = 0;
 struct FrameRequest {
     int view = 0; // a post, VIEW_ALL or VIEW_SENSOR
     bool planes = true;
-    int width = 0;    // at most so wide; 0: as it is
+    int width = 0;    // maximum; 0: the original width
     int quality = 80; // of a JPEG; QUALITY_PNG: a PNG
 
     auto operator<=>(const FrameRequest &) const = default;

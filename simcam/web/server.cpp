@@ -50,7 +50,7 @@ static void add_headers(MHD_Response *response, const Answer &answer)
 {
     const std::string version = std::to_string(API_VERSION);
     const std::pair<const char *, const char *> fixed[] = {
-        // With a tag: a copy may be kept, but is asked for again before each use.
+        // With a tag a copy may be kept, but must be revalidated before each use.
         {"Cache-Control", answer.etag.empty() ? "no-store" : "no-cache"},
         {"X-Api-Version", version.c_str()},
         {"X-Content-Type-Options", "nosniff"},

@@ -28,7 +28,7 @@ void focus_measure_configure(int device)
     config.word[16] = 0x3FFF3FFF; // all of 14 bits, in each half
     config.word[17] = 0x3FFF3FFF;
     config.word[18] = 0x00003FFF;
-    // The driver's own settings measure as well.
+    // A failure is ignored: the driver then measures with its own settings.
     (void)ioctl(device, (IoctlRequest)CAM_FOCUS_CONFIG, &config);
 }
 

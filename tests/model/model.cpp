@@ -272,7 +272,7 @@ int32_t Model::get_glyph(int64_t face, uint32_t character, int64_t *glyph,
         return FAULT;
     };
     *glyph = 0;
-    if (face == 0) { // nothing can be asked of no face; a program may ask FreeType all the same
+    if (face == 0) { // FreeType refuses a null face; the program may call it or not
         if (next_is(FONT_CHAR_INDEX))
             expect(FONT_CHAR_INDEX, {0, character});
         if (next_is(FONT_LOAD_GLYPH))
@@ -557,7 +557,7 @@ int32_t Model::show_string(const Post &post, uint32_t id, uint32_t percent)
                            : post.region.x + 1;
     const uint32_t y = post.region.y - post.font_size;
 
-    // Of this moment: perhaps newer than those of the percentage.
+    // Read now: may be newer than those of the percentage.
     char text[64];
     bool highlight = false;
     if (peak == 0) {

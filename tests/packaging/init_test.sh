@@ -55,8 +55,8 @@ await() { # until a command succeeds, for at most 20 s
     done
 }
 # Processes of the script, which include its children until they run another program. The one that
-# calls "run start" has created its keeper when it ends, so a keeper that still has to find out that
-# another one is newer is counted.
+# calls "run start" has created its keeper when it ends, so a keeper that has not yet noticed a
+# newer keeper is counted.
 script_processes() {
     for process in /proc/[0-9]*; do
         read -r name 2>/dev/null <"$process/comm" || continue

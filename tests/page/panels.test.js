@@ -5,15 +5,15 @@ import {mergedText, planesText} from '../../simcam/web/page/panel_posts.js';
 
 test('a fault is described by what it does, how long, and how often it was met', () => {
   const fault = {call: 'qm7_cl_post_set_osd', error: '0x81000001', remaining: 3, delay_ms: 0, hits: 1};
-  assert.equal(faultText(fault), ' fails with 0x81000001: 3 more, met 1 time');
-  assert.equal(faultText({...fault, delay_ms: 250, remaining: 'forever', hits: 2}), ' fails with 0x81000001 and takes 250 ms longer: forever, met 2 times');
-  assert.equal(faultText({...fault, error: '0x00000000', delay_ms: 50, hits: 0}), ' takes 50 ms longer: 3 more, met 0 times');
+  assert.equal(faultText(fault), ' fails with 0x81000001: 3 more, hit 1 time');
+  assert.equal(faultText({...fault, delay_ms: 250, remaining: 'forever', hits: 2}), ' fails with 0x81000001 and takes 250 ms longer: forever, hit 2 times');
+  assert.equal(faultText({...fault, error: '0x00000000', delay_ms: 50, hits: 0}), ' takes 50 ms longer: 3 more, hit 0 times');
 });
 
 test('a fault that waits for a rare call says when the call is made', () => {
   const fault = {call: 'CAM_FOCUS_CONFIG', error: '0x00000005', remaining: 1, delay_ms: 0, hits: 0};
-  assert.equal(faultText(fault), ' fails with 0x00000005: 1 more, met when the process starts');
-  assert.equal(faultText({...fault, hits: 1}), ' fails with 0x00000005: 1 more, met 1 time');
+  assert.equal(faultText(fault), ' fails with 0x00000005: 1 more, used when the process starts');
+  assert.equal(faultText({...fault, hits: 1}), ' fails with 0x00000005: 1 more, hit 1 time');
 });
 
 test('a post lists its open planes', () => {

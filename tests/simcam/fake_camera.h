@@ -1,4 +1,4 @@
-// Controls and observes the fake implementation of simcam/camera.h.
+// Controls and observes the fake implementation of simcam/camera/camera.h.
 #pragma once
 
 #include <string>

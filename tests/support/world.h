@@ -1,7 +1,7 @@
 // What the display thread calls outside of the program: the codec library, FreeType, files and heap
 // memory. Every call is recorded with its arguments and its answer, and any call can be made to
-// fail. Everything that a test says of these calls is said through this one record: the model of
-// the program (model.h) reads it, FakeCodec shows it as text.
+// fail. Tests inspect these calls only through this record: the model of the program (model.h)
+// reads it, FakeCodec shows it as text.
 //
 // FreeType and the files are the real ones behind a wrapper; memory of the codec library is
 // guarded. Only the display thread may call in.
@@ -93,7 +93,7 @@ struct Event {
     std::array<int64_t, 6> in{}; // arguments
     std::string text;            // a path among them
     bool failed = false;
-    int error = 0; // errno behind it
+    int error = 0; // errno after the call
     std::array<int64_t, 3> out{};
     std::shared_ptr<GuardedMemory> memory; // handed out
     std::vector<uint8_t> bytes;            // memory as it was then: shown, applied
@@ -101,9 +101,9 @@ struct Event {
 };
 
 struct Plane {
-    std::optional<uint32_t> pitch;        // else the width that is asked for, rounded up to 16
+    std::optional<uint32_t> pitch;        // unset: the requested width, rounded up to 16
     std::optional<uint32_t> failed_pitch; // stored by an open that fails
-    std::optional<uint32_t> size;         // else pitch x height that is asked for
+    std::optional<uint32_t> size;         // unset: pitch x requested height
     bool no_memory = false;
     Guard guard = Guard::BEHIND;
 
@@ -124,8 +124,8 @@ struct Script {
     std::function<void(const Event &)> ended;
     std::function<void(Fn fn)> during;
 
-    // Otherwise only the last call is kept, shown bytes are not copied, and the memory of a plane
-    // is the same for every fetch: for long runs.
+    // false, for long runs: only the last call is kept, shown bytes are not copied, and every fetch
+    // of a plane returns the same memory.
     bool records = true;
 
     // By post id modulo 4.
@@ -157,10 +157,11 @@ void clear_record();
 // A new script, no record, and the product's state as in a new process; live engines are torn down.
 void reset();
 
-// Objects of FreeType, heap arrays and descriptors of the program that exist; those that one
-// function made; the number that an object has in the record.
+// Objects of FreeType, heap arrays and descriptors of the program that exist.
 size_t objects_alive();
+// Those of them that one function made.
 size_t objects_alive(Fn maker);
+// The number of an object in the record.
 int64_t number_of(const void *object);
 
 // Releases of objects that did not exist, since reset().

@@ -170,7 +170,7 @@ bool try_point(const Operation &operation, Fn fn, uint64_t n, int code, bool for
 }
 
 // The same in a child process, for calls that FreeType makes: FreeType crashes when certain of its
-// allocations fail. Such a crash is told from one of the program.
+// allocations fail. Such a crash is distinguished from one of the program.
 enum class Point { NOT_MET, PASSED, FAILED, FREETYPE_CRASHED };
 constexpr int CRASHED = 77;
 

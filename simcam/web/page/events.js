@@ -4,7 +4,7 @@ const RETRY_MS = 2000;
 const KINDS = ['state', 'measurement', 'output'];
 
 // handlers: hello, state, measurement and output get the event's data; lost() is called when the camera does not
-// answer. hidden() says whether nobody needs the events of a page in the background.
+// answer. hidden() says whether a page in the background may close its stream.
 export function eventsMake(handlers, hidden) {
   let source = null;
 

@@ -2,10 +2,10 @@
 import {$, element, setText} from './dom.js';
 import {getJson, send, toast} from './requests.js';
 
-const AT_START = 'when the process starts';
-const AT_POST = 'when a post starts';
-const AT_FAILURE = 'when a start fails';
-const NEVER = 'by nothing: the overlay never closes a plane';
+const AT_START = 'used when the process starts';
+const AT_POST = 'used when a post starts';
+const AT_FAILURE = 'used when a start fails';
+const NEVER = 'never used by the overlay';
 
 // When the overlay makes the calls that it does not make at every redraw or reading.
 const OCCASIONS = {
@@ -17,14 +17,14 @@ const OCCASIONS = {
   qm7_cl_library_exit: AT_FAILURE, qm7_cl_sys_close_device: AT_FAILURE,
 };
 
-// What a fault does to its call, how long it lasts, and how often it was met.
+// What a fault does to its call, how long it lasts, and how often it was hit.
 export function faultText(fault) {
   const does = [];
   if (Number(fault.error) !== 0) does.push(`fails with ${fault.error}`);
   if (fault.delay_ms) does.push(`takes ${fault.delay_ms} ms longer`);
   const left = fault.remaining === 'forever' ? 'forever' : `${fault.remaining} more`;
-  const met = fault.hits === 0 && OCCASIONS[fault.call] ? OCCASIONS[fault.call] : `${fault.hits} ${fault.hits === 1 ? 'time' : 'times'}`;
-  return ` ${does.join(' and ')}: ${left}, met ${met}`;
+  const when = fault.hits === 0 && OCCASIONS[fault.call] ? OCCASIONS[fault.call] : `hit ${fault.hits} ${fault.hits === 1 ? 'time' : 'times'}`;
+  return ` ${does.join(' and ')}: ${left}, ${when}`;
 }
 
 function cardMake(call) {

@@ -16,12 +16,12 @@ namespace
 constexpr size_t OBJECTS = 8; // atomic objects that the callback touches, at most
 constexpr size_t VALUES = 16; // that one of them has in turn, at most
 
-// By object: the number of the oldest value that is still in sight.
+// By object: the number of the oldest value that a load may still return.
 using View = std::array<uint8_t, OBJECTS>;
 
 struct Value {
     uint32_t value;
-    View released; // what acquiring it brings into view
+    View released; // values made visible by acquiring it
 };
 
 struct Operation {
@@ -154,7 +154,7 @@ void modify(View *view, const Operation &operation)
 void apply(size_t i)
 {
     const Operation &operation = operations[i];
-    View view = {}; // what comes before it in the callback, though not what passed it
+    View view = {}; // the callback's operations before it, except those reordered after it
     for (size_t k = 0; k < i; k++) {
         if ((done >> k & 1) != 0)
             view[operations[k].object] = stamp[k];
@@ -187,8 +187,8 @@ void let_callback_run()
     }
 }
 
-// An operation of the callback may pass an earlier one on another object, unless it releases or
-// the earlier one acquires.
+// An operation of the callback may take effect before an earlier one on another object, unless it
+// releases or the earlier one acquires.
 void record(Operation operation)
 {
     if (operations.size() == 32)
