@@ -49,6 +49,7 @@ class Page(unittest.TestCase):
 
     def setUp(self):
         camera_ = self.camera
+        self.browser.get("about:blank")  # the page of the last test makes no further requests
         camera_.request("DELETE", "/api/faults")
         camera_.post("/api/sweep", {"on": False})
         camera_.post("/api/gain", {"gain": 1})
@@ -145,6 +146,18 @@ class Page(unittest.TestCase):
                 if (d[i + 3] > 60 && color.every((level, k) => Math.abs(level - d[i + k]) < 16)) columns.add(i / 4 % c.width);
             return columns.size;""", identifier, legend)
 
+    def merge_reports(self):
+        """Starts and stops a post until the camera merges reports, because the overlay process does not read them."""
+        pid = self.camera.state()["process"]["pid"]
+        before = self.camera.state()["merged_reports"]
+        os.kill(pid, signal.SIGSTOP)
+        try:
+            while self.camera.state()["merged_reports"] == before:
+                self.camera.post("/api/posts/3/stop")
+                self.camera.post("/api/posts/3/start")
+        finally:
+            os.kill(pid, signal.SIGCONT)
+
     def overlay_draws(self):
         """Waits until the overlay has drawn bar and text on each post."""
         self.wait_for("bar and text on each post", lambda: all(
@@ -156,57 +169,102 @@ class Layout(Page):
 
     SIZES = ((1280, 657), (1366, 657), (1280, 720), (1024, 768), (820, 1180), (390, 844))
 
-    def findings(self, width, height):
-        """What layout.js finds at a size, with each panel open."""
+    def findings(self, width, height, tabs):
+        """What layout.js finds at a size, with each of the panels open."""
         with open(os.path.join(camera.HERE, "layout.js"), encoding="utf-8") as file:
             search = file.read()
         self.size(width, height)
-        self.wait_for("the size", lambda: self.script("return innerWidth === arguments[0] && innerHeight === arguments[1]", width, height))
-        found = []
-        for tab in TABS:
-            self.open_tab(tab)
-            found += [f"{width}x{height}, {tab}: {finding}" for finding in self.script(search)]
-        self.find("tab-posts").click()
-        self.script("scrollTo(0, 0)")
-        return found
+        self.browser.execute_async_script("requestAnimationFrame(() => requestAnimationFrame(arguments[0]))")
+        self.assertEqual(self.script("return [innerWidth, innerHeight]"), [width, height])
+        return [f"{width}x{height}, {finding}" for finding in self.script(search, tabs)]
 
-    def test_everything_is_in_view_or_in_reach(self):
+    def check(self, name, tabs=TABS, show=lambda: None, pictures=(SIZES[0], SIZES[-1])):
+        """Searches the page at each size. show is called each time, for what does not stay in view."""
+        found = []
+        for width, height in self.SIZES:
+            show()
+            found += self.findings(width, height, tabs)
+            if (width, height) in pictures:
+                self.screenshot(f"{name}-{width}x{height}")
+        self.assertEqual("\n".join(found), "")
+
+    def fill_panels(self):
+        """Opens each panel once: some ask for their content only then."""
+        self.script("arguments[0].forEach((tab) => document.getElementById(`tab-${tab}`).click())", TABS)
+        self.wait_for("calls", lambda: "post_set_osd" in self.text("calls"))
+
+    def test_all_is_in_reach(self):
         self.camera.post("/api/sweep", {"on": True, "period_s": 6})
         self.camera.post("/api/faults", {"call": "qm7_cl_post_close_osd", "error": 7, "remaining": "forever", "delay_ms": 250})
         self.wait_for("its card", lambda: self.browser.find_elements(By.CSS_SELECTOR, ".card"))
         self.wait_for("the longest cue", lambda: "turn back to the" in self.text("cue"))
         self.overlay_draws()
         self.wait_for("a picture", lambda: self.canvas_spread("picture") > 60)
+        self.wait_for("values over time", lambda: self.columns_drawn("plot-time", "c-current") > 30)
+        self.fill_panels()
 
-        found = []
-        for width, height in self.SIZES:
-            found += self.findings(width, height)
-            self.wait_for("values over time", lambda: self.columns_drawn("plot-time", "c-current") > 30)
-            self.screenshot(f"page-{width}x{height}")
+        self.check("page", pictures=self.SIZES)
 
-        self.assertEqual(found, [])
-
-    def test_everything_is_in_view_or_in_reach_while_a_notice_is_shown(self):
+    def test_all_is_in_reach_while_a_notice_is_shown(self):
+        self.fill_panels()
         self.camera.end_process()
         self.one("[data-view=all]").click()
         self.wait_for("the notice", lambda: "not running" in self.text("notice"))
         self.wait_for("the tiles", lambda: "1920" in self.text("tiles"))
 
-        found = []
-        for width, height in self.SIZES:
-            found += self.findings(width, height)
-            self.screenshot(f"notice-{width}x{height}")
+        self.check("notice")
 
-        self.assertEqual(found, [])
+    def test_all_is_in_reach_with_merged_reports_and_another_size_for_each_post(self):
+        self.merge_reports()
+        self.wait_for("the count", lambda: "were merged" in self.text("merged"))
+        for post in range(4):
+            Select(self.one(f"[aria-label='Size of post {post}']")).select_by_value("own")
+        self.assertEqual(sum(form.is_displayed() for form in self.browser.find_elements(By.CSS_SELECTOR, ".own")), 4)
+
+        self.check("posts", ["posts"])
+
+    def test_all_is_in_reach_while_a_post_is_off(self):
+        self.find("toggle-loupe").click()
+        self.camera.post("/api/posts/0/stop")
+        self.wait_for("the veil", lambda: "Post 0 is off." in self.text("veil"))
+
+        self.check("off", ["posts"])
+
+    def test_all_is_in_reach_while_a_refusal_is_shown(self):
+        path = "/no/such/" + "picture" * 25
+        self.fill_panels()
+
+        def refuse():
+            self.script("import('/requests.js').then(({send}) => send('POST', '/api/scene', {scene: arguments[0]}))", path)
+            self.wait_for("a refusal", lambda: path in self.text("toast"))
+
+        try:
+            self.check("refusal", show=refuse)
+        finally:
+            self.browser.get_log("browser")  # the refusals are errors there too
+
+    def test_all_is_in_reach_while_the_camera_does_not_answer(self):
+        with Camera(camera.settings.simcam, "--ring", str(RING), "--", camera.settings.overlay) as other:
+            self.browser.get(other.address)
+            self.wait_for("a value", self.number)
+        self.wait_for("the veil", lambda: "does not answer" in self.text("veil"))
+
+        try:
+            self.check("no-answer", ["posts"])
+        finally:
+            self.browser.get("about:blank")  # makes no further attempts to connect
+            self.browser.get_log("browser")  # each failed attempt is an error there
 
     def test_the_layout_check_finds_what_is_wrong(self):
         for style, finding in ((".readout { height: 60px !important; overflow: hidden !important; }", "is cut off by section#readout"),
                                (".figure.peak { margin-top: -40px; }", "overlap"),
                                ("#ring { position: relative; top: 300px; }", "#ring is not on the first screen"),
-                               (".lens { position: relative; z-index: 9; margin-top: -60px; }", "is covered by")):
+                               (".lens { position: relative; z-index: 9; margin-top: -60px; }", "is covered by"),
+                               ("#cue { position: fixed; top: 640px; }", "is not in view"),
+                               ("#cue { position: fixed; top: 300px; right: 40px; background: red; }", "overlap")):
             with self.subTest(style):
                 self.script("const sheet = document.styleSheets[0]; sheet.insertRule(arguments[0], sheet.cssRules.length)", style)
-                self.assertIn(finding, "; ".join(self.findings(1280, 657)))
+                self.assertIn(finding, "; ".join(self.findings(1280, 657, ["posts"])))
                 self.script("const sheet = document.styleSheets[0]; sheet.deleteRule(sheet.cssRules.length - 1)")
 
 
@@ -487,16 +545,11 @@ class Posts(Page):
         self.wait_for("the post again", lambda: self.camera.state()["posts"][0]["running"])
 
     def test_merged_reports_are_counted(self):
-        self.assertFalse(self.find("merged").is_displayed())
-        pid = self.camera.state()["process"]["pid"]
-        self.addCleanup(os.kill, pid, signal.SIGCONT)
-        os.kill(pid, signal.SIGSTOP)  # it does not read its reports
-        while not self.camera.state()["merged_reports"]:
-            self.camera.post("/api/posts/3/stop")
-            self.camera.post("/api/posts/3/start")
+        self.assertEqual(self.find("merged").is_displayed(), self.camera.state()["merged_reports"] > 0)
+
+        self.merge_reports()
 
         self.wait_for("the count", lambda: "reports of starts and stops were merged" in self.text("merged"))
-        os.kill(pid, signal.SIGCONT)
         self.wait_for("the readout", lambda: self.camera.state()["posts"][3]["planes"][1]["shown"])
 
     def test_a_size_is_chosen(self):
