@@ -7,6 +7,7 @@ import tempfile
 import unittest
 
 LINT = None
+OPENCV = "OpenCV reaches a header of simcam/camera other than pictures.h"
 CLEAN = {
     "simcam/board/board.h": "",
     "simcam/camera/camera.h": '#include "board/board.h"\n',
@@ -77,9 +78,15 @@ class House(unittest.TestCase):
                      'simcam/board/plane.cpp:1:#include "../web/frames.h"')
 
     def test_opencv_in_a_header_of_the_camera_is_refused(self):
-        self.refused({"simcam/camera/snapshot.h": "#include <opencv2/core.hpp>\n"},
-                     "OpenCV in a header of simcam/camera other than pictures.h",
+        self.refused({"simcam/camera/snapshot.h": "#include <opencv2/core.hpp>\n"}, OPENCV,
                      "simcam/camera/snapshot.h:1:#include <opencv2/core.hpp>")
+
+    def test_opencv_that_reaches_a_header_of_the_camera_through_another_is_refused(self):
+        includes = (("camera/options.h", '"picture/lens.h"'), ("camera/snapshot.h", '"camera/pictures.h"'),
+                    ("board/state.h", "<opencv2/core.hpp>"), ("process/process.h", "<opencv2/core.hpp>"))
+        self.refused({"simcam/picture/lens.h": "#include <opencv2/core.hpp>\n",
+                      **{f"simcam/{path}": f"#include {header}\n" for path, header in includes}},
+                     OPENCV, *(f"simcam/{path}:1:#include {header}" for path, header in includes))
 
 
 if __name__ == "__main__":
