@@ -37,7 +37,7 @@ BROWSER_FLAGS = [
     "--disable-dev-shm-usage",
 ]
 RING = 0.2  # where each test finds the lens: blurred
-BEST_RING = 0.55  # where the photograph is sharp, nearly
+BEST_RING = 0.55  # where the lens is sharp, nearly
 TABS = ("posts", "scene", "process", "faults", "planes", "calls")
 
 
@@ -94,6 +94,14 @@ class Page(unittest.TestCase):
     def value(self):
         """The current value on the page."""
         return int(self.text("current"))
+
+    def value_at(self, ring):
+        """The value that the camera measures after it turned the ring there."""
+        def measured():
+            latest = self.camera.state()["latest"]
+            return latest if latest["ring"] == ring else None
+        self.camera.post("/api/ring", {"ring": ring})
+        return self.wait_for(f"a measurement at {ring}", measured)["value"]
 
     def number(self):
         """The number of the measurement on the page; 0 before the first."""
@@ -379,19 +387,16 @@ class Readout(Page):
         return self.camera.state()["overlay"]["peak"]
 
     def test_the_peak_is_that_of_the_overlay(self):
-        self.camera.post("/api/ring", {"ring": BEST_RING})
-        self.wait_for("a sharp picture", lambda: self.camera.state()["latest"]["value"] > 200)
-        self.camera.post("/api/ring", {"ring": RING})
-        self.wait_for("a blurred one", lambda: self.camera.state()["latest"]["value"] < 100)
+        sharp = self.value_at(BEST_RING)
+        self.assertGreater(sharp, 2 * self.value_at(RING))
 
         self.restart_process()  # it has not seen the sharp picture
         self.camera.post("/api/ring", {"ring": 0.4})
         self.wait_for("a peak", self.overlay_peak)
-        self.camera.post("/api/ring", {"ring": RING})
-        self.wait_for("a blurred picture", lambda: self.camera.state()["latest"]["ring"] == RING)
+        self.value_at(RING)
 
         peak = self.overlay_peak()
-        self.assertLess(peak, 200)
+        self.assertLess(peak, sharp)
         self.wait_for("it on the page", lambda: self.text("peak") == str(peak))
         self.browser.get(self.camera.address)
         self.wait_for("it on a page opened later", lambda: self.text("peak") == str(peak))
@@ -575,9 +580,10 @@ class Posts(Page):
         self.wait_for("the picture in it", lambda: "642 × 402" in self.text("facts"))
 
     def test_a_plane_is_shown_alone(self):
-        self.camera.post("/api/ring", {"ring": 0.55})  # a peak that the value is far below afterwards
-        self.wait_for("a high value", lambda: self.value() > 200)
-        self.camera.post("/api/ring", {"ring": 0.2})
+        blurred = self.value()
+        self.camera.post("/api/ring", {"ring": BEST_RING})  # a peak that the value is far below afterwards
+        self.wait_for("a high value", lambda: self.value() > 2 * blurred)
+        self.camera.post("/api/ring", {"ring": RING})
         self.open_tab("planes")
         self.wait_for("the bar", lambda: self.canvas_spread("plane") > 0)
         indices = lambda: self.text("plane-used").split()
