@@ -56,7 +56,7 @@ class MadeGlyph
         for (size_t row = 0; row < picture.size(); row++) {
             for (size_t col = 0; col < picture[row].size(); col++) {
                 if (picture[row][col] != 'X')
-                    bits_.data()[row * row_bytes + col / 8] &= (uint8_t) ~(0x80 >> (col % 8));
+                    bits_.data()[row * row_bytes + col / 8] ^= (uint8_t)(0x80 >> (col % 8));
             }
         }
         glyph.left = left;

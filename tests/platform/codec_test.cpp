@@ -370,6 +370,7 @@ TEST_F(CodecTest, EveryCallFailsWithAnInjectedCodeAndThenSucceeds)
     PostStatus status;
     const uint32_t res_id = start_post(0);
     const OsdOpenParam param = {1, 132, 24, 2};
+    const OsdPosition corner = {0, 0};
     const struct {
         const char *name;
         std::function<int32_t()> call;
@@ -386,10 +387,7 @@ TEST_F(CodecTest, EveryCallFailsWithAnInjectedCodeAndThenSucceeds)
          [&] { return qm7_cl_post_open_osd(res_id, &param, &word, &word); }},
         {"qm7_cl_post_get_osd_mem",
          [&] { return qm7_cl_post_get_osd_mem(res_id, 1, &osd_id, &mem); }},
-        {"qm7_cl_post_set_osd",
-         [&] {
-             return qm7_cl_post_set_osd(res_id, osd_id, {1, 1});
-         }},
+        {"qm7_cl_post_set_osd", [&] { return qm7_cl_post_set_osd(res_id, osd_id, corner); }},
         {"qm7_cl_post_clear_osd", [&] { return qm7_cl_post_clear_osd(res_id, 1); }},
         {"qm7_cl_post_close_osd", [&] { return qm7_cl_post_close_osd(res_id, 1); }},
         {"qm7_cl_sys_close_device", [&] { return qm7_cl_sys_close_device(); }},
@@ -428,9 +426,11 @@ TEST_F(CodecTest, ARefusedCallChangesNothing)
     PostStatus status;
     std::memset(&status, 77, sizeof status);
     const PostStatus status_before = status;
-    OsdOpenParam param = {0, 132, 24, 2};
-    const auto open_with = [&](uint32_t post, OsdOpenParam with) {
-        param = with;
+    const OsdPosition corner = {0, 0};
+    OsdOpenParam param = {};
+    const auto open_with = [&](uint32_t post, uint32_t number, uint16_t width, uint16_t height,
+                               uint32_t depth_code) {
+        param = {number, width, height, depth_code};
         return qm7_cl_post_open_osd(post, &param, &words[0], &words[1]);
     };
     const struct {
@@ -450,33 +450,17 @@ TEST_F(CodecTest, ARefusedCallChangesNothing)
         {"status to null", CODEC_BAD_ARGUMENT,
          [&] { return qm7_cl_post_thread_get_status(res_id, nullptr); }},
         {"open on a stopped post", CODEC_POST_NOT_RUNNING,
-         [&] {
-             return open_with(stopped, {0, 132, 24, 2});
-         }},
-        {"open an open plane", CODEC_PLANE_OPEN,
-         [&] {
-             return open_with(res_id, {1, 64, 64, 1});
-         }},
+         [&] { return open_with(stopped, 0, 132, 24, 2); }},
+        {"open an open plane", CODEC_PLANE_OPEN, [&] { return open_with(res_id, 1, 64, 64, 1); }},
         {"open a fifth plane", CODEC_BAD_ARGUMENT,
-         [&] {
-             return open_with(res_id, {4, 132, 24, 2});
-         }},
-        {"open with width 0", CODEC_PLANE_REFUSED,
-         [&] {
-             return open_with(res_id, {0, 0, 24, 2});
-         }},
+         [&] { return open_with(res_id, 4, 132, 24, 2); }},
+        {"open with width 0", CODEC_PLANE_REFUSED, [&] { return open_with(res_id, 0, 0, 24, 2); }},
         {"open with height 0", CODEC_PLANE_REFUSED,
-         [&] {
-             return open_with(res_id, {0, 132, 0, 2});
-         }},
+         [&] { return open_with(res_id, 0, 132, 0, 2); }},
         {"open too large", CODEC_PLANE_REFUSED,
-         [&] {
-             return open_with(res_id, {0, 65535, 65535, 2});
-         }},
+         [&] { return open_with(res_id, 0, 65535, 65535, 2); }},
         {"open with depth code 3", CODEC_PLANE_REFUSED,
-         [&] {
-             return open_with(res_id, {0, 132, 24, 3});
-         }},
+         [&] { return open_with(res_id, 0, 132, 24, 3); }},
         {"open null", CODEC_BAD_ARGUMENT,
          [&] { return qm7_cl_post_open_osd(res_id, nullptr, &words[0], &words[1]); }},
         {"clear on a stopped post", CODEC_POST_NOT_RUNNING,
@@ -501,17 +485,11 @@ TEST_F(CodecTest, ARefusedCallChangesNothing)
         {"memory id to null", CODEC_BAD_ARGUMENT,
          [&] { return qm7_cl_post_get_osd_mem(res_id, 2, nullptr, &out); }},
         {"show on a stopped post", CODEC_POST_NOT_RUNNING,
-         [&] {
-             return qm7_cl_post_set_osd(stopped, lent_id, {0, 0});
-         }},
+         [&] { return qm7_cl_post_set_osd(stopped, lent_id, corner); }},
         {"show the shown buffer", CODEC_BUFFER_NOT_LENT,
-         [&] {
-             return qm7_cl_post_set_osd(res_id, shown_id, {0, 0});
-         }},
+         [&] { return qm7_cl_post_set_osd(res_id, shown_id, corner); }},
         {"show an unknown buffer", CODEC_BUFFER_NOT_LENT,
-         [&] {
-             return qm7_cl_post_set_osd(res_id, 0, {0, 0});
-         }},
+         [&] { return qm7_cl_post_set_osd(res_id, 0, corner); }},
     };
     const auto expect_unchanged = [&](const std::string &what) {
         EXPECT_EQ(contents(board), before) << what;
@@ -540,17 +518,11 @@ TEST_F(CodecTest, ARefusedCallChangesNothing)
         {"qm7_cl_post_set_osd_color", [] { return qm7_cl_post_set_osd_color(); }},
         {"qm7_cl_post_thread_get_status",
          [&] { return qm7_cl_post_thread_get_status(res_id, &status); }},
-        {"qm7_cl_post_open_osd",
-         [&] {
-             return open_with(res_id, {0, 132, 24, 2});
-         }},
+        {"qm7_cl_post_open_osd", [&] { return open_with(res_id, 0, 132, 24, 2); }},
         {"qm7_cl_post_clear_osd", [&] { return qm7_cl_post_clear_osd(res_id, 1); }},
         {"qm7_cl_post_close_osd", [&] { return qm7_cl_post_close_osd(res_id, 1); }},
         {"qm7_cl_post_get_osd_mem", [&] { return qm7_cl_post_get_osd_mem(res_id, 2, &id, &out); }},
-        {"qm7_cl_post_set_osd",
-         [&] {
-             return qm7_cl_post_set_osd(res_id, lent_id, {9, 9});
-         }},
+        {"qm7_cl_post_set_osd", [&] { return qm7_cl_post_set_osd(res_id, lent_id, corner); }},
         {"qm7_cl_library_exit", [] { return qm7_cl_library_exit(); }},
     };
     for (const auto &step : valid) {
