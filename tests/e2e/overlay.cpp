@@ -106,6 +106,11 @@ void Overlay::wait_process_end() const
     });
 }
 
+void Overlay::wait_output(int stream, const std::string &text) const
+{
+    wait(text.c_str(), [&] { return output(stream).find(text) != std::string::npos; });
+}
+
 Readout Overlay::readout(int post) const
 {
     const PostState now = state().post[static_cast<size_t>(post)];

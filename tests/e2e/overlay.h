@@ -27,6 +27,9 @@ struct Overlay {
     // Waits until bar and text of the post have each been shown count more times.
     void wait_redraws(int post, uint64_t count = 1) const;
     void wait_process_end() const;
+    // Waits until the process has written the text to a stream. The output comes through a pipe: it
+    // may arrive after the effects of later calls.
+    void wait_output(int stream, const std::string &text) const;
     // The readout that a post shows now.
     Readout readout(int post) const;
     // The output of the process on a stream so far.

@@ -150,12 +150,11 @@ TEST(OverlayProcess, AnUnsupportedSizeIsReportedOnceAndAffectsNoOtherPost)
     CameraOptions options = overlay_options("1280x720");
     options.post_size[1] = "640x480";
     const Overlay overlay(options);
+    const std::string line = "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n";
+    overlay.wait_output(2, line);
     overlay.wait_redraws(0, 4);
 
-    const std::string errors = overlay.output(2);
-    const std::string line = "ERR:#qm7osd:[(null)]=invalid resolution(init_draw_param)\n";
-    EXPECT_NE(errors.find(line), std::string::npos) << errors;
-    EXPECT_EQ(errors.find(line), errors.rfind(line));
+    EXPECT_EQ(overlay.output(2), line);
     EXPECT_TRUE(overlay.readout(0).valid) << overlay.readout(0).problem;
 }
 
@@ -237,13 +236,12 @@ TEST(OverlayProcess, AfterAKillThePlanesStayOpenAndTheNextProcessCannotOpenThem)
     // The library reports with a tolerated code that the planes are open and returns no pitch. The
     // new process shows an empty bar and no text; the old text stays.
     EXPECT_EQ(overlay.calls("qm7_cl_post_open_osd", 0x81E03204), 2u);
+    overlay.wait_output(2, "target width is too small(font_get_target_bitmap)\n");
     overlay.wait("an empty bar", [&] {
         const auto bar = camera_plane(*overlay, 0, 0).bytes;
         return std::count(bar.begin(), bar.end(), 0) == static_cast<long>(bar.size());
     });
     EXPECT_EQ(camera_plane(*overlay, 0, 1).bytes, text);
-    EXPECT_NE(overlay.output(2).find("target width is too small(font_get_target_bitmap)\n"),
-              std::string::npos);
 
     // A restart of the post closes the planes; the next pass opens them again.
     EXPECT_EQ(camera_start_post(*overlay, 0, {1280, 720}), "");
@@ -259,8 +257,11 @@ TEST(OverlayProcess, TwoCamerasWithAProcessEachAreIndependent)
     sharp.ring = 0.55;
     const Overlay near_focus(sharp);
     auto far_off = std::make_unique<Overlay>(overlay_options("1920x1080"));
-    near_focus.wait_redraws(0, 2);
-    far_off->wait_redraws(0, 2);
+    const auto wait_for_a_value = [](const Overlay &overlay) { // 0 before the first measurement
+        overlay.wait("a measured value", [&] { return overlay.readout(0).current > 0; });
+    };
+    wait_for_a_value(near_focus);
+    wait_for_a_value(*far_off);
 
     EXPECT_NE(near_focus.state().run_directory, far_off->state().run_directory);
     EXPECT_NE(near_focus.state().process.pid, far_off->state().process.pid);
@@ -430,6 +431,7 @@ TEST(OverlayProcess, DrawsThroughAnotherCodecLibrary)
     OwnProcess process(overlay);
     EXPECT_EQ(camera_process_kill(*overlay), "");
     overlay.wait_process_end();
+    overlay.wait("the end of its calls", [&] { return !overlay.state().attached; });
     const std::string directory = overlay.state().run_directory + "/";
     const uint64_t calls = camera_newest(*overlay).call;
 

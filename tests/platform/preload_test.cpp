@@ -242,15 +242,15 @@ TEST(Preload, FixedPathsAreRedirectedToTheRunDirectory)
 
 TEST(Preload, ReadsStopWaitingOnceFcntlSetsNonblocking)
 {
-    const Outcome outcome =
-        ProbeCamera({"open", "config", "read", "set-nonblocking", "read", "read", "read"})
-            .outcome();
-    ASSERT_EQ(outcome.lines.size(), 7u);
+    std::vector<std::string> actions = {"open", "config", "read", "set-nonblocking"};
+    actions.insert(actions.end(), 20, "read");
+    const Outcome outcome = ProbeCamera(actions).outcome();
+    ASSERT_EQ(outcome.lines.size(), 24u);
     EXPECT_EQ(outcome.lines[2].error, 0);
     EXPECT_EQ(outcome.lines[3].error, 0);
     const auto fails = std::count_if(outcome.lines.begin() + 4, outcome.lines.end(),
                                      [](const Line &line) { return line.error == EAGAIN; });
-    EXPECT_GE(fails, 1); // measurements are a thirtieth of a second apart
+    EXPECT_GE(fails, 1); // a thirtieth of a second lies between two measurements
 }
 
 TEST(Preload, FixedPathsAreRedirectedForAccessAndCreatToo)

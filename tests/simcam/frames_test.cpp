@@ -318,6 +318,13 @@ TEST(FrameNumber, OfAStreamIsThatOfThePictureThatIsSent)
     EXPECT_NEAR(corner(picture, 1280, 720), fake_corner(number), 5) << number; // a JPEG
 }
 
+static void wait_for_waiting(FairLock &lock, uint64_t count)
+{
+    const auto deadline = FrameClock::now() + std::chrono::seconds(60);
+    while (lock.waiting() < count && FrameClock::now() < deadline)
+        std::this_thread::yield();
+}
+
 TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
 {
     const auto camera = camera_with("352x288");
@@ -332,9 +339,7 @@ TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
         uint64_t number = 0;
         frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
     });
-    const auto deadline = FrameClock::now() + std::chrono::seconds(60);
-    while (cache.encoders.waiting() < readers.size() && FrameClock::now() < deadline)
-        std::this_thread::yield();
+    wait_for_waiting(cache.encoders, readers.size());
     EXPECT_EQ(cache.encoders.waiting(), readers.size());
     EXPECT_EQ(cache.encoded, 0u);
     for (unsigned i = 0; i < frame_encoders(); i++)
@@ -360,8 +365,8 @@ TEST(FrameEncoders, BoundThePlanesThatAreEncodedAtATime)
         cache.encoders.lock();
     readers.emplace_back([&] { frame_plane_indices(cache, plane); });
     readers.emplace_back([&] { frame_plane_colors(cache, plane, camera_palette(*camera)); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(cache.encoders.waiting(), 2u);
+    wait_for_waiting(cache.encoders, readers.size());
+    EXPECT_EQ(cache.encoders.waiting(), readers.size());
     EXPECT_EQ(cache.encoded, 0u);
     for (unsigned i = 0; i < frame_encoders(); i++)
         cache.encoders.unlock();
