@@ -4,7 +4,7 @@ set(init_script ${PROJECT_BINARY_DIR}/packaging/busybox/S80focus_assist)
 set(service_unit ${PROJECT_BINARY_DIR}/packaging/systemd/focus-assist.service)
 
 add_executable(fake_overlay fake_overlay.cpp)
-target_link_libraries(fake_overlay PRIVATE focus_options)
+target_link_libraries(fake_overlay PRIVATE focus_tests)
 
 foreach(scenario start_and_stop double_start start_twice_at_once stale_pid_file rubbish_pid_file
         recycled_pid killed_overlay killed_keeper killed_keeper_and_stop exit_1_and_255 back_off

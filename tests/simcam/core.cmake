@@ -1,28 +1,20 @@
 # The camera without its pictures: requests, board, socket server, processes.
-add_executable(simcam_core_test
-    ${CMAKE_CURRENT_LIST_DIR}/request_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
+test_program(simcam_core_test ${CMAKE_CURRENT_LIST_DIR}/request_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/board_test.cpp ${CMAKE_CURRENT_LIST_DIR}/server_test.cpp)
 target_include_directories(simcam_core_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
-target_link_libraries(simcam_core_test PRIVATE focus_options simcam_core GTest::gtest_main)
-target_precompile_headers(simcam_core_test REUSE_FROM test_files)
-gtest_discover_tests(simcam_core_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+target_link_libraries(simcam_core_test PRIVATE simcam_link)
 
-add_executable(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
+test_program(simcam_camera_test ${CMAKE_CURRENT_LIST_DIR}/camera_test.cpp)
 target_include_directories(simcam_camera_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
-target_link_libraries(simcam_camera_test PRIVATE focus_options simcam_core GTest::gtest_main)
-target_precompile_headers(simcam_camera_test REUSE_FROM test_files)
-gtest_discover_tests(simcam_camera_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+target_link_libraries(simcam_camera_test PRIVATE simcam_core)
 
-add_executable(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp)
+test_program(simcam_main_test ${CMAKE_CURRENT_LIST_DIR}/main_test.cpp LABELS e2e)
 target_include_directories(simcam_main_test PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
-target_link_libraries(simcam_main_test PRIVATE focus_options simcam_picture GTest::gtest_main)
+target_link_libraries(simcam_main_test PRIVATE simcam_picture)
 target_compile_definitions(simcam_main_test PRIVATE
     SIMCAM="$<TARGET_FILE:simcam>"
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>")
 add_dependencies(simcam_main_test simcam focus_assist)
-target_precompile_headers(simcam_main_test REUSE_FROM test_files)
-gtest_discover_tests(simcam_main_test DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 find_program(SIMCAM_PYTHON NAMES python3)
 if(SIMCAM_PYTHON)
@@ -30,7 +22,7 @@ if(SIMCAM_PYTHON)
     python_test(simcam_options ${file}
         COMMAND ${SIMCAM_PYTHON} ${file}
                 --simcam $<TARGET_FILE:simcam> --docs ${PROJECT_SOURCE_DIR}/docs/simcam.md
-        PROPERTIES TIMEOUT 240)
+        PROPERTIES LABELS e2e TIMEOUT 240)
 else()
     message(STATUS "tests: no python3, the options and their table are not tested")
 endif()
