@@ -173,6 +173,8 @@ std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameReq
     const FrameClock::time_point asked = FrameClock::now();
     const std::shared_ptr<Frame> frame = frame_enter(cache, request);
     const std::lock_guard still(cache.still);
+    if (cache.closed)
+        return nullptr;
     const std::lock_guard lock(frame->mutex);
     if (!frame->bytes || frame->begun < asked) {
         const std::lock_guard encoder(cache.encoders);

@@ -82,6 +82,7 @@ struct FrameCache {
     FairLock still;
     FairLock encoders{frame_encoders()}; // taken after the frame's mutex
     std::atomic<uint64_t> encoded{0};
+    std::atomic<bool> closed{false}; // no still picture is encoded any more
 
     explicit FrameCache(Camera &its_camera) : camera(its_camera)
     {
@@ -98,7 +99,8 @@ constexpr std::chrono::milliseconds FRAME_AGE_MAX{400};
 std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t *number,
                                               FrameClock::time_point asked);
 // For still pictures: a frame whose encoding began after the call. Readers that wait for the
-// encoder share the next frame. Sets *number to that of its measurement.
+// encoder share the next frame. Sets *number to that of its measurement. Null if the cache is
+// closed.
 std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameRequest &request,
                                                uint64_t *number);
 

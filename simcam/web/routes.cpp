@@ -177,6 +177,8 @@ static Answer get_frame(Web &web, const RoutedRequest &request)
     Answer answer;
     answer.type = png ? "image/png" : "image/jpeg";
     answer.body = frame_still(web.frames, frame, &number);
+    if (!answer.body)
+        return answer_error(503, "simcam is ending");
     answer.headers.emplace_back("X-Measurement", std::to_string(number));
     const std::string view = frame.view == VIEW_ALL      ? "all"
                              : frame.view == VIEW_SENSOR ? "sensor"

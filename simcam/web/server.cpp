@@ -323,6 +323,7 @@ std::string http_warning(const HttpServer &server)
 void HttpServerDelete::operator()(HttpServer *server) const
 {
     server->web.stopping = true;
+    server->web.frames.closed = true;
     if (server->daemon)
         MHD_stop_daemon(server->daemon);
     delete server;

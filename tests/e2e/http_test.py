@@ -215,7 +215,8 @@ class Memory(unittest.TestCase):
             while time.monotonic() < end:
                 stream.read1(65536)
 
-    def test_sixteen_streams_of_their_own_kind(self):
+    def assert_bounded(self, viewers):
+        """Starts the threads and compares the highest memory with that before them."""
         wait_for("a second of pictures", lambda: self.camera.state()["latest"]["number"] > 30)
         started = self.resident()
         self.camera.fetch("/api/posts/1/frame.png")
@@ -225,8 +226,6 @@ class Memory(unittest.TestCase):
         with open(f"/proc/{self.camera.process.pid}/clear_refs", "w", encoding="ascii") as file:
             file.write("5")  # the highest resident memory starts again
 
-        viewers = [threading.Thread(target=self.watch, args=(f"api/posts/{i % 4}/stream.mjpeg?quality={60 + i}", 5))
-                   for i in range(16)]
         for viewer in viewers:
             viewer.start()
         for viewer in viewers:
@@ -235,6 +234,25 @@ class Memory(unittest.TestCase):
         self.assertLessEqual(self.resident("VmHWM"), 1.5 * before)
         wait_for("the memory's return", lambda: self.resident() <= 1.1 * before,
                  lambda: f"{before} kB before, {self.resident()} kB now")
+
+    def test_sixteen_streams_of_their_own_kind(self):
+        self.assert_bounded([
+            threading.Thread(target=self.watch, args=(f"api/posts/{i % 4}/stream.mjpeg?quality={60 + i}", 5))
+            for i in range(16)])
+
+    def test_a_still_picture_for_each_connection(self):
+        received = [False] * 48
+
+        def read(i):
+            try:
+                received[i] = bool(self.camera.fetch(f"/api/posts/1/frame.png?width={480 - i}"))
+            except ConnectionError:  # an earlier connection is not closed yet, and 48 are the limit
+                pass
+            return received[i]
+
+        self.assert_bounded([threading.Thread(target=wait_for, args=("a picture", lambda i=i: read(i)))
+                             for i in range(len(received))])
+        self.assertTrue(all(received), received)
 
 
 if __name__ == "__main__":

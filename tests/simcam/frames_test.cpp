@@ -350,6 +350,32 @@ TEST(FrameEncoders, BoundWhatIsEncodedAtATime)
     EXPECT_EQ(cache.encoded, 2u);
 }
 
+// simcam ends without encoding the still pictures that wait for their turn.
+TEST(PictureCache, ReadersThatWaitLeaveAClosedCache)
+{
+    const auto camera = camera_with("352x288");
+    FrameCache cache(*camera);
+    std::vector<std::shared_ptr<const std::string>> frames(3, std::make_shared<std::string>());
+    std::vector<std::thread> readers;
+
+    cache.still.lock(); // as if another still picture were being encoded
+    for (auto &frame : frames)
+        readers.emplace_back([&] {
+            uint64_t number = 0;
+            frame = frame_still(cache, {.view = 1, .quality = QUALITY_PNG}, &number);
+        });
+    const auto deadline = FrameClock::now() + std::chrono::seconds(60);
+    while (cache.still.waiting() < readers.size() && FrameClock::now() < deadline)
+        std::this_thread::yield();
+    cache.closed = true;
+    cache.still.unlock();
+    for (std::thread &reader : readers)
+        reader.join();
+
+    EXPECT_THAT(frames, testing::Each(testing::IsNull()));
+    EXPECT_EQ(cache.encoded, 0u);
+}
+
 TEST(FrameEncoders, BoundThePlanesThatAreEncodedAtATime)
 {
     const auto camera = camera_with("");
