@@ -51,6 +51,8 @@ class Constants(unittest.TestCase):
         self.assertEqual(round(center / width * 100), self.constants["threshold_percent"])
 
     def test_the_text_is_highlighted_from_the_threshold_on(self):
+        # The peak stays 0 until the overlay reads a change, so it must have read the value at the near stop.
+        wait_for("the first reading", lambda: self.camera.state()["overlay"]["current"])
         self.camera.post("/api/ring", {"ring": 0.5})
         wait_for("a peak", lambda: self.camera.state()["overlay"]["peak"])
         seen = set()
