@@ -7,6 +7,16 @@ const PEAKING_WIDTH = 640; // peaking works on a picture of at most this width
 const RETRY_MS = 1000;
 const FPS = 20;
 
+// The address of the stream for what is wanted, in a viewer so many dots of the screen wide. The loupe needs the
+// picture unscaled; otherwise no more dots than the screen shows are sent.
+export function streamUrl({view, planes, loupe}, dots) {
+  const path = /^\d$/.test(view) ? `posts/${view}` : view;
+  const query = new URLSearchParams({fps: String(FPS), quality: loupe ? '90' : '80'});
+  if (view !== 'sensor') query.set('planes', planes ? '1' : '0');
+  if (!loupe) query.set('width', String(Math.max(320, Math.ceil(dots / 160) * 160)));
+  return `/api/${path}/stream.mjpeg?${query}`;
+}
+
 // elements: viewer (the box), picture, peaking, loupe (canvases) and tiles (which has the size of the picture).
 export function pictureMake({viewer, picture, peaking, loupe: loupeCanvas, tiles}) {
   const context = picture.getContext('2d', {alpha: false});
@@ -67,16 +77,6 @@ export function pictureMake({viewer, picture, peaking, loupe: loupeCanvas, tiles
     drawExtras();
   }
 
-  // The loupe needs the picture unscaled; otherwise no more dots than the screen shows are sent.
-  function streamUrl() {
-    const path = /^\d$/.test(wanted.view) ? `posts/${wanted.view}` : wanted.view;
-    const query = new URLSearchParams({fps: String(FPS), quality: wanted.loupe ? '90' : '80'});
-    if (wanted.view !== 'sensor') query.set('planes', wanted.planes ? '1' : '0');
-    const wide = Math.ceil(viewer.clientWidth * (window.devicePixelRatio || 1) / 160) * 160;
-    if (!wanted.loupe) query.set('width', String(Math.max(320, wide)));
-    return `/api/${path}/stream.mjpeg?${query}`;
-  }
-
   function stop() {
     clearTimeout(retry);
     if (abort) abort.abort();
@@ -85,7 +85,7 @@ export function pictureMake({viewer, picture, peaking, loupe: loupeCanvas, tiles
   }
 
   async function start() {
-    const next = streamUrl();
+    const next = streamUrl(wanted, viewer.clientWidth * (window.devicePixelRatio || 1));
     if (next === url || document.hidden) return;
     stop();
     url = next;

@@ -7,18 +7,19 @@ import {historyTravel} from './history.js';
 
 const ANNOUNCE_EVERY_MS = 2000;
 
+// What to tell the person at the ring, as {kind, text}. keeper: whether a process keeps a peak.
+export function cueNow(history, keeper, percent, health) {
+  if (!keeper) {
+    return {kind: 'none', text: health.noSession ? 'The overlay process has no session, so it shows no peak.' : 'No overlay process runs, so there is no peak.'};
+  }
+  return history.latest ? cueFor({...history.peak, percent}, history.latest.ring, historyTravel(history)) : {kind: 'none', text: ''};
+}
+
 export function readoutMake(threshold) {
   const announce = announcerMake((text) => setText($('cue-announced'), text), ANNOUNCE_EVERY_MS);
   const meter = $('meter');
   meter.querySelector('.line').style.left = `${threshold}%`;
   meter.querySelector('.line').title = `${threshold} %`;
-
-  function cue(history, keeper, percent, health) {
-    if (!keeper) {
-      return {kind: 'none', text: health.noSession ? 'The overlay process has no session, so it shows no peak.' : 'No overlay process runs, so there is no peak.'};
-    }
-    return history.latest ? cueFor({...history.peak, percent}, history.latest.ring, historyTravel(history)) : {kind: 'none', text: ''};
-  }
 
   return {
     // Shows the history's latest measurement. Returns the ring position of the peak, or null.
@@ -33,7 +34,7 @@ export function readoutMake(threshold) {
       $('readout').classList.toggle('high', percent >= threshold);
       meter.querySelector('.fill').style.width = `${Math.min(100, percent)}%`;
       meter.setAttribute('aria-valuenow', String(Math.min(100, percent)));
-      const {kind, text} = cue(history, keeper, percent, health);
+      const {kind, text} = cueNow(history, keeper, percent, health);
       setText($('cue'), text);
       $('cue').className = `cue ${kind}`;
       announce(text);

@@ -4,14 +4,46 @@ const TRAVEL = 4.6; // radians from stop to stop
 const RIB = 0.034;  // radians from rib to rib
 const SCALE_HEIGHT = 34; // of the scale above the grip
 
+// Radius of the barrel in a canvas of this width.
+const radius = (width) => width * 0.62;
+
+// The x coordinate of a point of the surface, from its angle to the middle; null on the far side.
+export function ringPlace(angle, width) {
+  return Math.abs(angle) < Math.PI / 2 ? width / 2 + Math.sin(angle) * radius(width) : null;
+}
+
+// The angle to the middle of the scale's mark while the ring is at value; both are 0 to 1.
+export function ringAngle(value, mark) {
+  return (value - mark) * TRAVEL;
+}
+
+// The position after the pointer has dragged the surface by so many pixels. It may lie beyond the stops.
+export function ringDragged(value, pixels, width) {
+  return value + pixels / (radius(width) * TRAVEL);
+}
+
+// The same after an event of the wheel.
+export function ringWheeled(value, {deltaX, deltaY, shiftKey}) {
+  const sideways = Math.abs(deltaX) > Math.abs(deltaY);
+  // While Shift is held, browsers report the wheel along the other axis.
+  const turn = sideways && !shiftKey ? deltaX : -(deltaY || deltaX);
+  return value + Math.sign(turn) * (shiftKey ? 0.001 : 0.006);
+}
+
+// The same after a key; null for one that does not turn the ring.
+export function ringKeyed(value, {key, shiftKey}) {
+  const fine = shiftKey ? 0.001 : 0.01;
+  const steps = {ArrowRight: fine, ArrowUp: fine, ArrowLeft: -fine, ArrowDown: -fine, PageUp: 0.05, PageDown: -0.05};
+  if (key === 'Home') return 0;
+  if (key === 'End') return 1;
+  return Object.hasOwn(steps, key) ? value + steps[key] : null;
+}
+
 // Calls onTurn with the position, 0 to 1, when a person turns the ring.
 export function ringMake(canvas, onTurn) {
   const state = {value: 0, peak: null, dragging: false, grabX: 0, grabValue: 0, dirty: true};
   const context = canvas.getContext('2d');
 
-  function radius() {
-    return canvas.clientWidth * 0.62;
-  }
   function set(value, byHand) {
     const clamped = Math.min(1, Math.max(0, value));
     if (clamped === state.value) return;
@@ -33,33 +65,23 @@ export function ringMake(canvas, onTurn) {
   });
   canvas.addEventListener('pointermove', (event) => {
     if (!state.dragging) return;
-    set(state.grabValue + (event.clientX - state.grabX) / (radius() * TRAVEL), true);
+    set(ringDragged(state.grabValue, event.clientX - state.grabX, canvas.clientWidth), true);
   });
   for (const name of ['pointerup', 'pointercancel', 'lostpointercapture']) {
     canvas.addEventListener(name, () => { state.dragging = false; });
   }
   canvas.addEventListener('wheel', (event) => {
     event.preventDefault();
-    const sideways = Math.abs(event.deltaX) > Math.abs(event.deltaY);
-    // While Shift is held, browsers report the wheel along the other axis.
-    const turn = sideways && !event.shiftKey ? event.deltaX : -(event.deltaY || event.deltaX);
-    set(state.value + Math.sign(turn) * (event.shiftKey ? 0.001 : 0.006), true);
+    set(ringWheeled(state.value, event), true);
   }, {passive: false});
   canvas.addEventListener('keydown', (event) => {
-    const fine = event.shiftKey ? 0.001 : 0.01;
-    const steps = {ArrowRight: fine, ArrowUp: fine, ArrowLeft: -fine, ArrowDown: -fine, PageUp: 0.05, PageDown: -0.05};
-    if (event.key in steps) set(state.value + steps[event.key], true);
-    else if (event.key === 'Home') set(0, true);
-    else if (event.key === 'End') set(1, true);
-    else return;
+    const value = ringKeyed(state.value, event);
+    if (value === null) return;
+    set(value, true);
     event.preventDefault();
   });
   new ResizeObserver(() => { state.dirty = true; }).observe(canvas);
 
-  // The x coordinate of a point of the surface, from its angle to the middle; null on the far side.
-  function place(angle, width) {
-    return Math.abs(angle) < Math.PI / 2 ? width / 2 + Math.sin(angle) * radius() : null;
-  }
   function shade(height, top, stops) {
     const gradient = context.createLinearGradient(0, top, 0, top + height);
     stops.forEach(([at, color]) => gradient.addColorStop(at, color));
@@ -73,8 +95,8 @@ export function ringMake(canvas, onTurn) {
     context.textAlign = 'center';
     context.textBaseline = 'middle';
     for (let i = 0; i <= 100; i += 1) {
-      const angle = (state.value - i / 100) * TRAVEL;
-      const x = place(angle, width);
+      const angle = ringAngle(state.value, i / 100);
+      const x = ringPlace(angle, width);
       if (x === null || x < -20 || x > width + 20) continue;
       const light = Math.max(0, Math.cos(angle)) ** 0.7;
       const major = i % 10 === 0;
@@ -90,7 +112,7 @@ export function ringMake(canvas, onTurn) {
       }
     }
     if (state.peak !== null) {
-      const x = place((state.value - state.peak) * TRAVEL, width);
+      const x = ringPlace(ringAngle(state.value, state.peak), width);
       if (x !== null) {
         context.fillStyle = '#f0b45a';
         context.beginPath();
@@ -110,8 +132,8 @@ export function ringMake(canvas, onTurn) {
     const last = Math.floor((Math.PI / 2 - turned) / RIB);
     for (let i = first; i <= last; i += 1) {
       const angle = i * RIB + turned;
-      const x = place(angle, width);
-      const next = place(angle + RIB * .52, width);
+      const x = ringPlace(angle, width);
+      const next = ringPlace(angle + RIB * .52, width);
       if (x === null || next === null || next < 0 || x > width) continue;
       const light = Math.max(0, Math.cos(angle));
       context.fillStyle = `rgba(4, 6, 8, ${.35 + .45 * light})`;
