@@ -5,18 +5,23 @@ endif()
 
 find_program(SYSTEM_PYTHON NAMES python3 NO_CMAKE_FIND_ROOT_PATH REQUIRED)
 set(system_image ${PROJECT_BINARY_DIR}/system-image)
+set(system_package ${PROJECT_BINARY_DIR}/system-package)
 add_test(NAME system.server COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR}
     --target camera_server camera_device_test)
+add_test(NAME system.package COMMAND ${CMAKE_CPACK_COMMAND} -G DEB -B ${system_package}
+    -D CPACK_PACKAGE_FILE_NAME=focus-assist --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake)
 add_test(NAME system.image COMMAND ${PROJECT_SOURCE_DIR}/scripts/system-image
-    ${system_image} ${PROJECT_BINARY_DIR})
-set_tests_properties(system.image PROPERTIES DEPENDS system.server)
-set_tests_properties(system.server system.image PROPERTIES
+    ${system_image} ${PROJECT_BINARY_DIR} ${system_package}/focus-assist.deb)
+set_tests_properties(system.image PROPERTIES DEPENDS "system.server;system.package")
+set_tests_properties(system.server system.package system.image PROPERTIES
     FIXTURES_SETUP system_image TIMEOUT 600 LABELS system)
-add_test(NAME system.busybox COMMAND ${SYSTEM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/system_test.py
-    --runner ${host_build}/bin/simcam-system --simcam ${host_build}/bin/simcam
-    --overlay ${host_build}/focus_assist --image ${system_image}
-    --program ${system_image}/stage/usr/local/bin/focus_assist
-    --log ${CMAKE_CURRENT_BINARY_DIR}/system_test.log)
-set_tests_properties(system.busybox PROPERTIES
-    FIXTURES_REQUIRED "simulated_camera;system_image" TIMEOUT 900 LABELS system RUN_SERIAL ON
-    SKIP_RETURN_CODE 77)
+foreach(class BusyBox Systemd Speed)
+    string(TOLOWER ${class} name)
+    add_test(NAME system.${name} COMMAND ${SYSTEM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/system_test.py
+        --runner ${host_build}/bin/simcam-system --simcam ${host_build}/bin/simcam
+        --overlay ${host_build}/focus_assist --image ${system_image} --build ${PROJECT_BINARY_DIR}
+        --log ${CMAKE_CURRENT_BINARY_DIR}/system_test.log ${class})
+    set_tests_properties(system.${name} PROPERTIES
+        FIXTURES_REQUIRED "simulated_camera;system_image" TIMEOUT 3000 LABELS system RUN_SERIAL ON
+        SKIP_RETURN_CODE 77)
+endforeach()
