@@ -55,6 +55,13 @@ struct WireWord {
 };
 static_assert(sizeof(WireWord) == 4, "wire record");
 
+// The depth codes 0, 1 and 2 stand for 2, 4 and 8 bits per pixel.
+constexpr uint32_t DEPTH_CODE_MAX = 2;
+constexpr uint32_t depth_bits(uint32_t depth_code)
+{
+    return 2U << depth_code;
+}
+
 struct WireOpenOsd {
     uint32_t post_res_id;
     uint32_t number;
@@ -151,7 +158,7 @@ constexpr uint32_t WIRE_REPLY_MAX = sizeof(WireReply) + sizeof(WireFocusStats);
 // Bytes that follow the header of a request.
 constexpr uint32_t wire_request_size(uint32_t call)
 {
-    switch (call) {
+    switch ((WireCall)call) { // without default: the compiler names a missing call
     case WIRE_POST_NOTIFY_CALLBACK:
     case WIRE_POST_SET_NOTIFY:
     case WIRE_POST_THREAD_GET_STATUS:
@@ -166,15 +173,24 @@ constexpr uint32_t wire_request_size(uint32_t call)
         return sizeof(WireSetOsd);
     case WIRE_FOCUS_CONFIG:
         return sizeof(WireFocusConfig);
-    default:
-        return 0;
+    case WIRE_LIBRARY_INIT:
+    case WIRE_LIBRARY_EXIT:
+    case WIRE_SYS_OPEN_DEVICE:
+    case WIRE_SYS_CLOSE_DEVICE:
+    case WIRE_POST_GET_OSD_COLOR_MEM:
+    case WIRE_POST_SET_OSD_COLOR:
+    case WIRE_DEVICE_OPEN:
+    case WIRE_FOCUS_READ:
+    case WIRE_CALL_END:
+        break;
     }
+    return 0;
 }
 
 // Bytes that follow the head of an answer with result 0.
 constexpr uint32_t wire_reply_size(uint32_t call)
 {
-    switch (call) {
+    switch ((WireCall)call) {
     case WIRE_POST_GET_OSD_COLOR_MEM:
         return sizeof(WireMemory);
     case WIRE_POST_THREAD_GET_STATUS:
@@ -185,9 +201,22 @@ constexpr uint32_t wire_reply_size(uint32_t call)
         return sizeof(WireOsdMem);
     case WIRE_FOCUS_READ:
         return sizeof(WireFocusStats);
-    default:
-        return 0;
+    case WIRE_LIBRARY_INIT:
+    case WIRE_LIBRARY_EXIT:
+    case WIRE_SYS_OPEN_DEVICE:
+    case WIRE_SYS_CLOSE_DEVICE:
+    case WIRE_POST_NOTIFY_CALLBACK:
+    case WIRE_POST_SET_NOTIFY:
+    case WIRE_POST_SET_OSD_COLOR:
+    case WIRE_POST_CLEAR_OSD:
+    case WIRE_POST_CLOSE_OSD:
+    case WIRE_POST_SET_OSD:
+    case WIRE_DEVICE_OPEN:
+    case WIRE_FOCUS_CONFIG:
+    case WIRE_CALL_END:
+        break;
     }
+    return 0;
 }
 
 // ---- error codes of the library; the top byte of each is 0x81

@@ -74,8 +74,7 @@ Post *board_find_post(Board &board, uint32_t res_id)
 
 void board_open_plane(Board &board, Plane &plane, const PlaneState &request)
 {
-    const uint32_t bits = 2u << request.depth_code;
-    const uint32_t line = (request.width * bits + 7) / 8;
+    const uint32_t line = (request.width * depth_bits(request.depth_code) + 7) / 8;
     const uint32_t align = board.pitch_align;
     plane.state = {};
     plane.state.open = true;

@@ -151,7 +151,7 @@ static uint32_t open_plane(Board &board, const WireOpenOsd &request, Reply *repl
     if (error != CODEC_PLANE_CLOSED)
         return error;
     if (request.width == 0 || request.width > POST_SIZE_RANGE.most || request.height == 0 ||
-        request.height > POST_SIZE_RANGE.most || request.depth_code > 2)
+        request.height > POST_SIZE_RANGE.most || request.depth_code > DEPTH_CODE_MAX)
         return CODEC_PLANE_REFUSED;
     PlaneState wanted;
     wanted.width = request.width;
@@ -264,14 +264,14 @@ static uint32_t read_focus(const Board &board, Session &session, Reply *reply)
 
 // ---- dispatch
 
-static bool needs_library_device(uint32_t call)
+static bool needs_library_device(WireCall call)
 {
     return call >= WIRE_POST_NOTIFY_CALLBACK && call <= WIRE_POST_SET_OSD;
 }
 
 static uint32_t execute(Board &board, Session &session, const Request &request, Reply *reply)
 {
-    const uint32_t call = request.header.call;
+    const auto call = static_cast<WireCall>(request.header.call);
     if (call == WIRE_LIBRARY_INIT)
         return library_init(session);
     if (call < WIRE_DEVICE_OPEN && !session.initialized)
@@ -280,6 +280,9 @@ static uint32_t execute(Board &board, Session &session, const Request &request, 
         return CODEC_DEVICE_CLOSED;
 
     switch (call) {
+    case WIRE_LIBRARY_INIT:
+    case WIRE_CALL_END:
+        break;
     case WIRE_LIBRARY_EXIT:
         return library_exit(board, session);
     case WIRE_SYS_OPEN_DEVICE:
@@ -312,9 +315,8 @@ static uint32_t execute(Board &board, Session &session, const Request &request, 
         return configure_focus(board, session, request_record<WireFocusConfig>(request));
     case WIRE_FOCUS_READ:
         return read_focus(board, session, reply);
-    default:
-        return CODEC_BAD_ARGUMENT;
     }
+    return CODEC_BAD_ARGUMENT;
 }
 
 void calls_execute(Board &board, Session &session, const Request &request, uint32_t forced_error,

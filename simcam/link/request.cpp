@@ -67,7 +67,7 @@ std::vector<std::string> request_names()
 std::string request_arguments(const Request &request)
 {
     char text[160] = "";
-    switch (request.header.call) {
+    switch (static_cast<WireCall>(request.header.call)) {
     case WIRE_POST_NOTIFY_CALLBACK:
         std::snprintf(text, sizeof text, "callback=%s",
                       request_record<WireWord>(request).word ? "given" : "null");
@@ -106,7 +106,15 @@ std::string request_arguments(const Request &request)
         std::snprintf(text, sizeof text, "word 0=0x%08X, word 1=0x%08X", words[0], words[1]);
         break;
     }
-    default:
+    case WIRE_LIBRARY_INIT:
+    case WIRE_LIBRARY_EXIT:
+    case WIRE_SYS_OPEN_DEVICE:
+    case WIRE_SYS_CLOSE_DEVICE:
+    case WIRE_POST_GET_OSD_COLOR_MEM:
+    case WIRE_POST_SET_OSD_COLOR:
+    case WIRE_DEVICE_OPEN:
+    case WIRE_FOCUS_READ:
+    case WIRE_CALL_END:
         break;
     }
     return text;
