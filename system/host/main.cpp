@@ -91,7 +91,7 @@ struct Control {
 
 static void say(const std::string &what)
 {
-    std::fprintf(stderr, "system: %s\n", what.c_str());
+    std::fprintf(stderr, "simcam-system: %s\n", what.c_str());
 }
 
 // ---- the control socket

@@ -24,6 +24,9 @@
 
 // ---- count of allocations
 
+// tests/support/allocations.cpp finds the C library's functions with dlsym, which needs a dynamic
+// linker. Here the linker replaces them.
+
 extern "C" {
 
 void *__real_malloc(size_t size);
