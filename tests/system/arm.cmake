@@ -15,7 +15,7 @@ add_test(NAME system.image COMMAND ${PROJECT_SOURCE_DIR}/scripts/system-image
 set_tests_properties(system.image PROPERTIES DEPENDS "system.server;system.package")
 set_tests_properties(system.server system.package system.image PROPERTIES
     FIXTURES_SETUP system_image TIMEOUT 600 LABELS system)
-foreach(class BusyBox Systemd Speed)
+foreach(class BusyBox Systemd Units Speed)
     string(TOLOWER ${class} name)
     add_test(NAME system.${name} COMMAND ${SYSTEM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/system_test.py
         --runner ${host_build}/bin/simcam-system --simcam ${host_build}/bin/simcam

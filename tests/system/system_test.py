@@ -22,6 +22,7 @@ import urllib.request
 
 WAIT_S = 300  # long enough for a busy machine
 BOOT_S = 400  # to boot, twice if the first kernel does not come up, or to power off
+UNIT_S = 1800  # for a program of unit tests
 POSTS = range(4)
 settings = None
 table = []  # case, what was seen, seconds
@@ -407,6 +408,42 @@ class BusyBox(unittest.TestCase):
             seen.append("boots again by itself")
 
 
+def arm_unit_tests():
+    """The programs that ctest runs in the emulator of instructions, without the long ones."""
+    listed = subprocess.run(["ctest", "--test-dir", settings.build, "--show-only=json-v1"],
+                            check=True, stdout=subprocess.PIPE).stdout
+    programs = []
+    for test in json.loads(listed)["tests"]:
+        labels = [item for item in test.get("properties", []) if item["name"] == "LABELS"]
+        command = test.get("command", [""])
+        if os.path.basename(command[0]) == "qemu-arm" and not labels:
+            programs.append(command[-1])
+    return programs
+
+
+def stage_unit_tests(stage, programs):
+    """Puts the programs below /tests, with their libraries, the font and the golden pictures."""
+    def put(source, target):
+        os.makedirs(os.path.dirname(stage + target), exist_ok=True)
+        shutil.copy(source, stage + target)
+
+    with open(os.path.join(settings.build, "CMakeCache.txt"), encoding="utf-8") as file:
+        cache = dict(re.findall(r"^(\w+):\w+=(.*)$", file.read(), re.M))
+    sysroot = os.path.normpath(os.path.join(settings.build, "../sysroot-armhf"))
+    for program in programs:
+        target = "/tests/" + os.path.basename(program)
+        os.makedirs(stage + "/tests", exist_ok=True)
+        subprocess.run([cache["CMAKE_STRIP"], "-o", stage + target, program], check=True)
+        libraries = subprocess.run(["qemu-arm", "-L", sysroot, "-E", "LD_TRACE_LOADED_OBJECTS=1",
+                                    program], check=True, stdout=subprocess.PIPE, text=True).stdout
+        for name, path in re.findall(r"(\S+) => (/\S+)", libraries):
+            source = sysroot + path if os.path.exists(sysroot + path) else path
+            put(source, "/lib/arm-linux-gnueabihf/" + name)
+    put(cache["FOCUS_TEST_FONT"], cache["FOCUS_TEST_FONT"])
+    golden = os.path.join(cache["CMAKE_HOME_DIRECTORY"], "tests/golden")
+    shutil.copytree(golden, stage + golden)
+
+
 PALETTE = "/usr/local/morvel/app/conf/data/osd/osd_def_color.plt"
 UNIT = "focus-assist.service"
 
@@ -490,6 +527,42 @@ class Systemd(unittest.TestCase):
             self.camera.must(f"! test -e {PALETTE} && ! find /etc -name '*focus-assist.service' |"
                              " grep .")
             seen.append("stopped, palette kept until the purge")
+
+
+class Units(unittest.TestCase):
+    """The unit tests of the ARM build on the guest's own kernel."""
+
+    def test_programs(self):
+        programs = arm_unit_tests()
+        self.assertGreater(len(programs), 10, programs)
+        with tempfile.TemporaryDirectory() as image:
+            # An image whose faster kernel could not be made.
+            os.symlink(os.path.abspath(os.path.join(settings.image, "vmlinuz")),
+                       os.path.join(image, "vmlinuz"))
+            stage = os.path.join(image, "stage")
+            stage_unit_tests(stage, programs)
+            # The kernel unpacks one archive after the other.
+            initramfs = os.path.join(image, "initramfs")
+            shutil.copyfile(os.path.join(settings.image, "initramfs"), initramfs)
+            with open(initramfs, "ab") as file:
+                subprocess.run("find . | busybox cpio -o -H newc -R 0:0", shell=True, check=True,
+                               cwd=stage, stdout=file, stderr=subprocess.DEVNULL)
+            shutil.rmtree(stage)
+            camera = Camera(["--memory", "512"], image=image)
+            self.addCleanup(camera.stop)
+            camera.wait_until_up()
+            self.assertIn(f"booting {image}/vmlinuz", camera.messages())
+            camera.must("/etc/init.d/S80focus_assist stop")
+            for program in programs:
+                name = os.path.basename(program)
+                with self.subTest(name), entry(name) as seen:
+                    status = camera.shell(f"cd /tmp && TMPDIR=/tmp /tests/{name} >{name}.log 2>&1",
+                                          UNIT_S)
+                    said = camera.guest(f"tail -n {4 if status == 0 else 40} /tmp/{name}.log")
+                    passed = re.search(r"\[  PASSED  \] (\d+) test", said)
+                    self.assertEqual(status, 0, said)
+                    self.assertTrue(passed and int(passed.group(1)) > 0, said)
+                    seen.append(f"{passed.group(1)} passed")
 
 
 class Speed(unittest.TestCase):
