@@ -1,14 +1,14 @@
 // The lens: the ring and the controls of the sweep.
 import {$, setPressed, setText} from './dom.js';
 import {send} from './requests.js';
+import {latestMake} from './latest.js';
 import {ringMake} from './ring.js';
-import {turningMake} from './turning.js';
 
 export function lensMake() {
-  const turning = turningMake((ring) => send('POST', '/api/ring', {ring}));
+  const position = latestMake((ring) => send('POST', '/api/ring', {ring}));
   const ring = ringMake($('ring'), (value) => {
     setText($('ring-value'), value.toFixed(3));
-    turning.turn(value);
+    position.send(value);
   });
   const period = $('sweep-period');
   let sweeping = false;
@@ -36,7 +36,7 @@ export function lensMake() {
     },
     // Draws the ring at the position of the latest measurement, unless a hand turns it.
     draw(latest) {
-      if (latest && !ring.held && !turning.leads(latest.ring)) {
+      if (latest && !ring.held && !position.leads(latest.ring)) {
         ring.show(latest.ring);
         setText($('ring-value'), latest.ring.toFixed(3));
       }

@@ -1,24 +1,7 @@
 // The panel of the scene: what the camera looks at, and the light.
 import {$, element, setFacts, setPressed, setText} from './dom.js';
+import {latestMake} from './latest.js';
 import {send} from './requests.js';
-
-// Sends the values of a slider one after the other, the last one wanted at the end: requests side by side may arrive in
-// another order.
-function senderMake(path, name) {
-  let wanted = null;
-  let busy = false;
-  return async (value) => {
-    wanted = value;
-    if (busy) return;
-    busy = true;
-    while (wanted !== null) {
-      const next = wanted;
-      wanted = null;
-      await send('POST', path, {[name]: next});
-    }
-    busy = false;
-  };
-}
 
 // scenes: names of the built-in scenes. gain: {least, most}. noise: {least, most, default}. onFlash is called after a
 // flash.
@@ -36,7 +19,7 @@ export function scenePanelMake({scenes, gain: gains, noise: noises}, onFlash) {
     if ($('scene-path').value.trim()) setScene($('scene-path').value.trim());
   });
 
-  const sendGain = senderMake('/api/gain', 'gain');
+  const sendGain = latestMake((gain) => send('POST', '/api/gain', {gain})).send;
   const showGain = (gain) => setText($('gain-value'), `${gain.toFixed(2)}×`);
   // The slider moves in quarters of a stop that the camera accepts.
   $('gain').min = Math.ceil(4 * Math.log2(gains.least)) / 4;
@@ -44,7 +27,7 @@ export function scenePanelMake({scenes, gain: gains, noise: noises}, onFlash) {
   $('gain').addEventListener('input', () => showGain(2 ** Number($('gain').value)));
   $('gain').addEventListener('change', () => sendGain(2 ** Number($('gain').value)));
   $('gain-reset').addEventListener('click', () => sendGain(1));
-  const sendNoise = senderMake('/api/noise', 'noise');
+  const sendNoise = latestMake((noise) => send('POST', '/api/noise', {noise})).send;
   const showNoise = (noise) => setText($('noise-value'), noise ? `${noise.toFixed(1)} of 255` : 'none');
   $('noise').min = noises.least;
   $('noise').max = noises.most;
