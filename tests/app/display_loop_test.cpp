@@ -245,38 +245,6 @@ class DisplayLoop : public testing::Test
 
 using Ids = std::vector<uint32_t>;
 
-// ---- percentage --------------------------------------------------------------------------------
-
-TEST(FocusPercent, IsZeroWithoutAPeak)
-{
-    EXPECT_EQ(focus_percent_of(0, 0), 0u);
-    EXPECT_EQ(focus_percent_of(50, 0), 0u);
-    EXPECT_EQ(focus_percent_of(0xFFFFFFFF, 0), 0u);
-}
-
-TEST(FocusPercent, IsCutOffNotRounded)
-{
-    EXPECT_EQ(focus_percent_of(84, 99), 84u); // 84.85
-    EXPECT_EQ(focus_percent_of(85, 100), 85u);
-    EXPECT_EQ(focus_percent_of(1, 3), 33u);
-    EXPECT_EQ(focus_percent_of(2, 3), 66u);
-    EXPECT_EQ(focus_percent_of(0, 7), 0u);
-}
-
-TEST(FocusPercent, IsNotLimitedToAHundred)
-{
-    EXPECT_EQ(focus_percent_of(120, 100), 120u);
-    EXPECT_EQ(focus_percent_of(1000000, 1), 100000000u);
-}
-
-TEST(FocusPercent, WrapsIn32BitsUnsigned)
-{
-    EXPECT_EQ(focus_percent_of(42949672, 1), 4294967200u); // the last that does not wrap
-    EXPECT_EQ(focus_percent_of(42949673, 1), 4u);          // 2 to the 32nd and 4
-    EXPECT_EQ(focus_percent_of(30000000, 30000000), 100u); // 3000000000: beyond signed
-    EXPECT_EQ(focus_percent_of(42949673, 42949673), 0u);
-}
-
 // ---- start -------------------------------------------------------------------------------------
 
 TEST_F(DisplayLoop, StartZeroesTheRecordsAndNumbersThePlanes)

@@ -88,32 +88,6 @@ TEST_F(InitDrawParam, CellIsTheAdvanceOfTheFaceRoundedUp)
     EXPECT_LT((params.cell_width - 1) * 64, advance);
 }
 
-TEST_F(InitDrawParam, HeightDoesNotAffectTheResolution)
-{
-    const uint32_t widths[] = {1920, 1280, 720, 352};
-    for (uint32_t index = 0; index < 4; index++) {
-        for (const uint32_t height : {0u, 1u, 240u, 576u, 1080u, 65535u, 0xFFFFFFFFu}) {
-            params = {};
-
-            EXPECT_EQ(init(widths[index], height), "");
-
-            EXPECT_EQ(regions[3].resolution, index);
-            EXPECT_EQ(memcmp(&params.engine, &font_engines[index], sizeof params.engine), 0);
-        }
-    }
-}
-
-TEST_F(InitDrawParam, FontSizeIsASeventeenthOfTheHeightAndAtLeastEight)
-{
-    const uint32_t table[][2] = {{0, 8},   {16, 8},  {135, 8},  {136, 8},
-                                 {152, 8}, {153, 9}, {540, 31}, {0xFFFFFFFF, 252645135}};
-    for (const auto &[height, font_size] : table) {
-        params = {};
-        init(352, height);
-        EXPECT_EQ(params.font_size, font_size) << height;
-    }
-}
-
 TEST_F(InitDrawParam, PlaceIsComputedIn32BitsUnsigned)
 {
     init(720, 0);

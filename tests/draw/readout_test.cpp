@@ -398,30 +398,6 @@ class WholeReadout : public testing::TestWithParam<GoldenOutput>
     OsdRegion regions[OSD_PLANE_COUNT] = {};
 };
 
-TEST_P(WholeReadout, EqualsTheReferenceAtItsPlace)
-{
-    for (const GoldenValues &values : GOLDEN_VALUES) {
-        draw(values);
-
-        const uint32_t pitch = post.planes[0].pitch;
-        ASSERT_EQ(pitch, (regions[0].width + 15u) / 16 * 16);
-        const reference::Plane bar =
-            reference::bar_plane(GetParam().width, GetParam().height, pitch, values.percent);
-        EXPECT_TRUE(same_picture(codec.shown[0].bytes, bar.bytes, pitch));
-        EXPECT_EQ(codec.shown[0].number, 0);
-        EXPECT_EQ(codec.shown[0].x, bar.x);
-        EXPECT_EQ(codec.shown[0].y, bar.y);
-
-        const reference::Plane text =
-            reference::text_plane(GetParam().width, GetParam().height, pitch, TEST_FONT_PATH,
-                                  values.text, values.percent >= reference::THRESHOLD);
-        EXPECT_TRUE(same_picture(codec.shown[1].bytes, text.bytes, pitch));
-        EXPECT_EQ(codec.shown[1].number, 1);
-        EXPECT_EQ(codec.shown[1].x, text.x);
-        EXPECT_EQ(codec.shown[1].y, text.y);
-    }
-}
-
 TEST_P(WholeReadout, BarEqualsItsImage)
 {
     for (const GoldenValues &values : GOLDEN_VALUES) {
@@ -446,28 +422,6 @@ TEST_P(WholeReadout, TextEqualsItsImage)
 
         EXPECT_TRUE(same_as_golden(codec.shown[1].bytes, post.planes[1].pitch,
                                    golden_text_name(GetParam(), values, version)));
-    }
-}
-
-// At other heights the text box is higher than its plane, or glyphs reach out of it.
-TEST_P(WholeReadout, OddHeightsStayInThePlanes)
-{
-    for (const uint32_t height : {0u, 8u, 100u, 240u, 540u, 576u, 1080u, 2160u, 65535u}) {
-        for (const Guard guard : {Guard::BEHIND, Guard::BEFORE}) {
-            post.params = {};
-            post.geometry.height = height;
-            ASSERT_EQ(init_draw_param(&post.params, &post.geometry, "", 0, regions), 0);
-            codec.plane(POST, 0).guard = guard;
-            codec.plane(POST, 1).guard = guard;
-
-            draw(GOLDEN_VALUES[1]);
-
-            const reference::Plane text =
-                reference::text_plane(GetParam().width, height, post.planes[1].pitch,
-                                      TEST_FONT_PATH, GOLDEN_VALUES[1].text, true);
-            EXPECT_TRUE(same_picture(codec.shown[1].bytes, text.bytes, post.planes[1].pitch))
-                << height;
-        }
     }
 }
 

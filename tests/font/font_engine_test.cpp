@@ -154,15 +154,6 @@ TEST_F(OsdInitFont, NominalSizesAreThoseOfTheTable)
     }
 }
 
-TEST_F(OsdInitFont, PixelSizeIsASeventeenthAndAtLeastEight)
-{
-    const uint32_t table[][2] = {
-        {1080, 63}, {720, 42}, {480, 28}, {240, 14}, {576, 33}, {288, 16}, {0, 8},
-        {16, 8},    {135, 8},  {136, 8},  {152, 8},  {153, 9},  {154, 9},  {0xFFFFFFFF, 252645135}};
-    for (const auto &[lines, pixels] : table)
-        EXPECT_EQ(font_pixel_size(lines), pixels) << lines;
-}
-
 // ---- one engine --------------------------------------------------------------------------------
 
 TEST_F(FontInitEngine, CachesEveryCharacterOfTheSetInOrder)

@@ -516,47 +516,6 @@ TEST_F(FontGetTargetBitmap, EqualsTheReferenceInEveryColor)
     }
 }
 
-TEST_F(FontGetTargetBitmap, EqualsTheReferenceAtEveryHeight)
-{
-    for (uint32_t resolution = 0; resolution < 4; resolution++) {
-        for (int32_t height = -2; height <= 70; height += STRIDE) {
-            DrawRect target = readout_target(resolution, 300);
-            target.height = height;
-            const size_t full = (size_t)(300 * std::max(height, 0));
-            for (const size_t size : {full, full / 2, full + 600}) {
-                expect_as_reference(resolution, "Sg1/j", target, false, size);
-                expect_as_reference(resolution, "Sg1/j", target, true, size, Guard::BEFORE);
-            }
-        }
-    }
-}
-
-TEST_F(FontGetTargetBitmap, EqualsTheReferenceAtEveryPitch)
-{
-    // Cells of no width: every pitch is wide enough, and glyphs are wider than lines.
-    for (uint32_t resolution = 0; resolution < 4; resolution++) {
-        for (int32_t pitch = 0; pitch <= 40; pitch++) {
-            for (const uint32_t depth : {2u, 8u}) {
-                DrawRect target = readout_target(resolution, pitch);
-                target.depth = depth;
-                target.cell_width = 0;
-                expect_as_reference(resolution, "M/q", target, false,
-                                    (size_t)(pitch * target.height));
-            }
-        }
-    }
-}
-
-TEST_F(FontGetTargetBitmap, CellsOfOtherWidthsOverlapOrRunBackwards)
-{
-    for (const int32_t cell : {-20, -3, 0, 1, 5, 50}) {
-        DrawRect target = readout_target(2, 400);
-        target.cell_width = cell;
-        expect_as_reference(2, "FOCUS/", target, false, 400 * 28);
-        expect_as_reference(2, "FOCUS/", target, false, 400 * 20, Guard::BEFORE);
-    }
-}
-
 TEST_F(FontGetTargetBitmap, EmptyStringIsTheBackground)
 {
     const DrawRect target = target_of(3, 7, 6);

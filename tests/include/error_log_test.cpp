@@ -54,13 +54,6 @@ TEST(ErrorLog, ShowsAnAssignedTag)
     EXPECT_EQ(captured.err, "ERR:#qm7osd:[CAM]=failed(run)\n");
 }
 
-TEST(ErrorLog, EmptyMessageLeavesPrefixAndName)
-{
-    const Captured captured = capture([] { log_error("run", "%s", ""); });
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=(run)\n");
-}
-
 TEST(ErrorLog, PercentSignsInArgumentsAreText)
 {
     const Captured captured = capture([] { log_error("100%s", "%s", "%n%d"); });
@@ -105,42 +98,4 @@ TEST(ErrorLog, LineReachesStandardErrorInOnePiece)
     EXPECT_LT(recv(sockets[1], message, sizeof message, MSG_DONTWAIT), 0);
     close(sockets[0]);
     close(sockets[1]);
-}
-
-TEST(ErrorLog, TooLongLineCutsTheMessageNotTheName)
-{
-    const std::string message(5000, 'x');
-
-    const Captured captured = capture([&] { log_error("run", "%s", message.c_str()); });
-
-    const std::string head = "ERR:#qm7osd:[(null)]=";
-    const std::string tail = "(run)\n";
-    EXPECT_EQ(captured.err, head + std::string(1023 - head.size() - tail.size(), 'x') + tail);
-}
-
-TEST(ErrorLog, LongestLineThatFitsIsWhole)
-{
-    const std::string message(1023 - 21 - 6, 'x'); // prefix and name
-
-    const Captured captured = capture([&] { log_error("run", "%s", message.c_str()); });
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
-}
-
-TEST(ErrorLog, LineOneByteTooLongCutsOneByteOfTheMessage)
-{
-    const std::string message(1023 - 21 - 6, 'x'); // prefix and name
-
-    const Captured captured = capture([&] { log_error("run", "%sy", message.c_str()); });
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=" + message + "(run)\n");
-}
-
-TEST(ErrorLog, NameOf124BytesIsWhole)
-{
-    const std::string name(124, 'n');
-
-    const Captured captured = capture([&] { log_error(name.c_str(), "failed"); });
-
-    EXPECT_EQ(captured.err, "ERR:#qm7osd:[(null)]=failed(" + name + ")\n");
 }

@@ -15,25 +15,6 @@ static constexpr uint32_t OTHER = 0x81E0ABCD;
 
 static const OsdOpenParam PARAM = {1, 720, 108, 2};
 
-// ---- osd_is_benign_error -----------------------------------------------------------------------
-
-TEST(OsdIsBenignError, KnowsTheFourToleratedCodes)
-{
-    for (const uint32_t code : TOLERATED)
-        EXPECT_EQ(osd_is_benign_error(code), -1) << std::hex << code;
-}
-
-TEST(OsdIsBenignError, ToleratesNoOther)
-{
-    for (const uint32_t code : TOLERATED) {
-        for (uint32_t bit = 0; bit < 32; bit++)
-            EXPECT_EQ(osd_is_benign_error(code ^ (1u << bit)), 0)
-                << "code 0x" << std::hex << code << ", bit " << std::dec << bit;
-    }
-    for (const uint32_t code : {0u, 14u, REFUSED, OTHER, 0xFFFFFFFFu})
-        EXPECT_EQ(osd_is_benign_error(code), 0) << std::hex << code;
-}
-
 // ---- osd_open_osd ------------------------------------------------------------------------------
 
 TEST(OsdOpenOsd, OpensAndStoresThePitch)
