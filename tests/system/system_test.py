@@ -472,7 +472,7 @@ class Systemd(unittest.TestCase):
 
     def test_0_installing_the_package_enables_and_starts_the_unit(self):
         with entry("dpkg -i") as seen:
-            self.dpkg("-i /root/focus-assist.deb")
+            self.dpkg("-i /srv/focus-assist.deb")
             self.readout(f"systemctl is-enabled {UNIT}")
             self.assertEqual(self.unit_state(), "active")
             seen.append("enabled, active, readout")
@@ -506,12 +506,12 @@ class Systemd(unittest.TestCase):
 
     def test_4_a_changed_palette_survives_an_upgrade(self):
         with entry("upgrade") as seen:
-            self.camera.must(f"echo changed >>{PALETTE}; cp {PALETTE} /root/changed")
+            self.camera.must(f"echo changed >>{PALETTE}; cp {PALETTE} /srv/changed")
             self.camera.must(
-                "cd /root && dpkg-deb -R focus-assist.deb new && echo new >>new" + PALETTE +
+                "cd /srv && dpkg-deb -R focus-assist.deb new && echo new >>new" + PALETTE +
                 " && sed -i 's/^Version: .*/&.1/' new/DEBIAN/control && dpkg-deb -Znone -b new new.deb")
-            self.dpkg("--force-confold -i /root/new.deb")
-            self.camera.must(f"cmp {PALETTE} /root/changed && tail -c 4 {PALETTE}.dpkg-dist |"
+            self.dpkg("--force-confold -i /srv/new.deb")
+            self.camera.must(f"cmp {PALETTE} /srv/changed && tail -c 4 {PALETTE}.dpkg-dist |"
                              " grep -x new")
             self.assertRegex(self.dpkg("-s focus-assist"), r"Version: [\d.]+\.1\s")
             self.assertEqual(self.unit_state(), "active")
