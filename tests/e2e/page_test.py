@@ -705,7 +705,7 @@ class Process(Page):
 class Faults(Page):
     """Faults."""
 
-    def test_a_fault_is_set_met_and_read_in_the_log(self):
+    def test_a_fault_is_set_hit_and_read_in_the_log(self):
         self.open_tab("faults")
         Select(self.find("fault-call")).select_by_value("qm7_cl_post_set_osd")
         Select(self.find("fault-error")).select_by_value("0x81000001")
@@ -720,7 +720,7 @@ class Faults(Page):
         self.screenshot("log")
         self.open_tab("faults")
         self.camera.post("/api/faults", {"call": "CAM_FOCUS_CONFIG", "error": 5})
-        self.wait_for("when it is met", lambda: "met when the process starts" in self.text("faults"))
+        self.wait_for("when it is used", lambda: "used when the process starts" in self.text("faults"))
         self.find("fault-clear").click()
         self.wait_for("no card", lambda: "None." in self.text("faults"))
 

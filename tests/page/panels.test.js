@@ -3,7 +3,7 @@ import {test} from 'node:test';
 import {faultText} from '../../simcam/web/page/panel_faults.js';
 import {mergedText, planesText} from '../../simcam/web/page/panel_posts.js';
 
-test('a fault is described by what it does, how long, and how often it was met', () => {
+test('a fault is described by what it does, how long, and how often it was hit', () => {
   const fault = {call: 'qm7_cl_post_set_osd', error: '0x81000001', remaining: 3, delay_ms: 0, hits: 1};
   assert.equal(faultText(fault), ' fails with 0x81000001: 3 more, hit 1 time');
   assert.equal(faultText({...fault, delay_ms: 250, remaining: 'forever', hits: 2}), ' fails with 0x81000001 and takes 250 ms longer: forever, hit 2 times');
