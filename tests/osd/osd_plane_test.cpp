@@ -10,7 +10,6 @@
 using Bytes = std::vector<uint8_t>;
 
 static const uint32_t TOLERATED[] = {0x81E03204, 0x81E04507, 0x81003209, 0x81E0250C};
-static constexpr uint32_t REFUSED = 0x81E03246;
 static constexpr uint32_t OTHER = 0x81E0ABCD;
 
 static const OsdOpenParam PARAM = {1, 720, 108, 2};
