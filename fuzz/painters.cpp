@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "difference.h"
 #include "draw/painter.h"
 #include "input.h"
 #include "reference.h"
@@ -50,15 +51,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         reference::paint_bar({expected.get(), bytes}, rect, percent);
     }
     if (memcmp(painted.get(), expected.get(), bytes) != 0) {
-        const size_t at =
-            (size_t)(std::mismatch(painted.get(), painted.get() + bytes, expected.get()).first -
-                     painted.get());
+        const std::string first = difference({painted.get(), bytes}, {expected.get(), bytes},
+                                             (size_t)std::max(rect.pitch, 0));
         fprintf(stderr,
-                "%s: byte %zu of %zu is %u, not %u; width %d, height %d, pitch %d, depth %u, "
-                "color %u, resolution %u, percent %d\n",
-                (what & 128) != 0 ? "draw_rectangle" : "draw_rectangle_bitmap", at, bytes,
-                painted[at], expected[at], rect.width, rect.height, rect.pitch, rect.depth,
-                rect.bg_color, rect.resolution, percent);
+                "%s: %s; width %d, height %d, pitch %d, depth %u, color %u, resolution %u, "
+                "percent %d\n",
+                (what & 128) != 0 ? "draw_rectangle" : "draw_rectangle_bitmap", first.c_str(),
+                rect.width, rect.height, rect.pitch, rect.depth, rect.bg_color, rect.resolution,
+                percent);
         abort();
     }
     return 0;

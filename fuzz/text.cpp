@@ -2,12 +2,14 @@
 // must match the pixel-by-pixel reference. The engine is built once; its cached glyphs are replaced
 // by those of the input. FreeType renders the one character that the cache lacks.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "difference.h"
 #include "font/font_text.h"
 #include "input.h"
 #include "reference.h"
@@ -53,12 +55,6 @@ struct Shape {
         }
     }
 };
-
-static void differs(const char *what, size_t at, int is, int expected)
-{
-    fprintf(stderr, "%s: byte %zu is %d, not %d\n", what, at, is, expected);
-    abort();
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -107,8 +103,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (fits)
         status = font_get_target_bitmap(&engine(), text, &target, drawn.get(), highlight,
                                         (uint32_t)bytes);
-    if (status != 0)
-        differs("status", 0, status, 0);
+    if (status != 0) {
+        fprintf(stderr, "status %d, expected 0\n", status);
+        abort();
+    }
     if (fits) {
         const std::span<uint8_t> memory(expected.get(), bytes);
         reference::paint_rectangle(memory, target);
@@ -131,9 +129,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (uint32_t i = 0; i < cache.count; i++)
         cache.entries[i].glyph = real[i];
 
-    for (size_t i = 0; i < bytes; i++) {
-        if (drawn[i] != expected[i])
-            differs("text", i, drawn[i], expected[i]);
+    const std::string first = difference({drawn.get(), bytes}, {expected.get(), bytes},
+                                         (size_t)std::max(target.pitch, 0));
+    if (!first.empty()) {
+        fprintf(stderr, "text: %s\n", first.c_str());
+        abort();
     }
     return 0;
 }

@@ -13,6 +13,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "code.h"
 #include "codec/qm7codec.h"
 #include "link/server.h"
 #include "test_directory.h"
@@ -71,7 +72,7 @@ template <typename Result> uint32_t code_of(Result result)
     return result == 0 ? 0 : static_cast<uint32_t>(errno);
 }
 
-#define EXPECT_FAILS(call, code) EXPECT_EQ(code_of(call), code)
+#define EXPECT_FAILS(call, code) EXPECT_CODE(code_of(call), code)
 
 // Everything that a call can change on the board, except its log and the armed faults.
 std::string contents(Board &board)

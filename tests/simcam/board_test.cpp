@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "code.h"
 #include "link/calls.h"
 
 using namespace simcam;
@@ -58,16 +59,16 @@ struct TestClient {
 
     void open_session()
     {
-        EXPECT_EQ(call(WIRE_LIBRARY_INIT), 0u);
-        EXPECT_EQ(call(WIRE_SYS_OPEN_DEVICE), 0u);
+        EXPECT_CODE(call(WIRE_LIBRARY_INIT), 0u);
+        EXPECT_CODE(call(WIRE_SYS_OPEN_DEVICE), 0u);
     }
     // Opens the plane, draws value into its memory and shows it. Returns the osdId.
     uint32_t show(uint32_t res_id, uint32_t number, uint8_t value)
     {
-        EXPECT_EQ(call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, number}), 0u);
+        EXPECT_CODE(call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, number}), 0u);
         const auto mem = result<WireOsdMem>();
         fill(mem.memory, value);
-        EXPECT_EQ(call(WIRE_POST_SET_OSD, WireSetOsd{res_id, mem.osd_id, 10, 20}), 0u);
+        EXPECT_CODE(call(WIRE_POST_SET_OSD, WireSetOsd{res_id, mem.osd_id, 10, 20}), 0u);
         return mem.osd_id;
     }
     void fill(const WireMemory &memory, uint8_t value) const
@@ -91,8 +92,8 @@ struct TestClient {
     void listen(uint32_t mask)
     {
         open_session();
-        EXPECT_EQ(call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
-        EXPECT_EQ(call(WIRE_POST_SET_NOTIFY, WireWord{mask}), 0u);
+        EXPECT_CODE(call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
+        EXPECT_CODE(call(WIRE_POST_SET_NOTIFY, WireWord{mask}), 0u);
     }
 };
 
@@ -123,24 +124,24 @@ TEST_F(BoardTest, CallsBeforeInitializationFail)
     const uint32_t res_id = start(0);
 
     for (uint32_t call = WIRE_LIBRARY_EXIT; call < WIRE_DEVICE_OPEN; call++)
-        EXPECT_EQ(client.call(call, bar(res_id)), CODEC_NOT_INITIALIZED) << call;
+        EXPECT_CODE(client.call(call, bar(res_id)), CODEC_NOT_INITIALIZED) << call;
 }
 
 TEST_F(BoardTest, CallsOnAClosedDeviceFail)
 {
     TestClient client(board);
     const uint32_t res_id = start(0);
-    EXPECT_EQ(client.call(WIRE_LIBRARY_INIT), 0u);
+    EXPECT_CODE(client.call(WIRE_LIBRARY_INIT), 0u);
 
     for (uint32_t call = WIRE_SYS_CLOSE_DEVICE; call < WIRE_DEVICE_OPEN; call++)
-        EXPECT_EQ(client.call(call, bar(res_id)), CODEC_DEVICE_CLOSED) << call;
-    EXPECT_EQ(client.call(WIRE_LIBRARY_INIT), CODEC_INITIALIZED);
-    EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), 0u);
-    EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_DEVICE_OPEN);
-    EXPECT_EQ(client.call(WIRE_SYS_CLOSE_DEVICE), 0u);
-    EXPECT_EQ(client.call(WIRE_POST_GET_OSD_COLOR_MEM), CODEC_DEVICE_CLOSED);
-    EXPECT_EQ(client.call(WIRE_LIBRARY_EXIT), 0u);
-    EXPECT_EQ(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_NOT_INITIALIZED);
+        EXPECT_CODE(client.call(call, bar(res_id)), CODEC_DEVICE_CLOSED) << call;
+    EXPECT_CODE(client.call(WIRE_LIBRARY_INIT), CODEC_INITIALIZED);
+    EXPECT_CODE(client.call(WIRE_SYS_OPEN_DEVICE), 0u);
+    EXPECT_CODE(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_DEVICE_OPEN);
+    EXPECT_CODE(client.call(WIRE_SYS_CLOSE_DEVICE), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_GET_OSD_COLOR_MEM), CODEC_DEVICE_CLOSED);
+    EXPECT_CODE(client.call(WIRE_LIBRARY_EXIT), 0u);
+    EXPECT_CODE(client.call(WIRE_SYS_OPEN_DEVICE), CODEC_NOT_INITIALIZED);
 }
 
 TEST_F(BoardTest, NotificationReportsRunningPostsAndThenChanges)
@@ -148,11 +149,11 @@ TEST_F(BoardTest, NotificationReportsRunningPostsAndThenChanges)
     TestClient client(board);
     client.open_session();
     const uint32_t res_id = start(2);
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), CODEC_NO_CALLBACK);
-    EXPECT_EQ(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), CODEC_NO_CALLBACK);
+    EXPECT_CODE(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
     EXPECT_EQ(client.report().post, 99); // nothing yet
 
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{15}), 0u);
     const PostReport first = client.report();
     EXPECT_EQ(first.post, 2);
     EXPECT_EQ(first.res_id, res_id);
@@ -175,16 +176,16 @@ TEST_F(BoardTest, MaskSelectsThePostsThatAreReported)
 {
     TestClient client(board);
     client.open_session();
-    EXPECT_EQ(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{16}), CODEC_BAD_ARGUMENT);
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{2}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{1}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{16}), CODEC_BAD_ARGUMENT);
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{2}), 0u);
 
     start(0);
     start(1);
 
     EXPECT_EQ(client.report().post, 1);
     EXPECT_EQ(client.report().post, 99);
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u); // post 0 is new, post 1 is not
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u); // post 0 is new, post 1 is not
     EXPECT_EQ(client.report().post, 0);
     EXPECT_EQ(client.report().post, 99);
 }
@@ -217,9 +218,9 @@ TEST_F(BoardTest, ANullCallbackIsRefusedAndChangesNothing)
     TestClient client(board);
     client.listen(1);
 
-    EXPECT_EQ(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{0}), CODEC_BAD_ARGUMENT);
+    EXPECT_CODE(client.call(WIRE_POST_NOTIFY_CALLBACK, WireWord{0}), CODEC_BAD_ARGUMENT);
 
-    EXPECT_EQ(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_SET_NOTIFY, WireWord{3}), 0u);
 }
 
 TEST_F(BoardTest, StatusHasTheSizeAndJunkInItsOtherFields)
@@ -228,7 +229,7 @@ TEST_F(BoardTest, StatusHasTheSizeAndJunkInItsOtherFields)
     client.open_session();
     const uint32_t res_id = start(3, 352, 240);
 
-    ASSERT_EQ(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{res_id}), 0u);
+    ASSERT_CODE(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{res_id}), 0u);
     const auto status = client.result<WirePostStatus>();
     EXPECT_EQ(status.bytes[2] | status.bytes[3] << 8, 352);
     EXPECT_EQ(status.bytes[4] | status.bytes[5] << 8, 240);
@@ -244,13 +245,14 @@ TEST_F(BoardTest, IdsOfStoppedPostsAreRefused)
     const uint32_t old_id = start(0);
     start(0, 720, 480); // stops the first run
 
-    EXPECT_EQ(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{old_id}), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_OPEN_OSD, bar(old_id)), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_SET_OSD, WireSetOsd{old_id, 1, 0, 0}), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_CLEAR_OSD, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_CLOSE_OSD, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
-    EXPECT_EQ(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{0}), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{old_id}), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_OPEN_OSD, bar(old_id)), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_SET_OSD, WireSetOsd{old_id, 1, 0, 0}),
+                CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_CLEAR_OSD, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_CLOSE_OSD, WirePlane{old_id, 0}), CODEC_POST_NOT_RUNNING);
+    EXPECT_CODE(client.call(WIRE_POST_THREAD_GET_STATUS, WireWord{0}), CODEC_POST_NOT_RUNNING);
 }
 
 TEST_F(BoardTest, PitchIsTheLineRoundedUpToTheAlignment)
@@ -269,10 +271,10 @@ TEST_F(BoardTest, PitchIsTheLineRoundedUpToTheAlignment)
     for (const auto &c : cases) {
         const uint32_t res_id = start(0);
         board.pitch_align = c.align;
-        ASSERT_EQ(
+        ASSERT_CODE(
             client.call(WIRE_POST_OPEN_OSD, WireOpenOsd{res_id, 1, c.width, 24, c.depth_code}), 0u);
         EXPECT_EQ(client.result<WireOpenedOsd>().pitch, c.pitch) << c.width << " " << c.align;
-        ASSERT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, 1}), 0u);
+        ASSERT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, 1}), 0u);
         EXPECT_EQ(client.result<WireOsdMem>().memory.size, c.pitch * 24);
     }
 }
@@ -283,7 +285,7 @@ TEST_F(BoardTest, MemoryEndsAtAPageEndAndIsFullOfJunk)
     client.open_session();
     const uint32_t res_id = start(0);
     client.call(WIRE_POST_OPEN_OSD, bar(res_id));
-    ASSERT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, 0}), 0u);
+    ASSERT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{res_id, 0}), 0u);
     const auto memory = client.result<WireOsdMem>().memory;
 
     EXPECT_EQ(memory.size, 480u * 72);
@@ -309,15 +311,15 @@ TEST_F(BoardTest, OpenRefusesInvalidSizesDepthsAndNumbers)
         return client.call(WIRE_POST_OPEN_OSD, WireOpenOsd{id, number, width, height, depth});
     };
 
-    EXPECT_EQ(open(4, 100, 10, 2), CODEC_BAD_ARGUMENT);
-    EXPECT_EQ(open(0xFFFFFFFF, 100, 10, 2), CODEC_BAD_ARGUMENT);
-    EXPECT_EQ(open(0, 0, 10, 2), CODEC_PLANE_REFUSED);
-    EXPECT_EQ(open(0, 100, 0, 2), CODEC_PLANE_REFUSED);
-    EXPECT_EQ(open(0, 4097, 10, 2), CODEC_PLANE_REFUSED);
-    EXPECT_EQ(open(0, 100, 10, 3), CODEC_PLANE_REFUSED);
-    EXPECT_EQ(open(0, 100, 10, 2), 0u);
-    EXPECT_EQ(open(0, 100, 10, 2), CODEC_PLANE_OPEN);
-    EXPECT_EQ(open(1, 100, 10, 2), 0u);
+    EXPECT_CODE(open(4, 100, 10, 2), CODEC_BAD_ARGUMENT);
+    EXPECT_CODE(open(0xFFFFFFFF, 100, 10, 2), CODEC_BAD_ARGUMENT);
+    EXPECT_CODE(open(0, 0, 10, 2), CODEC_PLANE_REFUSED);
+    EXPECT_CODE(open(0, 100, 0, 2), CODEC_PLANE_REFUSED);
+    EXPECT_CODE(open(0, 4097, 10, 2), CODEC_PLANE_REFUSED);
+    EXPECT_CODE(open(0, 100, 10, 3), CODEC_PLANE_REFUSED);
+    EXPECT_CODE(open(0, 100, 10, 2), 0u);
+    EXPECT_CODE(open(0, 100, 10, 2), CODEC_PLANE_OPEN);
+    EXPECT_CODE(open(1, 100, 10, 2), 0u);
 }
 
 TEST_F(BoardTest, ClosedPlanesAcceptOnlyOpen)
@@ -325,18 +327,18 @@ TEST_F(BoardTest, ClosedPlanesAcceptOnlyOpen)
     TestClient client(board);
     client.open_session();
     const uint32_t id = start(0);
-    EXPECT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
-    EXPECT_EQ(client.call(WIRE_POST_CLEAR_OSD, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
-    EXPECT_EQ(client.call(WIRE_POST_CLOSE_OSD, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
-    EXPECT_EQ(client.call(WIRE_POST_OPEN_OSD, bar(id)), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
+    EXPECT_CODE(client.call(WIRE_POST_CLEAR_OSD, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
+    EXPECT_CODE(client.call(WIRE_POST_CLOSE_OSD, WirePlane{id, 0}), CODEC_PLANE_CLOSED);
+    EXPECT_CODE(client.call(WIRE_POST_OPEN_OSD, bar(id)), 0u);
     client.show(id, 0, 7);
 
-    EXPECT_EQ(client.call(WIRE_POST_CLEAR_OSD, WirePlane{id, 0}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_CLEAR_OSD, WirePlane{id, 0}), 0u);
     EXPECT_TRUE(board_plane_image(board, 0, 0).bytes.empty());
     EXPECT_TRUE(board_plane_image(board, 0, 0).state.open);
-    EXPECT_EQ(client.call(WIRE_POST_CLOSE_OSD, WirePlane{id, 0}), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_CLOSE_OSD, WirePlane{id, 0}), 0u);
     EXPECT_FALSE(board_plane_image(board, 0, 0).state.open);
-    EXPECT_EQ(client.call(WIRE_POST_OPEN_OSD, bar(id)), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_OPEN_OSD, bar(id)), 0u);
 }
 
 TEST_F(BoardTest, TheShownBufferIsNeverHandedOut)
@@ -347,17 +349,17 @@ TEST_F(BoardTest, TheShownBufferIsNeverHandedOut)
     client.call(WIRE_POST_OPEN_OSD, bar(id));
 
     for (uint32_t i = 0; i < 50; i++) {
-        ASSERT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
+        ASSERT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
         const auto mem = client.result<WireOsdMem>();
         EXPECT_NE(static_cast<int>(mem.buffer), board.post[0].plane[0].shown);
         EXPECT_LT(mem.buffer, 2u); // one client needs two
         client.fill(mem.memory, static_cast<uint8_t>(i));
-        ASSERT_EQ(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
+        ASSERT_CODE(client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
         EXPECT_EQ(client.result<WireOsdMem>().osd_id, mem.osd_id); // the same one until it is shown
         if (i) {
             EXPECT_EQ(board_plane_image(board, 0, 0).bytes.front(), i - 1);
         }
-        ASSERT_EQ(client.call(WIRE_POST_SET_OSD, WireSetOsd{id, mem.osd_id, 1, 2}), 0u);
+        ASSERT_CODE(client.call(WIRE_POST_SET_OSD, WireSetOsd{id, mem.osd_id, 1, 2}), 0u);
         EXPECT_EQ(board_plane_image(board, 0, 0).bytes.back(), i);
     }
     const PlaneImage image = board_plane_image(board, 0, 0);
@@ -379,13 +381,13 @@ TEST_F(BoardTest, OnlyAFetchedBufferCanBeShown)
         return by.call(WIRE_POST_SET_OSD, WireSetOsd{res_id, buffer, 0, 0});
     };
 
-    EXPECT_EQ(set(client, id, osd_id), CODEC_BUFFER_NOT_LENT); // already shown
-    EXPECT_EQ(set(client, id, 0), CODEC_BUFFER_NOT_LENT);
+    EXPECT_CODE(set(client, id, osd_id), CODEC_BUFFER_NOT_LENT); // already shown
+    EXPECT_CODE(set(client, id, 0), CODEC_BUFFER_NOT_LENT);
     client.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0});
     const uint32_t next = client.result<WireOsdMem>().osd_id;
-    EXPECT_EQ(set(other, id, next), CODEC_BUFFER_NOT_LENT);         // lent to another client
-    EXPECT_EQ(set(client, elsewhere, next), CODEC_BUFFER_NOT_LENT); // of another post
-    EXPECT_EQ(set(client, id, next), 0u);
+    EXPECT_CODE(set(other, id, next), CODEC_BUFFER_NOT_LENT);         // lent to another client
+    EXPECT_CODE(set(client, elsewhere, next), CODEC_BUFFER_NOT_LENT); // of another post
+    EXPECT_CODE(set(client, id, next), 0u);
 }
 
 TEST_F(BoardTest, TwoClientsDrawIntoBuffersOfTheirOwn)
@@ -395,7 +397,7 @@ TEST_F(BoardTest, TwoClientsDrawIntoBuffersOfTheirOwn)
     second.open_session();
     const uint32_t id = start(0);
     first.call(WIRE_POST_OPEN_OSD, bar(id));
-    EXPECT_EQ(second.call(WIRE_POST_OPEN_OSD, bar(id)), CODEC_PLANE_OPEN);
+    EXPECT_CODE(second.call(WIRE_POST_OPEN_OSD, bar(id)), CODEC_PLANE_OPEN);
 
     first.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0});
     const auto mine = first.result<WireOsdMem>();
@@ -403,7 +405,7 @@ TEST_F(BoardTest, TwoClientsDrawIntoBuffersOfTheirOwn)
     second.show(id, 0, 2);
 
     EXPECT_EQ(board_plane_image(board, 0, 0).bytes[0], 2);
-    EXPECT_EQ(first.call(WIRE_POST_SET_OSD, WireSetOsd{id, mine.osd_id, 0, 0}), 0u);
+    EXPECT_CODE(first.call(WIRE_POST_SET_OSD, WireSetOsd{id, mine.osd_id, 0, 0}), 0u);
     EXPECT_EQ(board_plane_image(board, 0, 0).bytes[0], 1);
 }
 
@@ -422,26 +424,26 @@ TEST_F(BoardTest, PlanesOutliveTheirClientAndItsBuffersAreFreed)
     EXPECT_EQ(board_plane_image(board, 0, 0).bytes[0], 42);
     TestClient next(board);
     next.open_session();
-    EXPECT_EQ(next.call(WIRE_POST_OPEN_OSD, bar(id)), 0x81E03204u); // one of the tolerated codes
-    EXPECT_EQ(next.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
+    EXPECT_CODE(next.call(WIRE_POST_OPEN_OSD, bar(id)), 0x81E03204u); // one of the tolerated codes
+    EXPECT_CODE(next.call(WIRE_POST_GET_OSD_MEM, WirePlane{id, 0}), 0u);
     EXPECT_LT(next.result<WireOsdMem>().buffer, 2u);
 
     const uint32_t fresh = start(0); // a stop and a start of the post close its planes
     EXPECT_TRUE(board_plane_image(board, 0, 0).bytes.empty());
-    EXPECT_EQ(next.call(WIRE_POST_OPEN_OSD, bar(fresh)), 0u);
+    EXPECT_CODE(next.call(WIRE_POST_OPEN_OSD, bar(fresh)), 0u);
 }
 
 TEST_F(BoardTest, ColorsApplyOnlyWhenSet)
 {
     TestClient client(board);
     client.open_session();
-    ASSERT_EQ(client.call(WIRE_POST_GET_OSD_COLOR_MEM), 0u);
+    ASSERT_CODE(client.call(WIRE_POST_GET_OSD_COLOR_MEM), 0u);
     const auto memory = client.result<WireMemory>();
     EXPECT_EQ(memory.size, 1024u);
     client.fill(memory, 0x33);
     EXPECT_EQ(board.palette[0], 0);
 
-    EXPECT_EQ(client.call(WIRE_POST_SET_OSD_COLOR), 0u);
+    EXPECT_CODE(client.call(WIRE_POST_SET_OSD_COLOR), 0u);
     EXPECT_EQ(board.palette, std::vector<uint8_t>(1024, 0x33));
 }
 
@@ -450,16 +452,16 @@ TEST_F(BoardTest, ReadsNeedTheDeviceAndAConfiguration)
     TestClient client(board);
     WireFocusConfig config = {};
     std::memcpy(config.bytes, FRAME_WORDS, sizeof FRAME_WORDS);
-    EXPECT_EQ(client.call(WIRE_FOCUS_CONFIG, config), uint32_t{EBADF});
-    EXPECT_EQ(client.call(WIRE_FOCUS_READ), uint32_t{EBADF});
-    EXPECT_EQ(client.call(WIRE_DEVICE_OPEN), 0u);
-    EXPECT_EQ(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
-    EXPECT_EQ(client.call(WIRE_FOCUS_CONFIG, WireFocusConfig{}), uint32_t{EINVAL}); // no window
-    EXPECT_EQ(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
+    EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, config), uint32_t{EBADF});
+    EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EBADF});
+    EXPECT_CODE(client.call(WIRE_DEVICE_OPEN), 0u);
+    EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
+    EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, WireFocusConfig{}), uint32_t{EINVAL}); // no window
+    EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
 
-    EXPECT_EQ(client.call(WIRE_FOCUS_CONFIG, config), 0u);
+    EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, config), 0u);
     board_publish(board, Measurement{.number = 1, .raw = 0x01020304});
-    ASSERT_EQ(client.call(WIRE_FOCUS_READ), 0u);
+    ASSERT_CODE(client.call(WIRE_FOCUS_READ), 0u);
     const auto stats = client.result<WireFocusStats>();
     EXPECT_EQ(stats.bytes[64], 4);
     EXPECT_EQ(stats.bytes[65], 3);
@@ -478,8 +480,8 @@ struct OverlayTest : BoardTest {
     {
         WireFocusConfig config = {};
         std::memcpy(config.bytes, FRAME_WORDS, sizeof FRAME_WORDS);
-        EXPECT_EQ(client.call(WIRE_DEVICE_OPEN), 0u);
-        EXPECT_EQ(client.call(WIRE_FOCUS_CONFIG, config), 0u);
+        EXPECT_CODE(client.call(WIRE_DEVICE_OPEN), 0u);
+        EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, config), 0u);
     }
     void read(uint32_t raw, uint32_t forced_error = 0)
     {
@@ -548,7 +550,7 @@ TEST_F(OverlayTest, FollowsTheDeviceOpenedLastAndStartsAtZero)
     read(2000);
     {
         TestClient later(board);
-        EXPECT_EQ(later.call(WIRE_DEVICE_OPEN), 0u);
+        EXPECT_CODE(later.call(WIRE_DEVICE_OPEN), 0u);
         expect(0, 0, 0);
     }
     expect(20, 20, 100);
@@ -599,27 +601,27 @@ TEST_F(BoardTest, FaultsHitAsOftenAsConfigured)
 {
     EXPECT_EQ(board_set_fault(board, {"qm7_cl_post_set_osd", 0x81E00099, 2, 0, 0}), "");
 
-    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_GET_OSD_MEM)).error, 0u);
-    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
+    EXPECT_CODE(board_take_fault(board, request_name(WIRE_POST_GET_OSD_MEM)).error, 0u);
+    EXPECT_CODE(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
     EXPECT_EQ(board.faults.at(0).hits, 1u);
     EXPECT_EQ(board.faults.at(0).remaining, 1u);
-    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
+    EXPECT_CODE(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0x81E00099u);
     EXPECT_TRUE(board.faults.empty());
-    EXPECT_EQ(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0u);
+    EXPECT_CODE(board_take_fault(board, request_name(WIRE_POST_SET_OSD)).error, 0u);
 }
 
 TEST_F(BoardTest, FaultsWithoutACountStayUntilTheyAreReplaced)
 {
     EXPECT_EQ(board_set_fault(board, {"CAM_FOCUS_READ", EIO, FAULT_FOREVER, 0, 0}), "");
     for (int i = 0; i < 100; i++)
-        EXPECT_EQ(board_take_fault(board, request_name(WIRE_FOCUS_READ)).error, uint32_t{EIO});
+        EXPECT_CODE(board_take_fault(board, request_name(WIRE_FOCUS_READ)).error, uint32_t{EIO});
     EXPECT_EQ(board.faults.at(0).remaining, FAULT_FOREVER);
     EXPECT_EQ(board.faults.at(0).hits, 100u);
 
     EXPECT_EQ(board_set_fault(board, {"CAM_FOCUS_READ", 0, 1, 50, 0}), "");
     ASSERT_EQ(board.faults.size(), 1u);
     const Fault slow = board_take_fault(board, request_name(WIRE_FOCUS_READ));
-    EXPECT_EQ(slow.error, 0u);
+    EXPECT_CODE(slow.error, 0u);
     EXPECT_EQ(slow.delay_ms, 50u);
 
     EXPECT_NE(board_set_fault(board, {"open", 1, 1, DELAY_MAX_MS + 1, 0}), "");
@@ -637,14 +639,14 @@ TEST_F(BoardTest, AForcedErrorChangesNothingAndIsLogged)
     calls_execute(board, client.session, request, 0x81E00099, &client.reply);
 
     EXPECT_EQ(client.reply.head.result, -1);
-    EXPECT_EQ(client.reply.head.error, 0x81E00099u);
+    EXPECT_CODE(client.reply.head.error, 0x81E00099u);
     EXPECT_EQ(client.reply.head.number, 9u);
     EXPECT_FALSE(client.session.initialized);
     const auto calls = records_after(board.calls, 0, 10);
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].call, "qm7_cl_library_init");
     EXPECT_EQ(calls[0].pid, 4711);
-    EXPECT_EQ(calls[0].error, 0x81E00099u);
+    EXPECT_CODE(calls[0].error, 0x81E00099u);
 }
 
 TEST_F(BoardTest, TheCallLogKeepsTheNewestCallsWithoutSuccessfulReads)

@@ -10,6 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "code.h"
 #include "link/server.h"
 #include "test_directory.h"
 
@@ -126,7 +127,7 @@ TEST_F(ServerTest, AnswersCarryTheNumberOfTheirRequest)
         EXPECT_EQ(reply.version, WIRE_VERSION);
         EXPECT_EQ(reply.number, number);
         EXPECT_EQ(reply.call, uint32_t{WIRE_SYS_OPEN_DEVICE});
-        EXPECT_EQ(reply.error, CODEC_NOT_INITIALIZED);
+        EXPECT_CODE(reply.error, CODEC_NOT_INITIALIZED);
     }
     close(fd);
 }
