@@ -13,13 +13,6 @@ static constexpr uint32_t REGION_WIDTH[] = {720, 480, 280, 132};
 static constexpr uint32_t REGION_HEIGHT[] = {108, 72, 48, 24};
 static constexpr uint32_t FONT_PIXELS[] = {63, 42, 28, 14};
 
-static constexpr int COLOR_FRAME = 11;
-static constexpr int COLOR_TEXT = 16;
-static constexpr int COLOR_BOX = 17;
-static constexpr int COLOR_FILL = 18;
-static constexpr int COLOR_MARKER = 19;
-static constexpr int COLOR_HIGHLIGHT = 20;
-
 static void put_byte(std::span<uint8_t> memory, int64_t offset, uint8_t value)
 {
     if (offset >= 0 && offset < (int64_t)memory.size())
@@ -51,7 +44,7 @@ void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect)
             put_byte(memory, line * pitch + b, get_byte(memory, b));
 }
 
-static int frame_thickness(uint32_t resolution)
+int frame_thickness(uint32_t resolution)
 {
     switch (resolution) {
     case 0:

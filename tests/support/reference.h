@@ -1,5 +1,7 @@
 // The literal reference of the painters and of the text: pixel by pixel, without copied lines, kept
-// columns or cached glyphs. All tests compare the program's planes with these, byte for byte.
+// columns or cached glyphs. Tests compare the program's planes with these, byte for byte. The test
+// of every bar, tests/exhaustive, has too many of them to paint each pixel and derives one line of
+// each from the same colors and frames.
 //
 // Memory is a span; a pixel outside of it is dropped.
 #pragma once
@@ -21,6 +23,14 @@ namespace reference
 // Percentage from which the text is highlighted, and place of the bar's marker. Written here again:
 // a test that used the program's constant could not notice a changed one.
 constexpr int THRESHOLD = 85;
+
+// Palette indices of the readout.
+constexpr uint8_t COLOR_FRAME = 11;
+constexpr uint8_t COLOR_TEXT = 16;
+constexpr uint8_t COLOR_BOX = 17;
+constexpr uint8_t COLOR_FILL = 18;
+constexpr uint8_t COLOR_MARKER = 19;
+constexpr uint8_t COLOR_HIGHLIGHT = 20;
 
 // The solid rectangle of rect->bg_color.
 void paint_rectangle(std::span<uint8_t> memory, const DrawRect &rect);
@@ -83,6 +93,9 @@ Plane text_plane(uint32_t output_width, uint32_t output_height, uint32_t pitch,
 
 // Index of the output's width, 0..3.
 uint32_t resolution_index(uint32_t output_width);
+
+// Pixels of the bar's frame at a resolution index; 0 for others.
+int frame_thickness(uint32_t resolution);
 
 // Pixel size of the font at a resolution index.
 uint32_t font_pixel_size(uint32_t resolution);
