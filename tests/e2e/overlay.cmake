@@ -23,6 +23,7 @@ target_include_directories(e2e_overlay_test PRIVATE
 target_link_libraries(e2e_overlay_test PRIVATE
     simcam_core Freetype::Freetype)
 target_compile_definitions(e2e_overlay_test PRIVATE
+    FAULT_TESTS="${CMAKE_CURRENT_LIST_DIR}/fault_test.cpp"
     FOCUS_ASSIST="$<TARGET_FILE:focus_assist>"
     FAST_SLEEP="$<TARGET_FILE_NAME:e2e_fast_sleep>"
     FAST_SLEEP_FOLDER="$<TARGET_FILE_DIR:e2e_fast_sleep>"
