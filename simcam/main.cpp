@@ -12,6 +12,7 @@
 #include "camera/camera.h"
 #include "web/server.h"
 #include "camera/snapshot.h"
+#include "words.h"
 
 using namespace simcam;
 
@@ -50,14 +51,6 @@ struct Options {
     std::string listen = HTTP_LISTEN_DEFAULT;
     std::string snapshot;
 };
-
-static std::string join(const std::vector<std::string> &words)
-{
-    std::string text;
-    for (const std::string &word : words)
-        text += (text.empty() ? "" : ", ") + word;
-    return text;
-}
 
 // "0=1280x720, 1=1920x1080"
 static std::string standard_posts()

@@ -65,8 +65,8 @@ struct Post {
 struct Board {
     std::mutex lock;
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-    uint32_t pitch_align = 16;
-    uint64_t seed = 1;
+    uint32_t pitch_align = 0; // this and seed: set by board_init
+    uint64_t seed = 0;
 
     std::array<Post, POST_COUNT> post;
     uint32_t osd_serial = 0;

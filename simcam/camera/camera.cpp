@@ -21,6 +21,7 @@
 #include "link/request.h"
 #include "link/server.h"
 #include "picture/lens.h"
+#include "picture/osd_color.h"
 #include "picture/scene.h"
 #include "picture/sensor.h"
 #include "picture/sharpness.h"
@@ -33,6 +34,7 @@ using Clock = std::chrono::steady_clock;
 using Picture = std::shared_ptr<cv::Mat>;
 
 constexpr double FLASH_GAIN = 3.0;
+static_assert(PALETTE_BYTES == PALETTE_ENTRIES * PALETTE_ENTRY_BYTES, "the whole color table");
 
 // The focus ring, turned by hand or sweeping.
 struct Ring {

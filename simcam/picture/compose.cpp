@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "picture/osd_color.h"
+#include "wire.h"
 
 namespace simcam
 {
@@ -33,12 +34,12 @@ static uint8_t mix(uint32_t below, uint32_t above, uint32_t opacity)
 
 uint32_t plane_unpack(const ShownPlane &plane, uint32_t line, uint32_t width, uint8_t *indices)
 {
-    if (!plane.bytes || plane.depth_code > 2)
+    if (!plane.bytes || plane.depth_code > DEPTH_CODE_MAX)
         return 0;
     const uint64_t start = uint64_t{line} * plane.pitch;
     if (start >= plane.size)
         return 0;
-    const uint32_t depth = 2U << plane.depth_code; // bits a pixel
+    const uint32_t depth = depth_bits(plane.depth_code);
     const uint32_t mask = (1U << depth) - 1;
     const uint64_t bytes = std::min<uint64_t>(plane.pitch, plane.size - start);
     const auto count = static_cast<uint32_t>(std::min<uint64_t>(width, bytes * 8 / depth));
@@ -77,7 +78,7 @@ void compose_plane(const ShownPlane &plane, const std::vector<uint8_t> &palette,
 static bool has_pixels(const ShownPlane &plane)
 {
     return plane.bytes && plane.size > 0 && plane.width > 0 && plane.height > 0 &&
-           plane.depth_code <= 2;
+           plane.depth_code <= DEPTH_CODE_MAX;
 }
 
 cv::Mat plane_indices(const ShownPlane &plane)

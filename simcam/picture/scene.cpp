@@ -15,6 +15,7 @@
 #include "picture/chart.h"
 #include "picture/lens.h"
 #include "picture/sensor.h"
+#include "words.h"
 
 namespace simcam
 {
@@ -182,14 +183,6 @@ std::vector<std::string> scene_names()
     return names;
 }
 
-std::string scene_list()
-{
-    std::string list;
-    for (const std::string &name : scene_names())
-        list += (list.empty() ? "" : ", ") + name;
-    return list;
-}
-
 std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
 {
     for (const auto &scene : BUILT_IN)
@@ -198,7 +191,7 @@ std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error)
     std::error_code missing;
     const std::filesystem::file_status status = std::filesystem::status(name, missing);
     if (!std::filesystem::exists(status)) {
-        *error = "scene " + name + ": no such file; the built-in scenes are " + scene_list();
+        *error = "scene " + name + ": no such file; the built-in scenes are " + join(scene_names());
         return nullptr;
     }
     if (std::filesystem::is_directory(status)) {

@@ -14,7 +14,6 @@ struct Scene;
 
 // The built-in scenes.
 std::vector<std::string> scene_names();
-std::string scene_list(); // "photo, chart"
 // Opens a built-in scene, or the path of a picture, a video file or a /dev/video*. Returns null
 // with *error set on failure.
 std::shared_ptr<Scene> scene_open(const std::string &name, std::string *error);

@@ -160,6 +160,7 @@ static json plane_of(const PlaneState &p)
             {"width", p.width},
             {"height", p.height},
             {"depth_code", p.depth_code},
+            {"depth", p.open ? depth_bits(p.depth_code) : 0},
             {"pitch", p.pitch},
             {"x", p.x},
             {"y", p.y},

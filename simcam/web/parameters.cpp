@@ -6,7 +6,8 @@
 #include <cmath>
 #include <string_view>
 
-#include "board/limits.h"
+#include "board/state.h"
+#include "words.h"
 
 namespace simcam
 {
@@ -49,7 +50,7 @@ static std::optional<double> read_unsigned(std::string_view text, int base)
 static std::optional<double> read_code(std::string_view text)
 {
     if (text == "forever")
-        return 4294967295.0;
+        return FAULT_FOREVER;
     if (text.size() > 2 && text[0] == '0' && (text[1] | 0x20) == 'x')
         return read_unsigned(text.substr(2), 16);
     return read_unsigned(text, 10);
@@ -84,14 +85,6 @@ const char *parameter_kind_name(ParameterKind kind)
         return "code";
     }
     return "";
-}
-
-static std::string join(const std::vector<std::string> &words)
-{
-    std::string text;
-    for (const std::string &word : words)
-        text += (text.empty() ? "" : ", ") + word;
-    return text;
 }
 
 static std::string expectation(const Parameter &parameter)

@@ -1,7 +1,7 @@
 // The handlers, and below them the table.
 #include "web/routes.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 #include "focus_threshold.h"
@@ -218,7 +218,7 @@ static Answer get_plane_raw(Web &web, const RoutedRequest &request)
     answer.headers = {{"X-Width", std::to_string(plane.state.width)},
                       {"X-Height", std::to_string(plane.state.height)},
                       {"X-Pitch", std::to_string(plane.state.pitch)},
-                      {"X-Depth", std::to_string(2u << std::min(plane.state.depth_code, 2u))},
+                      {"X-Depth", std::to_string(depth_bits(plane.state.depth_code))},
                       {"X-Shows", std::to_string(plane.state.shows)}};
     return answer;
 }
@@ -427,9 +427,9 @@ static std::vector<Route> make_routes()
     period.fallback = number_text(SWEEP_DEFAULT_S);
     const Parameters fault = {
         {"call", Kind::TEXT, 1, 100, {}, "name of a call, as listed by GET"},
-        {"error", Kind::CODE, 0, 4294967295.0, "0",
+        {"error", Kind::CODE, 0, UINT32_MAX, "0",
          "code in errno; 0: the call succeeds but is slow"},
-        {"remaining", Kind::CODE, 0, 4294967295.0, "1",
+        {"remaining", Kind::CODE, 0, FAULT_FOREVER, "1",
          "number of calls, or \"forever\"; 0 disarms the fault"},
         {"delay_ms", Kind::INTEGER, 0, DELAY_MAX_MS, "0", "additional milliseconds per call"}};
 

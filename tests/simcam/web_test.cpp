@@ -514,6 +514,7 @@ TEST_F(Http, PlanesAreServedRawAndAsPictures)
     fake_show(*camera_, 0, 1, plane, {11, 18, 9, 9, 0, 20, 9, 9});
 
     const std::string state = get("/api/posts/0/planes/1").body;
+    EXPECT_THAT(state, HasSubstr("\"depth\":8,"));
     EXPECT_THAT(state, HasSubstr("\"pitch\":4,"));
     EXPECT_THAT(state, HasSubstr("\"size\":8,"));
     const Response raw = get("/api/posts/0/planes/1/raw");

@@ -53,7 +53,7 @@ export function planesPanelMake(names) {
     setLink($('plane-png'), bytes && `${shown}/${paint}.png?download=1`);
     setFacts($('plane-facts'), [
       ['State', stateText(plane)], ['Size', `${plane.width} × ${plane.height}`], ['Position', `${plane.x}, ${plane.y}`],
-      ['Line', `${plane.pitch} bytes`], ['Depth', `${2 << Math.min(2, plane.depth_code)} bits`], ['Shown', `${plane.shows} times`],
+      ['Line', `${plane.pitch} bytes`], ['Depth', `${plane.depth} bits`], ['Shown', `${plane.shows} times`],
     ]);
     if (!bytes) {
       indices = null;
