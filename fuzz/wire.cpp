@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
         case 3: {
-            const PostImage image = board_post_image(board, step / 8 % 4);
+            const PostImage image = board_post_image(board, step / 8 % 4, true);
             for (const PlaneImage &plane : image.plane)
                 demand(plane.bytes.empty() ||
                            plane.bytes.size() == (size_t)plane.state.pitch * plane.state.height,

@@ -284,7 +284,7 @@ PostState board_post(Board &board, int index)
     return post_state(board.post[static_cast<size_t>(index)]);
 }
 
-PostImage board_post_image(Board &board, int index)
+PostImage board_post_image(Board &board, int index, bool with_planes)
 {
     PostImage image;
     if (!post_refuse(index).empty())
@@ -292,6 +292,8 @@ PostImage board_post_image(Board &board, int index)
     const std::lock_guard guard(board.lock);
     const Post &post = board.post[static_cast<size_t>(index)];
     image.state = post_state(post);
+    if (!with_planes)
+        return image;
     for (size_t i = 0; i < PLANE_COUNT; i++)
         image.plane[i] = plane_image(post.plane[i]);
     image.palette = board.palette;

@@ -144,13 +144,13 @@ struct BoardState {
 BoardState board_state(Board &board);
 // The size and state of one post.
 PostState board_post(Board &board, int post);
-// A post with copies of its shown planes and the color table.
+// A post, with_planes with copies of its shown planes and of the color table.
 struct PostImage {
     PostState state;
     std::array<PlaneImage, PLANE_COUNT> plane;
     std::vector<uint8_t> palette;
 };
-PostImage board_post_image(Board &board, int post);
+PostImage board_post_image(Board &board, int post, bool with_planes);
 PlaneImage board_plane_image(Board &board, int post, int plane);
 
 } // namespace simcam

@@ -467,7 +467,7 @@ SensorPicture camera_sensor_picture(Camera &camera)
 
 cv::Mat camera_picture(Camera &camera, const SensorPicture &sensor, int post, bool with_planes)
 {
-    const PostImage image = board_post_image(camera.board, post);
+    const PostImage image = board_post_image(camera.board, post, with_planes);
     if (!image.state.running)
         return {};
     const cv::Size size(static_cast<int>(image.state.width), static_cast<int>(image.state.height));
@@ -479,9 +479,6 @@ cv::Mat camera_picture(Camera &camera, const SensorPicture &sensor, int post, bo
     else
         cv::resize(*sensor.pixels, picture, size, 0, 0,
                    size.width < sensor.pixels->cols ? cv::INTER_AREA : cv::INTER_LINEAR);
-    if (!with_planes)
-        return picture;
-
     for (const PlaneImage &plane : image.plane) {
         if (!plane.bytes.empty())
             compose_plane(shown_plane(plane), image.palette, &picture);

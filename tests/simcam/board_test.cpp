@@ -368,6 +368,25 @@ TEST_F(BoardTest, TheShownBufferIsNeverHandedOut)
     EXPECT_EQ(image.state.y, 2u);
 }
 
+TEST_F(BoardTest, APictureOfAPostHasPlanesAndColorsOnlyIfAskedFor)
+{
+    TestClient client(board);
+    client.open_session();
+    const uint32_t id = start(0);
+    client.call(WIRE_POST_OPEN_OSD, bar(id));
+    client.show(id, 0, 7);
+
+    const PostImage with = board_post_image(board, 0, true);
+    const PostImage without = board_post_image(board, 0, false);
+
+    EXPECT_EQ(with.plane[0].bytes, std::vector<uint8_t>(480 * 72, 7));
+    EXPECT_EQ(with.palette.size(), 1024u);
+    EXPECT_TRUE(without.plane[0].bytes.empty());
+    EXPECT_TRUE(without.palette.empty());
+    EXPECT_EQ(without.state.width, 1280u);
+    EXPECT_TRUE(without.state.plane[0].shown);
+}
+
 TEST_F(BoardTest, OnlyAFetchedBufferCanBeShown)
 {
     TestClient client(board), other(board);
@@ -679,7 +698,7 @@ TEST_F(BoardTest, UnknownPostsAndInvalidSizesAreRefused)
     EXPECT_NE(board_start_post(board, 0, {1280, 4097}), "");
     EXPECT_EQ(board_start_post(board, 0, {16, 4096}), "");
     EXPECT_TRUE(board_plane_image(board, 7, 0).bytes.empty());
-    EXPECT_FALSE(board_post_image(board, -1).state.running);
+    EXPECT_FALSE(board_post_image(board, -1, true).state.running);
 }
 
 TEST_F(BoardTest, AStartCanKeepAPostThatRunsAtTheSameSize)
