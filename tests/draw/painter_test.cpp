@@ -154,6 +154,21 @@ TEST(DrawRectangle, EqualsTheReferenceAtEveryDepthWidthHeightPitchAndSize)
     }
 }
 
+TEST(DrawRectangle, ExtremeRectanglesStayInTheMemory)
+{
+    for (const int32_t width : {INT_MIN, 0, INT_MAX}) {
+        for (const int32_t height : {INT_MIN, 0, INT_MAX}) {
+            for (const int32_t pitch : {INT_MIN, -1, 0, 1, 64, INT_MAX}) {
+                for (const uint32_t depth : {2u, 4u, 8u}) {
+                    DrawRect rect = rect_of(width, height, pitch);
+                    rect.depth = depth;
+                    (void)painted_rectangle(rect, 100); // the guards detect an access
+                }
+            }
+        }
+    }
+}
+
 TEST(DrawRectangle, NullMemoryIsNotTouched)
 {
     const DrawRect rect = rect_of(5, 3, 8);
@@ -211,6 +226,60 @@ TEST(DrawBar, PlacesFrameInteriorMarkerAndFill)
                                      "############################################\n"
                                      "############################################\n"
                                      "????????????????????????????????????????????\n");
+}
+
+TEST(DrawBar, FullSizeBarOfTheWidestOutput)
+{
+    DrawRect rect = rect_of(720, 108, 720);
+
+    const std::vector<uint8_t> bytes = painted_bar(rect, 0, 720 * 108);
+
+    for (int line = 0; line < 108; line++) {
+        for (int column = 0; column < 720; column++) {
+            const bool frame = line <= 4 || line >= 103 || column <= 4 || column >= 715;
+            const bool marker = column >= 604 && column <= 613;
+            ASSERT_EQ(bytes[(size_t)(line * 720 + column)], frame    ? 11
+                                                            : marker ? 19
+                                                                     : 17)
+                << "line " << line << " column " << column;
+        }
+    }
+}
+
+TEST(DrawBar, FillsNothingAtZeroAndEverythingFromAHundred)
+{
+    for (uint32_t resolution = 0; resolution < 4; resolution++) {
+        DrawRect rect = rect_of(0, 30, 300);
+        rect.resolution = resolution;
+
+        const auto holds = [&](int32_t percent, uint8_t index) {
+            const std::vector<uint8_t> bytes = painted_bar(rect, percent, 30 * 300);
+            return std::count(bytes.begin(), bytes.end(), index);
+        };
+
+        EXPECT_EQ(holds(0, 18), 0);
+        EXPECT_GT(holds(0, 17), 0);
+        EXPECT_EQ(holds(-1, 18), 0);
+        EXPECT_EQ(holds(INT_MIN, 18), 0);
+        EXPECT_EQ(holds(100, 17), 0);
+        EXPECT_GT(holds(100, 18), 0);
+        EXPECT_GT(holds(99, 17), 0);
+        for (const int32_t percent : {101, 300, 4294967, INT_MAX})
+            EXPECT_EQ(painted_bar(rect, percent, 30 * 300), painted_bar(rect, 100, 30 * 300));
+    }
+}
+
+TEST(DrawBar, FillNeverCoversTheMarker)
+{
+    DrawRect rect = rect_of(0, 30, 300);
+    const auto markers = [&](int32_t percent) {
+        const std::vector<uint8_t> bytes = painted_bar(rect, percent, 30 * 300);
+        return std::count(bytes.begin(), bytes.end(), 19);
+    };
+
+    // 290 wide inside, center 5 + 246.5: columns 247 to 256 on 20 lines.
+    for (int32_t percent = 0; percent <= 110; percent++)
+        EXPECT_EQ(markers(percent), 10 * 20) << percent;
 }
 
 TEST(DrawBar, NoFrameAndNoMarkerWithoutAResolution)
@@ -276,6 +345,111 @@ TEST(DrawBar, HeightZeroClearsLineZero)
 TEST(DrawBar, PitchZeroPaintsNothing)
 {
     EXPECT_EQ(painted_bar(rect_of(720, 108, 0), 50, 100), std::vector<uint8_t>(100, JUNK));
+}
+
+// Every percent at every eleventh pitch, each time other ones, at the smallest height that shows
+// two lines of the interior. tests/exhaustive tries all by the bounds of the bar's parts.
+class DrawBarWhole : public testing::TestWithParam<uint32_t>
+{
+};
+
+TEST_P(DrawBarWhole, EqualsTheReferenceForEveryPercent)
+{
+    static constexpr int32_t FRAMES[] = {5, 4, 3, 2, 0};
+    const int32_t height = 2 * FRAMES[GetParam()] + 2;
+    const GuardedMemory memory((size_t)(800 * height));
+    std::vector<uint8_t> expected;
+
+    for (int32_t percent = -10; percent <= 300; percent++) {
+        for (int32_t pitch = (percent + 10) % 11; pitch <= 800; pitch += 11 * STRIDE) {
+            DrawRect rect = rect_of(720, height, pitch);
+            rect.resolution = GetParam();
+            const size_t size = (size_t)(pitch * height);
+            uint8_t *target = memory.data() + memory.size() - size;
+            std::fill_n(target, size, JUNK);
+            expected.assign(size, JUNK);
+
+            draw_rectangle_bitmap(target, &rect, percent, (uint32_t)size);
+
+            reference::paint_bar(expected, rect, percent);
+            if (!std::equal(expected.begin(), expected.end(), target))
+                FAIL() << "percent " << percent << " pitch " << pitch
+                       << same_picture({target, size}, expected, (size_t)pitch).message();
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Resolutions, DrawBarWhole, testing::Values(0u, 1u, 2u, 3u, 4u));
+
+TEST(DrawBar, EqualsTheReferenceForWidePitches)
+{
+    const GuardedMemory memory(11 * 8192);
+    std::vector<uint8_t> expected;
+    for (uint32_t resolution = 0; resolution <= 4; resolution++) {
+        for (int32_t pitch = 801; pitch <= 8192; pitch += 97 * STRIDE) {
+            for (const int32_t percent : {-10, 0, 1, 29, 57, 58, reference::THRESHOLD - 1,
+                                          reference::THRESHOLD, 99, 100, 300}) {
+                DrawRect rect = rect_of(720, 11, pitch);
+                rect.resolution = resolution;
+                const size_t size = (size_t)(11 * pitch);
+                uint8_t *target = memory.data() + memory.size() - size;
+                std::fill_n(target, size, JUNK);
+                expected.assign(size, JUNK);
+
+                draw_rectangle_bitmap(target, &rect, percent, (uint32_t)size);
+
+                reference::paint_bar(expected, rect, percent);
+                ASSERT_TRUE(same_picture({target, size}, expected, (size_t)pitch))
+                    << "resolution " << resolution << " pitch " << pitch << " percent " << percent;
+            }
+        }
+    }
+}
+
+TEST(DrawBar, EqualsTheReferenceForEveryHeightAndSize)
+{
+    const GuardedMemory memory(1000);
+    std::vector<uint8_t> expected;
+    for (uint32_t resolution = 0; resolution <= 4; resolution++) {
+        for (int32_t height = -2; height <= 30; height++) {
+            for (const int32_t pitch : {-7, 0, 1, 3, 9, 10, 11, 12, 33, 101}) {
+                for (const int32_t percent : {-10, 0, 43, reference::THRESHOLD, 100}) {
+                    DrawRect rect = rect_of(720, height, pitch);
+                    rect.resolution = resolution;
+                    const size_t full = (size_t)std::max(0, height * pitch);
+                    for (const size_t size : {full, full / 2, full / 3 + 1, (size_t)1000}) {
+                        if (size > 1000)
+                            continue;
+                        uint8_t *target = memory.data() + 1000 - size;
+                        std::fill_n(memory.data(), 1000, JUNK);
+                        expected.assign(1000, JUNK);
+
+                        draw_rectangle_bitmap(target, &rect, percent, (uint32_t)size);
+
+                        reference::paint_bar({&expected[0] + 1000 - size, size}, rect, percent);
+                        ASSERT_TRUE(same_picture(memory.bytes(), expected, 100))
+                            << "resolution " << resolution << " height " << height << " pitch "
+                            << pitch << " percent " << percent << " size " << size;
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(DrawBar, ExtremeBarsStayInTheMemory)
+{
+    for (const int32_t pitch : {INT_MIN, -1, 0, 1, 64, INT_MAX}) {
+        for (const int32_t height : {INT_MIN, 0, 1, 108, INT_MAX}) {
+            for (const int32_t percent : {INT_MIN, 0, INT_MAX}) {
+                for (uint32_t resolution = 0; resolution <= 4; resolution++) {
+                    DrawRect rect = rect_of(INT_MAX, height, pitch);
+                    rect.resolution = resolution;
+                    (void)painted_bar(rect, percent, 200); // the guards detect an access
+                }
+            }
+        }
+    }
 }
 
 TEST(DrawBar, NullMemoryIsNotTouched)
