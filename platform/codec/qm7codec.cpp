@@ -353,8 +353,8 @@ int32_t qm7_cl_post_close_osd(uint32_t post_res_id, uint32_t number)
 }
 
 // Returns the mapping of the buffer that reply describes, and maps the buffer if that has not been
-// done yet. If the plane was opened again since, unmaps its earlier buffers first: a program must
-// not draw into them any more.
+// done yet. If the plane was opened again since, unmaps its earlier buffers first, so that drawing
+// into them crashes instead of being lost.
 static Mapping *plane_mapping(const WireOsdMem *reply, int fd)
 {
     if (reply->post >= WIRE_POSTS || reply->number >= WIRE_PLANES || reply->buffer >= WIRE_BUFFERS)

@@ -3,7 +3,7 @@
 // Each open of the device makes a connection to simcam and an epoll instance that watches this
 // connection. The program gets the descriptor of the epoll instance, for three reasons:
 // - read and write on it fail with EINVAL, as on a device without these operations;
-// - it is readable when the connection is, so poll works;
+// - poll works: the epoll instance is readable whenever the connection is;
 // - EPOLL_CTL_MOD of the connection succeeds on this epoll instance only. This tells which device a
 //   descriptor belongs to, even one made by dup.
 

@@ -37,7 +37,7 @@ struct Session {
     bool initialized = false;
     bool device_open = false; // the library's device
     bool callback = false;
-    uint32_t mask = 0;               // of the posts whose reports it gets
+    uint32_t mask = 0;               // a bit for each post whose reports it gets
     std::vector<PostReport> reports; // still to be sent, oldest first; at most two of each post
     bool camera_open = false;        // /dev/cam
     uint64_t last_reading = 0;       // number of the measurement handed out last

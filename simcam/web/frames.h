@@ -99,7 +99,7 @@ constexpr std::chrono::milliseconds FRAME_AGE_MAX{400};
 std::shared_ptr<const std::string> frame_next(FrameCache &cache, Frame &frame, uint64_t *number,
                                               FrameClock::time_point asked);
 // For still pictures: a frame whose encoding began after the call. Readers that wait for the
-// encoder share the next frame. Sets *number to that of its measurement. Null if the cache is
+// encoder share the next frame. Sets *number to that of its measurement. Null after the cache was
 // closed.
 std::shared_ptr<const std::string> frame_still(FrameCache &cache, const FrameRequest &request,
                                                uint64_t *number);

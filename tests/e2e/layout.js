@@ -1,9 +1,10 @@
-// Looks for what a person cannot read or reach on the page as it is laid out now, with each of some panels open. The
-// browser test runs this text as a function body; it returns a list of findings, each a sentence.
+// Finds text that overlaps or is cut off and controls that cannot be reached, in the page's current layout, with one
+// panel after the other open. The browser test runs this file as the body of a function. It returns a list of
+// sentences, one for each finding.
 
 const [tabs] = arguments; // names of the panels
 const TOLERANCE = 1;      // CSS pixels
-const LETTER_PART = 0.6;  // the part of a line's height that its letters take: lines may touch above and below
+const LETTER_PART = 0.6;  // height of the letters / height of the line: the space above and below may overlap
 
 let findings = [];
 const name = (e) => `${e.tagName.toLowerCase()}${e.id ? `#${e.id}` : ''} "${(e.getAttribute('aria-label') || e.textContent || '').trim().slice(0, 30)}"`;

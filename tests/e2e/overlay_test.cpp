@@ -259,7 +259,8 @@ TEST(OverlayProcess, TwoCamerasWithAProcessEachAreIndependent)
     sharp.ring = 0.55;
     const Overlay near_focus(sharp);
     auto far_off = std::make_unique<Overlay>(overlay_options("1920x1080"));
-    const auto wait_for_a_value = [](const Overlay &overlay) { // 0 before the first measurement
+    // The readout shows 0 until the first measurement.
+    const auto wait_for_a_value = [](const Overlay &overlay) {
         overlay.wait("a measured value", [&] { return overlay.readout(0).current > 0; });
     };
     wait_for_a_value(near_focus);

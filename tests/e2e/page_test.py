@@ -36,8 +36,8 @@ BROWSER_FLAGS = [
     "--disable-background-networking", "--disable-component-update", "--disable-sync",
     "--disable-dev-shm-usage",
 ]
-RING = 0.2  # where each test finds the lens: blurred
-BEST_RING = 0.55  # where the lens is sharp, nearly
+RING = 0.2  # start of every test: a blurred picture
+BEST_RING = 0.55  # a nearly sharp picture
 TABS = ("posts", "scene", "process", "faults", "planes", "calls")
 
 
@@ -581,7 +581,7 @@ class Posts(Page):
 
     def test_a_plane_is_shown_alone(self):
         blurred = self.value()
-        self.camera.post("/api/ring", {"ring": BEST_RING})  # a peak that the value is far below afterwards
+        self.camera.post("/api/ring", {"ring": BEST_RING})  # the peak stays far above the value afterwards
         self.wait_for("a high value", lambda: self.value() > 2 * blurred)
         self.camera.post("/api/ring", {"ring": RING})
         self.open_tab("planes")

@@ -24,7 +24,7 @@ test('the surface follows the pointer', () => {
   for (const width of [300, 1000]) {
     for (const pixels of [-5, 1, 5]) near(place(ringDragged(0.4, pixels, width), 0.4, width), width / 2 + pixels, 0.01);
   }
-  near(ringDragged(0, 620 * 4.6, 1000), 1, 1e-12); // from stop to stop
+  near(ringDragged(0, 620 * 4.6, 1000), 1, 1e-12); // the whole travel of the ring
 });
 
 test('arrow keys turn by hundredths, with Shift by thousandths, pages by twentieths', () => {

@@ -77,6 +77,10 @@ class House(unittest.TestCase):
                      "include by a path with .., which hides the direction",
                      'simcam/board/plane.cpp:1:#include "../web/frames.h"')
 
+    def test_a_file_left_by_a_patch_is_refused(self):
+        left = ("simcam/web/server.cpp.orig", "tests/main_test.cpp.rej")
+        self.refused({path: "" for path in left}, "file left by a merge or a patch", *left)
+
     def test_opencv_in_a_header_of_the_camera_is_refused(self):
         self.refused({"simcam/camera/snapshot.h": "#include <opencv2/core.hpp>\n"}, OPENCV,
                      "simcam/camera/snapshot.h:1:#include <opencv2/core.hpp>")

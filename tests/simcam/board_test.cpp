@@ -475,7 +475,8 @@ TEST_F(BoardTest, ReadsNeedTheDeviceAndAConfiguration)
     EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EBADF});
     EXPECT_CODE(client.call(WIRE_DEVICE_OPEN), 0u);
     EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
-    EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, WireFocusConfig{}), uint32_t{EINVAL}); // no window
+    const WireFocusConfig empty_window = {};
+    EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, empty_window), uint32_t{EINVAL});
     EXPECT_CODE(client.call(WIRE_FOCUS_READ), uint32_t{EINVAL});
 
     EXPECT_CODE(client.call(WIRE_FOCUS_CONFIG, config), 0u);

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-enum class Code : uint32_t {}; // 0 is success
+enum class Code : uint32_t {}; // 0: no error
 
 inline void PrintTo(Code code, std::ostream *stream)
 {

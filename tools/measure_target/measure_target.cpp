@@ -24,8 +24,8 @@
 
 // ---- count of allocations
 
-// tests/support/allocations.cpp finds the C library's functions with dlsym, which needs a dynamic
-// linker. Here the linker replaces them.
+// Counted by the linker's --wrap: this program is static, and tests/support/allocations.cpp needs
+// dlsym.
 
 extern "C" {
 

@@ -1,6 +1,6 @@
 // The lens ring: a knurled barrel seen from the side. Its surface follows the pointer.
 
-const TRAVEL = 4.6; // radians from stop to stop
+const TRAVEL = 4.6; // radians between the two stops
 const RIB = 0.034;  // radians from rib to rib
 const SCALE_HEIGHT = 34; // of the scale above the grip
 
