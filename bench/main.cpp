@@ -371,7 +371,8 @@ int main(int argc, char **argv)
                                           "--benchmark_enable_random_interleaving=true"};
     double factor = 0; // 0: limits are only shown
     const std::string limits = "--limits=";
-    for (const std::string argument : std::span(argv + 1, argv + argc)) {
+    for (const char *option : std::span(argv + 1, argv + argc)) {
+        const std::string argument = option;
         if (!argument.starts_with(limits)) {
             arguments.push_back(argument);
             continue;

@@ -85,7 +85,8 @@ static Answer get_page(Web &, const RoutedRequest &request)
 static Answer get_routes(Web &, const RoutedRequest &)
 {
     std::vector<const RouteText *> texts;
-    for (const Route &route : http_routes())
+    const std::span<const Route> routes = http_routes();
+    for (const Route &route : routes)
         texts.push_back(&route.text);
     return answer_json(json_routes(texts));
 }

@@ -11,6 +11,10 @@
 static std::string readelf(const std::string &options)
 {
     FILE *pipe = popen(("'" READELF "' " + options + " '" FOCUS_ASSIST "'").c_str(), "r");
+    if (!pipe) {
+        ADD_FAILURE() << "popen";
+        return {};
+    }
     std::string text;
     for (int byte = fgetc(pipe); byte != EOF; byte = fgetc(pipe))
         text += (char)byte;

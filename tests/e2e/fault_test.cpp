@@ -225,7 +225,8 @@ TEST(OverlayFault, SlowCallsCauseNoFailure)
         const std::vector<Fault> faults = overlay.state().faults;
         return std::ranges::all_of(faults, [&](const Fault &f) { return f.hits > 0 || !made(f); });
     });
-    for (const Fault &fault : overlay.state().faults)
+    const std::vector<Fault> faults = overlay.state().faults;
+    for (const Fault &fault : faults)
         EXPECT_EQ(fault.hits > 0, made(fault)) << fault.call;
 }
 

@@ -109,6 +109,10 @@ std::string run_alone(const std::string &environment, const std::string &actions
         "' ASAN_OPTIONS=verify_asan_link_order=0 '" PROBE "' " +
         actions + " 2>&1";
     FILE *pipe = popen(command.c_str(), "r");
+    if (!pipe) {
+        ADD_FAILURE() << "popen";
+        return {};
+    }
     std::string text;
     char bytes[4096];
     for (size_t length; (length = fread(bytes, 1, sizeof bytes, pipe)) > 0;)

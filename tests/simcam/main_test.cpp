@@ -27,6 +27,10 @@ Outcome simcam(const std::string &arguments)
 {
     Outcome outcome;
     FILE *pipe = popen(("'" SIMCAM "' " + arguments + " 2>&1").c_str(), "r");
+    if (!pipe) {
+        ADD_FAILURE() << "popen";
+        return outcome;
+    }
     char bytes[4096];
     for (size_t length; (length = fread(bytes, 1, sizeof bytes, pipe)) > 0;)
         outcome.text.append(bytes, length);
