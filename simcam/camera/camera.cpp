@@ -86,14 +86,28 @@ static double picture_time(const Camera &camera, uint64_t number)
     return static_cast<double>(number) / camera.options.rate_hz;
 }
 
-// A picture that is no longer used, or a new one.
-static Picture take_picture(std::vector<Picture> &pool)
+// Memory of the pictures: one is shown and one exposed; more are made while readers hold some.
+struct PicturePool {
+    std::vector<Picture> pictures;
+    int last_unused = 0; // pictures taken since the last of the pool was in use
+};
+
+// A picture that nobody holds, or a new one. Frees the pool's last one when it was not needed for
+// PICTURES_KEPT calls.
+static Picture take_picture(PicturePool &pool)
 {
-    for (const Picture &picture : pool)
-        if (picture.use_count() == 1)
-            return picture;
-    pool.push_back(std::make_shared<cv::Mat>());
-    return pool.back();
+    std::vector<Picture> &pictures = pool.pictures;
+    auto taken = std::find_if(pictures.begin(), pictures.end(),
+                              [](const Picture &picture) { return picture.use_count() == 1; });
+    if (taken == pictures.end())
+        taken = pictures.insert(taken, std::make_shared<cv::Mat>());
+    Picture picture = *taken;
+    pool.last_unused = pictures.back().use_count() == 1 ? pool.last_unused + 1 : 0;
+    if (pool.last_unused == PICTURES_KEPT) {
+        pictures.pop_back();
+        pool.last_unused = 0;
+    }
+    return picture;
 }
 
 static cv::Rect measured_window(Camera &camera)
@@ -146,7 +160,7 @@ static void run_sensor(Camera &camera)
 {
     const auto period = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(1.0 / camera.options.rate_hz));
-    std::vector<Picture> pool;
+    PicturePool pool;
     Clock::time_point next = Clock::now();
     for (uint64_t number = 1; !camera.ending; number++) {
         Picture picture = take_picture(pool);

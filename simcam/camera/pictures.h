@@ -21,6 +21,8 @@ struct SensorPicture {
     std::shared_ptr<const cv::Mat> pixels;
     uint64_t number = 0;
 };
+// The sensor frees the memory of a picture that it did not need again for this many pictures.
+constexpr int PICTURES_KEPT = 60;
 SensorPicture camera_sensor_picture(Camera &camera);
 
 // What a post's output shows of a sensor's picture, 8-bit BGR at the post's size, with or without

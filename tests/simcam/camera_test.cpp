@@ -245,6 +245,30 @@ TEST(Camera, InvalidOptionsFailTheStart)
 
 // ---- pictures
 
+TEST(Camera, MemoryOfPicturesThatReadersHeldIsFreed)
+{
+    CameraOptions options = chart();
+    options.rate_hz = 240;
+    const TestCamera camera(options);
+    std::vector<std::weak_ptr<const cv::Mat>> seen;
+    {
+        std::vector<SensorPicture> held;
+        for (int i = 0; i < 6; i++) {
+            camera.next();
+            held.push_back(camera_sensor_picture(*camera));
+            seen.emplace_back(held.back().pixels);
+        }
+    }
+    const auto in_memory = [&] {
+        return std::ranges::count_if(seen, [](const auto &picture) { return !picture.expired(); });
+    };
+    EXPECT_EQ(in_memory(), 6) << "held pictures are freed before PICTURES_KEPT others";
+    EXPECT_TRUE(wait_until([&] { return in_memory() <= 2; })) << in_memory();
+    const uint64_t number = camera_state(*camera).latest.number;
+    EXPECT_TRUE(camera_wait(*camera, number + PICTURES_KEPT, PATIENCE_S));
+    EXPECT_GE(in_memory(), 1) << "the sensor no longer uses its memory again";
+}
+
 TEST(Camera, PostsShowTheirPictureAtTheirSizeAndNothingWhileOff)
 {
     CameraOptions options = chart();
